@@ -1,0 +1,29 @@
+# Compiler settings of every target here: the language, the warnings, the hardening, sanitizers.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(libusb REQUIRED IMPORTED_TARGET libusb-1.0>=1.0.24)
+
+add_library(vexa-settings INTERFACE)
+target_compile_options(vexa-settings INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${VEXA_WERROR}>:-Werror>)
+target_link_libraries(vexa-settings INTERFACE Threads::Threads)
+
+if(VEXA_SANITIZE)
+    add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-omit-frame-pointer
+        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${VEXA_SANITIZE})
+else()
+    add_compile_options(-fstack-protector-strong -fstack-clash-protection -fcf-protection)
+    add_compile_options("$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+    add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+endif()

@@ -1,0 +1,515 @@
+/**
+ * @file vexa_usb.h
+ * @brief Access to a family of USB instruments: device list, transfers, data streams.
+ *
+ * All use of the library lies between vexa_usb_init() and the matching vexa_usb_fini().
+ *
+ * **Status codes.** Functions return a 32-bit status: 0 on success, negative on an error, and in
+ * one case 1 (#VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY).  vexa_usb_get_status_str() gives the
+ * text.  Checks are made in a fixed order, and the first that fails decides: initialisation
+ * (-3), required pointers and ranges (-5), endpoint direction (-11), the state of the object
+ * (such as -8 or -9), and whether the device was removed (-12).  Where a function differs, its
+ * description says so.
+ *
+ * **Threads.** Every function may be called from any thread, callbacks included, unless its
+ * description restricts it.  Several threads may transfer on one device at once.  A handle must
+ * not be closed while another thread is inside a call with it.
+ *
+ * **Callbacks** run on threads of the library, one at a time for each device, and under no lock of
+ * the library.  They may call any function, including vexa_usb_close() on the device that they
+ * report on and the last vexa_usb_fini().  They must not throw.  The library's threads block all
+ * signals, so signal handlers run on the caller's own threads.
+ *
+ * **Removal.** A device that leaves the bus fails the transfers in progress with
+ * #VEXA_USB_STATUS_UNKNOWN; once the library has taken notice, the device's callback gets
+ * #VEXA_USB_DEVICE_EVENT_REMOVED and every call on the device answers
+ * #VEXA_USB_STATUS_DEVICE_REMOVED, except vexa_usb_close(), which is still due and succeeds.
+ *
+ * **Finalisation.** The last vexa_usb_fini() ends all transfers and marks devices that are still
+ * open as removed.  Their handles stay valid and are closed after a later vexa_usb_init().
+ *
+ * **Memory.** Functions that allocate may let a C++ exception (`std::bad_alloc`,
+ * `std::system_error`) through where no status is documented for it; C programs then end.
+ */
+#ifndef VEXA_USB_H
+#define VEXA_USB_H
+
+#include <stdint.h>
+
+#include "vexa_usb_config.h"
+
+#if defined(__GNUC__)
+#define VEXA_USB_API __attribute__((visibility("default")))
+#else
+#define VEXA_USB_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** @name Status codes
+ * The whole set; no function returns another value. @{ */
+#define VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY 1       /**< No buffer can be locked now. */
+#define VEXA_USB_STATUS_SUCCESS 0                        /**< Done. */
+#define VEXA_USB_STATUS_UNKNOWN (-1)                     /**< Failed; USB errors among them. */
+#define VEXA_USB_STATUS_NOT_SUPPORTED (-2)               /**< The device cannot do this. */
+#define VEXA_USB_STATUS_NOT_INITIALIZED (-3)             /**< Outside vexa_usb_init()/fini(). */
+#define VEXA_USB_STATUS_NO_MEMORY (-4)                   /**< An allocation failed. */
+#define VEXA_USB_STATUS_INVALID_PARAMETERS (-5)          /**< A null pointer, or out of range. */
+#define VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE (-6)       /**< The event pipe was never enabled. */
+#define VEXA_USB_STATUS_EVENT_PIPE_ACTIVE (-7)           /**< The event pipe was enabled before. */
+#define VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE (-8)        /**< A data stream is active. */
+#define VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE (-9)    /**< No data stream is active. */
+#define VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED (-10)     /**< The device has no such endpoint. */
+#define VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION (-11) /**< IN where OUT is due, or reverse. */
+#define VEXA_USB_STATUS_DEVICE_REMOVED (-12)             /**< The device has left the bus. */
+#define VEXA_USB_STATUS_TIMEOUT (-13)                    /**< The device did not answer in time. */
+#define VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED (-14)   /**< The transfer was short. */
+/** @} */
+
+/** @name Device events
+ * Values that a device's callback receives.  The values 0 to 255 are also those of single bytes
+ * that a device sends as events; 4 and 5 cannot be told apart from such bytes. @{ */
+#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL 4 /**< One more buffer holds its data. */
+#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR 5       /**< The stream could not go on. */
+#define VEXA_USB_DEVICE_EVENT_REMOVED 256               /**< The device has left the bus. */
+#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED 257   /**< The stream has started. */
+#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED 258   /**< The stream has been stopped. */
+/** @} */
+
+/** @name Changes of the device list
+ * @{ */
+#define VEXA_USB_DEVICE_LIST_EVENT_ADDED 1   /**< A device was added. */
+#define VEXA_USB_DEVICE_LIST_EVENT_REMOVED 2 /**< A device was removed. */
+/** @} */
+
+/** @name Fields of a control transfer's bmRequestType
+ * As in chapter 9.3 of the USB 2.0 specification. @{ */
+#define VEXA_USB_DIRECTION_OUT 0       /**< Host to device. */
+#define VEXA_USB_DIRECTION_IN 1        /**< Device to host. */
+#define VEXA_USB_TYPE_STANDARD 0       /**< Request of the USB standard. */
+#define VEXA_USB_TYPE_CLASS 1          /**< Request of a device class. */
+#define VEXA_USB_TYPE_VENDOR 2         /**< Request of the device's vendor. */
+#define VEXA_USB_RECIPIENT_DEVICE 0    /**< To the device. */
+#define VEXA_USB_RECIPIENT_INTERFACE 1 /**< To an interface. */
+#define VEXA_USB_RECIPIENT_ENDPOINT 2  /**< To an endpoint. */
+#define VEXA_USB_RECIPIENT_OTHER 3     /**< To something else. */
+/** @} */
+
+/** Version of the library; a constant that the library owns. */
+typedef struct _vexa_usb_version {
+    uint16_t major;     /**< Changes when the interface breaks. */
+    uint16_t minor;     /**< Changes when the interface grows. */
+    uint16_t patch;     /**< Changes with every other release. */
+    uint16_t build;     /**< Number of the build. */
+    const char *suffix; /**< Mark of a pre-release; empty for a release, never null. */
+} _vexa_usb_version;
+
+/**
+ * One device of the device list, as it was when the record was made.  The record does not keep the
+ * device in the list: opening it fails once the device has gone.  Records are not copied by
+ * callers, since the private field counts as a reference.
+ */
+typedef struct _vexa_usb_device_list_item {
+    uint64_t id; /**< Unique in the life of the process; a device that returns gets a new one. */
+    uint16_t vendor_id;  /**< idVendor of the device descriptor. */
+    uint16_t product_id; /**< idProduct of the device descriptor. */
+    uint32_t reserved;   /**< Not written. */
+    void *item[2];       /**< Private to the library. */
+} _vexa_usb_device_list_item;
+
+/**
+ * USB device descriptor (USB 2.0, chapter 9.6.1) without its first two bytes, in host byte order.
+ */
+typedef struct _vexa_usb_device_descriptor {
+    uint16_t bcdUSB;            /**< Holds bcdDevice, not bcdUSB. */
+    uint8_t bDeviceClass;       /**< Class code. */
+    uint8_t bDeviceSubClass;    /**< Subclass code. */
+    uint8_t bDeviceProtocol;    /**< Protocol code. */
+    uint8_t bMaxPacketSize0;    /**< Not written: keeps what the caller had there. */
+    uint16_t idVendor;          /**< Vendor identifier. */
+    uint16_t idProduct;         /**< Product identifier. */
+    uint16_t bcdDevice;         /**< Release number of the device. */
+    uint8_t iManufacturer;      /**< Index of the manufacturer's string; 0 means none. */
+    uint8_t iProduct;           /**< Index of the product's string; 0 means none. */
+    uint8_t iSerialNumber;      /**< Index of the serial number's string; 0 means none. */
+    uint8_t bNumConfigurations; /**< Number of configurations. */
+} _vexa_usb_device_descriptor;
+
+/** An opened device; made by vexa_usb_open(), freed by vexa_usb_close(). */
+typedef struct _vexa_usb_device _vexa_usb_device;
+
+/** A device event: one of VEXA_USB_DEVICE_EVENT_*, or a byte (0 to 255) from the device. */
+typedef uint32_t _vexa_usb_device_event;
+
+/**
+ * Receives the events of one opened device, in their order, one at a time.
+ *
+ * Runs on a thread of that device ("usb-device" and a number).  It may still be running, but is
+ * not called again, when vexa_usb_close() returns; @p data must stay valid until then.  A callback
+ * that takes long delays this device's later events only; they are kept without limit.
+ *
+ * @param event what happened
+ * @param data the pointer given to vexa_usb_open()
+ */
+typedef void (*vexa_usb_device_event_callback)(_vexa_usb_device_event event, void *data);
+
+/**
+ * Begins use of the library.  The first call starts it, further ones only count; each is balanced
+ * by one vexa_usb_fini().  Calls may come from many threads at once: only a starting and an ending
+ * call wait for each other.
+ *
+ * Nothing is reported: where USB cannot be had, the device list stays empty.  Devices attached
+ * already are listed after vexa_usb_update_device_list() only, later ones by themselves.  After a
+ * last vexa_usb_fini() the library can be started again, but then it no longer follows the bus by
+ * itself nor completes data streams: synchronous transfers and vexa_usb_update_device_list() work.
+ * Stopping a data stream closes the device's USB connection then, so that its later transfers
+ * answer -1 until it is closed and opened again.
+ *
+ * A process that exits without the last vexa_usb_fini() ends by `std::terminate`.
+ */
+VEXA_USB_API void vexa_usb_init(void);
+
+/**
+ * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
+ * transfers (waiting at most for one synchronous transfer's time limit of 1000 ms), marks open
+ * devices removed and returns; callbacks in progress are not waited for.
+ *
+ * A call too many is an error that is not detected: no function works afterwards.
+ */
+VEXA_USB_API void vexa_usb_fini(void);
+
+/** @return the library's version; valid for ever, also without vexa_usb_init(). */
+VEXA_USB_API const _vexa_usb_version *vexa_usb_get_version(void);
+
+/**
+ * @param status any value
+ * @return the text of a status code, or the empty text for a value that is none; never null, valid
+ *         for ever, also without vexa_usb_init()
+ */
+VEXA_USB_API const char *vexa_usb_get_status_str(int32_t status);
+
+/**
+ * Makes a snapshot of the device list, oldest entry first.
+ *
+ * @param[out] list receives a new array of records, ended by a null pointer; the caller frees it
+ *             with vexa_usb_free_device_list().  Written on success, and before an exception for
+ *             want of memory, when it may be freed as well.
+ * @param[out] count receives the number of records; may be null
+ * @retval 0 done
+ * @retval -3 library not initialised, or just being started or ended by another thread
+ * @retval -5 @p list is null
+ */
+VEXA_USB_API int32_t vexa_usb_get_device_list(_vexa_usb_device_list_item ***list, uint64_t *count);
+
+/**
+ * Frees a snapshot, its records included.
+ *
+ * @param list what vexa_usb_get_device_list() gave
+ * @retval 0 done
+ * @retval -3 library not initialised; nothing is freed
+ * @retval -5 @p list is null
+ */
+VEXA_USB_API int32_t vexa_usb_free_device_list(_vexa_usb_device_list_item **list);
+
+/**
+ * Adds the supported devices that are attached and not yet listed.  Removes nothing.
+ *
+ * @retval 0 done, also when the bus could not be read
+ * @retval -3 library not initialised, or just being started or ended by another thread
+ */
+VEXA_USB_API int32_t vexa_usb_update_device_list(void);
+
+/**
+ * Opens a device and claims its interface 0, from a kernel driver too.
+ *
+ * @param entry a record of a snapshot; not kept
+ * @param callback receives the device's events
+ * @param data handed to @p callback; may be null
+ * @param[out] device receives the handle, to be closed with vexa_usb_close(); written on success
+ *             only
+ * @retval 0 done
+ * @retval -1 the device has gone, is in use elsewhere, or may not be accessed
+ * @retval -3 library not initialised
+ * @retval -5 @p entry, @p callback or @p device is null
+ * @retval -13 opening timed out
+ */
+VEXA_USB_API int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
+                                   vexa_usb_device_event_callback callback, void *data,
+                                   _vexa_usb_device **device);
+
+/**
+ * Closes a device: ends its data stream, releases interface 0 and frees the handle.  Events not
+ * yet delivered are dropped.
+ *
+ * @param device the handle; must not be in use by another thread
+ * @retval 0 done, also for a removed device
+ * @retval -3 library not initialised; the handle stays valid
+ * @retval -5 @p device is null
+ */
+VEXA_USB_API int32_t vexa_usb_close(_vexa_usb_device *device);
+
+/**
+ * Would tell the version of a kernel driver; no device of this library has one.
+ *
+ * @param device the handle
+ * @param[out] version not written
+ * @retval -2 always, when nothing else is wrong
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p version is null
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_get_kernel_driver_version(_vexa_usb_device *device,
+                                                        _vexa_usb_version *version);
+
+/**
+ * Gives the device descriptor that was read when the device was opened.
+ *
+ * @param device the handle
+ * @param[out] descriptor receives 16 bytes, of which bMaxPacketSize0 is left as it was
+ * @param size room at @p descriptor in bytes, at least 16
+ * @retval 0 done
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null or @p size below 16
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_get_device_descriptor(_vexa_usb_device *device,
+                                                    _vexa_usb_device_descriptor *descriptor,
+                                                    uint64_t size);
+
+/**
+ * Gives an endpoint's wMaxPacketSize.  Tests neither the initialisation nor @p device for null.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 set for IN
+ * @param[out] size receives the size in bytes
+ * @retval 0 done
+ * @retval -1 the size could not be had
+ * @retval -5 @p size is null
+ * @retval -10 the active configuration has no such endpoint
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_get_max_packet_size(_vexa_usb_device *device, uint8_t endpoint,
+                                                  uint16_t *size);
+
+/**
+ * Does a control transfer on endpoint 0 and waits for it, at most 1000 ms.
+ *
+ * @param device the handle
+ * @param direction #VEXA_USB_DIRECTION_OUT or #VEXA_USB_DIRECTION_IN
+ * @param type one of VEXA_USB_TYPE_*
+ * @param recipient one of VEXA_USB_RECIPIENT_*; this and the two before are put together without a
+ *        check
+ * @param request bRequest
+ * @param value wValue
+ * @param index wIndex
+ * @param data the data stage's bytes, sent or received; may be null when @p length is 0
+ * @param length number of bytes, at most 65535
+ * @retval 0 all of @p length was transferred
+ * @retval -1 @p length above 65535, or the transfer failed, for instance by a stall
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -12 device removed
+ * @retval -13 the device did not answer in time
+ * @retval -14 the device sent or took less
+ */
+VEXA_USB_API int32_t vexa_usb_control_transfer(_vexa_usb_device *device, int32_t direction,
+                                               int32_t type, int32_t recipient, uint8_t request,
+                                               uint16_t value, uint16_t index, uint8_t *data,
+                                               uint64_t length);
+
+/**
+ * Reads from an interrupt IN endpoint and waits for all of it.
+ *
+ * The request is carried out in pieces of at most 524288 bytes, each with a time limit of 1000 ms.
+ * After a failure an unknown part of @p data has been written.  A halted endpoint stays halted.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 set
+ * @param[out] data receives the bytes
+ * @param length number of bytes, above 0
+ * @retval 0 all of @p length was transferred
+ * @retval -1 the transfer failed, for instance by a stall
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null or @p length is 0
+ * @retval -11 not an IN endpoint
+ * @retval -12 device removed
+ * @retval -13 the device did not answer in time
+ * @retval -14 the device sent less
+ */
+VEXA_USB_API int32_t vexa_usb_interrupt_read(_vexa_usb_device *device, uint8_t endpoint,
+                                             uint8_t *data, uint64_t length);
+
+/**
+ * Writes to an interrupt OUT endpoint and waits until all was taken.
+ *
+ * In pieces and with time limits as vexa_usb_interrupt_read().  After a failure the device has
+ * got an unknown part of the data.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 clear
+ * @param data the bytes; only read
+ * @param length number of bytes, above 0
+ * @retval 0 all of @p length was transferred
+ * @retval -1 the transfer failed, for instance by a stall
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null or @p length is 0
+ * @retval -11 not an OUT endpoint
+ * @retval -12 device removed
+ * @retval -13 the device did not take the data in time
+ * @retval -14 the device took less
+ */
+VEXA_USB_API int32_t vexa_usb_interrupt_write(_vexa_usb_device *device, uint8_t endpoint,
+                                              const uint8_t *data, uint64_t length);
+
+/**
+ * Reads from a bulk IN endpoint and waits for all of it.
+ *
+ * Otherwise as vexa_usb_interrupt_read(), the status values included.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 set
+ * @param[out] data receives the bytes
+ * @param length number of bytes, above 0
+ * @return 0, -1, -3, -5, -11, -12, -13 or -14
+ */
+VEXA_USB_API int32_t vexa_usb_bulk_read(_vexa_usb_device *device, uint8_t endpoint, uint8_t *data,
+                                        uint64_t length);
+
+/**
+ * Writes to a bulk OUT endpoint and waits until all was taken.
+ *
+ * Otherwise as vexa_usb_interrupt_write(), the status values included.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 clear
+ * @param data the bytes; only read
+ * @param length number of bytes, above 0
+ * @return 0, -1, -3, -5, -11, -12, -13 or -14
+ */
+VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpoint,
+                                         const uint8_t *data, uint64_t length);
+
+/**
+ * Starts to stream from a bulk IN endpoint into a ring of buffers.
+ *
+ * Three transfers of at most 512 KiB are kept in flight.  The device's callback gets
+ * #VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED, then
+ * #VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL for each buffer that has its data, in ring order.
+ * Drain the ring with vexa_usb_data_stream_buffer_lock() and
+ * vexa_usb_data_stream_buffer_unlock(), one lock for each such event.
+ *
+ * A stream that cannot go on, because the next buffer has not been given back or because USB
+ * refuses a transfer, reports #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR once.  Buffers reported full
+ * before can still be drained; nothing is ever overwritten.  The stream stays active, and must be
+ * stopped before another start.  A transfer that fails on the bus is dropped without an event: no
+ * buffer-full event comes for a buffer that it was to complete, and when all three have failed
+ * the events cease.
+ *
+ * The stream assumes that the device fills every transfer: data that a device cuts short with a
+ * short packet leave a gap of unspecified bytes.
+ *
+ * Buffers need not be multiples of the endpoint's packet size.  They should be above 64 KiB for
+ * speed, and there should be enough of them to outlast the caller's pauses; with a size that is
+ * not a multiple, at least two.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 set
+ * @param buffer_size bytes in one buffer, above 0
+ * @param buffer_count number of buffers, above 0
+ * @retval 0 started; a transfer that could not be submitted shows as the error event
+ * @retval -1 the endpoint's packet size cannot be had or is 0
+ * @retval -2 the device has no data stream (its USB version is below 1.1)
+ * @retval -3 library not initialised
+ * @retval -4 no memory for the buffers or transfers; nothing is in flight
+ * @retval -5 @p device is null, or a size or count is 0
+ * @retval -8 a stream is active already
+ * @retval -11 not an IN endpoint
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_start(_vexa_usb_device *device, uint8_t endpoint,
+                                                uint64_t buffer_size, uint64_t buffer_count);
+
+/**
+ * Stops a data stream and waits until its transfers have ended.  All buffers are freed: pointers
+ * from vexa_usb_data_stream_buffer_lock() are no longer valid.  Unless the device was removed, its
+ * callback gets #VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED.  Closing the device stops as well.
+ *
+ * @param device the handle
+ * @retval 0 stopped
+ * @retval -2 the device has no data stream
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -9 no stream is active
+ * @retval -12 device removed; vexa_usb_close() frees the stream
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_stop(_vexa_usb_device *device);
+
+/**
+ * Locks the oldest buffer, for reading in place.
+ *
+ * Lock on #VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, once for each: a buffer can be locked
+ * from the moment when its last transfer has been submitted, before its data are all there.
+ *
+ * @param device the handle
+ * @param[out] data receives the buffer's address; valid until the unlock, the stop or the close
+ * @param[out] size receives the number of bytes, always the buffer size given at the start
+ * @retval 0 locked
+ * @retval 1 no buffer is full, or one is locked already
+ * @retval -2 the device has no data stream
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null
+ * @retval -9 no stream is active
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_buffer_lock(_vexa_usb_device *device, uint8_t **data,
+                                                      uint64_t *size);
+
+/**
+ * Gives the locked buffer back, to be filled again.
+ *
+ * @param device the handle
+ * @retval 0 given back
+ * @retval -1 no buffer is locked
+ * @retval -2 the device has no data stream
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -9 no stream is active
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_buffer_unlock(_vexa_usb_device *device);
+
+/**
+ * Gives the largest stream memory (buffer size times count) that is advised, in bytes.  It is not
+ * enforced.
+ *
+ * @param device the handle
+ * @param[out] size receives the number of bytes
+ * @retval 0 done
+ * @retval -2 the device has no data stream
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_memory_size_max(_vexa_usb_device *device, uint64_t *size);
+
+/**
+ * Gives the highest stream rate that the device's USB version is good for: 1000000 (USB 1.1),
+ * 40000000 (2.x) or 400000000 (3.0 and later), in bytes a second.  It is not enforced.
+ *
+ * @param device the handle
+ * @param[out] rate receives the rate
+ * @retval 0 done
+ * @retval -2 the device has no data stream
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_data_stream_rate_max(_vexa_usb_device *device, uint64_t *rate);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,48 @@
+# shellcheck shell=bash
+# Shared by the scripts beside it: where things are, and how missing packages get installed.
+set -euo pipefail
+
+vexaRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+vexaBuild=${VEXA_BUILD_DIR:-$vexaRoot/build}
+export VEXA_BUILD_DIR=$vexaBuild
+
+die() {
+    echo "${0##*/}: $*" >&2
+    exit 1
+}
+
+step() { printf '\n== %s (%s s)\n' "$*" "$SECONDS"; }
+
+asRoot() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        die "installing packages needs root; run this as root once, or install sudo"
+    fi
+}
+
+# Installs the packages of scripts/packages that are missing; silent when none is.
+installPackages() {
+    local wanted missing
+    wanted=$(grep -v '^#' "$vexaRoot/scripts/packages")
+    # shellcheck disable=SC2086
+    missing=$(comm -23 <(sort <<<"$wanted") \
+        <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' $wanted 2>/dev/null |
+            sed -n 's/^installed //p' | sort -u))
+    [ -n "$missing" ] || return 0
+    echo "installing: $(tr '\n' ' ' <<<"$missing")"
+    asRoot apt-get update -qq
+    # shellcheck disable=SC2086
+    asRoot env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -qq -y --no-install-recommends $missing >/dev/null
+}
+
+# configure PRESET [CMAKE-ARGUMENT...]: configures and builds that preset.
+buildPreset() {
+    local preset=$1
+    shift
+    cmake --preset "$preset" -S "$vexaRoot" -B "$vexaBuild/$preset" "$@" >/dev/null
+    cmake --build "$vexaBuild/$preset"
+}

@@ -1,0 +1,33 @@
+#include "core/global_state.h"
+
+#include <mutex>
+#include <utility>
+
+namespace vexausb {
+
+namespace {
+
+std::mutex deviceListMutex; // guards deviceList
+
+// Before libusbThread, so that at the process's end the thread's destructor runs first: a process
+// that ends without the last fini ends by std::terminate, whatever the list holds.
+std::shared_ptr<DeviceList> deviceList;
+
+} // namespace
+
+std::atomic<uint64_t> initCount{0};
+libusb_context *libusbContext = nullptr;
+std::thread libusbThread;
+std::atomic<bool> libusbRunning{true};
+
+std::shared_ptr<DeviceList> currentDeviceList() {
+    const std::lock_guard lock(deviceListMutex);
+    return deviceList;
+}
+
+std::shared_ptr<DeviceList> exchangeDeviceList(std::shared_ptr<DeviceList> next) {
+    const std::lock_guard lock(deviceListMutex);
+    return std::exchange(deviceList, std::move(next));
+}
+
+} // namespace vexausb

@@ -1,0 +1,76 @@
+#include "core/lib_usb.h"
+
+#include "core/connection_registry.h"
+#include "core/global_state.h"
+#include "core/supported_devices.h"
+#include "core/thread.h"
+
+namespace vexausb {
+
+/*
+ * The libusb side of the process-wide state: the context, the hot-plug registrations and
+ * "usb-libusb", the thread that handles libusb's events.
+ *
+ * init and fini run on callers' threads, one at a time (lifecycle.cpp sees to that).  No handle
+ * outlives its context: fini closes the connections first, while the event loop still delivers the
+ * completions that this takes, and then waits for whoever is using the context.
+ *
+ * The event loop runs once in the life of a process.  After a re-initialisation its thread ends at
+ * once, and connections are told so, because nobody then delivers completions.
+ */
+namespace {
+
+UseGate contextGate{false};
+
+void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
+    const int events = LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT;
+    for (const SupportedDevice &device : supportedDevices) {
+        const int product =
+            device.product == kAnyProduct ? LIBUSB_HOTPLUG_MATCH_ANY : device.product;
+        libusb_hotplug_register_callback(libusbContext, events, 0, device.vendor, product,
+                                         LIBUSB_HOTPLUG_MATCH_ANY, onHotplug, nullptr, nullptr);
+    }
+}
+
+void handleEvents() {
+    while (libusbRunning.load())
+        libusb_handle_events(libusbContext);
+}
+
+void endEventLoop() {
+    if (!libusbThread.joinable())
+        return;
+    libusbRunning.store(false);
+    libusb_interrupt_event_handler(libusbContext);
+    libusbThread.join();
+}
+
+} // namespace
+
+// A context that cannot be had leaves the library without devices; nothing else depends on it.
+void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
+    if (libusb_init(&libusbContext) != LIBUSB_SUCCESS)
+        libusbContext = nullptr;
+    if (libusbContext == nullptr)
+        return;
+    registerHotplug(onHotplug);
+    const bool loopRuns = libusbRunning.load();
+    libusbThread = startThread("usb-libusb", handleEvents);
+    ConnectionRegistry::open(loopRuns);
+    contextGate.open();
+}
+
+void LibUSB::fini() {
+    ConnectionRegistry::close();
+    contextGate.close();
+    endEventLoop();
+    if (libusbContext != nullptr)
+        libusb_exit(libusbContext);
+    libusbContext = nullptr;
+}
+
+UseGate::Use LibUSB::useContext() {
+    return contextGate.enter();
+}
+
+} // namespace vexausb

@@ -1,0 +1,48 @@
+#include "core/thread.h"
+
+#include <array>
+#include <csignal>
+#include <utility>
+
+#include <pthread.h>
+
+namespace vexausb {
+
+namespace {
+
+// A thread inherits the signal mask of the one that starts it, so the mask is set around the
+// start rather than at the new thread's beginning.
+class BlockSignals {
+public:
+    BlockSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    BlockSignals(const BlockSignals &) = delete;
+    BlockSignals &operator=(const BlockSignals &) = delete;
+
+private:
+    sigset_t before{};
+};
+
+} // namespace
+
+void setThreadName(const std::string &name) {
+    if (name.empty())
+        return;
+    std::array<char, 16> buffer{}; // what the kernel takes, terminator included
+    name.copy(buffer.data(), buffer.size() - 1);
+    pthread_setname_np(pthread_self(), buffer.data());
+}
+
+std::thread startThread(std::string name, std::function<void()> body) {
+    const BlockSignals blocked;
+    return std::thread([name = std::move(name), body = std::move(body)]() {
+        setThreadName(name);
+        body();
+    });
+}
+
+} // namespace vexausb

@@ -1,0 +1,103 @@
+#include "core/transfer_set.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vexausb {
+
+/*
+ * A fixed number of bulk transfers that complete, and are submitted again, until they are stopped.
+ * The derived class says what a completion means and owns the memory that the transfers write to.
+ *
+ * Life: every transfer in flight holds a reference to its set, so the set and that memory live as
+ * long as libusb may still touch them, whatever becomes of the device.
+ *
+ * Threads and locks: completions run on whichever thread handles libusb's events at that moment.
+ * `mutex` guards everything here and in the derived class's transfer handling.  It makes "look
+ * whether to stop, submit" one step against "ask to stop, cancel", so a stop misses no
+ * resubmission.  libusb's submit and cancel run no callback, so they may be called under it.
+ */
+TransferSet::~TransferSet() {
+    for (const Slot &slot : slots)
+        libusb_free_transfer(slot.transfer);
+}
+
+bool TransferSet::allocate(size_t count, libusb_device_handle *handle, uint8_t endpoint) {
+    const std::lock_guard lock(mutex);
+    slots.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+        Slot &slot = slots[i];
+        slot.set = this;
+        slot.index = i;
+        slot.transfer = libusb_alloc_transfer(0);
+        if (slot.transfer == nullptr)
+            return false;
+        libusb_fill_bulk_transfer(slot.transfer, handle, endpoint, nullptr, 0, onComplete, &slot,
+                                  0);
+    }
+    return true;
+}
+
+// The reference is taken before libusb gets the transfer, since the completion may come first.
+bool TransferSet::submit(Slot &slot, uint8_t *buffer, int length) {
+    slot.transfer->buffer = buffer;
+    slot.transfer->length = length;
+    slot.inFlight = shared_from_this();
+    if (libusb_submit_transfer(slot.transfer) == LIBUSB_SUCCESS)
+        return true;
+    slot.inFlight.reset();
+    return false;
+}
+
+void TransferSet::release(Slot &slot) {
+    libusb_free_transfer(std::exchange(slot.transfer, nullptr));
+    released.notify_all();
+}
+
+void TransferSet::cancelAll() {
+    for (const Slot &slot : slots) {
+        if (slot.inFlight != nullptr)
+            libusb_cancel_transfer(slot.transfer);
+    }
+}
+
+// `self` is declared before the lock, so that the set outlives the unlocking.
+void TransferSet::onComplete(libusb_transfer *transfer) {
+    Slot &slot = *static_cast<Slot *>(transfer->user_data);
+    std::shared_ptr<TransferSet> self;
+    const std::lock_guard lock(slot.set->mutex);
+    self = std::move(slot.inFlight);
+    self->completed(slot);
+}
+
+void TransferSet::stop() {
+    const std::lock_guard lock(mutex);
+    stopRequested = true;
+    cancelAll();
+}
+
+// Only while an event loop delivers completions.
+void TransferSet::waitIdle() {
+    std::unique_lock lock(mutex);
+    released.wait(lock, [this]() { return idle(); });
+}
+
+// After the handle was closed: libusb has forgotten what was still in flight and will not call
+// back.
+void TransferSet::abandon() {
+    std::vector<std::shared_ptr<TransferSet>> references;
+    const std::lock_guard lock(mutex);
+    for (Slot &slot : slots) {
+        if (slot.inFlight == nullptr)
+            continue;
+        references.push_back(std::move(slot.inFlight));
+        release(slot);
+    }
+}
+
+bool TransferSet::idle() const {
+    return std::none_of(slots.begin(), slots.end(),
+                        [](const Slot &slot) { return slot.inFlight != nullptr; });
+}
+
+} // namespace vexausb

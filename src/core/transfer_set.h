@@ -1,0 +1,55 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include <libusb.h>
+
+namespace vexausb {
+
+class TransferSet : public std::enable_shared_from_this<TransferSet> {
+public:
+    virtual ~TransferSet();
+    TransferSet(const TransferSet &) = delete;
+    TransferSet &operator=(const TransferSet &) = delete;
+
+    void stop();
+    void waitIdle();
+    void abandon();
+
+protected:
+    TransferSet() = default;
+
+    // One transfer of the set.
+    struct Slot {
+        TransferSet *set = nullptr;
+        size_t index = 0;
+        libusb_transfer *transfer = nullptr;
+        std::shared_ptr<TransferSet> inFlight; // the set itself, while libusb has the transfer
+    };
+
+    // Before anything else: the transfers, of which none is in flight yet.
+    bool allocate(size_t count, libusb_device_handle *handle, uint8_t endpoint);
+
+    // The rest is called with `mutex` held.
+    virtual void completed(Slot &slot) = 0;
+    bool submit(Slot &slot, uint8_t *buffer, int length);
+    void release(Slot &slot);
+    void cancelAll();
+
+    std::mutex mutex;
+    bool stopRequested = false;
+    std::vector<Slot> slots; // its size is fixed by allocate()
+
+private:
+    static void LIBUSB_CALL onComplete(libusb_transfer *transfer);
+    bool idle() const;
+
+    std::condition_variable released;
+};
+
+} // namespace vexausb

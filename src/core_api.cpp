@@ -1,0 +1,34 @@
+// The exported functions of the library frame.
+#include <memory>
+
+#include "core/lifecycle.h"
+#include "core/status.h"
+#include "devicelist/device_list.h"
+#include "devicelist/hotplug.h"
+#include "vexa_usb.h"
+
+namespace {
+
+const _vexa_usb_version libraryVersion{0, 8, 2, 10, ""};
+
+std::shared_ptr<vexausb::DeviceList> makeDeviceList() {
+    return std::make_shared<vexausb::DeviceList>();
+}
+
+} // namespace
+
+void vexa_usb_init(void) {
+    vexausb::beginUse({makeDeviceList, vexausb::onHotplug});
+}
+
+void vexa_usb_fini(void) {
+    vexausb::endUse();
+}
+
+const _vexa_usb_version *vexa_usb_get_version(void) {
+    return &libraryVersion;
+}
+
+const char *vexa_usb_get_status_str(int32_t status) {
+    return vexausb::statusText(status);
+}

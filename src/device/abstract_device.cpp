@@ -1,0 +1,43 @@
+#include "device/abstract_device.h"
+
+#include <string>
+#include <utility>
+
+namespace vexausb {
+
+/*
+ * An opened device as the exported functions see it, whatever carries it.
+ *
+ * Life: made by its list entry's open(), held by the caller's handle alone; the entry keeps a weak
+ * reference, through which it says that the device has gone.  Destroyed on the thread that closes
+ * the handle.
+ *
+ * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
+ * `eventQueue`, runs the caller's callback.  Destruction stops that worker without waiting for it,
+ * so a callback may close its own device.
+ */
+namespace {
+
+std::atomic<uint64_t> deviceSequence{0}; // devices constructed in this process; numbers the workers
+
+} // namespace
+
+AbstractDevice::AbstractDevice(DeviceEventHandler handler)
+    : eventQueue(std::make_shared<DeviceEventQueue>(std::move(handler))) {
+    eventQueue->start("usb-device" + std::to_string(deviceSequence.fetch_add(1)));
+}
+
+AbstractDevice::~AbstractDevice() {
+    eventQueue->stop();
+}
+
+void AbstractDevice::setRemoved() {
+    removed.store(true, std::memory_order_release);
+    eventQueue->post(VEXA_USB_DEVICE_EVENT_REMOVED);
+}
+
+int32_t AbstractDevice::getKernelDriverVersion(_vexa_usb_version & /*version*/) {
+    return VEXA_USB_STATUS_NOT_SUPPORTED;
+}
+
+} // namespace vexausb

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "core/event_queue.h"
+#include "vexa_usb.h"
+
+namespace vexausb {
+
+using DeviceEventQueue = EventQueue<_vexa_usb_device_event>;
+using DeviceEventHandler = DeviceEventQueue::Handler;
+
+class AbstractDevice {
+public:
+    explicit AbstractDevice(DeviceEventHandler handler);
+    virtual ~AbstractDevice();
+    AbstractDevice(const AbstractDevice &) = delete;
+    AbstractDevice &operator=(const AbstractDevice &) = delete;
+
+    void setRemoved();
+    virtual int32_t getKernelDriverVersion(_vexa_usb_version &version);
+    virtual int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) = 0;
+    virtual int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) = 0;
+
+    virtual int32_t controlTransfer(int32_t direction, int32_t type, int32_t recipient,
+                                    uint8_t request, uint16_t value, uint16_t index, uint8_t *data,
+                                    uint64_t length, uint64_t *transferred) = 0;
+    virtual int32_t interruptRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                  uint64_t *transferred) = 0;
+    virtual int32_t interruptWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                                   uint64_t *transferred) = 0;
+    virtual int32_t bulkRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                             uint64_t *transferred) = 0;
+    virtual int32_t bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                              uint64_t *transferred) = 0;
+
+    virtual int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize,
+                                    uint64_t bufferCount) = 0;
+    virtual int32_t dataStreamStop() = 0;
+    virtual int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) = 0;
+    virtual int32_t dataStreamBufferUnlock() = 0;
+
+    bool isRemoved() const { return removed.load(std::memory_order_acquire); }
+    bool hasDataStream() const { return dataStreamMemorySizeMax != 0 && dataStreamRateMax != 0; }
+    bool isDataStreamActive() const { return dataStreamActive.load(); }
+    uint64_t memorySizeMax() const { return dataStreamMemorySizeMax; }
+    uint64_t rateMax() const { return dataStreamRateMax; }
+
+protected:
+    const std::shared_ptr<DeviceEventQueue> eventQueue;
+    // Written under the implementation's lock; read by any thread.
+    std::atomic<bool> dataStreamActive{false};
+    // Set while the device is constructed, constant afterwards; 0 means no data stream.
+    uint64_t dataStreamMemorySizeMax = 0;
+    uint64_t dataStreamRateMax = 0;
+
+private:
+    std::atomic<bool> removed{false};
+};
+
+} // namespace vexausb
+
+// What the caller's handle points to: the one strong reference to the opened device.
+struct _vexa_usb_device {
+    std::shared_ptr<vexausb::AbstractDevice> device;
+};

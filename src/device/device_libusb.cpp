@@ -1,0 +1,236 @@
+#include "device/device_libusb.h"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "core/connection_registry.h"
+#include "core/status.h"
+
+namespace vexausb {
+
+/*
+ * An opened device reached through libusb; it uses interface 0 alone.
+ *
+ * Life: takes over an open libusb handle as a UsbConnection.  The last fini closes that
+ * connection; the device then lives on, answering errors, until its handle is dropped.  Every use
+ * of the libusb handle therefore goes through the connection's gate.
+ *
+ * Threads: any caller's; the library does not serialise transfers on one device.
+ */
+namespace {
+
+struct RateLimit {
+    uint16_t fromBcdUsb;
+    uint64_t rateMax;
+};
+
+constexpr RateLimit kRateLimits[] = {{0x0300, 400000000}, {0x0200, 40000000}, {0x0110, 1000000}};
+constexpr uint64_t kStreamMemorySizeMax = 268435456;
+
+uint64_t rateMaxFor(uint16_t bcdUsb) {
+    for (const RateLimit &limit : kRateLimits) {
+        if (bcdUsb >= limit.fromBcdUsb)
+            return limit.rateMax;
+    }
+    return 0;
+}
+
+void throwUnlessSuccess(int result) {
+    if (result != LIBUSB_SUCCESS)
+        throw std::runtime_error(libusb_error_name(result));
+}
+
+} // namespace
+
+DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler)
+    : AbstractDevice(std::move(handler)) {
+    claim(handle);
+    dataStreamMemorySizeMax = kStreamMemorySizeMax;
+    dataStreamRateMax = rateMaxFor(descriptor.bcdUSB);
+    connection = ConnectionRegistry::connect(handle);
+    if (connection == nullptr)
+        throw std::runtime_error("the library is being finalised");
+}
+
+void DeviceLibUSB::claim(libusb_device_handle *handle) {
+    if (libusb_kernel_driver_active(handle, 0) == 1)
+        libusb_detach_kernel_driver(handle, 0);
+    throwUnlessSuccess(libusb_claim_interface(handle, 0));
+    throwUnlessSuccess(libusb_get_device_descriptor(libusb_get_device(handle), &descriptor));
+}
+
+DeviceLibUSB::~DeviceLibUSB() {
+    if (isDataStreamActive())
+        DeviceLibUSB::dataStreamStop();
+    connection->close();
+}
+
+// bcdDevice stands in bcdUSB's place, and bMaxPacketSize0 is left as the caller had it: callers
+// of this record rely on both.
+int32_t DeviceLibUSB::getDeviceDescriptor(_vexa_usb_device_descriptor &record) {
+    record.bcdUSB = descriptor.bcdDevice;
+    record.bDeviceClass = descriptor.bDeviceClass;
+    record.bDeviceSubClass = descriptor.bDeviceSubClass;
+    record.bDeviceProtocol = descriptor.bDeviceProtocol;
+    record.idVendor = descriptor.idVendor;
+    record.idProduct = descriptor.idProduct;
+    record.bcdDevice = descriptor.bcdDevice;
+    record.iManufacturer = descriptor.iManufacturer;
+    record.iProduct = descriptor.iProduct;
+    record.iSerialNumber = descriptor.iSerialNumber;
+    record.bNumConfigurations = descriptor.bNumConfigurations;
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+int DeviceLibUSB::maxPacketSize(uint8_t endpoint) {
+    const UseGate::Use use = connection->use();
+    if (!use)
+        return LIBUSB_ERROR_NO_DEVICE;
+    return libusb_get_max_packet_size(libusb_get_device(connection->handle()), endpoint);
+}
+
+int32_t DeviceLibUSB::getMaxPacketSize(uint8_t endpoint, uint16_t &size) {
+    const int result = maxPacketSize(endpoint);
+    if (result == LIBUSB_ERROR_NOT_FOUND)
+        return VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED;
+    if (result < 0)
+        return VEXA_USB_STATUS_UNKNOWN;
+    size = static_cast<uint16_t>(result);
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+// The fields of bmRequestType are combined without masking: a value out of range spills over.
+int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t recipient,
+                                      uint8_t request, uint16_t value, uint16_t index,
+                                      uint8_t *data, uint64_t length, uint64_t *transferred) {
+    if (length > UINT16_MAX)
+        return VEXA_USB_STATUS_UNKNOWN;
+    const UseGate::Use use = connection->use();
+    if (!use)
+        return VEXA_USB_STATUS_UNKNOWN;
+    const uint32_t requestType = (static_cast<uint32_t>(direction) << 7) |
+                                 (static_cast<uint32_t>(type) << 5) |
+                                 static_cast<uint32_t>(recipient);
+    const int result = libusb_control_transfer(
+        connection->handle(), static_cast<uint8_t>(requestType), request, value, index, data,
+        static_cast<uint16_t>(length), kTransferTimeoutMs);
+    if (result < 0)
+        return statusFromLibusbError(result);
+    if (transferred != nullptr) {
+        *transferred = static_cast<uint64_t>(result);
+        return VEXA_USB_STATUS_SUCCESS;
+    }
+    return static_cast<uint64_t>(result) == length ? VEXA_USB_STATUS_SUCCESS
+                                                   : VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED;
+}
+
+// A short piece ends the transfer: quietly for a caller that counts, else as an error.
+int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endpoint, uint8_t *data,
+                                      uint64_t length, uint64_t *transferred) {
+    const UseGate::Use use = connection->use();
+    while (length > 0) {
+        if (!use || use.wanted())
+            return VEXA_USB_STATUS_UNKNOWN;
+        const auto chunk = static_cast<int>(std::min(length, kTransferChunkSize));
+        int actual = 0;
+        const int result =
+            transfer(connection->handle(), endpoint, data, chunk, &actual, kTransferTimeoutMs);
+        if (result != LIBUSB_SUCCESS)
+            return statusFromLibusbError(result);
+        if (transferred != nullptr)
+            *transferred += static_cast<uint64_t>(actual);
+        if (actual != chunk)
+            return transferred != nullptr ? VEXA_USB_STATUS_SUCCESS
+                                          : VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED;
+        data += chunk;
+        length -= static_cast<uint64_t>(chunk);
+    }
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+int32_t DeviceLibUSB::interruptTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                               uint64_t *transferred) {
+    return transferChunked(libusb_interrupt_transfer, endpoint, data, length, transferred);
+}
+
+int32_t DeviceLibUSB::bulkTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                          uint64_t *transferred) {
+    return transferChunked(libusb_bulk_transfer, endpoint, data, length, transferred);
+}
+
+int32_t DeviceLibUSB::interruptRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                    uint64_t *transferred) {
+    return interruptTransferChunked(endpoint, data, length, transferred);
+}
+
+// libusb takes one pointer type for both directions and does not write through it here.
+int32_t DeviceLibUSB::interruptWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                                     uint64_t *transferred) {
+    return interruptTransferChunked(endpoint, const_cast<uint8_t *>(data), length, transferred);
+}
+
+int32_t DeviceLibUSB::bulkRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                               uint64_t *transferred) {
+    return bulkTransferChunked(endpoint, data, length, transferred);
+}
+
+int32_t DeviceLibUSB::bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                                uint64_t *transferred) {
+    return bulkTransferChunked(endpoint, const_cast<uint8_t *>(data), length, transferred);
+}
+
+int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) {
+    const std::lock_guard lock(streamMutex);
+    if (isDataStreamActive())
+        return VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE;
+    const UseGate::Use use = connection->use();
+    const int packetSize = maxPacketSize(endpoint);
+    if (!use || packetSize <= 0)
+        return VEXA_USB_STATUS_UNKNOWN;
+
+    std::shared_ptr<StreamSession> session;
+    try {
+        session = std::make_shared<StreamSession>(bufferSize, bufferCount,
+                                                  static_cast<uint64_t>(packetSize), eventQueue);
+    } catch (const std::exception &) {
+        return VEXA_USB_STATUS_NO_MEMORY;
+    }
+    if (!session->prepare(connection->handle(), endpoint))
+        return VEXA_USB_STATUS_NO_MEMORY;
+    connection->attach(session);
+    stream = std::move(session);
+    dataStreamActive.store(true);
+    stream->begin();
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+int32_t DeviceLibUSB::dataStreamStop() {
+    const std::lock_guard lock(streamMutex);
+    if (!isDataStreamActive())
+        return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
+    connection->end(stream);
+    stream.reset();
+    dataStreamActive.store(false);
+    if (!isRemoved())
+        eventQueue->post(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED);
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+int32_t DeviceLibUSB::dataStreamBufferLock(uint8_t *&data, uint64_t &size) {
+    const std::lock_guard lock(streamMutex);
+    if (!isDataStreamActive())
+        return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
+    return stream->lockBuffer(data, size) ? VEXA_USB_STATUS_SUCCESS
+                                          : VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY;
+}
+
+int32_t DeviceLibUSB::dataStreamBufferUnlock() {
+    const std::lock_guard lock(streamMutex);
+    if (!isDataStreamActive())
+        return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
+    return stream->unlockBuffer() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
+}
+
+} // namespace vexausb

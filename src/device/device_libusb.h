@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include <libusb.h>
+
+#include "core/usb_connection.h"
+#include "device/abstract_device.h"
+#include "device/stream_session.h"
+
+namespace vexausb {
+
+inline constexpr unsigned kTransferTimeoutMs = 1000;
+inline constexpr uint64_t kTransferChunkSize = 524288;
+
+class DeviceLibUSB final : public AbstractDevice {
+public:
+    // Takes the handle over unless it throws.
+    DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler);
+    ~DeviceLibUSB() override;
+
+    int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) override;
+    int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) override;
+
+    int32_t controlTransfer(int32_t direction, int32_t type, int32_t recipient, uint8_t request,
+                            uint16_t value, uint16_t index, uint8_t *data, uint64_t length,
+                            uint64_t *transferred) override;
+    int32_t interruptRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                          uint64_t *transferred) override;
+    int32_t interruptWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                           uint64_t *transferred) override;
+    int32_t bulkRead(uint8_t endpoint, uint8_t *data, uint64_t length,
+                     uint64_t *transferred) override;
+    int32_t bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
+                      uint64_t *transferred) override;
+
+    int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) override;
+    int32_t dataStreamStop() override;
+    int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) override;
+    int32_t dataStreamBufferUnlock() override;
+
+private:
+    using SynchronousTransfer = decltype(&libusb_bulk_transfer);
+
+    void claim(libusb_device_handle *handle);
+    int maxPacketSize(uint8_t endpoint);
+    int32_t transferChunked(SynchronousTransfer transfer, uint8_t endpoint, uint8_t *data,
+                            uint64_t length, uint64_t *transferred);
+    int32_t interruptTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                     uint64_t *transferred);
+    int32_t bulkTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
+                                uint64_t *transferred);
+
+    libusb_device_descriptor descriptor{}; // constant once constructed
+    std::shared_ptr<UsbConnection> connection;
+
+    // Lets one thread at a time start, stop, lock or unlock; guards stream and the writing of
+    // dataStreamActive.  No callback takes it.
+    std::mutex streamMutex;
+    std::shared_ptr<StreamSession> stream;
+};
+
+} // namespace vexausb

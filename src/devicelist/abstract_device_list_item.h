@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "device/abstract_device.h"
+
+namespace vexausb {
+
+class AbstractDeviceListItem {
+public:
+    virtual ~AbstractDeviceListItem();
+    AbstractDeviceListItem(const AbstractDeviceListItem &) = delete;
+    AbstractDeviceListItem &operator=(const AbstractDeviceListItem &) = delete;
+
+    // Opens the device; writes `opened` on success only.
+    virtual int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) = 0;
+
+    const uint64_t id; // unique in the life of the process
+    // Constant once the entry is made.
+    uint16_t vendorId = 0;
+    uint16_t productId = 0;
+
+protected:
+    AbstractDeviceListItem();
+
+    void setDevice(const std::shared_ptr<AbstractDevice> &opened);
+
+private:
+    std::mutex deviceMutex; // guards device, which concurrent opens set
+    std::weak_ptr<AbstractDevice> device;
+};
+
+} // namespace vexausb

@@ -1,0 +1,61 @@
+#include "devicelist/device_list_item_libusb.h"
+
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "core/global_state.h"
+#include "core/lib_usb.h"
+#include "core/status.h"
+#include "device/device_libusb.h"
+#include "devicelist/libusb_device_array.h"
+
+namespace vexausb {
+
+/*
+ * An entry for a device that libusb sees.  Bus number and device address are its only link to the
+ * bus; it holds no libusb object, so it may live on after the libusb context.
+ */
+DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
+    : busNumber(libusb_get_bus_number(attached)),
+      deviceAddress(libusb_get_device_address(attached)) {
+    libusb_device_descriptor descriptor{};
+    if (libusb_get_device_descriptor(attached, &descriptor) != LIBUSB_SUCCESS)
+        throw std::runtime_error("libusb_get_device_descriptor() failed");
+    vendorId = descriptor.idVendor;
+    productId = descriptor.idProduct;
+}
+
+int32_t DeviceListItemLibUSB::open(std::shared_ptr<AbstractDevice> &opened,
+                                   DeviceEventHandler handler) {
+    const UseGate::Use use = LibUSB::useContext();
+    if (!use)
+        return VEXA_USB_STATUS_UNKNOWN;
+    const LibusbDeviceArray attached(libusbContext);
+    if (attached.error() != LIBUSB_SUCCESS)
+        return statusFromLibusbError(attached.error());
+    for (libusb_device *candidate : attached.devices()) {
+        if (isAt(libusb_get_bus_number(candidate), libusb_get_device_address(candidate)))
+            return openDevice(candidate, opened, std::move(handler));
+    }
+    return VEXA_USB_STATUS_UNKNOWN;
+}
+
+int32_t DeviceListItemLibUSB::openDevice(libusb_device *found,
+                                         std::shared_ptr<AbstractDevice> &opened,
+                                         DeviceEventHandler handler) {
+    libusb_device_handle *handle = nullptr;
+    const int result = libusb_open(found, &handle);
+    if (result != LIBUSB_SUCCESS)
+        return statusFromLibusbError(result);
+    try {
+        opened = std::make_shared<DeviceLibUSB>(handle, std::move(handler));
+    } catch (const std::exception &) {
+        libusb_close(handle);
+        return VEXA_USB_STATUS_UNKNOWN;
+    }
+    setDevice(opened);
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+} // namespace vexausb

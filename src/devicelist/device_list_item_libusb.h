@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <libusb.h>
+
+#include "devicelist/abstract_device_list_item.h"
+
+namespace vexausb {
+
+class DeviceListItemLibUSB final : public AbstractDeviceListItem {
+public:
+    explicit DeviceListItemLibUSB(libusb_device *attached);
+
+    int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) override;
+
+    bool isAt(uint8_t bus, uint8_t address) const {
+        return bus == busNumber && address == deviceAddress;
+    }
+
+private:
+    int32_t openDevice(libusb_device *found, std::shared_ptr<AbstractDevice> &opened,
+                       DeviceEventHandler handler);
+
+    const uint8_t busNumber;
+    const uint8_t deviceAddress;
+};
+
+} // namespace vexausb

@@ -1,0 +1,24 @@
+#include "devicelist/hotplug.h"
+
+#include <memory>
+
+#include "core/global_state.h"
+#include "devicelist/device_list.h"
+
+namespace vexausb {
+
+// libusb has matched the device against the registered identifiers already.  The result 0 keeps
+// the registration.
+int LIBUSB_CALL onHotplug(libusb_context * /*context*/, libusb_device *device,
+                          libusb_hotplug_event event, void * /*userData*/) {
+    const std::shared_ptr<DeviceList> list = currentDeviceList();
+    if (list == nullptr)
+        return 0;
+    if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED)
+        list->deviceArrived(device);
+    else if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT)
+        list->deviceLeft(device);
+    return 0;
+}
+
+} // namespace vexausb
