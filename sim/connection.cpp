@@ -1,0 +1,204 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <span>
+#include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace sim {
+
+using namespace usbip;
+
+/*
+ * One client: first it asks for the list of devices or imports one of them, and after an import
+ * the connection carries that device's transfers.  Transfers on one endpoint are answered in the
+ * order of their submission.
+ *
+ * Input that breaks the protocol throws std::runtime_error with the reason, which ends this
+ * connection alone.
+ */
+namespace {
+
+constexpr uint32_t kNoPackets = 0xFFFFFFFF; // another way for clients to say "not isochronous"
+
+uint8_t endpointAddress(const CommandHeader &header) {
+    if (header.endpoint == 0)
+        return 0;
+    return static_cast<uint8_t>(header.endpoint | (header.in ? kEndpointIn : 0));
+}
+
+void checkSubmit(const CommandHeader &header) {
+    if (header.endpoint > 15)
+        throw std::runtime_error(fmt::format("there is no endpoint {}", header.endpoint));
+    if (header.length > kMaxTransfer)
+        throw std::runtime_error(fmt::format("transfer of {} bytes", header.length));
+    if (header.packets != 0 && header.packets != kNoPackets)
+        throw std::runtime_error("isochronous transfers are not simulated");
+    if (header.endpoint == 0 && header.length > header.setup.length)
+        throw std::runtime_error("control transfer longer than its setup packet says");
+    if (header.endpoint == 0 && header.length > 0 && header.in != header.setup.isIn())
+        throw std::runtime_error("control transfer against its setup packet's direction");
+}
+
+} // namespace
+
+Connection::Connection(int descriptor, Devices &exportedDevices)
+    : socket(descriptor), devices(exportedDevices) {}
+
+Connection::~Connection() {
+    if (device != nullptr)
+        device->released();
+}
+
+bool Connection::work(bool readable) {
+    if (readable && !leaving) {
+        if (!socket.receive())
+            return false;
+        while (handleInput()) {
+        }
+    }
+    return socket.flush() && !(leaving && socket.drained());
+}
+
+bool Connection::handleInput() {
+    return device == nullptr ? handleOperation() : handleCommand();
+}
+
+bool Connection::handleOperation() {
+    const auto input = socket.received();
+    if (input.size() < kOperationSize)
+        return false;
+    const OperationHeader header = parseOperation(input.first<kOperationSize>());
+    if (header.version != kVersion)
+        throw std::runtime_error(fmt::format(
+            "USB/IP version {:#06x}; version {:#06x} is spoken here", header.version, kVersion));
+    if (header.operation == kRequestDeviceList) {
+        socket.consume(kOperationSize);
+        replyDeviceList();
+        return true;
+    }
+    if (header.operation != kRequestImport)
+        throw std::runtime_error(fmt::format("unknown operation {:#06x}", header.operation));
+    if (input.size() < kOperationSize + kBusIdSize)
+        return false;
+    const auto name = input.subspan<kOperationSize, kBusIdSize>();
+    const std::string busId(name.begin(), std::find(name.begin(), name.end(), 0));
+    socket.consume(kOperationSize + kBusIdSize);
+    importDevice(busId);
+    return true;
+}
+
+void Connection::replyDeviceList() {
+    Bytes reply = operationReply(kReplyDeviceList, OperationStatus::Ok);
+    const auto count = std::count_if(devices.begin(), devices.end(),
+                                     [](const ExportedDevice &each) { return each.isAvailable(); });
+    appendCount(reply, static_cast<uint32_t>(count));
+    for (ExportedDevice &each : devices) {
+        if (!each.isAvailable())
+            continue;
+        appendDevice(reply, each.name(), each.model().shape());
+        appendInterfaces(reply, each.model().shape());
+    }
+    socket.send(reply);
+}
+
+void Connection::importDevice(const std::string &busId) {
+    const auto found =
+        std::find_if(devices.begin(), devices.end(), [&](const ExportedDevice &candidate) {
+            return candidate.name().busId == busId;
+        });
+    if (found == devices.end() || !found->isAvailable()) {
+        socket.send(operationReply(kReplyImport, found == devices.end() ? OperationStatus::NoDevice
+                                                                        : OperationStatus::Busy));
+        return;
+    }
+    device = &*found;
+    Bytes reply = operationReply(kReplyImport, OperationStatus::Ok);
+    appendDevice(reply, device->name(), device->model().shape());
+    socket.send(reply);
+    device->imported(this);
+}
+
+bool Connection::handleCommand() {
+    const auto input = socket.received();
+    if (input.size() < kHeaderSize || leaving)
+        return false;
+    const CommandHeader header = parseCommand(input.first<kHeaderSize>());
+    switch (header.command) {
+    case kSubmit:
+        return handleSubmit(header);
+    case kUnlink:
+        socket.consume(kHeaderSize);
+        handleUnlink(header);
+        return true;
+    default:
+        throw std::runtime_error(fmt::format("unknown command {:#x}", header.command));
+    }
+}
+
+bool Connection::handleSubmit(const CommandHeader &header) {
+    checkSubmit(header);
+    const size_t dataSize = header.in ? 0 : header.length;
+    const auto input = socket.received();
+    if (input.size() < kHeaderSize + dataSize)
+        return false;
+    const auto data = input.subspan(kHeaderSize, dataSize);
+    const uint8_t endpoint = endpointAddress(header);
+    pending[endpoint].push_back(
+        {header.sequence, header.length, header.in, header.setup, Bytes(data.begin(), data.end())});
+    socket.consume(kHeaderSize + dataSize);
+    offer(endpoint);
+    return true;
+}
+
+// A transfer that was answered before needs no more: the client tells that from status 0.
+void Connection::handleUnlink(const CommandHeader &header) {
+    size_t removed = 0;
+    for (auto &[endpoint, transfers] : pending)
+        removed += std::erase_if(transfers, [&](const Transfer &transfer) {
+            return transfer.sequence == header.unlinkSequence;
+        });
+    OutputPiece reply(kHeaderSize);
+    writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence,
+                     removed != 0 ? -ECONNRESET : 0);
+    socket.send(std::move(reply));
+}
+
+void Connection::offerPending() {
+    for (auto &[endpoint, transfers] : pending)
+        offer(endpoint);
+    if (onOutput)
+        onOutput();
+}
+
+void Connection::offer(uint8_t endpoint) {
+    std::deque<Transfer> &transfers = pending[endpoint];
+    while (!transfers.empty() && !leaving && answer(endpoint, transfers.front()))
+        transfers.pop_front();
+}
+
+// False when the device lets the transfer wait.
+bool Connection::answer(uint8_t endpoint, Transfer &transfer) {
+    OutputPiece reply(kHeaderSize + (transfer.in ? transfer.length : 0));
+    const Answer given = ask(device->model(), endpoint, transfer, reply.all().subspan(kHeaderSize));
+    if (given.kind == Answer::Kind::Wait)
+        return false;
+    const bool stalled = given.kind == Answer::Kind::Stall;
+    writeSubmitReply(reply.all().first<kHeaderSize>(), transfer.sequence, stalled ? -EPIPE : 0,
+                     stalled ? 0 : static_cast<uint32_t>(given.length));
+    reply.shorten(kHeaderSize + (transfer.in && !stalled ? given.length : 0));
+    socket.send(std::move(reply));
+    return true;
+}
+
+Answer Connection::ask(DeviceModel &model, uint8_t endpoint, Transfer &transfer,
+                       std::span<uint8_t> room) {
+    if (endpoint == 0)
+        return model.control(transfer.setup, transfer.in ? room : std::span(transfer.data));
+    return transfer.in ? model.in(endpoint, room) : model.out(endpoint, transfer.data);
+}
+
+} // namespace sim

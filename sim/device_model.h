@@ -1,0 +1,97 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "descriptors.h"
+#include "usb.h"
+
+namespace sim {
+
+// What a device answers to one request of the host.
+struct Answer {
+    enum class Kind : uint8_t {
+        Done,  // `length` bytes were sent or taken; fewer than asked for is a short answer
+        Wait,  // nothing yet; the host's request stays pending
+        Stall, // refused
+    };
+
+    static Answer done(size_t length) { return {Kind::Done, length}; }
+    static Answer wait() { return {Kind::Wait, 0}; }
+    static Answer stall() { return {Kind::Stall, 0}; }
+
+    Kind kind;
+    size_t length;
+};
+
+// What a device can ask of the port that it is plugged into.
+class Port {
+public:
+    virtual ~Port() = default;
+
+    // Pending requests are to be offered to the device again, at once or after a while.
+    virtual void wake(std::chrono::milliseconds delay) = 0;
+    // Leaves the bus after the answer in hand; comes back after `returnAfter` if that is given.
+    virtual void unplug(std::optional<std::chrono::milliseconds> returnAfter) = 0;
+};
+
+class DeviceModel {
+public:
+    explicit DeviceModel(DeviceShape ownShape) : deviceShape(std::move(ownShape)) {}
+    virtual ~DeviceModel() = default;
+    DeviceModel(const DeviceModel &) = delete;
+    DeviceModel &operator=(const DeviceModel &) = delete;
+
+    const DeviceShape &shape() const { return deviceShape; }
+
+    // The device begins anew on this port, which outlives its stay there.
+    virtual void plugged(Port &newPort);
+
+    // The host's side.  `data` is the data stage of an OUT request, or room for that of an IN one.
+    Answer control(const Setup &setup, std::span<uint8_t> data);
+    Answer in(uint8_t endpoint, std::span<uint8_t> room);
+    Answer out(uint8_t endpoint, std::span<const uint8_t> data);
+
+protected:
+    // What makes a device of its kind.  Requests other than standard ones come here.
+    virtual Answer request(const Setup &setup, std::span<uint8_t> data) = 0;
+    virtual Answer sendData(uint8_t endpoint, std::span<uint8_t> room) = 0;
+    virtual Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) = 0;
+
+    // Faults, by endpoint address; 0 is the control endpoint.
+    void setHalted(uint8_t endpoint, bool halted);
+    void setSilent(uint8_t endpoint, bool silent);
+    void setDelay(uint8_t endpoint, std::chrono::milliseconds delay);
+    void setShortAnswer(uint8_t endpoint, size_t length);
+
+    Port &port() { return *currentPort; }
+    void setProduct(uint16_t product) { deviceShape.product = product; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Fault {
+        bool halted = false;
+        bool silent = false;
+        std::chrono::milliseconds delay{0};
+        std::optional<Clock::time_point> dueAt; // of the request that is being delayed
+        std::optional<size_t> shortAnswer;
+    };
+
+    std::optional<Answer> faultBeforeAnswer(uint8_t endpoint);
+    Answer standardRequest(const Setup &setup, std::span<uint8_t> data);
+    Answer endpointFeature(const Setup &setup);
+    Answer descriptor(const Setup &setup, std::span<uint8_t> room) const;
+
+    DeviceShape deviceShape;
+    Port *currentPort = nullptr;
+    uint8_t configuration = 0;
+    std::map<uint8_t, Fault> faults;
+};
+
+} // namespace sim

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "device_model.h"
+
+namespace sim {
+
+// What the command line asks for: a kind of device and how it differs from the usual.
+struct DeviceSpecification {
+    DeviceShape shape;
+    std::chrono::milliseconds away{0}; // before it is plugged in for the first time
+};
+
+// Parses KIND[,KEY=VALUE...]; throws std::invalid_argument with a message for the user.
+DeviceSpecification parseDeviceSpecification(const std::string &text);
+
+std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification);
+
+// For --help.
+extern const char *const kDeviceSpecificationHelp;
+
+} // namespace sim

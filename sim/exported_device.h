@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "device_model.h"
+#include "event_loop.h"
+#include "usbip_protocol.h"
+
+namespace sim {
+
+// A device's place on the simulated bus.  Tells whoever imported it what the device asks of its
+// port.
+class ExportedDevice final : public Port {
+public:
+    // The connection that has imported the device.
+    class Importer {
+    public:
+        virtual ~Importer() = default;
+        virtual void offerPending() = 0;
+        virtual void deviceLeft() = 0;
+    };
+
+    ExportedDevice(EventLoop &eventLoop, usbip::ExportedAs exportedAs,
+                   std::unique_ptr<DeviceModel> deviceModel);
+
+    const usbip::ExportedAs &name() const { return exported; }
+    DeviceModel &model() { return *device; }
+    bool isAvailable() const { return present && importer == nullptr; }
+
+    void imported(Importer *by);
+    void released();
+
+    // Keeps the device off the bus for that long from now.
+    void stayAway(std::chrono::milliseconds time);
+    // Called whenever the device comes (back) to the bus.
+    std::function<void()> onReturn;
+
+    void wake(std::chrono::milliseconds delay) override;
+    void unplug(std::optional<std::chrono::milliseconds> returnAfter) override;
+
+private:
+    EventLoop &loop;
+    const usbip::ExportedAs exported;
+    const std::unique_ptr<DeviceModel> device;
+    Importer *importer = nullptr;
+    bool present = true;
+    bool wakeScheduled = false;
+};
+
+} // namespace sim

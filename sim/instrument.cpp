@@ -1,0 +1,166 @@
+#include "instrument.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "stream_pattern.h"
+
+namespace sim {
+
+/*
+ * The simulated instrument: an interrupt endpoint that sends what it was told to, a bulk endpoint
+ * that streams for ever, two pairs of endpoints that return what was written to them, and vendor
+ * requests that steer all this.
+ */
+namespace {
+
+constexpr size_t kLoopRoom = 4U << 20; // bytes that a loop-back holds before it makes writers wait
+
+DeviceShape withEndpoints(DeviceShape shape) {
+    shape.endpoints = {
+        {kEventEndpoint, EndpointType::Interrupt},    {kStreamEndpoint, EndpointType::Bulk},
+        {kBulkLoopOut, EndpointType::Bulk},           {kBulkLoopIn, EndpointType::Bulk},
+        {kInterruptLoopOut, EndpointType::Interrupt}, {kInterruptLoopIn, EndpointType::Interrupt},
+    };
+    return shape;
+}
+
+} // namespace
+
+Instrument::Instrument(DeviceShape shape) : DeviceModel(withEndpoints(std::move(shape))) {}
+
+void Instrument::plugged(Port &newPort) {
+    DeviceModel::plugged(newPort);
+    streamPosition = 0;
+    vanishing.reset();
+    events.clear();
+    bulkLoop.clear();
+    interruptLoop.clear();
+    scratch.clear();
+}
+
+Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
+    if ((setup.requestType & kTypeMask) != kTypeVendor)
+        return Answer::stall();
+    if (setup.request == kRequestScratch)
+        return scratchRequest(setup, data);
+    if (setup.isIn())
+        return Answer::stall();
+
+    const auto endpoint = static_cast<uint8_t>(setup.index);
+    switch (setup.request) {
+    case kRequestSeek:
+        if (data.size() != sizeof(streamPosition))
+            return Answer::stall();
+        std::memcpy(&streamPosition, data.data(), sizeof(streamPosition));
+        break;
+    case kRequestSendEvents:
+        events.emplace_back(data.begin(), data.end());
+        port().wake({});
+        break;
+    case kRequestStall:
+        setHalted(endpoint, setup.value != 0);
+        break;
+    case kRequestShort:
+        setShortAnswer(endpoint, setup.value);
+        break;
+    case kRequestSilence:
+        setSilent(endpoint, setup.value != 0);
+        break;
+    case kRequestDelay:
+        setDelay(endpoint, std::chrono::milliseconds(setup.value));
+        break;
+    case kRequestVanish:
+        return vanishRequest(data);
+    default:
+        return Answer::stall();
+    }
+    return Answer::done(data.size());
+}
+
+Answer Instrument::scratchRequest(const Setup &setup, std::span<uint8_t> data) {
+    if (!setup.isIn()) {
+        scratch.assign(data.begin(), data.end());
+        return Answer::done(data.size());
+    }
+    const size_t length = std::min(scratch.size(), data.size());
+    std::copy_n(scratch.begin(), length, data.begin());
+    return Answer::done(length);
+}
+
+Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
+    VanishRequest wanted{};
+    if (data.size() != sizeof(wanted))
+        return Answer::stall();
+    std::memcpy(&wanted, data.data(), sizeof(wanted));
+    vanishing = Vanishing{wanted.afterBytes, std::nullopt, wanted.product};
+    if (wanted.returnAfterMs != kNeverReturn)
+        vanishing->returnAfter = std::chrono::milliseconds(wanted.returnAfterMs);
+    if (wanted.afterBytes == 0)
+        vanish();
+    return Answer::done(data.size());
+}
+
+void Instrument::vanish() {
+    if (vanishing->product != 0)
+        setProduct(vanishing->product);
+    port().unplug(vanishing->returnAfter);
+}
+
+Answer Instrument::sendData(uint8_t endpoint, std::span<uint8_t> room) {
+    switch (endpoint) {
+    case kStreamEndpoint:
+        return sendStream(room);
+    case kEventEndpoint:
+        return sendEvents(room);
+    case kBulkLoopIn:
+        return sendFrom(bulkLoop, room);
+    case kInterruptLoopIn:
+        return sendFrom(interruptLoop, room);
+    default:
+        return Answer::stall();
+    }
+}
+
+Answer Instrument::takeData(uint8_t endpoint, std::span<const uint8_t> data) {
+    if (endpoint != kBulkLoopOut && endpoint != kInterruptLoopOut)
+        return Answer::stall();
+    std::deque<uint8_t> &queue = endpoint == kBulkLoopOut ? bulkLoop : interruptLoop;
+    if (queue.size() >= kLoopRoom)
+        return Answer::wait();
+    queue.insert(queue.end(), data.begin(), data.end());
+    port().wake({});
+    return Answer::done(data.size());
+}
+
+Answer Instrument::sendStream(std::span<uint8_t> room) {
+    if (vanishing)
+        room = room.first(std::min<uint64_t>(room.size(), vanishing->bytesLeft));
+    fillPattern(streamPosition, room);
+    streamPosition += room.size();
+    if (vanishing && (vanishing->bytesLeft -= room.size()) == 0)
+        vanish();
+    return Answer::done(room.size());
+}
+
+Answer Instrument::sendEvents(std::span<uint8_t> room) {
+    if (events.empty())
+        return Answer::wait();
+    const Bytes packet = std::move(events.front());
+    events.pop_front();
+    const size_t length = std::min(packet.size(), room.size());
+    std::copy_n(packet.begin(), length, room.begin());
+    return Answer::done(length);
+}
+
+Answer Instrument::sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room) {
+    if (queue.empty())
+        return Answer::wait();
+    const auto length = static_cast<std::ptrdiff_t>(std::min(queue.size(), room.size()));
+    std::copy_n(queue.begin(), length, room.begin());
+    queue.erase(queue.begin(), queue.begin() + length);
+    return Answer::done(static_cast<size_t>(length));
+}
+
+} // namespace sim

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <span>
+
+#include "device_model.h"
+#include "instrument_protocol.h"
+
+namespace sim {
+
+class Instrument final : public DeviceModel {
+public:
+    explicit Instrument(DeviceShape shape);
+
+    void plugged(Port &newPort) override;
+
+private:
+    Answer request(const Setup &setup, std::span<uint8_t> data) override;
+    Answer sendData(uint8_t endpoint, std::span<uint8_t> room) override;
+    Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) override;
+
+    Answer scratchRequest(const Setup &setup, std::span<uint8_t> data);
+    Answer vanishRequest(std::span<const uint8_t> data);
+    Answer sendStream(std::span<uint8_t> room);
+    Answer sendEvents(std::span<uint8_t> room);
+    static Answer sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room);
+    void vanish();
+
+    struct Vanishing {
+        uint64_t bytesLeft;
+        std::optional<std::chrono::milliseconds> returnAfter;
+        uint16_t product; // on return; 0: as before
+    };
+
+    uint64_t streamPosition = 0;
+    std::optional<Vanishing> vanishing;
+    std::deque<Bytes> events;
+    std::deque<uint8_t> bulkLoop;
+    std::deque<uint8_t> interruptLoop;
+    Bytes scratch;
+};
+
+} // namespace sim

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+
+// The simulated instrument's endpoints and vendor requests (bmRequestType 0x40 and 0xC0), for the
+// simulator and for programs that steer it.  Numbers in data stages are little-endian.
+namespace sim {
+
+inline constexpr uint8_t kEventEndpoint = 0x81;
+inline constexpr uint8_t kStreamEndpoint = 0x82;
+inline constexpr uint8_t kBulkLoopOut = 0x03;
+inline constexpr uint8_t kBulkLoopIn = 0x83;
+inline constexpr uint8_t kInterruptLoopOut = 0x04;
+inline constexpr uint8_t kInterruptLoopIn = 0x84;
+
+enum InstrumentRequest : uint8_t {
+    kRequestScratch = 0x01,    // OUT: keeps the data stage; IN: gives it back
+    kRequestSeek = 0x02,       // OUT: the stream goes on at this position (64 bits)
+    kRequestSendEvents = 0x03, // OUT: sends the data stage as one packet of events
+    kRequestStall = 0x04,      // OUT: wIndex endpoint, wValue 1 halts it, 0 ends that
+    kRequestShort = 0x05,      // OUT: wIndex endpoint, its next answer has wValue bytes at most
+    kRequestSilence = 0x06,    // OUT: wIndex endpoint, wValue 1 falls silent, 0 ends that
+    kRequestDelay = 0x07,      // OUT: wIndex endpoint, every answer comes wValue ms late
+    kRequestVanish = 0x08,     // OUT: VanishRequest
+};
+
+inline constexpr uint32_t kNeverReturn = 0xFFFFFFFF;
+
+// Leaves the bus once the stream has sent that many more bytes; 0 means at once.
+struct VanishRequest {
+    uint64_t afterBytes;
+    uint32_t returnAfterMs; // kNeverReturn: stays away
+    uint16_t product;       // idProduct on return; 0: as before
+    uint16_t reserved;
+};
+static_assert(sizeof(VanishRequest) == 16);
+
+} // namespace sim

@@ -1,0 +1,114 @@
+// vexa-usb-sim: simulated USB devices for the system's USB/IP client.
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "attacher.h"
+#include "connection.h"
+#include "device_specification.h"
+#include "event_loop.h"
+#include "server.h"
+
+namespace {
+
+constexpr uint32_t kMaxDevices = 127; // on one bus
+
+struct Options {
+    uint16_t port = 3240;
+    uint32_t count = 1;
+    bool attach = false;
+    std::vector<std::string> devices{"instrument"};
+};
+
+class Simulator {
+public:
+    explicit Simulator(const Options &options);
+
+    void run() { loop.run(); }
+
+private:
+    void addDevice(const sim::DeviceSpecification &specification);
+    void endOnSignal();
+
+    sim::EventLoop loop;
+    sim::Connection::Devices devices;
+    sim::Server server;
+    sim::Attacher attacher;
+    const bool attaches;
+};
+
+Simulator::Simulator(const Options &options)
+    : server(loop, devices, options.port), attacher(loop, server.port()), attaches(options.attach) {
+    endOnSignal();
+    for (const std::string &text : options.devices) {
+        const sim::DeviceSpecification specification = sim::parseDeviceSpecification(text);
+        for (uint32_t i = 0; i < options.count; ++i)
+            addDevice(specification);
+    }
+    fmt::print("listening on 127.0.0.1:{}\n", server.port());
+    std::fflush(stdout);
+}
+
+void Simulator::addDevice(const sim::DeviceSpecification &specification) {
+    const auto number = static_cast<uint32_t>(devices.size() + 1);
+    if (number > kMaxDevices)
+        throw std::invalid_argument(fmt::format("at most {} devices", kMaxDevices));
+    sim::ExportedDevice &device = devices.emplace_back(
+        loop, sim::usbip::ExportedAs{fmt::format("1-{}", number), 1, number + 1},
+        sim::makeDevice(specification));
+    if (attaches) {
+        device.onReturn = [this, &device]() { attacher.attach(device.name().busId); };
+        if (specification.away.count() == 0)
+            loop.after({}, device.onReturn);
+    }
+    if (specification.away.count() != 0)
+        device.stayAway(specification.away);
+}
+
+void Simulator::endOnSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    const int descriptor = signalfd(-1, &signals, SFD_CLOEXEC);
+    loop.watch(descriptor, POLLIN, [this](short) { loop.quit(); });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    CLI::App app{"Simulates USB devices, for the system's USB/IP client to plug in.\n"};
+    app.footer(std::string(sim::kDeviceSpecificationHelp) +
+               "\n\nExamples:\n"
+               "  vexa-usb-sim                                    then, as root:\n"
+               "    modprobe vhci-hcd; usbip attach -r 127.0.0.1 -b 1-1\n"
+               "  vexa-usb-sim --attach instrument,speed=super    both in one, as root\n");
+    app.add_option("-p,--port", options.port,
+                   "TCP port on the loopback address; 0 takes a free one")
+        ->capture_default_str();
+    app.add_flag("-a,--attach", options.attach, "Plug the devices into this machine (needs root)");
+    app.add_option("-n,--count", options.count, "So many of each device")
+        ->check(CLI::Range(1U, kMaxDevices))
+        ->capture_default_str();
+    app.add_option("DEVICE", options.devices, "What to simulate")->capture_default_str();
+    CLI11_PARSE(app, argc, argv);
+    try {
+        Simulator(options).run();
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vexa-usb-sim: {}\n", error.what());
+        return 1;
+    }
+    return 0;
+}

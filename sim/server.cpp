@@ -1,0 +1,108 @@
+#include "server.h"
+
+#include <cerrno>
+#include <exception>
+#include <system_error>
+
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace sim {
+
+namespace {
+
+[[noreturn]] void throwErrno(const std::string &what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+void setOption(int descriptor, int level, int option, int value) {
+    setsockopt(descriptor, level, option, &value, sizeof(value));
+}
+
+// Loopback alone: the protocol knows no authentication.
+int openListener(uint16_t port) {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0)
+        throwErrno("socket");
+    setOption(descriptor, SOL_SOCKET, SO_REUSEADDR, 1);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+        listen(descriptor, SOMAXCONN) != 0) {
+        const int error = errno;
+        close(descriptor);
+        errno = error;
+        throwErrno(fmt::format("cannot listen on 127.0.0.1:{}", port));
+    }
+    return descriptor;
+}
+
+} // namespace
+
+Server::Server(EventLoop &eventLoop, Connection::Devices &exportedDevices, uint16_t port)
+    : loop(eventLoop), devices(exportedDevices), listener(openListener(port)) {
+    loop.watch(listener, POLLIN, [this](short) { acceptClient(); });
+}
+
+Server::~Server() {
+    loop.unwatch(listener);
+    for (const auto &[descriptor, connection] : connections)
+        loop.unwatch(descriptor);
+    close(listener);
+}
+
+uint16_t Server::port() const {
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
+void Server::acceptClient() {
+    const int descriptor = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (descriptor < 0)
+        return;
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    auto connection = std::make_unique<Connection>(descriptor, devices);
+    // Later, since the connection is in the middle of its own work then, and serving may end it.
+    connection->onOutput = [this, descriptor]() {
+        loop.after({}, [this, descriptor]() { serve(descriptor, false); });
+    };
+    connections[descriptor] = std::move(connection);
+    watchClient(descriptor);
+}
+
+void Server::watchClient(int descriptor) {
+    const bool sending = connections.at(descriptor)->wantsToSend();
+    loop.watch(descriptor, static_cast<short>(POLLIN | (sending ? POLLOUT : 0)),
+               [this, descriptor](short events) { serve(descriptor, (events & ~POLLOUT) != 0); });
+}
+
+void Server::serve(int descriptor, bool readable) {
+    const auto found = connections.find(descriptor);
+    if (found == connections.end())
+        return;
+    bool goesOn = false;
+    try {
+        goesOn = found->second->work(readable);
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vexa-usb-sim: connection ended: {}\n", error.what());
+    }
+    if (goesOn)
+        watchClient(descriptor);
+    else
+        end(descriptor);
+}
+
+void Server::end(int descriptor) {
+    loop.unwatch(descriptor);
+    connections.erase(descriptor);
+}
+
+} // namespace sim

@@ -1,0 +1,62 @@
+#include "stream_socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace sim {
+
+namespace {
+
+constexpr size_t kReceiveRoom = 256U << 10;
+
+bool isTemporary(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+} // namespace
+
+StreamSocket::~StreamSocket() {
+    close(socket);
+}
+
+bool StreamSocket::receive() {
+    input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(consumed));
+    consumed = 0;
+    const size_t before = input.size();
+    input.resize(before + kReceiveRoom);
+    const ssize_t count = recv(socket, &input[before], kReceiveRoom, MSG_DONTWAIT);
+    const int error = errno;
+    input.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return count > 0 || (count < 0 && isTemporary(error));
+}
+
+void StreamSocket::send(OutputPiece piece) {
+    output.push_back(std::move(piece));
+}
+
+void StreamSocket::send(const Bytes &bytes) {
+    OutputPiece piece(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), piece.all().begin());
+    send(std::move(piece));
+}
+
+bool StreamSocket::flush() {
+    while (!output.empty()) {
+        const auto rest = output.front().all().subspan(sentOfFront);
+        const ssize_t count = ::send(socket, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0)
+            return isTemporary(errno);
+        sentOfFront += static_cast<size_t>(count);
+        if (sentOfFront == output.front().all().size()) {
+            output.pop_front();
+            sentOfFront = 0;
+        }
+    }
+    return true;
+}
+
+} // namespace sim

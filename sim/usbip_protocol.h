@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "device_model.h"
+#include "usb.h"
+
+// The USB/IP protocol, version 1.1.1, as documented with the Linux kernel
+// (Documentation/usb/usbip_protocol.rst).  All numbers are big-endian on the wire.
+namespace sim::usbip {
+
+inline constexpr uint16_t kVersion = 0x0111;
+
+enum Operation : uint16_t {
+    kRequestDeviceList = 0x8005,
+    kReplyDeviceList = 0x0005,
+    kRequestImport = 0x8003,
+    kReplyImport = 0x0003,
+};
+
+enum class OperationStatus : uint32_t { Ok = 0, Busy = 2, NoDevice = 4 };
+
+enum Command : uint32_t {
+    kSubmit = 1,
+    kUnlink = 2,
+    kReplySubmit = 3,
+    kReplyUnlink = 4,
+};
+
+inline constexpr size_t kOperationSize = 8;
+inline constexpr size_t kBusIdSize = 32;
+inline constexpr size_t kHeaderSize = 48;
+inline constexpr uint32_t kMaxTransfer = 64U << 20;
+
+struct OperationHeader {
+    uint16_t version;
+    uint16_t operation;
+};
+
+// CMD_SUBMIT and CMD_UNLINK; the members after `endpoint` are those of one of the two.
+struct CommandHeader {
+    uint32_t command;
+    uint32_t sequence;
+    bool in;
+    uint32_t endpoint; // number without direction
+    uint32_t length;
+    uint32_t packets;
+    Setup setup;
+    uint32_t unlinkSequence;
+};
+
+struct ExportedAs {
+    std::string busId;
+    uint32_t busNumber;
+    uint32_t deviceNumber;
+};
+
+OperationHeader parseOperation(std::span<const uint8_t, kOperationSize> bytes);
+CommandHeader parseCommand(std::span<const uint8_t, kHeaderSize> bytes);
+
+Bytes operationReply(Operation operation, OperationStatus status);
+void appendCount(Bytes &to, uint32_t count);
+void appendDevice(Bytes &to, const ExportedAs &exported, const DeviceShape &shape);
+void appendInterfaces(Bytes &to, const DeviceShape &shape);
+
+// The replies' headers; `status` is 0 or a negative error number of Linux.
+void writeSubmitReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status,
+                      uint32_t actualLength);
+void writeUnlinkReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status);
+
+} // namespace sim::usbip

@@ -1,0 +1,116 @@
+#include "bytes.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "errors.h"
+
+namespace tool {
+
+namespace {
+
+constexpr size_t kReadPiece = 1U << 20;
+constexpr size_t kDumpWidth = 16;
+
+bool isStandard(const std::string &path) {
+    return path == "-";
+}
+
+std::string dumpLine(size_t offset, std::span<const uint8_t> bytes) {
+    std::string pairs;
+    std::string characters;
+    for (const uint8_t byte : bytes) {
+        pairs += fmt::format("{:02x} ", byte);
+        characters += std::isprint(byte) != 0 ? static_cast<char>(byte) : '.';
+    }
+    return fmt::format("{:08x}  {:<48} |{}|\n", offset, pairs, characters);
+}
+
+} // namespace
+
+Bytes parseHex(const std::string &text) {
+    std::string digits;
+    std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+                 [](unsigned char character) { return std::isspace(character) == 0; });
+    Bytes bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        uint8_t value = 0;
+        const char *const last = digits.data() + std::min(i + 2, digits.size());
+        const auto [end, error] = std::from_chars(digits.data() + i, last, value, 16);
+        if (error != std::errc() || end != digits.data() + i + 2)
+            throw Error(Exit::Usage, fmt::format("'{}' is not a row of hexadecimal pairs", text),
+                        "Write the bytes like 01ff3c or '01 ff 3c'.");
+        bytes.push_back(value);
+    }
+    return bytes;
+}
+
+std::string hexText(std::span<const uint8_t> bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text += fmt::format("{:02x}", byte);
+    return text;
+}
+
+std::string hexDump(std::span<const uint8_t> bytes) {
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); i += kDumpWidth)
+        text += dumpLine(i, bytes.subspan(i, std::min(kDumpWidth, bytes.size() - i)));
+    return text;
+}
+
+Bytes readInput(const std::string &path) {
+    const int descriptor =
+        isStandard(path) ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        throwSystemError("cannot read " + path);
+    Bytes bytes;
+    ssize_t count = 0;
+    do {
+        const size_t before = bytes.size();
+        bytes.resize(before + kReadPiece);
+        count = ::read(descriptor, &bytes[before], kReadPiece);
+        bytes.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    } while (count > 0);
+    if (count < 0)
+        throwSystemError("cannot read " + path);
+    if (!isStandard(path))
+        ::close(descriptor);
+    return bytes;
+}
+
+Output::Output(const std::string &path)
+    : name(isStandard(path) ? "standard output" : path),
+      descriptor(isStandard(path)
+                     ? dup(STDOUT_FILENO)
+                     : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+    if (descriptor < 0)
+        throwSystemError("cannot write " + name);
+}
+
+Output::~Output() {
+    if (descriptor >= 0)
+        ::close(descriptor);
+}
+
+void Output::write(std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count < 0)
+            throwSystemError("cannot write " + name);
+        bytes = bytes.subspan(static_cast<size_t>(count));
+    }
+}
+
+void Output::close() {
+    if (::close(std::exchange(descriptor, -1)) != 0)
+        throwSystemError("cannot write " + name);
+}
+
+} // namespace tool

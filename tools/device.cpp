@@ -1,0 +1,109 @@
+#include "device.h"
+
+#include <charconv>
+#include <deque>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "errors.h"
+
+namespace tool {
+
+namespace {
+
+using Item = _vexa_usb_device_list_item;
+
+bool matches(const Item &item, const std::string &choice) {
+    if (choice.empty() || choice == identifierText(item.vendor_id, item.product_id))
+        return true;
+    return choice == std::to_string(item.id);
+}
+
+// Upper and lower case and a leading 0x are all the same to the user.
+std::string normalised(const std::string &choice) {
+    const size_t colon = choice.find(':');
+    if (colon == std::string::npos)
+        return choice;
+    const auto part = [](std::string text) {
+        if (text.starts_with("0x") || text.starts_with("0X"))
+            text.erase(0, 2);
+        uint16_t value = 0;
+        const auto [end, error] =
+            std::from_chars(text.data(), text.data() + text.size(), value, 16);
+        if (error != std::errc() || end != text.data() + text.size())
+            throw Error(Exit::Usage, fmt::format("'{}' is no hexadecimal identifier", text),
+                        "Name a device by its id or as VENDOR:PRODUCT, for instance 5658:0001.");
+        return value;
+    };
+    return identifierText(part(choice.substr(0, colon)), part(choice.substr(colon + 1)));
+}
+
+// Closing a device waits for no callback, so handlers are kept for the life of the process.
+Device::EventHandler *keepHandler(Device::EventHandler handler) {
+    static auto *const handlers = new std::deque<Device::EventHandler>;
+    return &handlers->emplace_back(std::move(handler));
+}
+
+void deliver(_vexa_usb_device_event event, void *data) {
+    const auto &handler = *static_cast<const Device::EventHandler *>(data);
+    if (handler)
+        handler(event);
+}
+
+} // namespace
+
+std::string identifierText(uint16_t vendor, uint16_t product) {
+    return fmt::format("{:04x}:{:04x}", vendor, product);
+}
+
+const char *kindText(uint16_t vendor, uint16_t product) {
+    if (vendor == VEXA_USB_VENDOR_ID)
+        return "instrument";
+    if (vendor == 0x04B4)
+        return product == 0x00F3 ? "Cypress FX3 boot loader" : "Cypress FX2 without firmware";
+    return "NXP i.MX7 in serial-download mode";
+}
+
+DeviceList::DeviceList() {
+    check(vexa_usb_update_device_list(), "reading the device list");
+    uint64_t count = 0;
+    check(vexa_usb_get_device_list(&list, &count), "reading the device list");
+    entries.assign(list, list + count);
+}
+
+const Item &DeviceList::choose(const std::string &choice) const {
+    const std::string wanted = normalised(choice);
+    const Item *chosen = nullptr;
+    for (const Item *item : entries) {
+        if (!matches(*item, wanted))
+            continue;
+        if (chosen != nullptr)
+            throw Error(Exit::NoDevice, "more than one device matches",
+                        "Choose one with --device ID; 'vexa-usb list' shows the ids.");
+        chosen = item;
+    }
+    if (chosen == nullptr)
+        throw Error(Exit::NoDevice,
+                    choice.empty() ? "no supported device is attached"
+                                   : fmt::format("no device '{}' is attached", choice),
+                    "'lsusb' shows whether the system sees it, 'vexa-usb list' what is "
+                    "supported; 'vexa-usb-sim --attach' simulates one.");
+    return *chosen;
+}
+
+Device::Device(const std::string &choice, EventHandler onEvent) {
+    const DeviceList list;
+    const Item &item = list.choose(choice);
+    const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle);
+    if (status != VEXA_USB_STATUS_SUCCESS)
+        throw Error(Exit::CannotOpen,
+                    fmt::format("cannot open device {}: {} ({})",
+                                identifierText(item.vendor_id, item.product_id),
+                                vexa_usb_get_status_str(status), status),
+                    "Another program may have it open, or you may lack the permission: install "
+                    "the udev rule 70-vexa-usb.rules and plug the device in again, or try as "
+                    "root.");
+}
+
+} // namespace tool

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tool {
+
+// "1.5 MiB"
+std::string sizeText(uint64_t bytes);
+
+// A line on standard error that shows how far long work has come; silent unless that is a
+// terminal or `forced`.
+class Progress {
+public:
+    // The work ends after that many bytes, or at a time, or is open-ended.
+    Progress(bool forced, std::optional<uint64_t> bytes,
+             std::optional<std::chrono::duration<double>> time);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    void update(uint64_t bytesDone);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void draw(uint64_t bytesDone);
+
+    const bool shown;
+    const std::optional<uint64_t> totalBytes;
+    const std::optional<std::chrono::duration<double>> totalTime;
+    const Clock::time_point start = Clock::now();
+    Clock::time_point nextDraw = start;
+    uint64_t lastBytes = 0;
+    bool drawn = false;
+};
+
+} // namespace tool

@@ -1,0 +1,249 @@
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "bytes.h"
+#include "commands.h"
+#include "device.h"
+#include "errors.h"
+#include "instrument_protocol.h"
+#include "progress.h"
+#include "stream_events.h"
+#include "stream_pattern.h"
+
+namespace tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr std::chrono::milliseconds kWaitStep{100};
+
+struct StreamOptions {
+    uint8_t endpoint = sim::kStreamEndpoint;
+    std::string output;
+    std::optional<uint64_t> bytes;
+    std::optional<double> seconds;
+    uint64_t bufferSize = 1U << 20;
+    uint64_t bufferCount = 32;
+    double silence = 5;
+    bool checkPattern = false;
+};
+
+volatile std::sig_atomic_t interrupted = 0;
+
+// Ctrl-C ends the stream in good order; a second one ends the program.
+void endOnInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// One run of a stream: drains the ring until enough has come.
+class StreamRun {
+public:
+    StreamRun(const StreamOptions &runOptions, const CommonOptions &commonOptions);
+
+    void run();
+    void report() const;
+
+private:
+    void begin();
+    bool isFinished() const;
+    void handleNext();
+    void handleBuffer();
+    void checkBytes(std::span<const uint8_t> bytes) const;
+    void throwIfSilent() const;
+
+    const StreamOptions &options;
+    const CommonOptions &common;
+    const std::shared_ptr<StreamEvents> events = std::make_shared<StreamEvents>();
+    std::optional<Output> output;
+    const Library library;
+    const Device device;
+    Progress progress;
+    Clock::time_point start;
+    Clock::time_point lastData;
+    Clock::time_point end;
+    uint64_t bytesDone = 0;
+    uint64_t buffersDone = 0;
+};
+
+StreamRun::StreamRun(const StreamOptions &runOptions, const CommonOptions &commonOptions)
+    : options(runOptions),
+      common(commonOptions),
+      device(common.device,
+             [events = events](_vexa_usb_device_event event) { events->post(event); }),
+      progress(common.progress, options.bytes,
+               options.seconds ? std::optional<Seconds>(*options.seconds) : std::nullopt) {
+    if (!options.output.empty())
+        output.emplace(options.output);
+}
+
+// The simulated instrument's stream goes on where it was: the check wants it from the beginning.
+void StreamRun::begin() {
+    if (options.checkPattern) {
+        uint8_t position[8] = {};
+        check(vexa_usb_control_transfer(device.get(), VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+                                        VEXA_USB_RECIPIENT_DEVICE, sim::kRequestSeek, 0, 0,
+                                        position, sizeof(position)),
+              "rewinding the simulated instrument's stream");
+    }
+    check(vexa_usb_data_stream_start(device.get(), options.endpoint, options.bufferSize,
+                                     options.bufferCount),
+          "starting the stream");
+    start = lastData = Clock::now();
+}
+
+void StreamRun::run() {
+    begin();
+    while (!isFinished())
+        handleNext();
+    end = Clock::now();
+    check(vexa_usb_data_stream_stop(device.get()), "stopping the stream");
+    if (output)
+        output->close();
+}
+
+bool StreamRun::isFinished() const {
+    return interrupted != 0 || (options.bytes && bytesDone >= *options.bytes) ||
+           (options.seconds && Clock::now() - start >= Seconds(*options.seconds));
+}
+
+void StreamRun::handleNext() {
+    switch (events->wait(kWaitStep)) {
+    case StreamEvents::Next::BufferFull:
+        handleBuffer();
+        break;
+    case StreamEvents::Next::Failed:
+        throw Error(Exit::DataWrong,
+                    fmt::format("data were lost after {} bytes: no buffer was free, or the system "
+                                "refused a transfer",
+                                bytesDone),
+                    "Give more or larger buffers (--buffers, --buffer-size), or write to a faster "
+                    "place. With many devices at once, raise the system's limit: echo 256 > "
+                    "/sys/module/usbcore/parameters/usbfs_memory_mb");
+    case StreamEvents::Next::Removed:
+        check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
+        break;
+    case StreamEvents::Next::Nothing:
+        throwIfSilent();
+        break;
+    }
+}
+
+void StreamRun::handleBuffer() {
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    check(vexa_usb_data_stream_buffer_lock(device.get(), &data, &size), "reading the stream");
+    if (options.bytes)
+        size = std::min(size, *options.bytes - bytesDone);
+    const std::span<const uint8_t> bytes(data, size);
+    if (options.checkPattern)
+        checkBytes(bytes);
+    if (output)
+        output->write(bytes);
+    check(vexa_usb_data_stream_buffer_unlock(device.get()), "reading the stream");
+    bytesDone += size;
+    ++buffersDone;
+    lastData = Clock::now();
+    progress.update(bytesDone);
+}
+
+void StreamRun::checkBytes(std::span<const uint8_t> bytes) const {
+    const size_t right = sim::firstPatternError(bytesDone, bytes);
+    if (right != bytes.size())
+        throw Error(Exit::DataWrong,
+                    fmt::format("the byte at {} is wrong: {:#04x} instead of {:#04x}",
+                                bytesDone + right, bytes[right],
+                                sim::patternByte(bytesDone + right)),
+                    "--check is for the simulated instrument, with nobody else reading from it.");
+}
+
+void StreamRun::throwIfSilent() const {
+    if (Clock::now() - lastData >= Seconds(options.silence))
+        throw Error(Exit::Timeout,
+                    fmt::format("no data for {} s, after {} bytes", options.silence, bytesDone),
+                    "The device has stopped sending, its endpoint is halted, or a buffer takes "
+                    "longer than that to fill (--silence).");
+}
+
+void StreamRun::report() const {
+    const double seconds = std::max(Seconds(end - start).count(), 1e-9);
+    const double rate = static_cast<double>(bytesDone) / seconds;
+    const bool dataOnStdout = options.output == "-";
+    if (common.json) {
+        nlohmann::json result{{"bytes", bytesDone},
+                              {"seconds", seconds},
+                              {"bytes_per_second", rate},
+                              {"buffers", buffersDone},
+                              {"buffer_size", options.bufferSize},
+                              {"lost", 0}};
+        if (options.checkPattern)
+            result["pattern"] = "right";
+        fmt::print(dataOnStdout ? stderr : stdout, "{}\n", result.dump());
+        return;
+    }
+    fmt::print(dataOnStdout ? stderr : stdout,
+               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, none lost{}\n", sizeText(bytesDone),
+               seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
+               options.checkPattern ? ", every byte right" : "");
+}
+
+void stream(const StreamOptions &options, const CommonOptions &common) {
+    endOnInterrupt();
+    StreamRun run(options, common);
+    run.run();
+    run.report();
+}
+
+} // namespace
+
+void addStreamCommand(CLI::App &app, CommonOptions &common) {
+    CLI::App *command = app.add_subcommand("stream", "Stream from a bulk IN endpoint");
+    const auto options = std::make_shared<StreamOptions>();
+    command->add_option("ENDPOINT", options->endpoint, "Endpoint address")->capture_default_str();
+    command->add_option("-o,--output", options->output,
+                        "Write the stream to this file; - is standard output. Without it, the "
+                        "data are dropped");
+    CLI::Option *bytes =
+        command
+            ->add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
+            ->transform(CLI::AsSizeValue(false));
+    command->add_option("-s,--seconds", options->seconds, "End after so many seconds")
+        ->check(CLI::PositiveNumber)
+        ->excludes(bytes);
+    command->add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
+        ->transform(CLI::AsSizeValue(false))
+        ->capture_default_str();
+    command->add_option("--buffers", options->bufferCount, "Number of buffers")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    command->add_option("--silence", options->silence, "Give up after so many seconds without data")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    command->add_flag("--check", options->checkPattern,
+                      "Check every byte of the simulated instrument's stream");
+    command->add_flag("--progress", common.progress,
+                      "Show the progress also when not on a terminal");
+    addDeviceOption(*command, common);
+    addJsonOption(*command, common);
+    command->footer("Without --bytes or --seconds it goes on until Ctrl-C.\n\nExamples:\n"
+                    "  vexa-usb stream --bytes 256M --check\n"
+                    "  vexa-usb stream 0x82 --seconds 10 -o run.dat\n"
+                    "  vexa-usb stream -o - | consumer");
+    command->callback([&common, options]() { stream(*options, common); });
+}
+
+} // namespace tool
