@@ -1,5 +1,7 @@
 #include "device/data_stream.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -12,7 +14,8 @@ namespace vexausb {
  * USB transfers should be whole packets, buffers need not be.  A buffer whose size is not a
  * multiple of the packet size has room for one packet more; the transfer that reaches its end may
  * run into that room, and what lies there is moved to the front of the next buffer once the
- * transfer has completed.
+ * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
+ * behind.
  *
  * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
  * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
@@ -28,12 +31,11 @@ uint64_t roundUp(uint64_t value, uint64_t step) {
     return rest == 0 ? value : value - rest + step;
 }
 
+// No array is larger than a pointer difference can tell.
 uint64_t allocationSizeFor(uint64_t bufferSize, uint64_t packetSize) {
-    if (bufferSize % packetSize == 0)
-        return bufferSize;
-    if (bufferSize > std::numeric_limits<uint64_t>::max() - packetSize)
+    if (bufferSize > static_cast<uint64_t>(std::numeric_limits<std::ptrdiff_t>::max()) - packetSize)
         throw std::length_error("stream buffer too large");
-    return bufferSize + packetSize;
+    return bufferSize % packetSize == 0 ? bufferSize : bufferSize + packetSize;
 }
 
 // Pieces of nearly equal size rather than full ones and a small rest.
@@ -64,48 +66,51 @@ DataStream::DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransfer
         buffers.push_back(std::make_unique<DataStreamBuffer>(allocationSize));
 }
 
-// False when the ring is full: the caller has not yet given back the buffer that is needed.
-bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
-    DataStreamBuffer &buffer = *buffers[writeIndex];
-    if (writeOffset == 0 &&
-        !buffer.change(DataStreamBufferState::Free, DataStreamBufferState::Filling))
-        return false;
+bool DataStream::claim() {
+    return buffers[writeIndex]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
+}
 
+// False when the ring is full: the caller has not yet given back a buffer that is needed.
+bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
+    if (writeOffset == 0 && !claim())
+        return false;
     info = {};
-    info.destination = buffer.data.get() + writeOffset;
+    info.bufferIndex = writeIndex;
+    info.destination = buffers[writeIndex]->data.get() + writeOffset;
     info.transferLength = transferSize;
     while (writeOffset + info.transferLength > allocationSize)
         info.transferLength -= packetSize;
-
     writeOffset += info.transferLength;
-    if (writeOffset < bufferSize)
-        return true;
-    info.completesBuffer = true;
-    return prepareOvershoot(buffer, info);
+    return advance(info);
 }
 
-// The buffer counts as full from here on, although its last transfer has only been prepared; the
+// A buffer counts as full from here on, although its last transfer has only been prepared; the
 // buffer-full event says when the data are there.
-bool DataStream::prepareOvershoot(const DataStreamBuffer &full, DataStreamTransferInfo &info) {
-    buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
-    writeIndex = following(writeIndex);
-    writeOffset -= bufferSize;
-    if (writeOffset == 0)
+bool DataStream::advance(DataStreamTransferInfo &info) {
+    if (writeOffset < bufferSize)
         return true;
-
-    DataStreamBuffer &next = *buffers[writeIndex];
-    if (!next.change(DataStreamBufferState::Free, DataStreamBufferState::Filling))
-        return false;
-    info.copyLength = writeOffset;
-    info.copySource = full.data.get() + bufferSize;
-    info.copyDestination = next.data.get();
+    info.copyLength = writeOffset - bufferSize;
+    while (writeOffset >= bufferSize) {
+        buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
+        ++info.completedBuffers;
+        writeIndex = following(writeIndex);
+        writeOffset -= bufferSize;
+        if (writeOffset != 0 && !claim())
+            return false;
+    }
     return true;
 }
 
-bool DataStream::transferCompleted(const DataStreamTransferInfo &info) {
-    if (info.copyLength != 0)
-        std::memcpy(info.copyDestination, info.copySource, info.copyLength);
-    return info.completesBuffer;
+uint64_t DataStream::transferCompleted(const DataStreamTransferInfo &info) {
+    uint64_t index = info.bufferIndex;
+    uint64_t overshoot = info.copyLength;
+    while (overshoot != 0) {
+        const uint64_t next = following(index);
+        std::memcpy(buffers[next]->data.get(), buffers[index]->data.get() + bufferSize, overshoot);
+        overshoot -= std::min(overshoot, bufferSize);
+        index = next;
+    }
+    return info.completedBuffers;
 }
 
 bool DataStream::lock(uint8_t *&data, uint64_t &size) {

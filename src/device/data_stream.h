@@ -27,11 +27,11 @@ struct DataStreamBuffer {
 struct DataStreamTransferInfo {
     uint8_t *destination = nullptr;
     uint64_t transferLength = 0;
-    bool completesBuffer = false; // the transfer reaches the end of its buffer
-    // Bytes behind the buffer's end, which belong at the front of the next one; 0 means none.
+    uint64_t bufferIndex = 0; // of the buffer that the transfer writes to
+    // Buffers whose end the transfer reaches: 0 or 1, or more when they are smaller than a packet.
+    uint64_t completedBuffers = 0;
+    // Bytes behind that buffer's end, which belong at the front of the next one.
     uint64_t copyLength = 0;
-    const uint8_t *copySource = nullptr;
-    uint8_t *copyDestination = nullptr;
 };
 
 class DataStream {
@@ -42,14 +42,16 @@ public:
 
     // Producer.
     bool nextTransfer(DataStreamTransferInfo &info);
-    static bool transferCompleted(const DataStreamTransferInfo &info);
+    // The number of buffers that hold all their data now.
+    uint64_t transferCompleted(const DataStreamTransferInfo &info);
 
     // Consumer.
     bool lock(uint8_t *&data, uint64_t &size);
     bool unlock();
 
 private:
-    bool prepareOvershoot(const DataStreamBuffer &full, DataStreamTransferInfo &info);
+    bool claim();
+    bool advance(DataStreamTransferInfo &info);
     uint64_t following(uint64_t index) const { return index + 1 == buffers.size() ? 0 : index + 1; }
 
     const uint64_t bufferSize;

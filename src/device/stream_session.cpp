@@ -40,7 +40,7 @@ void StreamSession::completed(Slot &slot) {
         release(slot);
         return;
     }
-    if (DataStream::transferCompleted(infos[slot.index]))
+    for (uint64_t full = ring.transferCompleted(infos[slot.index]); full > 0; --full)
         events->post(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL);
     if (failed || stopRequested)
         release(slot);

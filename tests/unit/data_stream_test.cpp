@@ -1,0 +1,117 @@
+// The ring by itself.
+#include <cstring>
+#include <deque>
+#include <random>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "device/data_stream.h"
+
+namespace {
+
+using vexausb::DataStream;
+using vexausb::DataStreamTransferInfo;
+
+constexpr uint64_t kMax = 524288;
+
+TEST(DataStream, PiecesOfABufferThatIsNoMultiple) {
+    DataStream ring(1000000, 4, kMax, 512);
+    DataStreamTransferInfo info;
+    std::vector<uint64_t> lengths;
+    std::vector<uint64_t> overshoots;
+    const uint8_t *start = nullptr;
+    uint64_t offset = 0;
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(ring.nextTransfer(info));
+        if (i % 2 == 0)
+            start = info.destination - offset;
+        EXPECT_EQ(info.destination, start + offset + (i % 2 == 0 ? 0 : lengths.back()));
+        EXPECT_EQ(info.completedBuffers, static_cast<uint64_t>(i % 2));
+        lengths.push_back(info.transferLength);
+        overshoots.push_back(info.copyLength);
+        if (info.completedBuffers != 0)
+            offset = info.copyLength;
+    }
+    EXPECT_EQ(lengths, (std::vector<uint64_t>{500224, 500224, 500224, 499712, 500224, 499712}));
+    EXPECT_EQ(overshoots, (std::vector<uint64_t>{0, 448, 0, 384, 0, 320}));
+}
+
+TEST(DataStream, FullRingAndLocking) {
+    DataStream ring(512, 2, kMax, 512);
+    DataStreamTransferInfo info;
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    EXPECT_FALSE(ring.lock(data, size));
+    EXPECT_FALSE(ring.unlock());
+    ASSERT_TRUE(ring.nextTransfer(info));
+    const uint8_t *const first = info.destination;
+    ASSERT_TRUE(ring.nextTransfer(info));
+    EXPECT_FALSE(ring.nextTransfer(info));
+    ASSERT_TRUE(ring.lock(data, size));
+    EXPECT_EQ(data, first);
+    EXPECT_EQ(size, 512U);
+    EXPECT_FALSE(ring.lock(data, size));   // one at a time, although another is full
+    EXPECT_FALSE(ring.nextTransfer(info)); // never into a locked buffer
+    EXPECT_TRUE(ring.unlock());
+    ASSERT_TRUE(ring.nextTransfer(info));
+    EXPECT_EQ(info.destination, first);
+}
+
+TEST(DataStream, OneBufferWithAnOvershootFailsAtItsEnd) {
+    DataStream ring(600000, 1, kMax, 512);
+    DataStreamTransferInfo info;
+    EXPECT_TRUE(ring.nextTransfer(info));
+    EXPECT_FALSE(ring.nextTransfer(info));
+}
+
+TEST(DataStream, ImpossibleSizesThrow) {
+    EXPECT_THROW(DataStream(UINT64_MAX, 1, kMax, 512), std::exception);
+    EXPECT_THROW(DataStream(UINT64_MAX - 511, 1, kMax, 512), std::exception);
+    EXPECT_THROW(DataStream(512, UINT64_MAX, kMax, 512), std::exception);
+}
+
+// A device that counts, a consumer that is sometimes behind: whatever the sizes, every buffer must
+// hold its part of the count, and no transfer may leave its buffer.
+TEST(DataStream, AnySizesKeepEveryByteInOrder) {
+    std::mt19937 random(20240607); // NOLINT(cert-msc51-cpp): repeatable
+    const uint64_t packets[] = {1, 8, 64, 512, 1024, 1023};
+    for (int round = 0; round < 300; ++round) {
+        const uint64_t packet = packets[random() % std::size(packets)];
+        const uint64_t size = 1 + random() % 5000;
+        const uint64_t most = packet * (1 + random() % 4);
+        DataStream ring(size, 2 + packet / size + random() % 4, most, packet);
+        std::deque<DataStreamTransferInfo> flying;
+        uint8_t sent = 0;
+        uint8_t expected = 0;
+        uint64_t full = 0;
+        for (int step = 0; step < 400; ++step) {
+            DataStreamTransferInfo info;
+            if (flying.size() < 3) {
+                if (!ring.nextTransfer(info))
+                    break; // the consumer was too slow: final
+                ASSERT_EQ(info.transferLength % packet, 0U);
+                ASSERT_GT(info.transferLength, 0U);
+                flying.push_back(info);
+            }
+            if (random() % 2 == 0 && !flying.empty()) {
+                info = flying.front();
+                flying.pop_front();
+                for (uint64_t i = 0; i < info.transferLength; ++i)
+                    info.destination[i] = sent++;
+                full += ring.transferCompleted(info);
+            }
+            for (; full > 0 && random() % 8 != 0; --full) {
+                uint8_t *data = nullptr;
+                uint64_t length = 0;
+                ASSERT_TRUE(ring.lock(data, length));
+                ASSERT_EQ(length, size);
+                for (uint64_t i = 0; i < length; ++i)
+                    ASSERT_EQ(data[i], expected++) << size << " " << packet << " " << i;
+                ASSERT_TRUE(ring.unlock());
+            }
+        }
+    }
+}
+
+} // namespace

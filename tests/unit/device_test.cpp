@@ -1,0 +1,250 @@
+// Opened devices: checks, queries, synchronous transfers, removal.
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include "helpers.h"
+
+namespace {
+
+using test::DeviceTest;
+
+// One call of every function that checks the initialisation, with null in place of every pointer.
+std::vector<int32_t> callEverythingWithNull() {
+    return {
+        vexa_usb_get_device_list(nullptr, nullptr),
+        vexa_usb_free_device_list(nullptr),
+        vexa_usb_open(nullptr, nullptr, nullptr, nullptr),
+        vexa_usb_close(nullptr),
+        vexa_usb_get_kernel_driver_version(nullptr, nullptr),
+        vexa_usb_get_device_descriptor(nullptr, nullptr, 0),
+        vexa_usb_control_transfer(nullptr, 0, 0, 0, 0, 0, 0, nullptr, 0),
+        vexa_usb_interrupt_read(nullptr, 0x01, nullptr, 0),
+        vexa_usb_interrupt_write(nullptr, 0x81, nullptr, 0),
+        vexa_usb_bulk_read(nullptr, 0x01, nullptr, 0),
+        vexa_usb_bulk_write(nullptr, 0x81, nullptr, 0),
+        vexa_usb_data_stream_start(nullptr, 0x01, 0, 0),
+        vexa_usb_data_stream_stop(nullptr),
+        vexa_usb_data_stream_buffer_lock(nullptr, nullptr, nullptr),
+        vexa_usb_data_stream_buffer_unlock(nullptr),
+        vexa_usb_data_stream_memory_size_max(nullptr, nullptr),
+        vexa_usb_data_stream_rate_max(nullptr, nullptr),
+    };
+}
+
+class ChecksTest : public test::FakeBusTest {};
+
+TEST_F(ChecksTest, InitialisationComesFirstThenParameters) {
+    for (const int32_t status : callEverythingWithNull())
+        EXPECT_EQ(status, -3);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(nullptr, 0x81, nullptr), -5);
+    vexa_usb_init();
+    for (const int32_t status : callEverythingWithNull())
+        EXPECT_EQ(status, -5);
+    vexa_usb_fini();
+    for (const int32_t status : callEverythingWithNull())
+        EXPECT_EQ(status, -3);
+}
+
+TEST_F(DeviceTest, EveryCallOnARemovedDeviceSaysSo) {
+    uint8_t byte = 0;
+    uint8_t *pointer = nullptr;
+    uint64_t number = 0;
+    uint16_t size = 0;
+    _vexa_usb_version version{};
+    _vexa_usb_device_descriptor descriptor{};
+    EXPECT_EQ(vexa_usb_get_kernel_driver_version(device, &version), -2);
+    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
+    remove();
+    EXPECT_EQ(vexa_usb_get_kernel_driver_version(device, &version), -12);
+    EXPECT_EQ(vexa_usb_get_device_descriptor(device, &descriptor, 16), -12);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x81, &size), -12);
+    EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 0, 0, 0, nullptr, 70000), -12);
+    EXPECT_EQ(vexa_usb_bulk_read(device, 0x81, &byte, 1), -12);
+    EXPECT_EQ(vexa_usb_interrupt_write(device, 0x01, &byte, 1), -12);
+    // Direction and state are looked at first.
+    EXPECT_EQ(vexa_usb_bulk_read(device, 0x02, &byte, 1), -11);
+    EXPECT_EQ(vexa_usb_bulk_write(device, 0x81, &byte, 1), -11);
+    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), -8);
+    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x02, 512, 4), -11);
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), -12);
+    EXPECT_EQ(vexa_usb_data_stream_buffer_lock(device, &pointer, &number), -12);
+    EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), -12);
+    EXPECT_EQ(vexa_usb_data_stream_rate_max(device, &number), -12);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
+    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED), 0U);
+}
+
+TEST_F(DeviceTest, DescriptorKeepsItsOddities) {
+    _vexa_usb_device_descriptor record;
+    std::memset(&record, 0x5A, sizeof(record));
+    EXPECT_EQ(vexa_usb_get_device_descriptor(device, &record, 15), -5);
+    EXPECT_EQ(record.idVendor, 0x5A5A);
+    EXPECT_EQ(vexa_usb_get_device_descriptor(device, &record, 17), 0);
+    EXPECT_EQ(record.bcdUSB, 0x0123);
+    EXPECT_EQ(record.bcdDevice, 0x0123);
+    EXPECT_EQ(record.bMaxPacketSize0, 0x5A);
+    EXPECT_EQ(record.idVendor, VEXA_USB_VENDOR_ID);
+    EXPECT_EQ(record.bNumConfigurations, 1);
+}
+
+TEST_F(DeviceTest, PacketSizes) {
+    uint16_t size = 0;
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &size), 0);
+    EXPECT_EQ(size, 512);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x8F, &size), -10);
+    fake::failCall("libusb_get_max_packet_size", LIBUSB_ERROR_OTHER);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &size), -1);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, nullptr), -5);
+}
+
+TEST_F(DeviceTest, ControlTransfers) {
+    std::vector<uint8_t> data(65536);
+    EXPECT_EQ(vexa_usb_control_transfer(device, 1, 2, 3, 0xA3, 0x1234, 7, data.data(), 65535), 0);
+    EXPECT_EQ(fake::takeCalls(),
+              std::vector<std::string>{"libusb_control_transfer(195,163,4660,7,65535)"});
+    EXPECT_EQ(vexa_usb_control_transfer(device, 1, 2, 0, 1, 0, 0, data.data(), 65536), -1);
+    EXPECT_TRUE(fake::takeCalls().empty());
+    EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), 0);
+    fake::onControl([](uint8_t, uint16_t length) { return length - 1; });
+    EXPECT_EQ(vexa_usb_control_transfer(device, 1, 0, 0, 6, 0, 0, data.data(), 18), -14);
+    fake::failCall("libusb_control_transfer", LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), -13);
+    fake::failCall("libusb_control_transfer", LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), -1);
+}
+
+TEST_F(DeviceTest, LongTransfersGoInPieces) {
+    std::vector<uint8_t> data(3 * 524288);
+    const auto calls = [&](uint64_t length) {
+        fake::takeCalls();
+        EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, data.data(), length), 0);
+        return fake::takeCalls();
+    };
+    const std::string full = "libusb_bulk_transfer(524288)";
+    EXPECT_EQ(calls(1), std::vector<std::string>{"libusb_bulk_transfer(1)"});
+    EXPECT_EQ(calls(524288), std::vector<std::string>{full});
+    EXPECT_EQ(calls(524289), (std::vector<std::string>{full, "libusb_bulk_transfer(1)"}));
+    EXPECT_EQ(calls(1048576), (std::vector<std::string>{full, full}));
+
+    // Every piece at its place, and the first that is short or fails is the last.
+    std::vector<const uint8_t *> places;
+    int failAt = -1;
+    int result = 0;
+    int missing = 0;
+    fake::onTransfer([&](uint8_t, uint8_t *at, int length, int *actual) {
+        places.push_back(at);
+        const bool failing = static_cast<int>(places.size()) == failAt;
+        *actual = length - (failing ? missing : 0);
+        return failing ? result : 0;
+    });
+    EXPECT_EQ(vexa_usb_interrupt_write(device, 0x03, data.data(), data.size()), 0);
+    EXPECT_EQ(places, (std::vector<const uint8_t *>{&data[0], &data[524288], &data[1048576]}));
+    const struct {
+        int at, result, missing;
+        int32_t status;
+    } cases[] = {{1, 0, 1, -14},
+                 {2, 0, 524288, -14},
+                 {2, LIBUSB_ERROR_TIMEOUT, 0, -13},
+                 {3, LIBUSB_ERROR_PIPE, 0, -1}};
+    for (const auto &each : cases) {
+        places.clear();
+        failAt = each.at;
+        result = each.result;
+        missing = each.missing;
+        EXPECT_EQ(vexa_usb_bulk_write(device, 0x03, data.data(), data.size()), each.status);
+        EXPECT_EQ(places.size(), static_cast<size_t>(each.at));
+    }
+}
+
+// The last fini waits for the piece in progress, not for the rest, and only then closes.
+TEST_F(DeviceTest, FiniDuringALongTransfer) {
+    std::promise<void> inside;
+    std::promise<void> goOn;
+    int pieces = 0;
+    fake::onTransfer([&](uint8_t, uint8_t *, int length, int *actual) {
+        if (++pieces == 1) {
+            inside.set_value();
+            goOn.get_future().wait();
+        }
+        *actual = length;
+        return 0;
+    });
+    std::vector<uint8_t> data(8 * 524288);
+    auto transfer = std::async(std::launch::async, [&]() {
+        return vexa_usb_bulk_read(device, 0x83, data.data(), data.size());
+    });
+    inside.get_future().wait();
+    auto fini = std::async(std::launch::async, []() { vexa_usb_fini(); });
+    EXPECT_EQ(fini.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
+    goOn.set_value();
+    EXPECT_EQ(transfer.get(), -1);
+    fini.wait();
+    EXPECT_EQ(pieces, 1);
+    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
+    vexa_usb_init();
+}
+
+// A device that outlives the last fini is removed, usable for nothing but closing, and closes
+// nothing twice.
+TEST_F(DeviceTest, OutlivesTheLastFini) {
+    uint8_t byte = 0;
+    reinitialise();
+    EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+    EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, &byte, 1), -12);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
+    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
+}
+
+// A callback may close its own device.
+TEST_F(DeviceTest, CloseFromItsOwnCallback) {
+    struct Closer {
+        _vexa_usb_device *device = nullptr;
+        std::promise<int32_t> status;
+    } closer;
+    const auto callback = [](_vexa_usb_device_event event, void *data) {
+        auto &self = *static_cast<Closer *>(data);
+        if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED)
+            self.status.set_value(vexa_usb_close(self.device));
+    };
+    const test::Snapshot snapshot;
+    ASSERT_EQ(vexa_usb_open(snapshot.list[0], callback, &closer, &closer.device), 0);
+    vexa_usb_data_stream_start(closer.device, 0x82, 512, 4);
+    EXPECT_EQ(closer.status.get_future().get(), 0);
+}
+
+class RateTest : public test::FakeBusTest {};
+
+TEST_F(RateTest, FollowsTheUsbVersion) {
+    const std::pair<uint16_t, uint64_t> cases[] = {
+        {0x0100, 0},        {0x010F, 0},        {0x0110, 1000000},   {0x01FF, 1000000},
+        {0x0200, 40000000}, {0x0210, 40000000}, {0x0300, 400000000}, {0x0320, 400000000}};
+    for (const auto &[bcdUsb, rate] : cases) {
+        fake::attach(VEXA_USB_VENDOR_ID, 1, bcdUsb);
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        test::EventLog &log = test::EventLog::make();
+        _vexa_usb_device *device = nullptr;
+        {
+            const test::Snapshot snapshot;
+            ASSERT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &device), 0);
+        }
+        uint64_t value = 1;
+        const int32_t expected = rate == 0 ? -2 : 0;
+        EXPECT_EQ(vexa_usb_data_stream_rate_max(device, &value), expected) << bcdUsb;
+        EXPECT_EQ(value, rate == 0 ? 1 : rate);
+        EXPECT_EQ(vexa_usb_data_stream_memory_size_max(device, &value), expected);
+        EXPECT_EQ(value, rate == 0 ? 1 : 268435456U);
+        EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), expected);
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), expected);
+        EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), rate == 0 ? -2 : -9);
+        vexa_usb_close(device);
+        vexa_usb_fini();
+        fake::reset();
+    }
+}
+
+} // namespace

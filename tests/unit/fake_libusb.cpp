@@ -1,0 +1,522 @@
+#include "fake_libusb.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+struct libusb_device {
+    fake::Device shape;
+};
+struct libusb_device_handle {
+    libusb_device *device;
+};
+struct libusb_context {};
+
+namespace {
+
+struct Registration {
+    int vendor;
+    int product;
+    libusb_hotplug_callback_fn callback;
+};
+
+struct Notice {
+    libusb_device *device;
+    libusb_hotplug_event event;
+};
+
+struct Failure {
+    std::string function;
+    int result;
+    int skip;
+};
+
+struct State {
+    std::deque<std::unique_ptr<libusb_device>> allDevices;
+    std::vector<libusb_device *> attached;
+    std::vector<Failure> failures;
+    std::vector<std::string> calls;
+    std::vector<Registration> registrations;
+    std::deque<Notice> notices;
+    std::vector<libusb_transfer *> flying;
+    std::deque<libusb_transfer *> done;
+    std::vector<libusb_device_handle *> handles;
+    fake::TransferHandler transfer;
+    fake::ControlHandler control;
+    libusb_context *context = nullptr;
+    size_t transfers = 0;
+    uint64_t selfCompletions = 0;
+    uint8_t nextByte = 0;
+    uint8_t nextAddress = 1;
+    bool interrupted = false;
+    bool closedInFlight = false;
+};
+
+std::mutex mutex;        // guards state
+std::mutex callbackLock; // held while callbacks run; taken before mutex
+std::condition_variable changed;
+State state;
+
+// In libusb these are memory errors; here the program stops where they happen.
+void violation(const char *what) {
+    std::fprintf(stderr, "libusb contract violated: %s\n", what);
+    std::abort();
+}
+
+bool fails(const std::string &function, int &result) {
+    const auto found =
+        std::find_if(state.failures.begin(), state.failures.end(),
+                     [&](const Failure &failure) { return failure.function == function; });
+    if (found == state.failures.end() || found->skip-- > 0)
+        return false;
+    result = found->result;
+    state.failures.erase(found);
+    return true;
+}
+
+// Notes the call; true when it is to fail.
+bool called(const std::string &function, int &result, const std::string &argument = {}) {
+    state.calls.push_back(argument.empty() ? function : function + "(" + argument + ")");
+    return fails(function, result);
+}
+
+void checkHandle(const libusb_device_handle *handle) {
+    if (std::find(state.handles.begin(), state.handles.end(), handle) == state.handles.end())
+        violation("use of a handle that is not open");
+}
+
+void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
+    std::erase(state.flying, transfer);
+    transfer->status = status;
+    transfer->actual_length = actual;
+    for (int i = 0; status == LIBUSB_TRANSFER_COMPLETED && i < actual; ++i)
+        transfer->buffer[i] = state.nextByte++;
+    state.done.push_back(transfer);
+    changed.notify_all();
+}
+
+bool finishOneBySelf() {
+    if (state.selfCompletions == 0 || state.flying.empty())
+        return false;
+    --state.selfCompletions;
+    libusb_transfer *const transfer = state.flying.front();
+    std::erase(state.flying, transfer);
+    transfer->status = LIBUSB_TRANSFER_COMPLETED;
+    transfer->actual_length = transfer->length;
+    state.done.push_back(transfer);
+    return true;
+}
+
+bool matches(const Registration &registration, const libusb_device_descriptor &descriptor) {
+    const auto fits = [](int wanted, int is) {
+        return wanted == LIBUSB_HOTPLUG_MATCH_ANY || wanted == is;
+    };
+    return fits(registration.vendor, descriptor.idVendor) &&
+           fits(registration.product, descriptor.idProduct);
+}
+
+void deliver(const Notice &notice, const std::vector<Registration> &registrations) {
+    for (const Registration &registration : registrations) {
+        if (matches(registration, notice.device->shape.descriptor))
+            registration.callback(nullptr, notice.device, notice.event, nullptr);
+    }
+}
+
+} // namespace
+
+namespace fake {
+
+void reset() {
+    const std::lock_guard lock(mutex);
+    if (state.transfers != 0 || !state.handles.empty() || state.context != nullptr)
+        violation("a transfer, handle or context was left behind");
+    state = State{};
+}
+
+libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb) {
+    const std::lock_guard lock(mutex);
+    auto device = std::make_unique<libusb_device>();
+    libusb_device_descriptor &descriptor = device->shape.descriptor;
+    descriptor.idVendor = vendor;
+    descriptor.idProduct = product;
+    descriptor.bcdUSB = bcdUsb;
+    descriptor.bcdDevice = 0x0123;
+    descriptor.bNumConfigurations = 1;
+    device->shape.address = state.nextAddress++;
+    state.attached.push_back(device.get());
+    state.allDevices.push_back(std::move(device));
+    return state.attached.back();
+}
+
+Device &describe(libusb_device *device) {
+    return device->shape;
+}
+
+void detach(libusb_device *device) {
+    const std::lock_guard lock(mutex);
+    std::erase(state.attached, device);
+}
+
+namespace {
+
+void notify(libusb_device *device, libusb_hotplug_event event) {
+    const std::lock_guard lock(mutex);
+    state.notices.push_back({device, event});
+    changed.notify_all();
+}
+
+} // namespace
+
+void notifyArrival(libusb_device *device) {
+    notify(device, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED);
+}
+void notifyDeparture(libusb_device *device) {
+    notify(device, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT);
+}
+
+void failCall(const std::string &function, int result, int skip) {
+    const std::lock_guard lock(mutex);
+    state.failures.push_back({function, result, skip});
+}
+
+std::vector<std::string> takeCalls() {
+    const std::lock_guard lock(mutex);
+    return std::exchange(state.calls, {});
+}
+
+size_t countCalls(const std::string &function) {
+    const std::lock_guard lock(mutex);
+    return static_cast<size_t>(std::count(state.calls.begin(), state.calls.end(), function));
+}
+
+void onTransfer(TransferHandler handler) {
+    const std::lock_guard lock(mutex);
+    state.transfer = std::move(handler);
+}
+
+void onControl(ControlHandler handler) {
+    const std::lock_guard lock(mutex);
+    state.control = std::move(handler);
+}
+
+std::vector<InFlight> inFlight() {
+    const std::lock_guard lock(mutex);
+    std::vector<InFlight> result;
+    for (const libusb_transfer *transfer : state.flying)
+        result.push_back({transfer->endpoint, transfer->buffer, transfer->length});
+    return result;
+}
+
+void waitInFlight(size_t count) {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, std::chrono::seconds(20),
+                          [&]() { return state.flying.size() == count && state.done.empty(); }))
+        violation("the expected number of transfers was never in flight");
+}
+
+void completeOldest(libusb_transfer_status status, int actual) {
+    const std::lock_guard lock(mutex);
+    libusb_transfer *const transfer = state.flying.front();
+    finish(transfer, status, actual < 0 ? transfer->length : actual);
+}
+
+void completeNewest(libusb_transfer_status status) {
+    const std::lock_guard lock(mutex);
+    finish(state.flying.back(), status, 0);
+}
+
+void completeBySelf(uint64_t count) {
+    const std::lock_guard lock(mutex);
+    state.selfCompletions = count;
+    changed.notify_all();
+}
+
+void deliverEvents() {
+    const std::lock_guard callbacks(callbackLock);
+    std::unique_lock lock(mutex);
+    while (!state.done.empty() || !state.notices.empty() || finishOneBySelf()) {
+        if (!state.notices.empty()) {
+            const Notice notice = state.notices.front();
+            state.notices.pop_front();
+            const auto registrations = state.registrations;
+            lock.unlock();
+            deliver(notice, registrations);
+        } else {
+            libusb_transfer *const transfer = state.done.front();
+            state.done.pop_front();
+            lock.unlock();
+            transfer->callback(transfer);
+        }
+        lock.lock();
+        changed.notify_all();
+    }
+}
+
+bool closedInFlight() {
+    const std::lock_guard lock(mutex);
+    return state.closedInFlight;
+}
+
+} // namespace fake
+
+// The parts of libusb that the library uses.
+
+int libusb_init(libusb_context **context) {
+    const std::lock_guard lock(mutex);
+    int result = LIBUSB_SUCCESS;
+    if (called("libusb_init", result))
+        return result;
+    if (state.context != nullptr)
+        violation("two contexts at once");
+    state.context = *context = new libusb_context;
+    state.interrupted = false;
+    return LIBUSB_SUCCESS;
+}
+
+void libusb_exit(libusb_context *context) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    called("libusb_exit", result);
+    if (context == nullptr || context != state.context)
+        violation("exit of another context");
+    if (!state.handles.empty())
+        violation("a handle outlives its context");
+    state.registrations.clear();
+    state.context = nullptr;
+    delete context;
+}
+
+int libusb_hotplug_register_callback(libusb_context * /*context*/, int events, int flags,
+                                     int vendor, int product, int deviceClass,
+                                     libusb_hotplug_callback_fn callback, void *data,
+                                     libusb_hotplug_callback_handle *handle) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_hotplug_register_callback", result,
+               std::to_string(vendor) + "," + std::to_string(product)))
+        return result;
+    if (events != 3 || flags != 0 || deviceClass != LIBUSB_HOTPLUG_MATCH_ANY || data != nullptr ||
+        handle != nullptr)
+        violation("unexpected hot-plug registration");
+    state.registrations.push_back({vendor, product, callback});
+    return LIBUSB_SUCCESS;
+}
+
+int libusb_handle_events(libusb_context *context) {
+    {
+        std::unique_lock lock(mutex);
+        if (context == nullptr || context != state.context)
+            violation("events of another context");
+        changed.wait(lock, []() {
+            return state.interrupted || !state.done.empty() || !state.notices.empty() ||
+                   (state.selfCompletions > 0 && !state.flying.empty());
+        });
+        state.interrupted = false;
+    }
+    fake::deliverEvents();
+    return LIBUSB_SUCCESS;
+}
+
+void libusb_interrupt_event_handler(libusb_context * /*context*/) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    called("libusb_interrupt_event_handler", result);
+    state.interrupted = true;
+    changed.notify_all();
+}
+
+ssize_t libusb_get_device_list(libusb_context *context, libusb_device ***list) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_get_device_list", result))
+        return result;
+    if (context == nullptr || context != state.context)
+        violation("devices of another context");
+    *list = static_cast<libusb_device **>(
+        std::calloc(state.attached.size() + 1, sizeof(libusb_device *)));
+    std::copy(state.attached.begin(), state.attached.end(), *list);
+    return static_cast<ssize_t>(state.attached.size());
+}
+
+void libusb_free_device_list(libusb_device **list, int /*unref*/) {
+    std::free(list);
+}
+
+int libusb_get_device_descriptor(libusb_device *device, libusb_device_descriptor *descriptor) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_get_device_descriptor", result))
+        return result;
+    *descriptor = device->shape.descriptor;
+    return LIBUSB_SUCCESS;
+}
+
+uint8_t libusb_get_bus_number(libusb_device *device) {
+    return device->shape.bus;
+}
+uint8_t libusb_get_device_address(libusb_device *device) {
+    return device->shape.address;
+}
+libusb_device *libusb_get_device(libusb_device_handle *handle) {
+    return handle->device;
+}
+
+int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_get_max_packet_size", result))
+        return result;
+    const auto found = device->shape.packetSizes.find(endpoint);
+    return found == device->shape.packetSizes.end() ? LIBUSB_ERROR_NOT_FOUND : found->second;
+}
+
+int libusb_open(libusb_device *device, libusb_device_handle **handle) {
+    const std::lock_guard callbacks(callbackLock);
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_open", result))
+        return result;
+    *handle = new libusb_device_handle{device};
+    state.handles.push_back(*handle);
+    return LIBUSB_SUCCESS;
+}
+
+void libusb_close(libusb_device_handle *handle) {
+    const std::lock_guard callbacks(callbackLock);
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    called("libusb_close", result);
+    checkHandle(handle);
+    if (state.context == nullptr)
+        violation("a handle closed after its context");
+    const auto isOf = [&](const libusb_transfer *transfer) {
+        return transfer->dev_handle == handle;
+    };
+    if (std::erase_if(state.flying, isOf) + std::erase_if(state.done, isOf) != 0)
+        state.closedInFlight = true;
+    std::erase(state.handles, handle);
+    delete handle;
+}
+
+namespace {
+
+int interfaceCall(const char *function, libusb_device_handle *handle, int interface) {
+    const std::lock_guard lock(mutex);
+    int result = LIBUSB_SUCCESS;
+    called(function, result, std::to_string(interface));
+    checkHandle(handle);
+    return result;
+}
+
+int synchronous(const char *function, libusb_device_handle *handle, unsigned char endpoint,
+                unsigned char *data, int length, int *actual, unsigned timeout) {
+    fake::TransferHandler handler;
+    {
+        const std::lock_guard lock(mutex);
+        int result = 0;
+        const bool failed = called(function, result, std::to_string(length));
+        checkHandle(handle);
+        if (timeout != 1000)
+            violation("unexpected time limit");
+        if (failed)
+            return result;
+        handler = state.transfer;
+    }
+    if (handler)
+        return handler(endpoint, data, length, actual);
+    *actual = length;
+    return LIBUSB_SUCCESS;
+}
+
+} // namespace
+
+int libusb_kernel_driver_active(libusb_device_handle *handle, int interface) {
+    return interfaceCall("libusb_kernel_driver_active", handle, interface);
+}
+int libusb_detach_kernel_driver(libusb_device_handle *handle, int interface) {
+    return interfaceCall("libusb_detach_kernel_driver", handle, interface);
+}
+int libusb_claim_interface(libusb_device_handle *handle, int interface) {
+    return interfaceCall("libusb_claim_interface", handle, interface);
+}
+int libusb_release_interface(libusb_device_handle *handle, int interface) {
+    return interfaceCall("libusb_release_interface", handle, interface);
+}
+
+int libusb_interrupt_transfer(libusb_device_handle *handle, unsigned char endpoint,
+                              unsigned char *data, int length, int *actual, unsigned timeout) {
+    return synchronous("libusb_interrupt_transfer", handle, endpoint, data, length, actual,
+                       timeout);
+}
+int libusb_bulk_transfer(libusb_device_handle *handle, unsigned char endpoint, unsigned char *data,
+                         int length, int *actual, unsigned timeout) {
+    return synchronous("libusb_bulk_transfer", handle, endpoint, data, length, actual, timeout);
+}
+
+int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, uint8_t request,
+                            uint16_t value, uint16_t index, unsigned char * /*data*/,
+                            uint16_t length, unsigned timeout) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    const bool failed = called("libusb_control_transfer", result,
+                               std::to_string(requestType) + "," + std::to_string(request) + "," +
+                                   std::to_string(value) + "," + std::to_string(index) + "," +
+                                   std::to_string(length));
+    checkHandle(handle);
+    if (timeout != 1000)
+        violation("unexpected time limit");
+    if (failed)
+        return result;
+    return state.control ? state.control(requestType, length) : length;
+}
+
+libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (called("libusb_alloc_transfer", result) || isochronousPackets != 0)
+        return nullptr;
+    ++state.transfers;
+    return static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
+}
+
+void libusb_free_transfer(libusb_transfer *transfer) {
+    if (transfer == nullptr)
+        return;
+    const std::lock_guard lock(mutex);
+    if (std::count(state.flying.begin(), state.flying.end(), transfer) +
+            std::count(state.done.begin(), state.done.end(), transfer) !=
+        0)
+        violation("a transfer freed in flight");
+    --state.transfers;
+    std::free(transfer);
+}
+
+int libusb_submit_transfer(libusb_transfer *transfer) {
+    const std::lock_guard lock(mutex);
+    int result = 0;
+    if (fails("libusb_submit_transfer", result))
+        return result;
+    checkHandle(transfer->dev_handle);
+    state.flying.push_back(transfer);
+    changed.notify_all();
+    return LIBUSB_SUCCESS;
+}
+
+int libusb_cancel_transfer(libusb_transfer *transfer) {
+    const std::lock_guard lock(mutex);
+    if (std::count(state.flying.begin(), state.flying.end(), transfer) == 0)
+        return LIBUSB_ERROR_NOT_FOUND;
+    finish(transfer, LIBUSB_TRANSFER_CANCELLED, 0);
+    return LIBUSB_SUCCESS;
+}
+
+const char *libusb_error_name(int /*error*/) {
+    return "LIBUSB_ERROR";
+}

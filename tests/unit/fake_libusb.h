@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <libusb.h>
+
+// A libusb that does what it is told, for what no device does on demand.  It keeps libusb's rules:
+// callbacks run one at a time on whichever thread handles events, under a lock that libusb_open
+// and libusb_close take too; closing a handle forgets its transfers; what breaks libusb's
+// contract (a handle that outlives its context, a transfer freed in flight) is a violation.
+namespace fake {
+
+struct Device {
+    uint8_t bus = 1;
+    uint8_t address = 1;
+    libusb_device_descriptor descriptor{};
+    std::map<uint8_t, int> packetSizes{{0x81, 64}, {0x82, 512}, {0x83, 512}, {0x03, 512}};
+};
+
+// Forgets everything; fails the test if a transfer, handle or context was left.
+void reset();
+
+// Attaches a device without a notice, or takes it away.  The pointer lives until reset().
+libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb = 0x0200);
+Device &describe(libusb_device *device);
+void detach(libusb_device *device);
+// Hot-plug notices, delivered on the thread that handles events, to matching registrations.
+void notifyArrival(libusb_device *device);
+void notifyDeparture(libusb_device *device);
+
+// The call after `skip` more of this function returns `result` (null for an allocation).
+void failCall(const std::string &function, int result = LIBUSB_ERROR_IO, int skip = 0);
+// The calls of interest so far, as "function" or "function(argument)"; clears them.
+std::vector<std::string> takeCalls();
+size_t countCalls(const std::string &function);
+
+// Synchronous transfers; the defaults transfer everything.
+using TransferHandler =
+    std::function<int(uint8_t endpoint, uint8_t *data, int length, int *actual)>;
+void onTransfer(TransferHandler handler);
+using ControlHandler = std::function<int(uint8_t requestType, uint16_t length)>;
+void onControl(ControlHandler handler);
+
+// Asynchronous transfers, oldest first.
+struct InFlight {
+    uint8_t endpoint;
+    uint8_t *buffer;
+    int length;
+};
+std::vector<InFlight> inFlight();
+void waitInFlight(size_t count);
+// Ends the oldest; completed ones are filled with the bytes that follow in a counting pattern.
+void completeOldest(libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED, int actual = -1);
+void completeNewest(libusb_transfer_status status);
+// Completes whatever is submitted by itself, up to that many transfers.
+void completeBySelf(uint64_t count);
+// Delivers what is due on the calling thread, as a synchronous call of libusb does.
+void deliverEvents();
+bool closedInFlight();
+
+} // namespace fake

@@ -1,0 +1,229 @@
+// Data streams through the exported functions, with transfers that end as told.
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "helpers.h"
+
+namespace {
+
+constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
+constexpr uint32_t kError = VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR;
+constexpr uint32_t kStarted = VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED;
+constexpr uint32_t kStopped = VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED;
+
+class StreamTest : public test::DeviceTest {
+protected:
+    int32_t start(uint64_t bufferSize, uint64_t bufferCount) {
+        return vexa_usb_data_stream_start(device, 0x82, bufferSize, bufferCount);
+    }
+    int32_t stop() { return vexa_usb_data_stream_stop(device); }
+    int32_t lock() { return vexa_usb_data_stream_buffer_lock(device, &data, &size); }
+    int32_t unlock() { return vexa_usb_data_stream_buffer_unlock(device); }
+    static void complete(size_t inFlightAfterwards = 3) {
+        fake::completeOldest();
+        fake::waitInFlight(inFlightAfterwards);
+    }
+
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+};
+
+TEST_F(StreamTest, StreamsInOrderAndReportsInOrder) {
+    ASSERT_EQ(start(1000, 8), 0); // transfers of 1024: an overshoot of 24, 48, ... bytes
+    EXPECT_EQ(start(1000, 8), -8);
+    uint8_t expected = 0;
+    for (int i = 1; i <= 50; ++i) {
+        complete();
+        ASSERT_TRUE(log.waitFor(kFull, static_cast<size_t>(i)));
+        ASSERT_EQ(lock(), 0);
+        ASSERT_EQ(size, 1000U);
+        for (uint64_t byte = 0; byte < size; ++byte)
+            ASSERT_EQ(data[byte], expected++);
+        EXPECT_EQ(lock(), 1);
+        ASSERT_EQ(unlock(), 0);
+        EXPECT_EQ(unlock(), -1);
+    }
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(stop(), -9);
+    EXPECT_EQ(lock(), -9);
+    ASSERT_TRUE(log.waitFor(kStopped));
+    const auto events = log.all();
+    EXPECT_EQ(events.front(), kStarted);
+    EXPECT_EQ(events.back(), kStopped);
+    EXPECT_EQ(events.size(), 52U);
+    EXPECT_FALSE(fake::closedInFlight());
+}
+
+TEST_F(StreamTest, SubmitsThreeWholePacketTransfers) {
+    ASSERT_EQ(start(3 * 524288, 2), 0);
+    const auto flying = fake::inFlight();
+    ASSERT_EQ(flying.size(), 3U);
+    for (const fake::InFlight &transfer : flying) {
+        EXPECT_EQ(transfer.endpoint, 0x82);
+        EXPECT_EQ(transfer.length, 524288);
+    }
+    EXPECT_EQ(flying[1].buffer, flying[0].buffer + 524288);
+    EXPECT_EQ(stop(), 0); // with a buffer that could be locked, and is freed
+}
+
+TEST_F(StreamTest, SlowCallerFailsTheRunAndLosesNothingBefore) {
+    ASSERT_EQ(start(512, 4), 0);
+    complete();
+    ASSERT_TRUE(log.waitFor(kFull));
+    ASSERT_EQ(lock(), 0);
+    const std::vector<uint8_t> held(data, data + size);
+    complete(0); // no fifth buffer: the two others are cancelled
+    ASSERT_TRUE(log.waitFor(kError));
+    EXPECT_EQ(std::vector<uint8_t>(data, data + size), held);
+    EXPECT_EQ(unlock(), 0);
+    EXPECT_EQ(lock(), 0); // the second buffer was reported, and can be drained
+    EXPECT_EQ(unlock(), 0);
+    EXPECT_EQ(start(512, 4), -8);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(log.count(kError), 1U);
+    EXPECT_EQ(log.count(kFull), 2U);
+    EXPECT_EQ(start(512, 4), 0); // and again
+    complete();
+    ASSERT_TRUE(log.waitFor(kFull, 3));
+    EXPECT_EQ(stop(), 0);
+}
+
+// After a failed overshoot the ring must not be asked again, although buffers get free.
+TEST_F(StreamTest, RingFailureIsFinal) {
+    ASSERT_EQ(start(1000, 2), 0); // the third piece's overshoot needs a buffer that is full
+    EXPECT_TRUE(log.waitFor(kError));
+    fake::waitInFlight(0);
+    EXPECT_EQ(lock(), 0);
+    EXPECT_EQ(unlock(), 0);
+    EXPECT_EQ(log.count(kError), 1U);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(log.count(kFull), 0U);
+}
+
+TEST_F(StreamTest, RefusedSubmissions) {
+    for (int skip = 0; skip < 3; ++skip) {
+        fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM, skip);
+        ASSERT_EQ(start(512, 8), 0);
+        EXPECT_TRUE(log.waitFor(kError, static_cast<size_t>(skip) + 1));
+        fake::waitInFlight(0);
+        EXPECT_EQ(stop(), 0);
+    }
+    ASSERT_EQ(start(512, 8), 0);
+    fake::failCall("libusb_submit_transfer");
+    complete(0);
+    EXPECT_TRUE(log.waitFor(kError, 4));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(log.count(kError), 4U);
+}
+
+TEST_F(StreamTest, StartThatCannotBegin) {
+    for (int skip = 0; skip < 3; ++skip) {
+        fake::failCall("libusb_alloc_transfer", 0, skip);
+        EXPECT_EQ(start(512, 4), -4);
+        EXPECT_TRUE(fake::inFlight().empty());
+    }
+    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x8F, 512, 4), -1);
+    fake::describe(usbDevice).packetSizes[0x85] = 0;
+    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x85, 512, 4), -1);
+    EXPECT_EQ(start(UINT64_MAX, 1), -4);
+    EXPECT_EQ(start(512, UINT64_MAX), -4);
+    EXPECT_EQ(start(0, 4), -5);
+    EXPECT_EQ(start(512, 0), -5);
+    EXPECT_EQ(stop(), -9);
+    EXPECT_TRUE(log.all().empty());
+}
+
+// A transfer that fails takes its own piece with it; the others still mean what they did.
+TEST_F(StreamTest, FailedTransfersAreDroppedAlone) {
+    ASSERT_EQ(start(1024, 4), 0);
+    fake::describe(usbDevice);
+    const auto flying = fake::inFlight();
+    fake::completeNewest(LIBUSB_TRANSFER_STALL);
+    fake::waitInFlight(2);
+    complete(2);
+    ASSERT_TRUE(log.waitFor(kFull, 1));
+    ASSERT_EQ(lock(), 0);
+    EXPECT_EQ(data, flying[0].buffer);
+    EXPECT_EQ(data[1], 1);
+    ASSERT_EQ(unlock(), 0);
+    fake::completeOldest(LIBUSB_TRANSFER_ERROR);
+    fake::waitInFlight(1);
+    fake::completeOldest(LIBUSB_TRANSFER_NO_DEVICE);
+    fake::waitInFlight(0);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(log.count(kFull), 1U);
+    EXPECT_EQ(log.count(kError), 0U);
+}
+
+TEST_F(StreamTest, CloseAndFiniEndTheStream) {
+    ASSERT_EQ(start(512, 4), 0);
+    EXPECT_EQ(close(), 0);
+    device = open();
+    ASSERT_EQ(start(512, 4), 0);
+    reinitialise();
+    EXPECT_TRUE(fake::inFlight().empty());
+    EXPECT_FALSE(fake::closedInFlight());
+    EXPECT_EQ(lock(), -12);
+}
+
+// Nobody delivers completions after a re-initialisation: stop and close must end all the same.
+TEST_F(StreamTest, EndsWithoutEventLoop) {
+    close();
+    reinitialise();
+    vexa_usb_update_device_list();
+    device = open();
+    ASSERT_EQ(start(512, 4), 0);
+    EXPECT_EQ(stop(), 0);
+    EXPECT_TRUE(fake::closedInFlight());
+    uint8_t byte = 0;
+    EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, &byte, 1), -1);
+    EXPECT_EQ(start(512, 4), -1);
+    EXPECT_EQ(close(), 0);
+    device = open();
+    ASSERT_EQ(start(512, 4), 0);
+    EXPECT_EQ(close(), 0);
+    device = open();
+    ASSERT_EQ(start(512, 4), 0); // the last fini finds this one
+}
+
+// Completions on two threads, a consumer, and an end that may come from anywhere.
+TEST_F(StreamTest, EndsWhileStreaming) {
+    for (int round = 0; round < 150; ++round) {
+        ASSERT_EQ(start(1000, 8), 0);
+        fake::completeBySelf(1U << 30);
+        std::atomic<bool> ended = false;
+        std::thread consumer([&]() {
+            uint8_t *buffer = nullptr;
+            uint64_t length = 0;
+            while (!ended) {
+                if (vexa_usb_data_stream_buffer_lock(device, &buffer, &length) == 0)
+                    vexa_usb_data_stream_buffer_unlock(device);
+            }
+        });
+        std::thread events([&]() {
+            while (!ended)
+                fake::deliverEvents();
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        if (round % 3 == 0)
+            reinitialise();
+        else
+            EXPECT_EQ(stop(), 0);
+        ended = true;
+        consumer.join();
+        events.join();
+        fake::completeBySelf(0);
+        ASSERT_FALSE(fake::closedInFlight());
+        if (round % 3 == 0) {
+            close();
+            vexa_usb_fini();
+            vexausb::libusbRunning.store(true);
+            vexa_usb_init();
+            vexa_usb_update_device_list();
+            device = open();
+        }
+    }
+}
+
+} // namespace
