@@ -146,9 +146,9 @@ typedef uint32_t _vexa_usb_device_event;
 /**
  * Receives the events of one opened device, in their order, one at a time.
  *
- * Runs on a thread of that device ("usb-device" and a number).  It may still be running, but is
- * not called again, when vexa_usb_close() returns; @p data must stay valid until then.  A callback
- * that takes long delays this device's later events only; they are kept without limit.
+ * Runs on a thread of that device ("usb-device" and a number).  Closing the device does not wait for
+ * it: one call may still be running, or be just about to begin, when vexa_usb_close() returns, and
+ * what @p data points to must outlive that call.  A callback that takes long delays this device's later events only; they are kept without limit.
  *
  * @param event what happened
  * @param data the pointer given to vexa_usb_open()
@@ -173,10 +173,11 @@ VEXA_USB_API void vexa_usb_init(void);
 
 /**
  * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
- * transfers (waiting at most for one synchronous transfer's time limit of 1000 ms), marks open
- * devices removed and returns; callbacks in progress are not waited for.
+ * transfers (waiting for those of other threads for at most one synchronous transfer's time limit
+ * of 1000 ms), marks open devices removed (where a device's arrival is just being reported,
+ * shortly after) and returns; callbacks in progress are not waited for.
  *
- * A call too many is an error that is not detected: no function works afterwards.
+ * A call too many is an error that is not detected: the library no longer works then.
  */
 VEXA_USB_API void vexa_usb_fini(void);
 
@@ -231,7 +232,7 @@ VEXA_USB_API int32_t vexa_usb_update_device_list(void);
  *             only
  * @retval 0 done
  * @retval -1 the device has gone, is in use elsewhere, or may not be accessed
- * @retval -3 library not initialised
+ * @retval -3 library not initialised, or just being started or ended by another thread
  * @retval -5 @p entry, @p callback or @p device is null
  * @retval -13 opening timed out
  */
@@ -279,9 +280,9 @@ VEXA_USB_API int32_t vexa_usb_get_device_descriptor(_vexa_usb_device *device,
                                                     uint64_t size);
 
 /**
- * Gives an endpoint's wMaxPacketSize.  Tests neither the initialisation nor @p device for null.
+ * Gives an endpoint's wMaxPacketSize.  The initialisation is not tested.
  *
- * @param device the handle
+ * @param device the handle; not tested, must not be null
  * @param endpoint the endpoint's address, bit 7 set for IN
  * @param[out] size receives the size in bytes
  * @retval 0 done
@@ -401,8 +402,10 @@ VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpo
  * vexa_usb_data_stream_buffer_unlock(), one lock for each such event.
  *
  * A stream that cannot go on, because the next buffer has not been given back or because USB
- * refuses a transfer, reports #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR once.  Buffers reported full
- * before can still be drained; nothing is ever overwritten.  The stream stays active, and must be
+ * refuses a transfer, reports #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR once; when that is during
+ * the start, before the started event.  Buffers reported full can still be drained, one for each
+ * buffer-full event and no more: what further locks would give was never filled.  Nothing is ever
+ * overwritten.  The stream stays active, and must be
  * stopped before another start.  A transfer that fails on the bus is dropped without an event: no
  * buffer-full event comes for a buffer that it was to complete, and when all three have failed
  * the events cease.
@@ -411,8 +414,10 @@ VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpo
  * short packet leave a gap of unspecified bytes.
  *
  * Buffers need not be multiples of the endpoint's packet size.  They should be above 64 KiB for
- * speed, and there should be enough of them to outlast the caller's pauses; with a size that is
- * not a multiple, at least two.
+ * speed, and there should be enough of them to outlast the caller's pauses.  Three transfers are
+ * prepared at the start, so below 512 KiB there must be at least 3 buffers of a multiple of the
+ * packet size or 4 of another size, and more to go on while one is read; of buffers smaller than a
+ * packet, more than three packets' worth.  Too few show as the error event.
  *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 set
@@ -451,6 +456,7 @@ VEXA_USB_API int32_t vexa_usb_data_stream_stop(_vexa_usb_device *device);
  *
  * Lock on #VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, once for each: a buffer can be locked
  * from the moment when its last transfer has been submitted, before its data are all there.
+ * This and the unlock wait for a vexa_usb_data_stream_stop() in progress on another thread.
  *
  * @param device the handle
  * @param[out] data receives the buffer's address; valid until the unlock, the stop or the close

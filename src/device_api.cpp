@@ -57,8 +57,12 @@ int32_t streamLimitCall(const _vexa_usb_device *device, uint64_t *value,
 int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
                       vexa_usb_device_event_callback callback, void *data,
                       _vexa_usb_device **device) {
-    const CallChecks checks = CallChecks().initialized().parameters(
-        entry != nullptr && callback != nullptr && device != nullptr);
+    std::shared_ptr<DeviceList> list;
+    const CallChecks checks =
+        CallChecks()
+            .initialized()
+            .parameters(entry != nullptr && callback != nullptr && device != nullptr)
+            .deviceList(list);
     if (!checks.passed())
         return checks.status();
     const std::shared_ptr<AbstractDeviceListItem> item = recordItem(*entry).lock();
@@ -74,8 +78,10 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
 
 int32_t vexa_usb_close(_vexa_usb_device *device) {
     const DeviceCall call = DeviceCall(device).initialized().parameters();
-    if (call.passed())
+    if (call.passed()) {
+        device->device->close();
         delete device;
+    }
     return call.status();
 }
 
@@ -96,8 +102,8 @@ int32_t vexa_usb_get_device_descriptor(_vexa_usb_device *device,
         .then([&](AbstractDevice &opened) { return opened.getDeviceDescriptor(*descriptor); });
 }
 
-// Callers ask for packet sizes without a state of the library's being at stake: neither the
-// initialisation nor the handle is tested here.
+// Neither the initialisation nor the handle is tested here: callers rely on the former, and a null
+// handle is their error.
 int32_t vexa_usb_get_max_packet_size(_vexa_usb_device *device, uint8_t endpoint, uint16_t *size) {
     if (size == nullptr)
         return VEXA_USB_STATUS_INVALID_PARAMETERS;

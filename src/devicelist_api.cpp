@@ -4,35 +4,18 @@
 #include <memory>
 
 #include "core/call_checks.h"
-#include "core/global_state.h"
 #include "devicelist/device_list.h"
 #include "devicelist/list_record.h"
 #include "vexa_usb.h"
 
 using namespace vexausb;
 
-namespace {
-
-// The list for a call that passed `checks`; null, with the status set, when the call must not go
-// on.  While the first init or the last fini is at work there is no list, although the counter
-// says "initialised".
-std::shared_ptr<DeviceList> listFor(const CallChecks &checks, int32_t &status) {
-    status = checks.status();
-    if (!checks.passed())
-        return nullptr;
-    std::shared_ptr<DeviceList> list = currentDeviceList();
-    if (list == nullptr)
-        status = VEXA_USB_STATUS_NOT_INITIALIZED;
-    return list;
-}
-
-} // namespace
-
 int32_t vexa_usb_get_device_list(_vexa_usb_device_list_item ***list, uint64_t *count) {
-    int32_t status = VEXA_USB_STATUS_SUCCESS;
-    const auto devices = listFor(CallChecks().initialized().parameters(list != nullptr), status);
-    if (devices == nullptr)
-        return status;
+    std::shared_ptr<DeviceList> devices;
+    const CallChecks checks =
+        CallChecks().initialized().parameters(list != nullptr).deviceList(devices);
+    if (!checks.passed())
+        return checks.status();
     const auto items = devices->snapshot();
     // All null from the start: the array can be freed also if a record cannot be allocated.
     *list = new _vexa_usb_device_list_item *[items.size() + 1]();
@@ -58,10 +41,9 @@ int32_t vexa_usb_free_device_list(_vexa_usb_device_list_item **list) {
 }
 
 int32_t vexa_usb_update_device_list(void) {
-    int32_t status = VEXA_USB_STATUS_SUCCESS;
-    const auto devices = listFor(CallChecks().initialized(), status);
-    if (devices == nullptr)
-        return status;
-    devices->update();
-    return VEXA_USB_STATUS_SUCCESS;
+    std::shared_ptr<DeviceList> devices;
+    const CallChecks checks = CallChecks().initialized().deviceList(devices);
+    if (checks.passed())
+        devices->update();
+    return checks.status();
 }

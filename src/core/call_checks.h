@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "core/global_state.h"
 #include "vexa_usb.h"
@@ -11,18 +12,25 @@ inline constexpr uint8_t kEndpointIn = 0x80;
 
 /*
  * The checks with which an exported function begins, in the order in which they are written; the
- * first that fails decides the status and the later ones are skipped.
+ * first that fails decides the status and the later ones are skipped.  `Self` is the class that
+ * derives from this and may add checks of its own.
  */
-class CallChecks {
+template <typename Self>
+class ChecksOf {
 public:
-    CallChecks &initialized() {
-        return require(initCount.load() != 0, VEXA_USB_STATUS_NOT_INITIALIZED);
+    Self &initialized() { return require(initCount.load() != 0, VEXA_USB_STATUS_NOT_INITIALIZED); }
+    Self &parameters(bool good) { return require(good, VEXA_USB_STATUS_INVALID_PARAMETERS); }
+    // While another thread's first init or last fini is at work there is no list, although the
+    // counter says "initialised".
+    Self &deviceList(std::shared_ptr<DeviceList> &list) {
+        if (passed())
+            list = currentDeviceList();
+        return require(list != nullptr, VEXA_USB_STATUS_NOT_INITIALIZED);
     }
-    CallChecks &parameters(bool good) { return require(good, VEXA_USB_STATUS_INVALID_PARAMETERS); }
-    CallChecks &inEndpoint(uint8_t endpoint) {
+    Self &inEndpoint(uint8_t endpoint) {
         return require((endpoint & kEndpointIn) != 0, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     }
-    CallChecks &outEndpoint(uint8_t endpoint) {
+    Self &outEndpoint(uint8_t endpoint) {
         return require((endpoint & kEndpointIn) == 0, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     }
 
@@ -30,14 +38,16 @@ public:
     int32_t status() const { return failure; }
 
 protected:
-    CallChecks &require(bool good, int32_t statusIfNot) {
+    Self &require(bool good, int32_t statusIfNot) {
         if (passed() && !good)
             failure = statusIfNot;
-        return *this;
+        return static_cast<Self &>(*this);
     }
 
 private:
     int32_t failure = VEXA_USB_STATUS_SUCCESS;
 };
+
+class CallChecks final : public ChecksOf<CallChecks> {};
 
 } // namespace vexausb

@@ -41,6 +41,12 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
     std::erase(transferSets, transfers);
 }
 
+void UsbConnection::prepareClose() {
+    gate.refuse();
+    for (const auto &set : attached())
+        set->stop();
+}
+
 void UsbConnection::close() {
     const std::lock_guard closer(closing);
     if (closed)

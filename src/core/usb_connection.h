@@ -27,6 +27,8 @@ public:
     // Ends these transfers and forgets them; no memory of theirs is written to afterwards.
     void end(const std::shared_ptr<TransferSet> &transfers);
 
+    // Begins what close() completes, without waiting for anything.
+    void prepareClose();
     void close();
 
 private:

@@ -28,9 +28,14 @@ UseGate::Use UseGate::enter() {
     return Use(this);
 }
 
-void UseGate::close() {
-    std::unique_lock lock(mutex);
+void UseGate::refuse() {
+    const std::lock_guard lock(mutex);
     isOpen = false;
+}
+
+void UseGate::close() {
+    refuse();
+    std::unique_lock lock(mutex);
     left.wait(lock, [this]() { return users == 0; });
 }
 

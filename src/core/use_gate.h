@@ -9,7 +9,7 @@ namespace vexausb {
 /*
  * Keeps something that must not be closed under its users' feet (a libusb context, a libusb
  * handle).  A user enters, and works only if it was let in; whoever closes the thing first closes
- * the gate, which turns new users away and waits for those inside.
+ * the gate.
  *
  * Lock: `mutex` guards all members; it is held for a few instructions only.
  */
@@ -37,7 +37,8 @@ public:
 
     void open();
     Use enter();
-    void close();
+    void refuse(); // turns new users away
+    void close();  // and waits for those inside
 
 private:
     mutable std::mutex mutex;

@@ -8,9 +8,10 @@ namespace vexausb {
 /*
  * An opened device as the exported functions see it, whatever carries it.
  *
- * Life: made by its list entry's open(), held by the caller's handle alone; the entry keeps a weak
- * reference, through which it says that the device has gone.  Destroyed on the thread that closes
- * the handle.
+ * Life: made by its list entry's open(), held by the caller's handle.  The entry keeps a weak
+ * reference, and turns it into a strong one only while it says that the device has gone.  So the
+ * device is destroyed on the thread that closes the handle, or, when both happen at once, on the
+ * thread that destroys the entry.
  *
  * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
  * `eventQueue`, runs the caller's callback.  Destruction stops that worker without waiting for it,
@@ -34,6 +35,13 @@ AbstractDevice::~AbstractDevice() {
 void AbstractDevice::setRemoved() {
     removed.store(true, std::memory_order_release);
     eventQueue->post(VEXA_USB_DEVICE_EVENT_REMOVED);
+}
+
+// What the destructor does as well; here it does not depend on the list entry's holding a reference
+// at this moment, to say that the device has gone: once a close returns, no further event comes.
+void AbstractDevice::close() {
+    dataStreamStop();
+    eventQueue->stop();
 }
 
 int32_t AbstractDevice::getKernelDriverVersion(_vexa_usb_version & /*version*/) {

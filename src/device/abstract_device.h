@@ -20,6 +20,8 @@ public:
     AbstractDevice(const AbstractDevice &) = delete;
     AbstractDevice &operator=(const AbstractDevice &) = delete;
 
+    // The handle's owner is done with the device.
+    void close();
     void setRemoved();
     virtual int32_t getKernelDriverVersion(_vexa_usb_version &version);
     virtual int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) = 0;

@@ -66,13 +66,13 @@ DataStream::DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransfer
         buffers.push_back(std::make_unique<DataStreamBuffer>(allocationSize));
 }
 
-bool DataStream::claim() {
-    return buffers[writeIndex]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
+bool DataStream::claim(uint64_t index) {
+    return buffers[index]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
 }
 
 // False when the ring is full: the caller has not yet given back a buffer that is needed.
 bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
-    if (writeOffset == 0 && !claim())
+    if (writeOffset == 0 && !claim(writeIndex))
         return false;
     info = {};
     info.bufferIndex = writeIndex;
@@ -90,14 +90,23 @@ bool DataStream::advance(DataStreamTransferInfo &info) {
     if (writeOffset < bufferSize)
         return true;
     info.copyLength = writeOffset - bufferSize;
-    while (writeOffset >= bufferSize) {
-        buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
-        ++info.completedBuffers;
-        writeIndex = following(writeIndex);
-        writeOffset -= bufferSize;
-        if (writeOffset != 0 && !claim())
+    info.completedBuffers = writeOffset / bufferSize;
+    writeOffset %= bufferSize;
+    buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
+
+    // The buffers that the overshoot reaches, before any of them is called full.
+    const uint64_t reached = info.completedBuffers - (writeOffset == 0 ? 1 : 0);
+    uint64_t index = writeIndex;
+    for (uint64_t i = 0; i < reached; ++i) {
+        index = following(index);
+        if (!claim(index))
             return false;
     }
+    for (uint64_t i = 1; i < info.completedBuffers; ++i) {
+        writeIndex = following(writeIndex);
+        buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
+    }
+    writeIndex = following(writeIndex);
     return true;
 }
 

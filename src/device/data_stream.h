@@ -50,7 +50,7 @@ public:
     bool unlock();
 
 private:
-    bool claim();
+    bool claim(uint64_t index);
     bool advance(DataStreamTransferInfo &info);
     uint64_t following(uint64_t index) const { return index + 1 == buffers.size() ? 0 : index + 1; }
 

@@ -8,29 +8,16 @@
 namespace vexausb {
 
 /*
- * The checks of an exported function that works on an opened device: those of CallChecks, then
+ * The checks of an exported function that works on an opened device: those of every function, then
  * the device's own, in the order in which they are written, then the call itself.
  */
-class DeviceCall : public CallChecks {
+class DeviceCall final : public ChecksOf<DeviceCall> {
 public:
     explicit DeviceCall(const _vexa_usb_device *caller) : handle(caller) {}
 
-    DeviceCall &initialized() {
-        CallChecks::initialized();
-        return *this;
-    }
     // The handle, and whatever else the function requires.
     DeviceCall &parameters(bool good = true) {
-        CallChecks::parameters(handle != nullptr && good);
-        return *this;
-    }
-    DeviceCall &inEndpoint(uint8_t endpoint) {
-        CallChecks::inEndpoint(endpoint);
-        return *this;
-    }
-    DeviceCall &outEndpoint(uint8_t endpoint) {
-        CallChecks::outEndpoint(endpoint);
-        return *this;
+        return ChecksOf::parameters(handle != nullptr && good);
     }
     DeviceCall &dataStreamSupported() {
         return state(&AbstractDevice::hasDataStream, true, VEXA_USB_STATUS_NOT_SUPPORTED);

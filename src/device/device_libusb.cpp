@@ -190,17 +190,16 @@ int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uin
     if (!use || packetSize <= 0)
         return VEXA_USB_STATUS_UNKNOWN;
 
-    std::shared_ptr<StreamSession> session;
     try {
-        session = std::make_shared<StreamSession>(bufferSize, bufferCount,
-                                                  static_cast<uint64_t>(packetSize), eventQueue);
+        auto session = std::make_shared<StreamSession>(
+            bufferSize, bufferCount, static_cast<uint64_t>(packetSize), eventQueue);
+        if (!session->prepare(connection->handle(), endpoint))
+            return VEXA_USB_STATUS_NO_MEMORY;
+        connection->attach(session);
+        stream = std::move(session);
     } catch (const std::exception &) {
         return VEXA_USB_STATUS_NO_MEMORY;
     }
-    if (!session->prepare(connection->handle(), endpoint))
-        return VEXA_USB_STATUS_NO_MEMORY;
-    connection->attach(session);
-    stream = std::move(session);
     dataStreamActive.store(true);
     stream->begin();
     return VEXA_USB_STATUS_SUCCESS;

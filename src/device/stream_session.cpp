@@ -27,7 +27,9 @@ bool StreamSession::prepare(libusb_device_handle *handle, uint8_t endpoint) {
 void StreamSession::begin() {
     const std::lock_guard lock(mutex);
     for (Slot &slot : slots) {
-        if (!failed && !stopRequested)
+        if (failed || stopRequested)
+            release(slot);
+        else
             submitNext(slot);
     }
     events->post(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED);

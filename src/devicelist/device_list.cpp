@@ -1,6 +1,7 @@
 #include "devicelist/device_list.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include <libusb.h>
@@ -41,9 +42,10 @@ void DeviceList::update() {
     const UseGate::Use use = LibUSB::useContext();
     if (!use)
         return;
+    std::optional<LibusbDeviceArray> attached; // released after the unlocking
     const std::lock_guard lock(mutex);
-    const LibusbDeviceArray attached(libusbContext);
-    for (libusb_device *device : attached.devices()) {
+    attached.emplace(libusbContext);
+    for (libusb_device *device : attached->devices()) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS)
             continue;

@@ -65,6 +65,18 @@ TEST(DataStream, OneBufferWithAnOvershootFailsAtItsEnd) {
     EXPECT_FALSE(ring.nextTransfer(info));
 }
 
+// What was never filled must not look full, however many buffers a packet spans.
+TEST(DataStream, PacketThatSpansTooManyBuffers) {
+    DataStream ring(100, 5, kMax, 512);
+    DataStreamTransferInfo info;
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    EXPECT_FALSE(ring.nextTransfer(info));
+    EXPECT_TRUE(ring.lock(data, size));
+    EXPECT_TRUE(ring.unlock());
+    EXPECT_FALSE(ring.lock(data, size));
+}
+
 TEST(DataStream, ImpossibleSizesThrow) {
     EXPECT_THROW(DataStream(UINT64_MAX, 1, kMax, 512), std::exception);
     EXPECT_THROW(DataStream(UINT64_MAX - 511, 1, kMax, 512), std::exception);

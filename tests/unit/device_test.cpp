@@ -1,7 +1,9 @@
 // Opened devices: checks, queries, synchronous transfers, removal.
+#include <atomic>
 #include <cstring>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "helpers.h"
 
@@ -185,6 +187,37 @@ TEST_F(DeviceTest, FiniDuringALongTransfer) {
     EXPECT_EQ(pieces, 1);
     EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
     vexa_usb_init();
+}
+
+// The waiting for several devices' transfers does not add up.
+TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
+    std::atomic<int> inside = 0;
+    std::atomic<int> pieces = 0;
+    fake::onTransfer([&](uint8_t, uint8_t *, int length, int *actual) {
+        thread_local bool begun = false;
+        inside += std::exchange(begun, true) ? 0 : 1;
+        ++pieces;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        *actual = length;
+        return 0;
+    });
+    std::vector<_vexa_usb_device *> devices{open(), open(), open(), open()};
+    std::vector<std::thread> threads;
+    for (_vexa_usb_device *each : devices) {
+        threads.emplace_back([each]() {
+            std::vector<uint8_t> data(20 * 524288);
+            EXPECT_EQ(vexa_usb_bulk_read(each, 0x83, data.data(), data.size()), -1);
+        });
+    }
+    while (inside < 4)
+        std::this_thread::yield();
+    vexa_usb_fini();
+    EXPECT_LE(pieces, 8);
+    for (std::thread &thread : threads)
+        thread.join();
+    vexa_usb_init();
+    for (_vexa_usb_device *each : devices)
+        vexa_usb_close(each);
 }
 
 // A device that outlives the last fini is removed, usable for nothing but closing, and closes

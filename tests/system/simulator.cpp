@@ -1,0 +1,122 @@
+#include "simulator.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "instrument_protocol.h"
+
+namespace test {
+
+namespace {
+
+constexpr std::chrono::milliseconds kStep{10};
+constexpr int kMostSteps = 3000;
+
+std::vector<uint8_t> bytesOf(const void *object, size_t size) {
+    std::vector<uint8_t> bytes(size);
+    std::memcpy(bytes.data(), object, size);
+    return bytes;
+}
+
+} // namespace
+
+bool waitStep(int &step) {
+    std::this_thread::sleep_for(kStep);
+    return ++step < kMostSteps;
+}
+
+Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wait) {
+    const size_t before = wait ? listedIds().size() : 0;
+    arguments.insert(arguments.begin(), {VEXA_SIMULATOR, "--attach", "--port", "0"});
+    std::vector<char *> words;
+    for (std::string &argument : arguments)
+        words.push_back(argument.data());
+    words.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", 0, 0);
+    const int error = posix_spawn(&process, VEXA_SIMULATOR, &files, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    if (error != 0)
+        throw std::runtime_error("cannot start " VEXA_SIMULATOR);
+    if (wait && !eventually([&]() { return listedIds().size() >= before + devices; }))
+        throw std::runtime_error("the simulated devices did not appear");
+}
+
+// Waits until the kernel has let the devices go, so that the next test finds an empty bus.
+Simulator::~Simulator() {
+    kill(process, SIGTERM);
+    waitpid(process, nullptr, 0);
+    std::string command = "for i in $(seq 300); do lsusb -d ";
+    std::array<char, 8> vendor{};
+    std::snprintf(vendor.data(), vendor.size(), "%04x:", VEXA_USB_VENDOR_ID);
+    command += std::string(vendor.data()) + " >/dev/null || exit 0; sleep 0.02; done; exit 1";
+    if (std::system(command.c_str()) != 0) // NOLINT(bugprone-command-processor)
+        std::abort();
+}
+
+std::vector<uint64_t> listedIds(bool update) {
+    if (update)
+        vexa_usb_update_device_list();
+    _vexa_usb_device_list_item **list = nullptr;
+    uint64_t count = 0;
+    std::vector<uint64_t> ids;
+    if (vexa_usb_get_device_list(&list, &count) != VEXA_USB_STATUS_SUCCESS)
+        return ids;
+    for (uint64_t i = 0; i < count; ++i)
+        ids.push_back(list[i]->id);
+    vexa_usb_free_device_list(list);
+    return ids;
+}
+
+_vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,
+                             int32_t *status) {
+    _vexa_usb_device_list_item **list = nullptr;
+    _vexa_usb_device *device = nullptr;
+    int32_t result = vexa_usb_get_device_list(&list, nullptr);
+    if (result == VEXA_USB_STATUS_SUCCESS) {
+        result = VEXA_USB_STATUS_UNKNOWN;
+        for (auto **item = list; *item != nullptr; ++item) {
+            if ((*item)->id == id)
+                result = vexa_usb_open(*item, callback, data, &device);
+        }
+        vexa_usb_free_device_list(list);
+    }
+    if (status != nullptr)
+        *status = result;
+    return device;
+}
+
+int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value, uint16_t index,
+              std::vector<uint8_t> data) {
+    return vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+                                     VEXA_USB_RECIPIENT_DEVICE, request, value, index, data.data(),
+                                     data.size());
+}
+
+int32_t rewindStream(_vexa_usb_device *device) {
+    return steer(device, sim::kRequestSeek, 0, 0, std::vector<uint8_t>(8));
+}
+
+int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
+               uint16_t product) {
+    const sim::VanishRequest request{afterBytes, returnAfterMs, product, 0};
+    return steer(device, sim::kRequestVanish, 0, 0, bytesOf(&request, sizeof(request)));
+}
+
+size_t openDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+} // namespace test

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "vexa_usb.h"
+
+namespace test {
+
+// vexa-usb-sim with its devices plugged into this machine, for as long as this lives.
+class Simulator {
+public:
+    // Waits until that many devices of the family are listed, unless `wait` is false.
+    explicit Simulator(std::vector<std::string> arguments, size_t devices = 1, bool wait = true);
+    ~Simulator();
+    Simulator(const Simulator &) = delete;
+    Simulator &operator=(const Simulator &) = delete;
+
+private:
+    pid_t process = 0;
+};
+
+// The ids of the listed devices, after an update.
+std::vector<uint64_t> listedIds(bool update = true);
+
+// Opens the listed device with that id; null when that fails, with the status in `status`.
+_vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,
+                             int32_t *status = nullptr);
+
+// A vendor request that steers the simulated instrument.
+int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value = 0, uint16_t index = 0,
+              std::vector<uint8_t> data = {});
+int32_t rewindStream(_vexa_usb_device *device);
+int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
+               uint16_t product = 0);
+
+// Whether `condition` comes true within a generous time.
+template <typename Condition>
+bool eventually(Condition condition);
+
+bool waitStep(int &step);
+
+template <typename Condition>
+bool eventually(Condition condition) {
+    for (int step = 0; !condition();) {
+        if (!waitStep(step))
+            return false;
+    }
+    return true;
+}
+
+size_t openDescriptors();
+
+} // namespace test

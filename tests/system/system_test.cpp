@@ -1,0 +1,285 @@
+// The library on a real kernel, with simulated devices on the kernel's own virtual bus.  Each test
+// runs in a process of its own (see run), since the library follows the bus once in a process.
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <numeric>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "instrument_protocol.h"
+#include "simulator.h"
+#include "stream_reader.h"
+
+namespace {
+
+using test::Events;
+using test::Simulator;
+using test::StreamReader;
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes countingBytes(size_t size) {
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    return bytes;
+}
+
+class SystemTest : public ::testing::Test {
+protected:
+    SystemTest() { vexa_usb_init(); }
+    ~SystemTest() override {
+        if (device != nullptr)
+            vexa_usb_close(device);
+        vexa_usb_fini();
+    }
+    void openFirst() {
+        device = test::openDevice(test::listedIds().at(0), Events::callback, &events);
+        ASSERT_NE(device, nullptr);
+    }
+    int32_t close() { return vexa_usb_close(std::exchange(device, nullptr)); }
+    int32_t read(Bytes &bytes) {
+        return vexa_usb_bulk_read(device, sim::kBulkLoopIn, bytes.data(), bytes.size());
+    }
+    int32_t write(const Bytes &bytes) {
+        return vexa_usb_bulk_write(device, sim::kBulkLoopOut, bytes.data(), bytes.size());
+    }
+    int32_t start(uint64_t size, uint64_t count) {
+        return vexa_usb_data_stream_start(device, sim::kStreamEndpoint, size, count);
+    }
+    // Streams that many bytes from the beginning, looking at each.
+    void streamAndCheck(uint64_t bufferSize, uint64_t bufferCount, uint64_t bytes) {
+        ASSERT_EQ(test::rewindStream(device), 0);
+        StreamReader reader(device, events);
+        ASSERT_EQ(start(bufferSize, bufferCount), 0);
+        EXPECT_EQ(reader.read(bytes), bytes) << "buffers of " << bufferSize;
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR), 0U);
+    }
+
+    Events &events = Events::make();
+    _vexa_usb_device *device = nullptr;
+};
+
+TEST_F(SystemTest, ListAndOpen) {
+    // Attached before the init: listed only when asked for.
+    vexa_usb_fini();
+    const Simulator earlier({"instrument,product=0x10"}, 0, false);
+    ASSERT_EQ(std::system("for i in $(seq 300); do lsusb -d :0010 >/dev/null && exit 0; "
+                          "sleep 0.02; done; exit 1"), // NOLINT(bugprone-command-processor)
+              0);
+    vexa_usb_init();
+    EXPECT_TRUE(test::listedIds(false).empty());
+    const auto ids = test::listedIds();
+    ASSERT_EQ(ids.size(), 1U);
+
+    device = test::openDevice(ids[0], Events::callback, &events);
+    ASSERT_NE(device, nullptr);
+    int32_t status = 0;
+    EXPECT_EQ(test::openDevice(ids[0], Events::callback, &events, &status), nullptr);
+    EXPECT_EQ(status, VEXA_USB_STATUS_UNKNOWN);
+    _vexa_usb_device_descriptor descriptor{};
+    EXPECT_EQ(vexa_usb_get_device_descriptor(device, &descriptor, sizeof(descriptor)), 0);
+    EXPECT_EQ(descriptor.idProduct, 0x10);
+    EXPECT_EQ(descriptor.iSerialNumber, 3);
+    uint16_t size = 0;
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, sim::kStreamEndpoint, &size), 0);
+    EXPECT_EQ(size, 512);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x8E, &size), -10);
+    EXPECT_EQ(close(), 0);
+    openFirst();
+}
+
+TEST_F(SystemTest, FollowsTheBus) {
+    const Simulator simulator({"instrument"}, 0, false);
+    EXPECT_TRUE(test::eventually([]() { return test::listedIds(false).size() == 1; }));
+}
+
+TEST_F(SystemTest, TransfersOfAwkwardLengths) {
+    const Simulator simulator({"instrument"});
+    openFirst();
+    for (const size_t length : {1, 511, 512, 513, 65536, 524287, 524288, 524289, 1048577}) {
+        const Bytes sent = countingBytes(length);
+        Bytes received(length);
+        ASSERT_EQ(write(sent), 0) << length;
+        ASSERT_EQ(read(received), 0) << length;
+        ASSERT_EQ(received, sent);
+    }
+    for (const size_t length : {1, 63, 64, 65, 200}) {
+        const Bytes sent = countingBytes(length);
+        Bytes received(length);
+        ASSERT_EQ(vexa_usb_interrupt_write(device, sim::kInterruptLoopOut, sent.data(), length), 0);
+        ASSERT_EQ(vexa_usb_interrupt_read(device, sim::kInterruptLoopIn, received.data(), length),
+                  0);
+        ASSERT_EQ(received, sent);
+    }
+    for (const size_t length : {0, 1, 64, 65, 4096}) { // the kernel allows no more
+        const Bytes sent = countingBytes(length);
+        Bytes received(length);
+        ASSERT_EQ(test::steer(device, sim::kRequestScratch, 0, 0, sent), 0) << length;
+        ASSERT_EQ(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_VENDOR,
+                                            VEXA_USB_RECIPIENT_DEVICE, sim::kRequestScratch, 0, 0,
+                                            received.data(), length),
+                  0);
+        ASSERT_EQ(received, sent);
+    }
+}
+
+TEST_F(SystemTest, TimeoutsStallsAndShortAnswers) {
+    const Simulator simulator({"instrument"});
+    openFirst();
+    Bytes bytes(1000);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(read(bytes), VEXA_USB_STATUS_TIMEOUT);
+    const auto time = std::chrono::steady_clock::now() - before;
+    EXPECT_GT(time, std::chrono::milliseconds(900));
+    EXPECT_LT(time, std::chrono::milliseconds(3000));
+
+    ASSERT_EQ(test::steer(device, sim::kRequestStall, 1, sim::kBulkLoopIn), 0);
+    ASSERT_EQ(write(bytes), 0);
+    EXPECT_EQ(read(bytes), VEXA_USB_STATUS_UNKNOWN);
+    // CLEAR_FEATURE(ENDPOINT_HALT), as a driver would.
+    EXPECT_EQ(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_STANDARD,
+                                        VEXA_USB_RECIPIENT_ENDPOINT, 1, 0, sim::kBulkLoopIn,
+                                        nullptr, 0),
+              0);
+    EXPECT_EQ(read(bytes), 0);
+    EXPECT_EQ(test::steer(device, 0x7F), VEXA_USB_STATUS_UNKNOWN); // no such request: a stall
+
+    ASSERT_EQ(write(bytes), 0);
+    ASSERT_EQ(test::steer(device, sim::kRequestShort, 10, sim::kBulkLoopIn), 0);
+    EXPECT_EQ(read(bytes), VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED);
+    bytes.resize(990);
+    EXPECT_EQ(read(bytes), 0);
+
+    ASSERT_EQ(test::steer(device, sim::kRequestDelay, 300, sim::kBulkLoopIn), 0);
+    ASSERT_EQ(write(bytes), 0);
+    const auto delayed = std::chrono::steady_clock::now();
+    EXPECT_EQ(read(bytes), 0);
+    EXPECT_GT(std::chrono::steady_clock::now() - delayed, std::chrono::milliseconds(290));
+}
+
+TEST_F(SystemTest, StreamsOfManySizesAtHighSpeed) {
+    const Simulator simulator({"instrument,speed=high"});
+    openFirst();
+    for (const uint64_t size : {300, 512, 1000, 65536, 524288, 1000000, 1048576, 3000001})
+        streamAndCheck(size, 4 + 4000000 / size, size < 65536 ? 1000000 : 24000000);
+}
+
+TEST_F(SystemTest, StreamsOfManySizesAtSuperSpeed) {
+    const Simulator simulator({"instrument,speed=super"});
+    openFirst();
+    for (const uint64_t size : {700, 1024, 100001, 524289, 2097152})
+        streamAndCheck(size, 4 + 4000000 / size, size < 65536 ? 1000000 : 24000000);
+}
+
+TEST_F(SystemTest, SlowCaller) {
+    const Simulator simulator({"instrument"});
+    openFirst();
+    ASSERT_EQ(test::rewindStream(device), 0);
+    ASSERT_EQ(start(100000, 8), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL));
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR));
+    // What was reported full is whole, the held buffer included.
+    uint64_t drained = 0;
+    const uint64_t full = events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL);
+    for (; drained < full; ++drained) {
+        if (drained > 0) {
+            ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        }
+        EXPECT_EQ(sim::firstPatternError(drained * size, {data, size}), size);
+        ASSERT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0);
+    }
+    EXPECT_EQ(start(100000, 8), VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE);
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR), 1U);
+    ASSERT_EQ(test::rewindStream(device), 0);
+    StreamReader reader(device, events);
+    ASSERT_EQ(start(100000, 64), 0);
+    EXPECT_EQ(reader.read(5000000), 5000000U);
+}
+
+TEST_F(SystemTest, VanishesWhileStreamingAndComesBack) {
+    const Simulator simulator({"instrument"});
+    openFirst();
+    const uint64_t id = test::listedIds(false).at(0);
+    ASSERT_EQ(test::vanish(device, 10000000, 300), 0);
+    StreamReader reader(device, events);
+    ASSERT_EQ(start(65536, 32), 0);
+    const uint64_t right = reader.read(9000000);
+    EXPECT_EQ(right, 9000000U);
+    EXPECT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), VEXA_USB_STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
+    EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED), 0U);
+    ASSERT_TRUE(test::eventually([]() { return test::listedIds(false).size() == 1; }));
+    EXPECT_GT(test::listedIds(false).at(0), id);
+    openFirst();
+    streamAndCheck(65536, 32, 5000000);
+}
+
+TEST_F(SystemTest, TwentyDevicesStream) {
+    const Simulator simulator({"--count", "20"}, 20);
+    std::vector<std::thread> threads;
+    std::atomic<uint64_t> total = 0;
+    for (const uint64_t id : test::listedIds()) {
+        threads.emplace_back([&total, id, &each = Events::make()]() {
+            _vexa_usb_device *const opened = test::openDevice(id, Events::callback, &each);
+            ASSERT_NE(opened, nullptr);
+            StreamReader reader(opened, each);
+            EXPECT_EQ(vexa_usb_data_stream_start(opened, sim::kStreamEndpoint, 100000, 80), 0);
+            total += reader.read(4000000);
+            EXPECT_EQ(vexa_usb_close(opened), 0);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(total, 20 * 4000000U);
+}
+
+// Every life-cycle state with a real libusb below: nothing hangs, no descriptor stays open.
+TEST_F(SystemTest, InitAndFiniCycles) {
+    const Simulator simulator({"instrument"});
+    vexa_usb_fini();
+    const size_t before = test::openDescriptors();
+    for (int cycle = 0; cycle < 30; ++cycle) {
+        vexa_usb_init();
+        openFirst();
+        ASSERT_EQ(start(65536, 16), 0);
+        if (cycle % 3 == 0) {
+            EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        }
+        if (cycle % 3 == 1) {
+            EXPECT_EQ(close(), 0);
+        }
+        vexa_usb_fini(); // a device that is still open
+        if (device != nullptr) {
+            vexa_usb_init();
+            EXPECT_EQ(close(), 0);
+            vexa_usb_fini();
+        }
+    }
+    EXPECT_EQ(test::openDescriptors(), before);
+    vexa_usb_init();
+}
+
+// A long run at an awkward buffer size; its length in GiB comes from the environment.
+TEST_F(SystemTest, Soak) {
+    const char *const gibibytes = std::getenv("VEXA_SOAK_GIB");
+    if (gibibytes == nullptr)
+        GTEST_SKIP() << "on demand: scripts/test --soak";
+    const Simulator simulator({"instrument,speed=super"});
+    openFirst();
+    const uint64_t half = std::strtoull(gibibytes, nullptr, 10) << 29;
+    streamAndCheck(1000000, 64, half);
+    streamAndCheck(777777, 64, half);
+}
+
+} // namespace
