@@ -54,13 +54,13 @@ Connection::~Connection() {
 }
 
 bool Connection::work(bool readable) {
+    bool peerIsThere = true;
     if (readable && !leaving) {
-        if (!socket.receive())
-            return false;
+        peerIsThere = socket.receive();
         while (handleInput()) {
         }
     }
-    return socket.flush() && !(leaving && socket.drained());
+    return socket.flush() && peerIsThere && !(leaving && socket.drained());
 }
 
 bool Connection::handleInput() {

@@ -12,6 +12,7 @@ namespace sim {
 namespace {
 
 constexpr size_t kReceiveRoom = 256U << 10;
+constexpr size_t kMostAtOnce = 4U << 20; // others want to be served, too
 
 bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -23,15 +24,21 @@ StreamSocket::~StreamSocket() {
     close(socket);
 }
 
+// All that is there, so that the end of a connection is seen before what others send afterwards.
 bool StreamSocket::receive() {
     input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(consumed));
     consumed = 0;
-    const size_t before = input.size();
-    input.resize(before + kReceiveRoom);
-    const ssize_t count = recv(socket, &input[before], kReceiveRoom, MSG_DONTWAIT);
-    const int error = errno;
-    input.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    return count > 0 || (count < 0 && isTemporary(error));
+    ssize_t count = 0;
+    do {
+        const size_t before = input.size();
+        input.resize(before + kReceiveRoom);
+        count = recv(socket, &input[before], kReceiveRoom, MSG_DONTWAIT);
+        const int error = errno;
+        input.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        if (count < 0)
+            return isTemporary(error);
+    } while (count > 0 && input.size() < kMostAtOnce);
+    return count > 0;
 }
 
 void StreamSocket::send(OutputPiece piece) {
