@@ -1,0 +1,108 @@
+#!/usr/bin/env python3
+"""Measures the library and says how it compares.
+
+  run.py stream BUILD ROUNDS     inside the virtual machine: throughput and processor time against
+                                 a bare libusb loop and against blocking reads
+  run.py completions BUILD       under callgrind: instructions and allocations per transfer
+
+Exit status 1 when a figure misses its target.
+"""
+import os
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(__file__))
+import callgrind_cost
+
+STREAM_BYTES = 256 << 20
+missed = False
+
+
+def show(what, value, target=None, at_least=False):
+    global missed
+    verdict = ""
+    if target is not None:
+        good = value >= target if at_least else value <= target
+        missed = missed or not good
+        verdict = f"  (target: {'at least' if at_least else 'at most'} {target}: " \
+                  f"{'met' if good else 'MISSED'})"
+    print(f"{what:<58} {value:10.3f}{verdict}")
+
+
+class Simulator:
+    """The simulator with its devices plugged in."""
+
+    def __init__(self, build, *devices):
+        self.process = subprocess.Popen([f"{build}/vexa-usb-sim", "--attach", *devices],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        for _ in range(300):
+            if subprocess.run(["lsusb", "-d", "5658:"], stdout=subprocess.DEVNULL).returncode == 0:
+                break
+            time.sleep(0.05)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait()
+
+
+def stream(build, rounds):
+    modes = ("bare", "library", "blocking")
+    times = {mode: [] for mode in modes}
+    processor = {mode: [] for mode in modes}
+    with Simulator(build, "instrument,speed=super"):
+        for _ in range(rounds + 1):
+            for mode in modes:
+                output = subprocess.run([f"{build}/bench/stream-bench", mode, str(STREAM_BYTES)],
+                                        check=True, capture_output=True, text=True).stdout.split()
+                times[mode].append(float(output[0]))
+                processor[mode].append(float(output[1]))
+    # The first round warms up.
+    rate = {mode: STREAM_BYTES / 1e6 / statistics.median(times[mode][1:]) for mode in modes}
+    used = {mode: statistics.median(processor[mode][1:]) for mode in modes}
+    print(f"Stream of {STREAM_BYTES >> 20} MiB, medians of {rounds} rounds in turns:")
+    for mode in modes:
+        show(f"  {mode}: MB/s", rate[mode])
+        show(f"  {mode}: seconds of processor time", used[mode])
+    show("  throughput, library / bare", rate["library"] / rate["bare"], 0.97, True)
+    show("  throughput, library / blocking", rate["library"] / rate["blocking"])
+    show("  processor time, library / bare", used["library"] / used["bare"], 1.05)
+    show("  processor time, library / blocking", used["library"] / used["blocking"])
+
+
+def profile(build, program, *arguments):
+    """The library's cost under callgrind, with the stand-in in libusb's place."""
+    with tempfile.NamedTemporaryFile() as output:
+        subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={output.name}",
+                        "--quiet", f"{build}/bench/{program}", *map(str, arguments)], check=True,
+                       env={**os.environ, "LD_LIBRARY_PATH": f"{build}/bench"},
+                       stderr=subprocess.DEVNULL)
+        return callgrind_cost.cost(output.name, "libvexa-usb", ("libusb-1.0", "/bench/" + program))
+
+
+def per_unit(build, program, few, many):
+    """Cost of one more unit of work in the steady state."""
+    low, high = profile(build, program, few), profile(build, program, many)
+    return {key: (high[key] - low[key]) / (many - few) for key in low}
+
+
+def completions(build):
+    cost = per_unit(build, "completions", 800, 8800)
+    print("Stream against the libusb stand-in, per completed transfer (each fills a buffer):")
+    show("  instructions in the library", cost["own"])
+    show("  instructions elsewhere on its behalf", cost["behalf"])
+    show("  instructions, both", cost["own"] + cost["behalf"], 1500)
+    show("  allocations", cost["allocations"], 0.1)
+
+
+if __name__ == "__main__":
+    if sys.argv[1] == "stream":
+        stream(sys.argv[2], int(sys.argv[3]))
+    else:
+        completions(sys.argv[2])
+    sys.exit(1 if missed else 0)

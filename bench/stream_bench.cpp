@@ -1,0 +1,187 @@
+// Reads a number of bytes from the simulated instrument's stream in one of three ways and prints
+// the time and the processor time that it took.
+#include <sys/resource.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <libusb.h>
+
+#include "instrument_protocol.h"
+#include "vexa_usb.h"
+
+namespace {
+
+constexpr int kTransferSize = 524288;
+constexpr int kTransferCount = 3;
+constexpr uint64_t kBufferSize = 1048576;
+constexpr uint64_t kBufferCount = 32;
+
+void require(bool good, const char *what) {
+    if (!good)
+        throw std::runtime_error(what);
+}
+
+// The device opened with nothing but libusb.
+class BareDevice {
+public:
+    BareDevice() {
+        require(libusb_init(&context) == 0, "libusb_init");
+        libusb_device **list = nullptr;
+        const ssize_t count = libusb_get_device_list(context, &list);
+        for (ssize_t i = 0; i < count && handle == nullptr; ++i) {
+            libusb_device_descriptor descriptor{};
+            libusb_get_device_descriptor(list[i], &descriptor);
+            if (descriptor.idVendor == VEXA_USB_VENDOR_ID)
+                libusb_open(list[i], &handle);
+        }
+        libusb_free_device_list(list, 1);
+        require(handle != nullptr && libusb_claim_interface(handle, 0) == 0, "no instrument");
+    }
+    ~BareDevice() {
+        libusb_close(handle);
+        libusb_exit(context);
+    }
+    BareDevice(const BareDevice &) = delete;
+    BareDevice &operator=(const BareDevice &) = delete;
+
+    libusb_context *context = nullptr;
+    libusb_device_handle *handle = nullptr;
+};
+
+// (a): three transfers, resubmitted as they complete; nobody looks at the data.
+struct BareLoop {
+    uint64_t left = 0;
+    int flying = 0;
+
+    static void LIBUSB_CALL completed(libusb_transfer *transfer) {
+        auto &self = *static_cast<BareLoop *>(transfer->user_data);
+        const auto actual = static_cast<uint64_t>(transfer->actual_length);
+        self.left -= actual < self.left ? actual : self.left;
+        if (transfer->status != LIBUSB_TRANSFER_COMPLETED || self.left == 0 ||
+            libusb_submit_transfer(transfer) != 0)
+            --self.flying;
+    }
+
+    void run(uint64_t bytes) {
+        const BareDevice device;
+        std::vector<std::vector<uint8_t>> buffers(kTransferCount);
+        std::vector<libusb_transfer *> transfers;
+        left = bytes;
+        for (auto &buffer : buffers) {
+            buffer.resize(kTransferSize);
+            libusb_transfer *const transfer = libusb_alloc_transfer(0);
+            libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, buffer.data(),
+                                      kTransferSize, completed, this, 0);
+            require(libusb_submit_transfer(transfer) == 0, "submit");
+            transfers.push_back(transfer);
+            ++flying;
+        }
+        while (flying > 0)
+            libusb_handle_events(device.context);
+        for (libusb_transfer *transfer : transfers)
+            libusb_free_transfer(transfer);
+    }
+};
+
+// (b): this library; each buffer is locked and given back.
+class LibraryStream {
+public:
+    void run(uint64_t bytes) {
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        _vexa_usb_device_list_item **list = nullptr;
+        vexa_usb_get_device_list(&list, nullptr);
+        require(list[0] != nullptr && vexa_usb_open(list[0], callback, this, &device) == 0,
+                "no instrument");
+        vexa_usb_free_device_list(list);
+        left = bytes;
+        vexa_usb_data_stream_start(device, sim::kStreamEndpoint, kBufferSize, kBufferCount);
+        {
+            std::unique_lock lock(mutex);
+            done.wait(lock, [this]() { return left == 0; });
+        }
+        vexa_usb_close(device);
+        vexa_usb_fini();
+    }
+
+private:
+    static void callback(_vexa_usb_device_event event, void *data) {
+        if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)
+            static_cast<LibraryStream *>(data)->take();
+        else if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+            std::abort();
+    }
+    void take() {
+        uint8_t *data = nullptr;
+        uint64_t size = 0;
+        if (vexa_usb_data_stream_buffer_lock(device, &data, &size) != 0)
+            return;
+        vexa_usb_data_stream_buffer_unlock(device);
+        const std::lock_guard lock(mutex);
+        left -= size < left ? size : left;
+        if (left == 0)
+            done.notify_all();
+    }
+
+    _vexa_usb_device *device = nullptr;
+    std::mutex mutex;
+    std::condition_variable done;
+    uint64_t left = 0;
+};
+
+// (c): one blocking read after the other.
+void blockingReads(uint64_t bytes) {
+    const BareDevice device;
+    std::vector<uint8_t> buffer(kTransferSize);
+    for (uint64_t done = 0; done < bytes;) {
+        int actual = 0;
+        require(libusb_bulk_transfer(device.handle, sim::kStreamEndpoint, buffer.data(),
+                                     kTransferSize, &actual, 0) == 0,
+                "read");
+        done += static_cast<uint64_t>(actual);
+    }
+}
+
+double processorSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s bare|library|blocking BYTES\n", argv[0]);
+        return 2;
+    }
+    const std::string mode = argv[1];
+    const uint64_t bytes = std::strtoull(argv[2], nullptr, 10);
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        if (mode == "bare")
+            BareLoop().run(bytes);
+        else if (mode == "library")
+            LibraryStream().run(bytes);
+        else
+            blockingReads(bytes);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+    std::printf("%f %f\n", time.count(), processorSeconds());
+    return 0;
+}
