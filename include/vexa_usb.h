@@ -146,9 +146,10 @@ typedef uint32_t _vexa_usb_device_event;
 /**
  * Receives the events of one opened device, in their order, one at a time.
  *
- * Runs on a thread of that device ("usb-device" and a number).  Closing the device does not wait for
- * it: one call may still be running, or be just about to begin, when vexa_usb_close() returns, and
- * what @p data points to must outlive that call.  A callback that takes long delays this device's later events only; they are kept without limit.
+ * Runs on a thread of that device ("usb-device" and a number).  Closing the device does not wait
+ * for it: one call may still be running, or be just about to begin, when vexa_usb_close() returns,
+ * and what @p data points to must outlive that call.  A callback that takes long delays this
+ * device's later events only; they are kept without limit.
  *
  * @param event what happened
  * @param data the pointer given to vexa_usb_open()
