@@ -39,10 +39,10 @@ installPackages() {
         apt-get install -qq -y --no-install-recommends $missing >/dev/null
 }
 
-# configure PRESET [CMAKE-ARGUMENT...]: configures and builds that preset.
+# buildPreset PRESET [TARGET...]: configures that preset and builds it, or the targets alone.
 buildPreset() {
     local preset=$1
     shift
-    cmake --preset "$preset" -S "$vexaRoot" -B "$vexaBuild/$preset" "$@" >/dev/null
-    cmake --build "$vexaBuild/$preset"
+    cmake --preset "$preset" -S "$vexaRoot" -B "$vexaBuild/$preset" >/dev/null
+    cmake --build "$vexaBuild/$preset" ${1:+--target "$@"}
 }
