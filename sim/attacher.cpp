@@ -14,6 +14,8 @@ namespace sim {
 namespace {
 
 constexpr std::chrono::milliseconds kPollInterval{10};
+constexpr std::chrono::milliseconds kRetryInterval{200};
+constexpr int kMostFailures = 10;
 
 void reportFailure(const std::string &busId, const std::string &reason) {
     fmt::print(stderr,
@@ -55,12 +57,24 @@ void Attacher::awaitEnd(pid_t process) {
         loop.after(kPollInterval, [this, process]() { awaitEnd(process); });
         return;
     }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        reportFailure(waiting.front(), "the usbip client failed");
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        finished();
+    else
+        retry();
+}
+
+// The client fails when it looks at a device that the kernel is just setting up or taking down.
+void Attacher::retry() {
+    if (++failures < kMostFailures) {
+        loop.after(kRetryInterval, [this]() { startNext(); });
+        return;
+    }
+    reportFailure(waiting.front(), "the usbip client failed");
     finished();
 }
 
 void Attacher::finished() {
+    failures = 0;
     waiting.pop_front();
     if (!waiting.empty())
         startNext();

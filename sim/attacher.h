@@ -21,11 +21,13 @@ public:
 private:
     void startNext();
     void awaitEnd(pid_t process);
+    void retry();
     void finished();
 
     EventLoop &loop;
     const uint16_t port;
     std::deque<std::string> waiting; // the one being attached first
+    int failures = 0;                // in a row, of that one
 };
 
 } // namespace sim
