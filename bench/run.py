@@ -17,7 +17,7 @@ import time
 sys.path.insert(0, os.path.dirname(__file__))
 import callgrind_cost
 
-STREAM_BYTES = 256 << 20
+STREAM_BYTES = 1 << 30
 missed = False
 
 

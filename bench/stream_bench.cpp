@@ -22,8 +22,8 @@ namespace {
 
 constexpr int kTransferSize = 524288;
 constexpr int kTransferCount = 3;
-constexpr uint64_t kBufferSize = 1048576;
-constexpr uint64_t kBufferCount = 32;
+constexpr uint64_t kBufferSize = 4194304;
+constexpr uint64_t kBufferCount = 4;
 
 void require(bool good, const char *what) {
     if (!good)
