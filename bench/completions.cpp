@@ -43,11 +43,12 @@ int main(int argc, char **argv) {
     vexa_usb_update_device_list();
     _vexa_usb_device_list_item **list = nullptr;
     vexa_usb_get_device_list(&list, nullptr);
-    Consumer consumer;
+    Consumer &consumer = *new Consumer; // callbacks can come late
     if (vexa_usb_open(list[0], Consumer::callback, &consumer, &consumer.device) != 0)
         return 1;
     vexa_usb_free_device_list(list);
-    vexa_usb_data_stream_start(consumer.device, 0x82, kBufferSize, kBufferCount);
+    if (vexa_usb_data_stream_start(consumer.device, 0x82, kBufferSize, kBufferCount) != 0)
+        return 1;
     // In portions that the ring holds, so that no consumer can be too slow.
     for (uint64_t sent = 0; sent < transfers; sent += kBufferCount / 2) {
         std::unique_lock lock(consumer.mutex);

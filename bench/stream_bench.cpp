@@ -23,7 +23,7 @@ namespace {
 constexpr int kTransferSize = 524288;
 constexpr int kTransferCount = 3;
 constexpr uint64_t kBufferSize = 4194304;
-constexpr uint64_t kBufferCount = 4;
+constexpr uint64_t kBufferCount = 3;
 
 void require(bool good, const char *what) {
     if (!good)
@@ -89,6 +89,7 @@ struct BareLoop {
             libusb_handle_events(device.context);
         for (libusb_transfer *transfer : transfers)
             libusb_free_transfer(transfer);
+        require(left == 0, "a transfer failed");
     }
 };
 
@@ -104,7 +105,9 @@ public:
                 "no instrument");
         vexa_usb_free_device_list(list);
         left = bytes;
-        vexa_usb_data_stream_start(device, sim::kStreamEndpoint, kBufferSize, kBufferCount);
+        require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, kBufferSize,
+                                           kBufferCount) == 0,
+                "start");
         {
             std::unique_lock lock(mutex);
             done.wait(lock, [this]() { return left == 0; });
@@ -117,16 +120,18 @@ private:
     static void callback(_vexa_usb_device_event event, void *data) {
         if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)
             static_cast<LibraryStream *>(data)->take();
-        else if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+        else if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR ||
+                 event == VEXA_USB_DEVICE_EVENT_REMOVED)
             std::abort();
     }
+    // Under the mutex, so that the device is not closed meanwhile.
     void take() {
+        const std::lock_guard lock(mutex);
         uint8_t *data = nullptr;
         uint64_t size = 0;
-        if (vexa_usb_data_stream_buffer_lock(device, &data, &size) != 0)
+        if (left == 0 || vexa_usb_data_stream_buffer_lock(device, &data, &size) != 0)
             return;
         vexa_usb_data_stream_buffer_unlock(device);
-        const std::lock_guard lock(mutex);
         left -= size < left ? size : left;
         if (left == 0)
             done.notify_all();
@@ -174,7 +179,7 @@ int main(int argc, char **argv) {
         if (mode == "bare")
             BareLoop().run(bytes);
         else if (mode == "library")
-            LibraryStream().run(bytes);
+            (new LibraryStream)->run(bytes); // callbacks can come late: it lives on
         else
             blockingReads(bytes);
     } catch (const std::exception &error) {

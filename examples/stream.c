@@ -24,8 +24,9 @@ int main(void) {
     vexa_usb_update_device_list();
     vexa_usb_get_device_list(&list, NULL);
     if (list[0] != NULL && vexa_usb_open(list[0], onEvent, NULL, &device) == 0) {
-        vexa_usb_data_stream_start(device, 0x82, 1048576, 16); /* 16 buffers of 1 MiB */
-        while (done < 64 * 1048576 && sem_wait(&events) == 0 && !failed &&
+        /* 16 buffers of 1 MiB, from endpoint 0x82 */
+        failed |= vexa_usb_data_stream_start(device, 0x82, 1048576, 16) != 0;
+        while (!failed && done < 64 * 1048576 && sem_wait(&events) == 0 && !failed &&
                vexa_usb_data_stream_buffer_lock(device, &data, &size) == 0) {
             done += size; /* data[0] to data[size - 1] are the next bytes */
             vexa_usb_data_stream_buffer_unlock(device);

@@ -1,6 +1,6 @@
 /**
  * @file vexa_usb.h
- * @brief Access to a family of USB instruments: device list, transfers, data streams.
+ * @brief Access to a family of USB instruments: device list, transfers, events, data streams.
  *
  * All use of the library lies between vexa_usb_init() and the matching vexa_usb_fini().
  *
@@ -157,6 +157,27 @@ typedef uint32_t _vexa_usb_device_event;
 typedef void (*vexa_usb_device_event_callback)(_vexa_usb_device_event event, void *data);
 
 /**
+ * Receives the changes of the device list, in their order, one at a time.
+ *
+ * Runs on the library's thread "usb-devicelist", under no lock, so it may call any function:
+ * register and deregister callbacks, open the device, even the last vexa_usb_fini().  Callbacks are
+ * called in the order of their registration.  A callback that takes long delays later changes only;
+ * they are kept without limit.
+ *
+ * After its deregistration, or the last vexa_usb_fini(), a callback can be called once more for the
+ * change whose delivery has begun: what @p data points to must outlive that call.
+ *
+ * @param type #VEXA_USB_DEVICE_LIST_EVENT_ADDED or #VEXA_USB_DEVICE_LIST_EVENT_REMOVED
+ * @param item the device; valid during the call only, so copy what you want to keep.  On an
+ * addition it can be given to vexa_usb_open(); on a removal that answers -1.  A device opened from
+ * it hears of its removal (#VEXA_USB_DEVICE_EVENT_REMOVED) after all callbacks have.
+ * @param data the pointer given at the registration
+ */
+typedef void (*vexa_usb_device_list_event_callback)(uint32_t type,
+                                                    const _vexa_usb_device_list_item *item,
+                                                    void *data);
+
+/**
  * Begins use of the library.  The first call starts it, further ones only count; each is balanced
  * by one vexa_usb_fini().  Calls may come from many threads at once: only a starting and an ending
  * call wait for each other.
@@ -164,9 +185,9 @@ typedef void (*vexa_usb_device_event_callback)(_vexa_usb_device_event event, voi
  * Nothing is reported: where USB cannot be had, the device list stays empty.  Devices attached
  * already are listed after vexa_usb_update_device_list() only, later ones by themselves.  After a
  * last vexa_usb_fini() the library can be started again, but then it no longer follows the bus by
- * itself nor completes data streams: synchronous transfers and vexa_usb_update_device_list() work.
- * Stopping a data stream closes the device's USB connection then, so that its later transfers
- * answer -1 until it is closed and opened again.
+ * itself nor completes data streams and event pipes: synchronous transfers and
+ * vexa_usb_update_device_list() work. Stopping a data stream closes the device's USB connection
+ * then, so that its later transfers answer -1 until it is closed and opened again.
  *
  * A process that exits without the last vexa_usb_fini() ends by `std::terminate`.
  */
@@ -224,6 +245,30 @@ VEXA_USB_API int32_t vexa_usb_free_device_list(_vexa_usb_device_list_item **list
 VEXA_USB_API int32_t vexa_usb_update_device_list(void);
 
 /**
+ * Registers a callback for changes of the device list, from the next change on.
+ *
+ * @param callback called for each change; see its type for threads and lifetimes
+ * @param data handed to @p callback; may be null
+ * @param[out] id receives the identifier for the deregistration; the first since vexa_usb_init() is
+ *             0, the next 1, and so on
+ * @retval 0 done
+ * @retval -3 library not initialised, or just being started or ended by another thread
+ * @retval -5 @p callback or @p id is null
+ */
+VEXA_USB_API int32_t vexa_usb_register_device_list_event_callback(
+    vexa_usb_device_list_event_callback callback, void *data, uint32_t *id);
+
+/**
+ * Ends a registration.  A delivery in progress is not waited for: the callback can be called once
+ * more after this has returned.
+ *
+ * @param id the identifier; an unknown one is no error
+ * @retval 0 done
+ * @retval -3 library not initialised, or just being started or ended by another thread
+ */
+VEXA_USB_API int32_t vexa_usb_deregister_device_list_event_callback(uint32_t id);
+
+/**
  * Opens a device and claims its interface 0, from a kernel driver too.
  *
  * @param entry a record of a snapshot; not kept
@@ -242,8 +287,8 @@ VEXA_USB_API int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
                                    _vexa_usb_device **device);
 
 /**
- * Closes a device: ends its data stream, releases interface 0 and frees the handle.  Events not
- * yet delivered are dropped.
+ * Closes a device: ends its event pipe and data stream, releases interface 0 and frees the handle.
+ * Events not yet delivered are dropped.
  *
  * @param device the handle; must not be in use by another thread
  * @retval 0 done, also for a removed device
@@ -392,6 +437,44 @@ VEXA_USB_API int32_t vexa_usb_bulk_read(_vexa_usb_device *device, uint8_t endpoi
  */
 VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpoint,
                                          const uint8_t *data, uint64_t length);
+
+/**
+ * Enables the event pipe: from now on every byte that the device sends on an endpoint becomes one
+ * device event (0 to 255), in the order of the bytes.
+ *
+ * One transfer of the endpoint's packet size is kept armed.  The pipe can be enabled once for each
+ * opened device: close and open the device to enable it again, also after a
+ * vexa_usb_event_pipe_disable(), and after the transfer has ended by itself because of an error,
+ * which is not reported.
+ *
+ * @param device the handle
+ * @param endpoint the endpoint's address, bit 7 set; interrupt or bulk
+ * @retval 0 enabled
+ * @retval -1 the device has no such endpoint, or the transfer could not be submitted; may be
+ * retried
+ * @retval -2 the device has no event pipe
+ * @retval -3 library not initialised
+ * @retval -4 no memory for the transfer
+ * @retval -5 @p device is null
+ * @retval -7 the event pipe was enabled before
+ * @retval -11 not an IN endpoint
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_event_pipe_enable(_vexa_usb_device *device, uint8_t endpoint);
+
+/**
+ * Disables the event pipe.  Events that came before are still delivered.  Closing the device
+ * disables as well.
+ *
+ * @param device the handle
+ * @retval 0 disabled, also when it had been disabled or had ended before
+ * @retval -2 the device has no event pipe
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -6 the event pipe was never enabled
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device);
 
 /**
  * Starts to stream from a bulk IN endpoint into a ring of buffers.

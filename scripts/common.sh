@@ -43,6 +43,15 @@ installPackages() {
 buildPreset() {
     local preset=$1
     shift
-    cmake --preset "$preset" -S "$vexaRoot" -B "$vexaBuild/$preset" >/dev/null
-    cmake --build "$vexaBuild/$preset" ${1:+--target "$@"}
+    quietly cmake --preset "$preset" -S "$vexaRoot" -B "$vexaBuild/$preset"
+    quietly cmake --build "$vexaBuild/$preset" ${1:+--target "$@"}
+}
+
+# Runs a command and shows its output only when it fails.
+quietly() {
+    local output
+    if ! output=$("$@" 2>&1); then
+        echo "$output"
+        die "failed: $*"
+    fi
 }

@@ -22,6 +22,7 @@ using namespace usbip;
  */
 namespace {
 
+constexpr size_t kMostPending = 256U << 20; // bytes, far more than any kernel has in flight
 constexpr uint32_t kNoPackets = 0xFFFFFFFF; // another way for clients to say "not isochronous"
 
 uint8_t endpointAddress(const CommandHeader &header) {
@@ -55,11 +56,13 @@ Connection::~Connection() {
 
 bool Connection::work(bool readable) {
     bool peerIsThere = true;
-    if (readable && !leaving) {
+    if (readable && !leaving)
         peerIsThere = socket.receive();
-        while (handleInput()) {
-        }
+    // A client that does not read what it asked for is not answered further until it does.
+    while (!socket.isFull() && !leaving && handleInput()) {
     }
+    if (device != nullptr)
+        offerAll();
     return socket.flush() && peerIsThere && !(leaving && socket.drained());
 }
 
@@ -145,6 +148,9 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     const auto input = socket.received();
     if (input.size() < kHeaderSize + dataSize)
         return false;
+    pendingBytes += sizeof(Transfer) + dataSize;
+    if (pendingBytes > kMostPending)
+        throw std::runtime_error("too many transfers at once");
     const auto data = input.subspan(kHeaderSize, dataSize);
     const uint8_t endpoint = endpointAddress(header);
     pending[endpoint].push_back(
@@ -157,27 +163,45 @@ bool Connection::handleSubmit(const CommandHeader &header) {
 // A transfer that was answered before needs no more: the client tells that from status 0.
 void Connection::handleUnlink(const CommandHeader &header) {
     size_t removed = 0;
-    for (auto &[endpoint, transfers] : pending)
-        removed += std::erase_if(transfers, [&](const Transfer &transfer) {
-            return transfer.sequence == header.unlinkSequence;
+    for (auto &[endpoint, transfers] : pending) {
+        const size_t here = std::erase_if(transfers, [&](const Transfer &transfer) {
+            const bool found = transfer.sequence == header.unlinkSequence;
+            if (found)
+                forget(transfer);
+            return found;
         });
+        if (here != 0)
+            device->model().withdrawn(endpoint);
+        removed += here;
+    }
     OutputPiece reply(kHeaderSize);
     writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence,
                      removed != 0 ? -ECONNRESET : 0);
     socket.send(std::move(reply));
 }
 
-void Connection::offerPending() {
+void Connection::forget(const Transfer &transfer) {
+    pendingBytes -= sizeof(Transfer) + transfer.data.size();
+}
+
+void Connection::offerAll() {
     for (auto &[endpoint, transfers] : pending)
         offer(endpoint);
+}
+
+void Connection::offerPending() {
+    offerAll();
     if (onOutput)
         onOutput();
 }
 
 void Connection::offer(uint8_t endpoint) {
     std::deque<Transfer> &transfers = pending[endpoint];
-    while (!transfers.empty() && !leaving && answer(endpoint, transfers.front()))
+    while (!transfers.empty() && !leaving && !socket.isFull() &&
+           answer(endpoint, transfers.front())) {
+        forget(transfers.front());
         transfers.pop_front();
+    }
 }
 
 // False when the device lets the transfer wait.

@@ -22,6 +22,7 @@ public:
 
     int descriptor() const { return socket.descriptor(); }
     bool wantsToSend() const { return !socket.drained(); }
+    bool wantsToReceive() const { return !socket.isFull(); }
 
     // Does what the socket allows; false when the connection has ended.
     bool work(bool readable);
@@ -53,6 +54,8 @@ private:
     bool handleSubmit(const usbip::CommandHeader &header);
     void handleUnlink(const usbip::CommandHeader &header);
     void offer(uint8_t endpoint);
+    void offerAll();
+    void forget(const Transfer &transfer);
     bool answer(uint8_t endpoint, Transfer &transfer);
     static Answer ask(DeviceModel &model, uint8_t endpoint, Transfer &transfer,
                       std::span<uint8_t> room);
@@ -61,7 +64,8 @@ private:
     Devices &devices;
     ExportedDevice *device = nullptr; // once imported
     Pending pending;
-    bool leaving = false; // the device has left: the connection ends once all is sent
+    size_t pendingBytes = 0; // what the transfers in `pending` hold
+    bool leaving = false;    // the device has left: the connection ends once all is sent
 };
 
 } // namespace sim

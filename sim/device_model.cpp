@@ -57,6 +57,12 @@ Answer DeviceModel::out(uint8_t endpoint, std::span<const uint8_t> data) {
     return takeData(endpoint, data);
 }
 
+void DeviceModel::withdrawn(uint8_t endpoint) {
+    const auto found = faults.find(endpoint);
+    if (found != faults.end())
+        found->second.dueAt.reset();
+}
+
 void DeviceModel::setHalted(uint8_t endpoint, bool halted) {
     faults[endpoint].halted = halted;
     port().wake({});
@@ -102,12 +108,14 @@ Answer DeviceModel::standardRequest(const Setup &setup, std::span<uint8_t> data)
     case kGetDescriptor:
         return descriptor(setup, data);
     case kGetStatus:
-        return sendBytes({0, 0}, data);
+        return sendBytes({isHalted(setup) ? uint8_t{1} : uint8_t{0}, 0}, data);
     case kGetConfiguration:
         return sendBytes({configuration}, data);
     case kGetInterface:
         return sendBytes({0}, data);
     case kSetConfiguration:
+        if (setup.value > 1)
+            return Answer::stall();
         configuration = static_cast<uint8_t>(setup.value);
         return Answer::done(0);
     case kSetInterface:
@@ -121,6 +129,13 @@ Answer DeviceModel::standardRequest(const Setup &setup, std::span<uint8_t> data)
     default:
         return Answer::stall();
     }
+}
+
+bool DeviceModel::isHalted(const Setup &setup) const {
+    if ((setup.requestType & kRecipientMask) != kRecipientEndpoint)
+        return false;
+    const auto found = faults.find(static_cast<uint8_t>(setup.index));
+    return found != faults.end() && found->second.halted;
 }
 
 Answer DeviceModel::endpointFeature(const Setup &setup) {

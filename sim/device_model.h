@@ -56,6 +56,8 @@ public:
     Answer control(const Setup &setup, std::span<uint8_t> data);
     Answer in(uint8_t endpoint, std::span<uint8_t> room);
     Answer out(uint8_t endpoint, std::span<const uint8_t> data);
+    // The host has withdrawn a request on this endpoint that was pending.
+    void withdrawn(uint8_t endpoint);
 
 protected:
     // What makes a device of its kind.  Requests other than standard ones come here.
@@ -85,6 +87,7 @@ private:
 
     std::optional<Answer> faultBeforeAnswer(uint8_t endpoint);
     Answer standardRequest(const Setup &setup, std::span<uint8_t> data);
+    bool isHalted(const Setup &setup) const;
     Answer endpointFeature(const Setup &setup);
     Answer descriptor(const Setup &setup, std::span<uint8_t> room) const;
 

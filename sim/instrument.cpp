@@ -160,6 +160,7 @@ Answer Instrument::sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room)
     const auto length = static_cast<std::ptrdiff_t>(std::min(queue.size(), room.size()));
     std::copy_n(queue.begin(), length, room.begin());
     queue.erase(queue.begin(), queue.begin() + length);
+    port().wake({}); // a writer may be waiting for room
     return Answer::done(static_cast<size_t>(length));
 }
 

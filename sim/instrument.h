@@ -28,7 +28,7 @@ private:
     Answer vanishRequest(std::span<const uint8_t> data);
     Answer sendStream(std::span<uint8_t> room);
     Answer sendEvents(std::span<uint8_t> room);
-    static Answer sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room);
+    Answer sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room);
     void vanish();
 
     struct Vanishing {

@@ -21,6 +21,7 @@
 
 namespace {
 
+constexpr int kUsage = 2;             // exit status
 constexpr uint32_t kMaxDevices = 127; // on one bus
 
 struct Options {
@@ -103,9 +104,14 @@ int main(int argc, char **argv) {
         ->check(CLI::Range(1U, kMaxDevices))
         ->capture_default_str();
     app.add_option("DEVICE", options.devices, "What to simulate")->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
     try {
+        app.parse(argc, argv);
         Simulator(options).run();
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    } catch (const std::invalid_argument &error) {
+        fmt::print(stderr, "vexa-usb-sim: {}\n", error.what());
+        return kUsage;
     } catch (const std::exception &error) {
         fmt::print(stderr, "vexa-usb-sim: {}\n", error.what());
         return 1;

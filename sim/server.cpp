@@ -79,9 +79,11 @@ void Server::acceptClient() {
 }
 
 void Server::watchClient(int descriptor) {
-    const bool sending = connections.at(descriptor)->wantsToSend();
-    loop.watch(descriptor, static_cast<short>(POLLIN | (sending ? POLLOUT : 0)),
-               [this, descriptor](short events) { serve(descriptor, (events & ~POLLOUT) != 0); });
+    const Connection &connection = *connections.at(descriptor);
+    const int events =
+        (connection.wantsToReceive() ? POLLIN : 0) | (connection.wantsToSend() ? POLLOUT : 0);
+    loop.watch(descriptor, static_cast<short>(events),
+               [this, descriptor](short ready) { serve(descriptor, (ready & ~POLLOUT) != 0); });
 }
 
 void Server::serve(int descriptor, bool readable) {

@@ -12,6 +12,7 @@ namespace sim {
 namespace {
 
 constexpr size_t kReceiveRoom = 256U << 10;
+constexpr size_t kMostQueued = 8U << 20;
 constexpr size_t kMostAtOnce = 4U << 20; // others want to be served, too
 
 bool isTemporary(int error) {
@@ -41,7 +42,12 @@ bool StreamSocket::receive() {
     return count > 0;
 }
 
+bool StreamSocket::isFull() const {
+    return queued > kMostQueued;
+}
+
 void StreamSocket::send(OutputPiece piece) {
+    queued += piece.all().size();
     output.push_back(std::move(piece));
 }
 
@@ -59,6 +65,7 @@ bool StreamSocket::flush() {
             return isTemporary(errno);
         sentOfFront += static_cast<size_t>(count);
         if (sentOfFront == output.front().all().size()) {
+            queued -= sentOfFront;
             output.pop_front();
             sentOfFront = 0;
         }

@@ -45,6 +45,8 @@ public:
     // False when the peer has gone.
     bool flush();
     bool drained() const { return output.empty(); }
+    // So much waits to be sent that no more should be made.
+    bool isFull() const;
 
 private:
     const int socket;
@@ -52,6 +54,7 @@ private:
     size_t consumed = 0;
     std::deque<OutputPiece> output;
     size_t sentOfFront = 0;
+    size_t queued = 0; // bytes in `output`, those of its front that were sent included
 };
 
 } // namespace sim

@@ -149,6 +149,27 @@ int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpoint, const ui
     });
 }
 
+int32_t vexa_usb_event_pipe_enable(_vexa_usb_device *device, uint8_t endpoint) {
+    return DeviceCall(device)
+        .initialized()
+        .parameters()
+        .inEndpoint(endpoint)
+        .eventPipeSupported()
+        .eventPipeIdle()
+        .notRemoved()
+        .then([&](AbstractDevice &opened) { return opened.eventPipeEnable(endpoint); });
+}
+
+int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device) {
+    return DeviceCall(device)
+        .initialized()
+        .parameters()
+        .eventPipeSupported()
+        .eventPipeActive()
+        .notRemoved()
+        .then([](AbstractDevice &opened) { return opened.eventPipeDisable(); });
+}
+
 int32_t vexa_usb_data_stream_start(_vexa_usb_device *device, uint8_t endpoint, uint64_t buffer_size,
                                    uint64_t buffer_count) {
     return DeviceCall(device)

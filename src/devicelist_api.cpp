@@ -10,6 +10,23 @@
 
 using namespace vexausb;
 
+namespace {
+
+// The record lives for the call alone.
+void callWithRecord(vexa_usb_device_list_event_callback callback, uint32_t type,
+                    const std::shared_ptr<AbstractDeviceListItem> &item, void *data) {
+    if (item == nullptr) {
+        callback(type, nullptr, data);
+        return;
+    }
+    _vexa_usb_device_list_item record{};
+    fillRecord(record, item);
+    callback(type, &record, data);
+    clearRecord(record);
+}
+
+} // namespace
+
 int32_t vexa_usb_get_device_list(_vexa_usb_device_list_item ***list, uint64_t *count) {
     std::shared_ptr<DeviceList> devices;
     const CallChecks checks =
@@ -38,6 +55,28 @@ int32_t vexa_usb_free_device_list(_vexa_usb_device_list_item **list) {
     }
     delete[] list;
     return VEXA_USB_STATUS_SUCCESS;
+}
+
+int32_t vexa_usb_register_device_list_event_callback(vexa_usb_device_list_event_callback callback,
+                                                     void *data, uint32_t *id) {
+    std::shared_ptr<DeviceList> devices;
+    const CallChecks checks = CallChecks()
+                                  .initialized()
+                                  .parameters(callback != nullptr && id != nullptr)
+                                  .deviceList(devices);
+    if (checks.passed())
+        *id = devices->addCallback([callback, data](uint32_t type, const auto &item) {
+            callWithRecord(callback, type, item, data);
+        });
+    return checks.status();
+}
+
+int32_t vexa_usb_deregister_device_list_event_callback(uint32_t id) {
+    std::shared_ptr<DeviceList> devices;
+    const CallChecks checks = CallChecks().initialized().deviceList(devices);
+    if (checks.passed())
+        devices->removeCallback(id);
+    return checks.status();
 }
 
 int32_t vexa_usb_update_device_list(void) {

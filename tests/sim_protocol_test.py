@@ -81,6 +81,16 @@ for status in (-104, 0):
     assert (reply[0], reply[1], reply[5]) == (4, 8, status), reply
 client.close()
 
+# A client that asks for much and reads nothing gets no more than the simulator can hold.
+client = imported()
+for _ in range(200):
+    client.sendall(submit(1, 2, 8 << 20))
+connect().close()
+with open(f"/proc/{simulator.pid}/status") as status:
+    memory = int(next(line for line in status if line.startswith("VmRSS")).split()[1])
+assert memory < 200_000, memory
+client.close()
+
 # After all that it serves as before.
 client = connect()
 client.sendall(struct.pack(">HHI", 0x0111, 0x8005, 0))

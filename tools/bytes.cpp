@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <utility>
 
@@ -102,6 +103,8 @@ Output::~Output() {
 void Output::write(std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
         if (count < 0)
             throwSystemError("cannot write " + name);
         bytes = bytes.subspan(static_cast<size_t>(count));

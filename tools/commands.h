@@ -23,6 +23,8 @@ void addControlCommand(CLI::App &app, CommonOptions &common);
 void addReadCommand(CLI::App &app, CommonOptions &common);
 void addWriteCommand(CLI::App &app, CommonOptions &common);
 void addStreamCommand(CLI::App &app, CommonOptions &common);
+void addWatchCommand(CLI::App &app, CommonOptions &common);
+void addEventsCommand(CLI::App &app, CommonOptions &common);
 
 void addDeviceOption(CLI::App &command, CommonOptions &common);
 void addJsonOption(CLI::App &command, CommonOptions &common);

@@ -1,5 +1,6 @@
 // vexa-usb: the library's services as a command.
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <string>
 
@@ -41,8 +42,12 @@ int run(int argc, char **argv) {
     addReadCommand(app, common);
     addWriteCommand(app, common);
     addStreamCommand(app, common);
+    addWatchCommand(app, common);
+    addEventsCommand(app, common);
     try {
         app.parse(argc, argv);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            throwSystemError("cannot write standard output");
         return static_cast<int>(Exit::Success);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? static_cast<int>(Exit::Success)

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <memory>
 #include <optional>
 #include <span>
@@ -13,10 +12,11 @@
 #include "bytes.h"
 #include "commands.h"
 #include "device.h"
+#include "ending.h"
 #include "errors.h"
 #include "instrument_protocol.h"
+#include "mailbox.h"
 #include "progress.h"
-#include "stream_events.h"
 #include "stream_pattern.h"
 
 namespace tool {
@@ -25,8 +25,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
-
-constexpr std::chrono::milliseconds kWaitStep{100};
+using Events = Mailbox<_vexa_usb_device_event>;
 
 struct StreamOptions {
     uint8_t endpoint = sim::kStreamEndpoint;
@@ -38,17 +37,6 @@ struct StreamOptions {
     double silence = 5;
     bool checkPattern = false;
 };
-
-volatile std::sig_atomic_t interrupted = 0;
-
-// Ctrl-C ends the stream in good order; a second one ends the program.
-void endOnInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
 
 // One run of a stream: drains the ring until enough has come.
 class StreamRun {
@@ -64,11 +52,12 @@ private:
     void handleNext();
     void handleBuffer();
     void checkBytes(std::span<const uint8_t> bytes) const;
+    [[noreturn]] void throwLost() const;
     void throwIfSilent() const;
 
     const StreamOptions &options;
     const CommonOptions &common;
-    const std::shared_ptr<StreamEvents> events = std::make_shared<StreamEvents>();
+    const std::shared_ptr<Events> events = std::make_shared<Events>();
     std::optional<Output> output;
     const Library library;
     const Device device;
@@ -114,33 +103,35 @@ void StreamRun::run() {
     check(vexa_usb_data_stream_stop(device.get()), "stopping the stream");
     if (output)
         output->close();
+    if (options.bytes && bytesDone < *options.bytes)
+        throw Error(Exit::Failed, fmt::format("interrupted after {} bytes", bytesDone));
 }
 
 bool StreamRun::isFinished() const {
-    return interrupted != 0 || (options.bytes && bytesDone >= *options.bytes) ||
+    return interrupted() || (options.bytes && bytesDone >= *options.bytes) ||
            (options.seconds && Clock::now() - start >= Seconds(*options.seconds));
 }
 
 void StreamRun::handleNext() {
-    switch (events->wait(kWaitStep)) {
-    case StreamEvents::Next::BufferFull:
-        handleBuffer();
-        break;
-    case StreamEvents::Next::Failed:
-        throw Error(Exit::DataWrong,
-                    fmt::format("data were lost after {} bytes: no buffer was free, or the system "
-                                "refused a transfer",
-                                bytesDone),
-                    "Give more or larger buffers (--buffers, --buffer-size), or write to a faster "
-                    "place. With many devices at once, raise the system's limit: echo 256 > "
-                    "/sys/module/usbcore/parameters/usbfs_memory_mb");
-    case StreamEvents::Next::Removed:
-        check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
-        break;
-    case StreamEvents::Next::Nothing:
+    const auto event = events->wait(kWaitStep);
+    if (!event)
         throwIfSilent();
-        break;
-    }
+    else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)
+        handleBuffer();
+    else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+        throwLost();
+    else if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
+        check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
+}
+
+void StreamRun::throwLost() const {
+    throw Error(Exit::DataWrong,
+                fmt::format("data were lost after {} bytes: no buffer was free, or the system "
+                            "refused a transfer",
+                            bytesDone),
+                "Give more or larger buffers (--buffers, --buffer-size), or write to a faster "
+                "place. With many devices at once, raise the system's limit: echo 256 > "
+                "/sys/module/usbcore/parameters/usbfs_memory_mb");
 }
 
 void StreamRun::handleBuffer() {
@@ -189,20 +180,20 @@ void StreamRun::report() const {
                               {"bytes_per_second", rate},
                               {"buffers", buffersDone},
                               {"buffer_size", options.bufferSize},
-                              {"lost", 0}};
+                              {"loss_reported", false}};
         if (options.checkPattern)
             result["pattern"] = "right";
         fmt::print(dataOnStdout ? stderr : stdout, "{}\n", result.dump());
         return;
     }
     fmt::print(dataOnStdout ? stderr : stdout,
-               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, none lost{}\n", sizeText(bytesDone),
-               seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
+               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, no loss reported{}\n",
+               sizeText(bytesDone), seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
                options.checkPattern ? ", every byte right" : "");
 }
 
 void stream(const StreamOptions &options, const CommonOptions &common) {
-    endOnInterrupt();
+    catchInterrupts();
     StreamRun run(options, common);
     run.run();
     run.report();

@@ -128,16 +128,18 @@ void addControlCommand(CLI::App &app, CommonOptions &common) {
     command->add_option("REQUEST", options->request, "bRequest")->required();
     command->add_option("VALUE", options->value, "wValue");
     command->add_option("INDEX", options->index, "wIndex");
+    addDataOptions(*command, *options);
     CLI::Option *length =
         command->add_option("--in", options->length, "Read so many bytes; without it, write")
-            ->check(CLI::Range(0, 65535));
+            ->check(CLI::Range(0, 65535))
+            ->excludes("--data")
+            ->excludes("--input");
     command->add_option("--type", options->type, "standard, class or vendor (the default)")
         ->transform(CLI::CheckedTransformer(requestTypes));
     command
         ->add_option("--recipient", options->recipient,
                      "device (the default), interface, endpoint or other")
         ->transform(CLI::CheckedTransformer(recipients));
-    addDataOptions(*command, *options);
     addOutputOption(*command, *options);
     addDeviceOption(*command, common);
     addJsonOption(*command, common);

@@ -77,9 +77,13 @@ void TransferSet::stop() {
 }
 
 // Only while an event loop delivers completions.
-void TransferSet::waitIdle() {
+bool TransferSet::waitIdle() {
     std::unique_lock lock(mutex);
-    released.wait(lock, [this]() { return idle(); });
+    const auto isIdle = [this]() { return idle(); };
+    if (patience)
+        return released.wait_for(lock, *patience, isIdle);
+    released.wait(lock, isIdle);
+    return true;
 }
 
 // After the handle was closed: libusb has forgotten what was still in flight and will not call

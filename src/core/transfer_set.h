@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include <libusb.h>
@@ -18,11 +20,13 @@ public:
     TransferSet &operator=(const TransferSet &) = delete;
 
     void stop();
-    void waitIdle();
+    bool waitIdle();
     void abandon();
 
 protected:
-    TransferSet() = default;
+    // waitIdle() gives up after that long; without it, never.
+    explicit TransferSet(std::optional<std::chrono::milliseconds> waitingLimit = std::nullopt)
+        : patience(waitingLimit) {}
 
     // One transfer of the set.
     struct Slot {
@@ -49,6 +53,7 @@ private:
     static void LIBUSB_CALL onComplete(libusb_transfer *transfer);
     bool idle() const;
 
+    const std::optional<std::chrono::milliseconds> patience;
     std::condition_variable released;
 };
 

@@ -29,6 +29,11 @@ void UsbConnection::attach(std::shared_ptr<TransferSet> transfers) {
     transferSets.push_back(std::move(transfers));
 }
 
+void UsbConnection::detach(const std::shared_ptr<TransferSet> &transfers) {
+    const std::lock_guard lock(mutex);
+    std::erase(transferSets, transfers);
+}
+
 // Without an event loop no completion will come; libusb forgets a handle's transfers when the
 // handle is closed, so then closing is the only way to end them.
 void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
@@ -37,8 +42,7 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
         transfers->waitIdle();
     else
         close();
-    const std::lock_guard lock(mutex);
-    std::erase(transferSets, transfers);
+    detach(transfers);
 }
 
 void UsbConnection::prepareClose() {

@@ -24,6 +24,7 @@ public:
 
     // While a Use is held: has close() end these transfers too.
     void attach(std::shared_ptr<TransferSet> transfers);
+    void detach(const std::shared_ptr<TransferSet> &transfers);
     // Ends these transfers and forgets them; no memory of theirs is written to afterwards.
     void end(const std::shared_ptr<TransferSet> &transfers);
 

@@ -39,6 +39,9 @@ public:
     virtual int32_t bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
                               uint64_t *transferred) = 0;
 
+    virtual int32_t eventPipeEnable(uint8_t endpoint) = 0;
+    virtual int32_t eventPipeDisable() = 0;
+
     virtual int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize,
                                     uint64_t bufferCount) = 0;
     virtual int32_t dataStreamStop() = 0;
@@ -46,6 +49,8 @@ public:
     virtual int32_t dataStreamBufferUnlock() = 0;
 
     bool isRemoved() const { return removed.load(std::memory_order_acquire); }
+    bool hasEventPipe() const { return eventPipeSupported; }
+    bool isEventPipeActive() const { return eventPipeActive.load(); }
     bool hasDataStream() const { return dataStreamMemorySizeMax != 0 && dataStreamRateMax != 0; }
     bool isDataStreamActive() const { return dataStreamActive.load(); }
     uint64_t memorySizeMax() const { return dataStreamMemorySizeMax; }
@@ -53,7 +58,10 @@ public:
 
 protected:
     const std::shared_ptr<DeviceEventQueue> eventQueue;
-    // Written under the implementation's lock; read by any thread.
+    // Set while the device is constructed, constant afterwards.
+    bool eventPipeSupported = false;
+    // Written under the implementation's locks; read by any thread.
+    std::atomic<bool> eventPipeActive{false};
     std::atomic<bool> dataStreamActive{false};
     // Set while the device is constructed, constant afterwards; 0 means no data stream.
     uint64_t dataStreamMemorySizeMax = 0;

@@ -19,6 +19,16 @@ public:
     DeviceCall &parameters(bool good = true) {
         return ChecksOf::parameters(handle != nullptr && good);
     }
+    DeviceCall &eventPipeSupported() {
+        return state(&AbstractDevice::hasEventPipe, true, VEXA_USB_STATUS_NOT_SUPPORTED);
+    }
+    DeviceCall &eventPipeActive() {
+        return state(&AbstractDevice::isEventPipeActive, true,
+                     VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE);
+    }
+    DeviceCall &eventPipeIdle() {
+        return state(&AbstractDevice::isEventPipeActive, false, VEXA_USB_STATUS_EVENT_PIPE_ACTIVE);
+    }
     DeviceCall &dataStreamSupported() {
         return state(&AbstractDevice::hasDataStream, true, VEXA_USB_STATUS_NOT_SUPPORTED);
     }

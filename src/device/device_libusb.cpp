@@ -47,6 +47,7 @@ void throwUnlessSuccess(int result) {
 DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler)
     : AbstractDevice(std::move(handler)) {
     claim(handle);
+    eventPipeSupported = true;
     dataStreamMemorySizeMax = kStreamMemorySizeMax;
     dataStreamRateMax = rateMaxFor(descriptor.bcdUSB);
     connection = ConnectionRegistry::connect(handle);
@@ -179,6 +180,39 @@ int32_t DeviceLibUSB::bulkRead(uint8_t endpoint, uint8_t *data, uint64_t length,
 int32_t DeviceLibUSB::bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
                                 uint64_t *transferred) {
     return bulkTransferChunked(endpoint, const_cast<uint8_t *>(data), length, transferred);
+}
+
+// Once enabled the pipe counts as active for the rest of the device's life, disabled or not.
+int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
+    const std::lock_guard lock(eventPipeMutex);
+    if (isEventPipeActive())
+        return VEXA_USB_STATUS_EVENT_PIPE_ACTIVE;
+    const UseGate::Use use = connection->use();
+    if (!use)
+        return VEXA_USB_STATUS_UNKNOWN;
+    auto pipe = std::make_shared<EventPipe>(eventQueue);
+    if (!pipe->prepare(connection->handle(), endpoint))
+        return VEXA_USB_STATUS_NO_MEMORY;
+    const int packetSize = maxPacketSize(endpoint);
+    if (packetSize < 0)
+        return VEXA_USB_STATUS_UNKNOWN;
+    connection->attach(pipe);
+    if (!pipe->arm(packetSize)) {
+        connection->detach(pipe);
+        return VEXA_USB_STATUS_UNKNOWN;
+    }
+    eventPipe = std::move(pipe);
+    eventPipeActive.store(true);
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+// The cancelled transfer ends by itself; events queued before are still delivered.
+int32_t DeviceLibUSB::eventPipeDisable() {
+    const std::lock_guard lock(eventPipeMutex);
+    if (!isEventPipeActive())
+        return VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE;
+    eventPipe->stop();
+    return VEXA_USB_STATUS_SUCCESS;
 }
 
 int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) {

@@ -8,6 +8,7 @@
 
 #include "core/usb_connection.h"
 #include "device/abstract_device.h"
+#include "device/event_pipe.h"
 #include "device/stream_session.h"
 
 namespace vexausb {
@@ -36,6 +37,9 @@ public:
     int32_t bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
                       uint64_t *transferred) override;
 
+    int32_t eventPipeEnable(uint8_t endpoint) override;
+    int32_t eventPipeDisable() override;
+
     int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) override;
     int32_t dataStreamStop() override;
     int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) override;
@@ -55,6 +59,10 @@ private:
 
     libusb_device_descriptor descriptor{}; // constant once constructed
     std::shared_ptr<UsbConnection> connection;
+
+    // Guards eventPipe and the writing of eventPipeActive.  No callback takes it.
+    std::mutex eventPipeMutex;
+    std::shared_ptr<EventPipe> eventPipe; // once enabled, for the rest of the device's life
 
     // Lets one thread at a time start, stop, lock or unlock; guards stream and the writing of
     // dataStreamActive.  No callback takes it.

@@ -23,16 +23,19 @@ namespace vexausb {
  * is still at work then keeps the list until it is done.
  *
  * Threads: update() and snapshot() on callers' threads, arrivals and departures on whichever
- * thread handles libusb's events.  "usb-devicelist", owned by `events`, releases each entry that
- * has left, which tells the device opened from it: so that happens under no lock, and neither the
- * last fini nor the bus waits for it.
+ * thread handles libusb's events.  "usb-devicelist", owned by `events`, calls the caller's
+ * callbacks for each change, and then releases an entry that has left, which tells the device
+ * opened from it: so that happens under no lock, and neither the last fini nor the bus waits for
+ * it.
  */
 DeviceList::DeviceList()
-    : events(std::make_shared<EventQueue<DeviceListEvent>>([](const DeviceListEvent &) {})) {
+    : events(std::make_shared<EventQueue<DeviceListEvent>>(
+          [shared = callbacks](const DeviceListEvent &event) { shared->handleEvent(event); })) {
     events->start("usb-devicelist");
 }
 
 DeviceList::~DeviceList() {
+    callbacks->clear();
     events->stop();
 }
 
@@ -43,7 +46,7 @@ void DeviceList::update() {
     if (!use)
         return;
     std::optional<LibusbDeviceArray> attached; // released after the unlocking
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(callbacks->mutex);
     attached.emplace(libusbContext);
     for (libusb_device *device : attached->devices()) {
         libusb_device_descriptor descriptor{};
@@ -55,12 +58,12 @@ void DeviceList::update() {
 }
 
 void DeviceList::deviceArrived(libusb_device *device) {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(callbacks->mutex);
     addIfUnknown(device);
 }
 
 void DeviceList::deviceLeft(libusb_device *device) {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(callbacks->mutex);
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
     if (position != items.end())
@@ -68,8 +71,16 @@ void DeviceList::deviceLeft(libusb_device *device) {
 }
 
 std::vector<std::shared_ptr<AbstractDeviceListItem>> DeviceList::snapshot() {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(callbacks->mutex);
     return {items.begin(), items.end()};
+}
+
+uint32_t DeviceList::addCallback(ListCallbacks::Callback callback) {
+    return callbacks->add(std::move(callback));
+}
+
+void DeviceList::removeCallback(uint32_t id) {
+    callbacks->remove(id);
 }
 
 DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t deviceAddress) {

@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "core/event_queue.h"
 #include "devicelist/abstract_device_list_item.h"
+#include "devicelist/list_callbacks.h"
 
 struct libusb_device;
 
@@ -15,10 +15,7 @@ namespace vexausb {
 
 class DeviceList {
 public:
-    struct DeviceListEvent {
-        uint32_t type;
-        std::shared_ptr<AbstractDeviceListItem> item;
-    };
+    using DeviceListEvent = vexausb::DeviceListEvent;
 
     DeviceList();
     ~DeviceList();
@@ -29,19 +26,21 @@ public:
     void deviceArrived(libusb_device *device);
     void deviceLeft(libusb_device *device);
     std::vector<std::shared_ptr<AbstractDeviceListItem>> snapshot();
+    uint32_t addCallback(ListCallbacks::Callback callback);
+    void removeCallback(uint32_t id);
 
 private:
     using Items = std::list<std::shared_ptr<AbstractDeviceListItem>>;
 
-    // With `mutex` held.
+    // With the mutex of `callbacks` held.
     Items::iterator findItem(uint8_t busNumber, uint8_t deviceAddress);
     void addItem(std::shared_ptr<AbstractDeviceListItem> item);
     Items::iterator removeItem(Items::iterator position);
     void addIfUnknown(libusb_device *device);
 
-    Items items; // guarded by mutex, oldest first
+    Items items; // guarded by the mutex of `callbacks`, oldest first
+    const std::shared_ptr<ListCallbacks> callbacks = std::make_shared<ListCallbacks>();
     const std::shared_ptr<EventQueue<DeviceListEvent>> events;
-    std::mutex mutex; // taken before the mutex of `events`, never the other way round
 };
 
 } // namespace vexausb

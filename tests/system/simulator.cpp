@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -56,7 +57,13 @@ Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wa
 // Waits until the kernel has let the devices go, so that the next test finds an empty bus.
 Simulator::~Simulator() {
     kill(process, SIGTERM);
-    waitpid(process, nullptr, 0);
+    int status = 0;
+    waitpid(process, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "the simulator ended with status %#x\n",
+                     static_cast<unsigned>(status));
+        std::abort();
+    }
     std::string command = "for i in $(seq 300); do lsusb -d ";
     std::array<char, 8> vendor{};
     std::snprintf(vendor.data(), vendor.size(), "%04x:", VEXA_USB_VENDOR_ID);

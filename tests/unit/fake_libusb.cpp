@@ -57,6 +57,7 @@ struct State {
     uint8_t nextAddress = 1;
     bool interrupted = false;
     bool closedInFlight = false;
+    bool held = false;
 };
 
 std::mutex mutex;        // guards state
@@ -241,7 +242,7 @@ void completeBySelf(uint64_t count) {
 void deliverEvents() {
     const std::lock_guard callbacks(callbackLock);
     std::unique_lock lock(mutex);
-    while (!state.done.empty() || !state.notices.empty() || finishOneBySelf()) {
+    while (!state.held && (!state.done.empty() || !state.notices.empty() || finishOneBySelf())) {
         if (!state.notices.empty()) {
             const Notice notice = state.notices.front();
             state.notices.pop_front();
@@ -257,6 +258,17 @@ void deliverEvents() {
         lock.lock();
         changed.notify_all();
     }
+}
+
+void holdEvents(bool held) {
+    const std::lock_guard lock(mutex);
+    state.held = held;
+    changed.notify_all();
+}
+
+bool eventsPending() {
+    const std::lock_guard lock(mutex);
+    return !state.notices.empty();
 }
 
 bool closedInFlight() {
@@ -315,6 +327,8 @@ int libusb_handle_events(libusb_context *context) {
         if (context == nullptr || context != state.context)
             violation("events of another context");
         changed.wait(lock, []() {
+            if (state.held)
+                return state.interrupted;
             return state.interrupted || !state.done.empty() || !state.notices.empty() ||
                    (state.selfCompletions > 0 && !state.flying.empty());
         });

@@ -62,5 +62,8 @@ void completeBySelf(uint64_t count);
 // Delivers what is due on the calling thread, as a synchronous call of libusb does.
 void deliverEvents();
 bool closedInFlight();
+// Nothing is delivered while held.
+void holdEvents(bool held);
+bool eventsPending();
 
 } // namespace fake

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core/transfer_set.h"
+#include "device/abstract_device.h"
+
+namespace vexausb {
+
+class EventPipe final : public TransferSet {
+public:
+    explicit EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents);
+
+    bool prepare(libusb_device_handle *handle, uint8_t endpoint);
+    bool arm(int packetSize);
+
+private:
+    void completed(Slot &slot) override;
+
+    const std::shared_ptr<DeviceEventQueue> events;
+    std::vector<uint8_t> eventBuffer; // one packet; sized by arm(), then written by the transfer
+};
+
+} // namespace vexausb

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "devicelist/abstract_device_list_item.h"
+
+namespace vexausb {
+
+struct DeviceListEvent {
+    uint32_t type;
+    std::shared_ptr<AbstractDeviceListItem> item;
+};
+
+class ListCallbacks {
+public:
+    using Callback =
+        std::function<void(uint32_t type, const std::shared_ptr<AbstractDeviceListItem> &item)>;
+
+    uint32_t add(Callback callback);
+    void remove(uint32_t id);
+    void clear();
+    void handleEvent(const DeviceListEvent &event);
+
+    // The device list's mutex, too: it guards the list's entries as well as the members below.
+    // Taken before the mutex of the list's event queue, never the other way round.
+    std::mutex mutex;
+
+private:
+    std::map<int32_t, Callback> callbacks;
+    uint32_t nextCallbackId = 0;
+};
+
+} // namespace vexausb

@@ -1,0 +1,285 @@
+// Device-list callbacks and the event pipe.
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "helpers.h"
+
+namespace {
+
+constexpr uint16_t kVendor = VEXA_USB_VENDOR_ID;
+constexpr uint32_t kAdded = VEXA_USB_DEVICE_LIST_EVENT_ADDED;
+constexpr uint32_t kRemoved = VEXA_USB_DEVICE_LIST_EVENT_REMOVED;
+
+// A registered callback; kept for ever, since it can be called late.
+class Listener {
+public:
+    using Action = std::function<void(uint32_t, const _vexa_usb_device_list_item &)>;
+
+    static Listener &add(Action action = nullptr) {
+        static auto *const all = new std::vector<Listener *>;
+        auto *const listener = all->emplace_back(new Listener);
+        listener->onChange = std::move(action);
+        EXPECT_EQ(vexa_usb_register_device_list_event_callback(callback, listener, &listener->id),
+                  0);
+        return *listener;
+    }
+    bool waitFor(size_t count) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, test::kLong, [&]() { return seen.size() >= count; });
+    }
+    std::vector<std::pair<uint32_t, uint64_t>> all() {
+        const std::lock_guard lock(mutex);
+        return seen;
+    }
+
+    uint32_t id = 0;
+
+private:
+    static void callback(uint32_t type, const _vexa_usb_device_list_item *item, void *data) {
+        auto &self = *static_cast<Listener *>(data);
+        if (self.onChange)
+            self.onChange(type, *item);
+        const std::lock_guard lock(self.mutex);
+        self.seen.emplace_back(type, item->id);
+        self.changed.notify_all();
+    }
+
+    Action onChange;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::pair<uint32_t, uint64_t>> seen;
+};
+
+class ListEventsTest : public test::FakeBusTest {
+protected:
+    ListEventsTest() { vexa_usb_init(); }
+    ~ListEventsTest() override { vexa_usb_fini(); }
+    static libusb_device *plug() {
+        libusb_device *const device = fake::attach(kVendor, 1);
+        fake::notifyArrival(device);
+        return device;
+    }
+    static void unplug(libusb_device *device) {
+        fake::detach(device);
+        fake::notifyDeparture(device);
+    }
+};
+
+TEST_F(ListEventsTest, EveryChangeReachesEveryCallbackInOrder) {
+    Listener &first = Listener::add();
+    Listener &second = Listener::add();
+    EXPECT_EQ(first.id, 0U);
+    EXPECT_EQ(second.id, 1U);
+    EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(77), 0);
+    libusb_device *const device = plug();
+    ASSERT_TRUE(second.waitFor(1));
+    const uint64_t id = second.all()[0].second;
+    unplug(device);
+    fake::attach(kVendor, 2);
+    vexa_usb_update_device_list(); // perhaps before the departure: then it comes first
+    ASSERT_TRUE(second.waitFor(3));
+    EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(first.id), 0);
+    plug();
+    ASSERT_TRUE(second.waitFor(4));
+    const auto seen = second.all();
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), std::pair(kRemoved, id)), 1);
+    EXPECT_EQ(seen[0], std::pair(kAdded, id));
+    EXPECT_EQ(first.all(), (std::vector(seen.begin(), seen.begin() + 3)));
+    EXPECT_EQ(vexa_usb_register_device_list_event_callback(nullptr, nullptr, nullptr), -5);
+}
+
+// Whatever a callback does, the delivery goes on with the callbacks that it began with.
+TEST_F(ListEventsTest, CallbacksMayRegisterDeregisterAndOpen) {
+    Listener *inner = nullptr;
+    int32_t opened = 1;
+    int32_t openedWhenGone = 0;
+    test::EventLog &log = test::EventLog::make();
+    const auto open = [&](const _vexa_usb_device_list_item &item) {
+        _vexa_usb_device *device = nullptr;
+        const int32_t status = vexa_usb_open(&item, test::EventLog::callback, &log, &device);
+        if (status == 0)
+            vexa_usb_close(device);
+        return status;
+    };
+    Listener::add([&](uint32_t type, const _vexa_usb_device_list_item &item) {
+        if (type == kRemoved) {
+            openedWhenGone = open(item);
+            return;
+        }
+        opened = open(item);
+        inner = &Listener::add();
+        vexa_usb_deregister_device_list_event_callback(1); // the next in turn: still called
+    });
+    Listener &next = Listener::add();
+    libusb_device *const device = plug();
+    ASSERT_TRUE(next.waitFor(1));
+    EXPECT_EQ(opened, 0);
+    EXPECT_TRUE(inner->all().empty());
+    unplug(device);
+    ASSERT_TRUE(inner->waitFor(1));
+    EXPECT_EQ(openedWhenGone, -1);
+    EXPECT_EQ(next.all().size(), 1U);
+}
+
+TEST_F(ListEventsTest, SlowCallbackSeesEveryChange) {
+    std::promise<void> goOn;
+    auto wait = goOn.get_future().share();
+    Listener &slow =
+        Listener::add([wait](uint32_t, const _vexa_usb_device_list_item &) { wait.wait(); });
+    for (int i = 0; i < 20; ++i)
+        unplug(plug());
+    while (fake::eventsPending() || test::Snapshot().count != 0)
+        std::this_thread::yield();
+    goOn.set_value();
+    ASSERT_TRUE(slow.waitFor(40));
+    const auto seen = slow.all();
+    for (size_t i = 0; i < seen.size(); i += 2) {
+        EXPECT_EQ(seen[i].first, kAdded);
+        EXPECT_EQ(seen[i + 1], std::pair(kRemoved, seen[i].second));
+    }
+}
+
+// The last fini during a delivery, from another thread and from the callback itself.
+TEST_F(ListEventsTest, FiniDuringADelivery) {
+    for (int round = 0; round < 200; ++round) {
+        std::promise<void> inside;
+        std::promise<void> left;
+        const bool within = round % 2 == 0;
+        Listener::add([&, within](uint32_t, const _vexa_usb_device_list_item &) {
+            if (within)
+                vexa_usb_fini();
+            inside.set_value();
+            vexa_usb_get_device_list(nullptr, nullptr);
+            left.set_value();
+        });
+        libusb_device *const device = fake::attach(kVendor, 1);
+        vexa_usb_update_device_list();
+        inside.get_future().wait();
+        if (!within)
+            vexa_usb_fini();
+        left.get_future().wait();
+        fake::detach(device);
+        vexausb::libusbRunning.store(true);
+        vexa_usb_init();
+    }
+}
+
+class EventPipeTest : public test::DeviceTest {
+protected:
+    int32_t enable(uint8_t endpoint = 0x81) { return vexa_usb_event_pipe_enable(device, endpoint); }
+    int32_t disable() { return vexa_usb_event_pipe_disable(device); }
+};
+
+TEST_F(EventPipeTest, BytesBecomeEventsInOrder) {
+    EXPECT_EQ(disable(), -6);
+    EXPECT_EQ(enable(0x01), -11);
+    ASSERT_EQ(enable(), 0);
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(fake::inFlight().at(0).length, 64);
+    const uint8_t *const buffer = fake::inFlight()[0].buffer;
+    size_t bytes = 0;
+    for (const int length : {3, 0, 64, 1, 0, 17}) {
+        fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, length); // counting bytes
+        fake::waitInFlight(1);
+        EXPECT_EQ(fake::inFlight()[0].buffer, buffer);
+        bytes += static_cast<size_t>(length);
+    }
+    ASSERT_TRUE(log.waitFor(84));
+    EXPECT_EQ(disable(), 0);
+    EXPECT_EQ(disable(), 0);
+    EXPECT_EQ(enable(), -7);
+    fake::waitInFlight(0);
+    const auto events = log.all();
+    ASSERT_EQ(events.size(), bytes);
+    for (size_t i = 0; i < bytes; ++i)
+        EXPECT_EQ(events[i], i);
+    remove();
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(disable(), -12);
+}
+
+TEST_F(EventPipeTest, FailedEnableCanBeRetried) {
+    fake::failCall("libusb_alloc_transfer");
+    EXPECT_EQ(enable(), -4);
+    EXPECT_EQ(enable(0x8F), -1); // no such endpoint
+    fake::failCall("libusb_get_max_packet_size", LIBUSB_ERROR_OTHER);
+    EXPECT_EQ(enable(), -1);
+    fake::failCall("libusb_submit_transfer");
+    EXPECT_EQ(enable(), -1);
+    EXPECT_EQ(disable(), -6);
+    EXPECT_EQ(enable(), 0);
+}
+
+TEST_F(EventPipeTest, EndsSilentlyByItself) {
+    ASSERT_EQ(enable(), 0);
+    fake::completeOldest(LIBUSB_TRANSFER_STALL);
+    fake::waitInFlight(0);
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(disable(), 0);
+    close();
+    device = open();
+    ASSERT_EQ(enable(), 0);
+    fake::failCall("libusb_submit_transfer");
+    fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 1);
+    fake::waitInFlight(0);
+    EXPECT_TRUE(log.waitFor(0));
+    EXPECT_EQ(log.all().size(), 1U);
+}
+
+// A pipe whose transfer nobody completes holds a close up for half a second, not for ever.
+TEST_F(EventPipeTest, CloseDoesNotWaitForEver) {
+    ASSERT_EQ(enable(), 0);
+    fake::holdEvents(true);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(close(), 0);
+    const auto time = std::chrono::steady_clock::now() - before;
+    EXPECT_GE(time, std::chrono::milliseconds(450));
+    EXPECT_LT(time, std::chrono::seconds(5));
+    EXPECT_TRUE(fake::closedInFlight());
+    fake::holdEvents(false);
+}
+
+TEST_F(EventPipeTest, EndsWithoutEventLoop) {
+    close();
+    reinitialise();
+    vexa_usb_update_device_list();
+    for (int round = 0; round < 2; ++round) {
+        device = open();
+        ASSERT_EQ(enable(), 0);
+        EXPECT_EQ(disable(), 0);
+        EXPECT_EQ(close(), 0);
+        device = open();
+        ASSERT_EQ(enable(), 0);
+        if (round == 0) { // in the second round the last fini finds it
+            EXPECT_EQ(close(), 0);
+        }
+    }
+}
+
+// Disable and close against completions on two threads.
+TEST_F(EventPipeTest, EndsWhilePacketsArrive) {
+    std::atomic<bool> ended = false;
+    std::thread events([&]() {
+        while (!ended)
+            fake::deliverEvents();
+    });
+    for (int round = 0; round < 300; ++round) {
+        fake::completeBySelf(1U << 30);
+        ASSERT_EQ(enable(), 0);
+        if (round % 2 == 0) {
+            ASSERT_EQ(disable(), 0);
+        }
+        if (round % 4 == 0)
+            fake::waitInFlight(0);
+        ASSERT_EQ(close(), 0);
+        fake::completeBySelf(0);
+        device = open();
+    }
+    ended = true;
+    events.join();
+    EXPECT_FALSE(fake::closedInFlight());
+}
+
+} // namespace

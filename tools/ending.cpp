@@ -1,0 +1,43 @@
+#include "ending.h"
+
+#include <csignal>
+
+#include <CLI/CLI.hpp>
+
+namespace tool {
+
+namespace {
+
+volatile std::sig_atomic_t signalCame = 0;
+
+} // namespace
+
+void catchInterrupts() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { signalCame = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupted() {
+    return signalCame != 0;
+}
+
+void Ending::addOptions(CLI::App &command) {
+    command.add_option("-s,--seconds", seconds, "End after so many seconds")
+        ->check(CLI::PositiveNumber);
+    command.add_option("-n,--count", count, "End after so many lines")->check(CLI::PositiveNumber);
+}
+
+void Ending::start() {
+    catchInterrupts();
+    begin = std::chrono::steady_clock::now();
+}
+
+bool Ending::reached(uint64_t done) const {
+    return interrupted() || (count && done >= *count) ||
+           (seconds && std::chrono::steady_clock::now() - begin >= Seconds(*seconds));
+}
+
+} // namespace tool

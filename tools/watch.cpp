@@ -1,0 +1,120 @@
+// The commands that tell what happens: watch and events.
+#include <cstdio>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "device.h"
+#include "ending.h"
+#include "errors.h"
+#include "mailbox.h"
+
+namespace tool {
+
+namespace {
+
+struct Change {
+    uint32_t type;
+    uint64_t id;
+    uint16_t vendor;
+    uint16_t product;
+};
+
+using Changes = Mailbox<Change>;
+
+// Callbacks can come once more after their deregistration, so what they use is kept for ever.
+Changes &listChanges() {
+    static auto *const changes = new Changes;
+    return *changes;
+}
+
+void onListChange(uint32_t type, const _vexa_usb_device_list_item *item, void * /*data*/) {
+    listChanges().post({type, item->id, item->vendor_id, item->product_id});
+}
+
+void printLine(const std::string &line) {
+    fmt::print("{}\n", line);
+    std::fflush(stdout);
+}
+
+void print(const Change &change, bool json) {
+    const char *const what = change.type == VEXA_USB_DEVICE_LIST_EVENT_ADDED ? "added" : "removed";
+    const char *const kind = kindText(change.vendor, change.product);
+    if (json)
+        printLine(nlohmann::json{
+            {"change", what},
+            {"id", change.id},
+            {"vendor", change.vendor},
+            {"product", change.product},
+            {"kind",
+             kind}}.dump());
+    else
+        printLine(fmt::format("{:<8} {:>3}  {}  {}", what, change.id,
+                              identifierText(change.vendor, change.product), kind));
+}
+
+// Devices that are attached already count as added.
+void watch(const CommonOptions &common, Ending &ending) {
+    const Library library;
+    uint32_t id = 0;
+    check(vexa_usb_register_device_list_event_callback(onListChange, nullptr, &id), "watching");
+    check(vexa_usb_update_device_list(), "reading the device list");
+    ending.start();
+    for (uint64_t lines = 0; !ending.reached(lines);) {
+        if (const auto change = listChanges().wait(kWaitStep)) {
+            print(*change, common.json);
+            ++lines;
+        }
+    }
+    check(vexa_usb_deregister_device_list_event_callback(id), "watching");
+}
+
+void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
+    const auto mailbox = std::make_shared<Mailbox<_vexa_usb_device_event>>();
+    const Library library;
+    const Device device(common.device,
+                        [mailbox](_vexa_usb_device_event event) { mailbox->post(event); });
+    check(vexa_usb_event_pipe_enable(device.get(), endpoint),
+          fmt::format("listening to endpoint {:#04x}", endpoint));
+    ending.start();
+    for (uint64_t lines = 0; !ending.reached(lines);) {
+        const auto event = mailbox->wait(kWaitStep);
+        if (!event)
+            continue;
+        if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
+            check(VEXA_USB_STATUS_DEVICE_REMOVED, "listening");
+        printLine(common.json ? nlohmann::json{{"event", *event}}.dump()
+                              : fmt::format("{:#04x}", *event));
+        ++lines;
+    }
+    check(vexa_usb_event_pipe_disable(device.get()), "listening");
+}
+
+} // namespace
+
+void addWatchCommand(CLI::App &app, CommonOptions &common) {
+    CLI::App *command = app.add_subcommand("watch", "Tell as devices come and go");
+    const auto ending = std::make_shared<Ending>();
+    ending->addOptions(*command);
+    addJsonOption(*command, common);
+    command->footer("Prints a line for each supported device that comes or goes, those that are\n"
+                    "there already first; with --json an object a line. Ctrl-C ends it.");
+    command->callback([&common, ending]() { watch(common, *ending); });
+}
+
+void addEventsCommand(CLI::App &app, CommonOptions &common) {
+    CLI::App *command = app.add_subcommand("events", "Print the bytes that an endpoint sends");
+    const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
+    const auto ending = std::make_shared<Ending>();
+    command->add_option("ENDPOINT", *endpoint, "Endpoint address")->capture_default_str();
+    ending->addOptions(*command);
+    addDeviceOption(*command, common);
+    addJsonOption(*command, common);
+    command->footer("Prints a line for each byte, as it comes. Ctrl-C ends it.");
+    command->callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
+}
+
+} // namespace tool
