@@ -164,6 +164,7 @@ TEST_F(StreamTest, CloseAndFiniEndTheStream) {
     reinitialise();
     EXPECT_TRUE(fake::inFlight().empty());
     EXPECT_FALSE(fake::closedInFlight());
+    EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
     EXPECT_EQ(lock(), -12);
 }
 
