@@ -3,8 +3,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <numeric>
-#include <set>
+#include <mutex>
+#include <random>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -242,6 +242,74 @@ TEST_F(SystemTest, TwentyDevicesStream) {
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(total, 20 * 4000000U);
+}
+
+// A hundred packets of random lengths arrive byte for byte while a stream runs on the device.
+TEST_F(SystemTest, EventsWhileStreaming) {
+    const Simulator simulator({"instrument"});
+    struct Shared {
+        std::mutex mutex;
+        Bytes bytes;
+    };
+    static Shared &shared = *new Shared;
+    const auto callback = [](_vexa_usb_device_event event, void *data) {
+        Events::callback(event, data);
+        const std::lock_guard lock(shared.mutex);
+        if (event < 256)
+            shared.bytes.push_back(static_cast<uint8_t>(event));
+    };
+    device = test::openDevice(test::listedIds().at(0), callback, &events);
+    ASSERT_NE(device, nullptr);
+    ASSERT_EQ(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint), 0);
+    // One buffer that takes long to fill: its events, 4 and 5, would look like bytes.
+    ASSERT_EQ(start(1 << 30, 2), 0);
+    Bytes sent;
+    std::mt19937 random(42); // NOLINT(cert-msc51-cpp): repeatable
+    for (int packet = 0; packet < 100; ++packet) {
+        Bytes bytes(random() % 65);
+        for (uint8_t &byte : bytes)
+            byte = static_cast<uint8_t>(random());
+        ASSERT_EQ(test::steer(device, sim::kRequestSendEvents, 0, 0, bytes), 0);
+        sent.insert(sent.end(), bytes.begin(), bytes.end());
+    }
+    EXPECT_TRUE(test::eventually([&]() {
+        const std::lock_guard lock(shared.mutex);
+        return shared.bytes.size() >= sent.size();
+    }));
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0);
+    const std::lock_guard lock(shared.mutex);
+    EXPECT_EQ(shared.bytes, sent);
+}
+
+// The caller hears of every arrival and departure, with a device that is open and idle meanwhile.
+TEST_F(SystemTest, ListCallbacksFollowTheBus) {
+    struct Shared {
+        std::mutex mutex;
+        std::vector<std::pair<uint32_t, uint16_t>> changes;
+    };
+    static Shared &shared = *new Shared;
+    const auto callback = [](uint32_t type, const _vexa_usb_device_list_item *item, void *) {
+        const std::lock_guard lock(shared.mutex);
+        shared.changes.emplace_back(type, item->product_id);
+    };
+    const auto changes = []() {
+        const std::lock_guard lock(shared.mutex);
+        return shared.changes;
+    };
+    uint32_t id = 0;
+    ASSERT_EQ(vexa_usb_register_device_list_event_callback(callback, nullptr, &id), 0);
+    const Simulator simulator({"instrument,product=0x21"}, 0, false);
+    ASSERT_TRUE(test::eventually([&]() { return changes().size() == 1; }));
+    openFirst();
+    ASSERT_EQ(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint), 0);
+    ASSERT_EQ(test::vanish(device, 0, 200, 0x22), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+    EXPECT_EQ(vexa_usb_event_pipe_disable(device), VEXA_USB_STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(close(), 0);
+    ASSERT_TRUE(test::eventually([&]() { return changes().size() == 3; }));
+    const std::vector<std::pair<uint32_t, uint16_t>> expected{{1, 0x21}, {2, 0x21}, {1, 0x22}};
+    EXPECT_EQ(changes(), expected);
 }
 
 // Every life-cycle state with a real libusb below: nothing hangs, no descriptor stays open.
