@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <initializer_list>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -101,14 +102,15 @@ TEST_F(SystemTest, FollowsTheBus) {
 TEST_F(SystemTest, TransfersOfAwkwardLengths) {
     const Simulator simulator({"instrument"});
     openFirst();
-    for (const size_t length : {1, 511, 512, 513, 65536, 524287, 524288, 524289, 1048577}) {
+    for (const size_t length :
+         std::initializer_list<size_t>{1, 511, 512, 513, 65536, 524287, 524288, 524289, 1048577}) {
         const Bytes sent = countingBytes(length);
         Bytes received(length);
         ASSERT_EQ(write(sent), 0) << length;
         ASSERT_EQ(read(received), 0) << length;
         ASSERT_EQ(received, sent);
     }
-    for (const size_t length : {1, 63, 64, 65, 200}) {
+    for (const size_t length : std::initializer_list<size_t>{1, 63, 64, 65, 200}) {
         const Bytes sent = countingBytes(length);
         Bytes received(length);
         ASSERT_EQ(vexa_usb_interrupt_write(device, sim::kInterruptLoopOut, sent.data(), length), 0);
@@ -116,7 +118,8 @@ TEST_F(SystemTest, TransfersOfAwkwardLengths) {
                   0);
         ASSERT_EQ(received, sent);
     }
-    for (const size_t length : {0, 1, 64, 65, 4096}) { // the kernel allows no more
+    for (const size_t length :
+         std::initializer_list<size_t>{0, 1, 64, 65, 4096}) { // the kernel allows no more
         const Bytes sent = countingBytes(length);
         Bytes received(length);
         ASSERT_EQ(test::steer(device, sim::kRequestScratch, 0, 0, sent), 0) << length;
@@ -165,14 +168,15 @@ TEST_F(SystemTest, TimeoutsStallsAndShortAnswers) {
 TEST_F(SystemTest, StreamsOfManySizesAtHighSpeed) {
     const Simulator simulator({"instrument,speed=high"});
     openFirst();
-    for (const uint64_t size : {300, 512, 1000, 65536, 524288, 1000000, 1048576, 3000001})
+    for (const uint64_t size :
+         std::initializer_list<uint64_t>{300, 512, 1000, 65536, 524288, 1000000, 1048576, 3000001})
         streamAndCheck(size, 4 + 4000000 / size, size < 65536 ? 1000000 : 24000000);
 }
 
 TEST_F(SystemTest, StreamsOfManySizesAtSuperSpeed) {
     const Simulator simulator({"instrument,speed=super"});
     openFirst();
-    for (const uint64_t size : {700, 1024, 100001, 524289, 2097152})
+    for (const uint64_t size : std::initializer_list<uint64_t>{700, 1024, 100001, 524289, 2097152})
         streamAndCheck(size, 4 + 4000000 / size, size < 65536 ? 1000000 : 24000000);
 }
 
