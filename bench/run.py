@@ -3,7 +3,10 @@
 
   run.py stream BUILD ROUNDS     inside the virtual machine: throughput and processor time against
                                  a bare libusb loop and against blocking reads
-  run.py completions BUILD       under callgrind: instructions and allocations per transfer
+  run.py events BUILD ROUNDS     inside the virtual machine: the event pipe against a bare libusb
+                                 loop that calls a function directly
+  run.py instructions BUILD      under callgrind: instructions and allocations per transfer,
+                                 per event, and per change of the device list
 
 Exit status 1 when a figure misses its target.
 """
@@ -90,24 +93,55 @@ def profile(build, program, *arguments):
         return callgrind_cost.cost(output.name, "libvexa-usb", ("libusb-1.0", "/bench/" + program))
 
 
-def per_unit(build, program, few, many):
+def per_unit(build, few, many, program, *arguments):
     """Cost of one more unit of work in the steady state."""
-    low, high = profile(build, program, few), profile(build, program, many)
+    low, high = (profile(build, program, *arguments, count) for count in (few, many))
     return {key: (high[key] - low[key]) / (many - few) for key in low}
 
 
-def completions(build):
-    cost = per_unit(build, "completions", 800, 8800)
+def instructions(build):
+    cost = per_unit(build, 800, 8800, "completions")
     print("Stream against the libusb stand-in, per completed transfer (each fills a buffer):")
     show("  instructions in the library", cost["own"])
     show("  instructions elsewhere on its behalf", cost["behalf"])
     show("  instructions, both", cost["own"] + cost["behalf"], 1500)
     show("  allocations", cost["allocations"], 0.1)
+    cost = per_unit(build, 100, 1100, "changes", "events")
+    print("Event pipe against the stand-in, per event byte (packets of 64):")
+    show("  instructions in the library", cost["own"] / 64)
+    show("  instructions, with what is done on its behalf", (cost["own"] + cost["behalf"]) / 64, 600)
+    print("One plug and unplug, instructions with what is done on the library's behalf:")
+    changes = {}
+    for entries in (1, 10, 100):
+        cost = per_unit(build, 50, 550, "changes", "list", entries)
+        changes[entries] = cost["own"] + cost["behalf"]
+        show(f"  with {entries} listed", changes[entries])
+    show("  with 100 / with 1", changes[100] / changes[1], 2)
+
+
+def events(build, rounds):
+    figures = {"bare": [], "library": []}
+    with Simulator(build, "instrument,speed=high"):
+        for _ in range(rounds):
+            for way, results in figures.items():
+                output = subprocess.run([f"{build}/bench/events-bench", way], check=True,
+                                        capture_output=True, text=True).stdout
+                results.append([float(word) for word in output.split()])
+    median = {way: [statistics.median(column) for column in zip(*results)]
+              for way, results in figures.items()}
+    print(f"Events in packets of 64, medians of {rounds} rounds in turns:")
+    for way, (rate, middle, late) in median.items():
+        show(f"  {way}: events/s", rate)
+        show(f"  {way}: microseconds from answer to callback, median", middle)
+        show(f"  {way}: the same, 99th percentile", late)
+    show("  events/s, library / bare", median["library"][0] / median["bare"][0], 0.8, True)
 
 
 if __name__ == "__main__":
     if sys.argv[1] == "stream":
         stream(sys.argv[2], int(sys.argv[3]))
+    elif sys.argv[1] == "events":
+        events(sys.argv[2], int(sys.argv[3]))
     else:
-        completions(sys.argv[2])
+        instructions(sys.argv[2])
     sys.exit(1 if missed else 0)

@@ -8,54 +8,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <libusb.h>
 
+#include "bare_device.h"
 #include "instrument_protocol.h"
 #include "vexa_usb.h"
 
 namespace {
 
+using bench::BareDevice;
+using bench::require;
+
 constexpr int kTransferSize = 524288;
 constexpr int kTransferCount = 3;
 constexpr uint64_t kBufferSize = 4194304;
 constexpr uint64_t kBufferCount = 3;
-
-void require(bool good, const char *what) {
-    if (!good)
-        throw std::runtime_error(what);
-}
-
-// The device opened with nothing but libusb.
-class BareDevice {
-public:
-    BareDevice() {
-        require(libusb_init(&context) == 0, "libusb_init");
-        libusb_device **list = nullptr;
-        const ssize_t count = libusb_get_device_list(context, &list);
-        for (ssize_t i = 0; i < count && handle == nullptr; ++i) {
-            libusb_device_descriptor descriptor{};
-            libusb_get_device_descriptor(list[i], &descriptor);
-            if (descriptor.idVendor == VEXA_USB_VENDOR_ID)
-                libusb_open(list[i], &handle);
-        }
-        libusb_free_device_list(list, 1);
-        require(handle != nullptr && libusb_claim_interface(handle, 0) == 0, "no instrument");
-    }
-    ~BareDevice() {
-        libusb_close(handle);
-        libusb_exit(context);
-    }
-    BareDevice(const BareDevice &) = delete;
-    BareDevice &operator=(const BareDevice &) = delete;
-
-    libusb_context *context = nullptr;
-    libusb_device_handle *handle = nullptr;
-};
 
 // (a): three transfers, resubmitted as they complete; nobody looks at the data.
 struct BareLoop {

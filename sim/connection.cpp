@@ -195,6 +195,13 @@ void Connection::offerPending() {
         onOutput();
 }
 
+// The connection ends once all was sent, of which there may be nothing.
+void Connection::deviceLeft() {
+    leaving = true;
+    if (onOutput)
+        onOutput();
+}
+
 void Connection::offer(uint8_t endpoint) {
     std::deque<Transfer> &transfers = pending[endpoint];
     while (!transfers.empty() && !leaving && !socket.isFull() &&

@@ -31,7 +31,7 @@ public:
     std::function<void()> onOutput;
 
     void offerPending() override;
-    void deviceLeft() override { leaving = true; }
+    void deviceLeft() override;
 
 private:
     // A transfer that the host has submitted and that was not answered yet.

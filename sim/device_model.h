@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -36,6 +37,8 @@ public:
 
     // Pending requests are to be offered to the device again, at once or after a while.
     virtual void wake(std::chrono::milliseconds delay) = 0;
+    // Runs `action` after a while, wherever the device is then.
+    virtual void after(std::chrono::milliseconds delay, std::function<void()> action) = 0;
     // Leaves the bus after the answer in hand; comes back after `returnAfter` if that is given.
     virtual void unplug(std::optional<std::chrono::milliseconds> returnAfter) = 0;
 };

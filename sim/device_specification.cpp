@@ -13,7 +13,8 @@ namespace sim {
 
 const char *const kDeviceSpecificationHelp =
     "A DEVICE is a kind and, after commas, how it differs from the usual:\n"
-    "  instrument[,speed=full|high|super][,product=ID][,serial=TEXT][,bcd-usb=BCD][,away=MS]\n"
+    "  instrument[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
+    "[,away=MS]\n"
     "away=MS plugs it in that many milliseconds after the start.\n"
     "Numbers may be written in hexadecimal, with 0x.";
 
@@ -44,6 +45,8 @@ Speed parseSpeed(const std::string &text) {
 void apply(DeviceSpecification &specification, const std::string &key, const std::string &value) {
     if (key == "speed")
         specification.shape.speed = parseSpeed(value);
+    else if (key == "vendor")
+        specification.shape.vendor = static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
     else if (key == "product")
         specification.shape.product = static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
     else if (key == "bcd-usb")

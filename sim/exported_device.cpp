@@ -39,6 +39,10 @@ void ExportedDevice::wake(std::chrono::milliseconds delay) {
     });
 }
 
+void ExportedDevice::after(std::chrono::milliseconds delay, std::function<void()> action) {
+    loop.after(delay, std::move(action));
+}
+
 void ExportedDevice::unplug(std::optional<std::chrono::milliseconds> returnAfter) {
     if (returnAfter)
         stayAway(*returnAfter);

@@ -40,6 +40,7 @@ public:
     std::function<void()> onReturn;
 
     void wake(std::chrono::milliseconds delay) override;
+    void after(std::chrono::milliseconds delay, std::function<void()> action) override;
     void unplug(std::optional<std::chrono::milliseconds> returnAfter) override;
 
 private:

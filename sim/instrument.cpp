@@ -17,6 +17,14 @@ namespace {
 
 constexpr size_t kLoopRoom = 4U << 20; // bytes that a loop-back holds before it makes writers wait
 
+Bytes currentTime() {
+    const int64_t now =
+        std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+    Bytes bytes(sizeof(now));
+    std::memcpy(bytes.data(), &now, sizeof(now));
+    return bytes;
+}
+
 DeviceShape withEndpoints(DeviceShape shape) {
     shape.endpoints = {
         {kEventEndpoint, EndpointType::Interrupt},    {kStreamEndpoint, EndpointType::Bulk},
@@ -55,8 +63,12 @@ Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
             return Answer::stall();
         std::memcpy(&streamPosition, data.data(), sizeof(streamPosition));
         break;
+    case kRequestSendTimes:
+        events.insert(events.end(), setup.value, std::nullopt);
+        port().wake({});
+        break;
     case kRequestSendEvents:
-        events.emplace_back(data.begin(), data.end());
+        events.emplace_back(Bytes(data.begin(), data.end()));
         port().wake({});
         break;
     case kRequestStall:
@@ -97,8 +109,13 @@ Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
     vanishing = Vanishing{wanted.afterBytes, std::nullopt, wanted.product};
     if (wanted.returnAfterMs != kNeverReturn)
         vanishing->returnAfter = std::chrono::milliseconds(wanted.returnAfterMs);
-    if (wanted.afterBytes == 0)
+    if (wanted.afterBytes == 0 && wanted.afterMs == 0)
         vanish();
+    else if (wanted.afterBytes == 0)
+        port().after(std::chrono::milliseconds(wanted.afterMs), [this]() {
+            if (vanishing)
+                vanish();
+        });
     return Answer::done(data.size());
 }
 
@@ -135,11 +152,11 @@ Answer Instrument::takeData(uint8_t endpoint, std::span<const uint8_t> data) {
 }
 
 Answer Instrument::sendStream(std::span<uint8_t> room) {
-    if (vanishing)
+    if (vanishing && vanishing->bytesLeft != 0)
         room = room.first(std::min<uint64_t>(room.size(), vanishing->bytesLeft));
     fillPattern(streamPosition, room);
     streamPosition += room.size();
-    if (vanishing && (vanishing->bytesLeft -= room.size()) == 0)
+    if (vanishing && vanishing->bytesLeft != 0 && (vanishing->bytesLeft -= room.size()) == 0)
         vanish();
     return Answer::done(room.size());
 }
@@ -147,7 +164,7 @@ Answer Instrument::sendStream(std::span<uint8_t> room) {
 Answer Instrument::sendEvents(std::span<uint8_t> room) {
     if (events.empty())
         return Answer::wait();
-    const Bytes packet = std::move(events.front());
+    const Bytes packet = events.front() ? std::move(*events.front()) : currentTime();
     events.pop_front();
     const size_t length = std::min(packet.size(), room.size());
     std::copy_n(packet.begin(), length, room.begin());

@@ -39,7 +39,7 @@ private:
 
     uint64_t streamPosition = 0;
     std::optional<Vanishing> vanishing;
-    std::deque<Bytes> events;
+    std::deque<std::optional<Bytes>> events; // without bytes: the time at which it is sent
     std::deque<uint8_t> bulkLoop;
     std::deque<uint8_t> interruptLoop;
     Bytes scratch;

@@ -22,16 +22,18 @@ enum InstrumentRequest : uint8_t {
     kRequestSilence = 0x06,    // OUT: wIndex endpoint, wValue 1 falls silent, 0 ends that
     kRequestDelay = 0x07,      // OUT: wIndex endpoint, every answer comes wValue ms late
     kRequestVanish = 0x08,     // OUT: VanishRequest
+    kRequestSendTimes = 0x09,  // OUT: sends wValue packets of events, each the monotonic clock's
+                               // nanoseconds (64 bits) at which it was sent
 };
 
 inline constexpr uint32_t kNeverReturn = 0xFFFFFFFF;
 
-// Leaves the bus once the stream has sent that many more bytes; 0 means at once.
+// Leaves the bus once the stream has sent that many more bytes; with 0 of them, after a time.
 struct VanishRequest {
     uint64_t afterBytes;
     uint32_t returnAfterMs; // kNeverReturn: stays away
     uint16_t product;       // idProduct on return; 0: as before
-    uint16_t reserved;
+    uint16_t afterMs;       // with afterBytes of 0; 0: at once
 };
 static_assert(sizeof(VanishRequest) == 16);
 

@@ -77,13 +77,13 @@ void TransferSet::stop() {
 }
 
 // Only while an event loop delivers completions.
-bool TransferSet::waitIdle() {
+void TransferSet::waitIdle() {
     std::unique_lock lock(mutex);
     const auto isIdle = [this]() { return idle(); };
     if (patience)
-        return released.wait_for(lock, *patience, isIdle);
-    released.wait(lock, isIdle);
-    return true;
+        released.wait_for(lock, *patience, isIdle);
+    else
+        released.wait(lock, isIdle);
 }
 
 // After the handle was closed: libusb has forgotten what was still in flight and will not call

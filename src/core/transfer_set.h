@@ -19,8 +19,10 @@ public:
     TransferSet(const TransferSet &) = delete;
     TransferSet &operator=(const TransferSet &) = delete;
 
+    // Before anything else: the transfers, of which none is in flight yet.
+    bool allocate(size_t count, libusb_device_handle *handle, uint8_t endpoint);
     void stop();
-    bool waitIdle();
+    void waitIdle();
     void abandon();
 
 protected:
@@ -36,10 +38,7 @@ protected:
         std::shared_ptr<TransferSet> inFlight; // the set itself, while libusb has the transfer
     };
 
-    // Before anything else: the transfers, of which none is in flight yet.
-    bool allocate(size_t count, libusb_device_handle *handle, uint8_t endpoint);
-
-    // The rest is called with `mutex` held.
+    // These are called with `mutex` held.
     virtual void completed(Slot &slot) = 0;
     bool submit(Slot &slot, uint8_t *buffer, int length);
     void release(Slot &slot);

@@ -191,7 +191,7 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
     if (!use)
         return VEXA_USB_STATUS_UNKNOWN;
     auto pipe = std::make_shared<EventPipe>(eventQueue);
-    if (!pipe->prepare(connection->handle(), endpoint))
+    if (!pipe->allocate(1, connection->handle(), endpoint))
         return VEXA_USB_STATUS_NO_MEMORY;
     const int packetSize = maxPacketSize(endpoint);
     if (packetSize < 0)
@@ -227,7 +227,7 @@ int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uin
     try {
         auto session = std::make_shared<StreamSession>(
             bufferSize, bufferCount, static_cast<uint64_t>(packetSize), eventQueue);
-        if (!session->prepare(connection->handle(), endpoint))
+        if (!session->allocate(kStreamTransferCount, connection->handle(), endpoint))
             return VEXA_USB_STATUS_NO_MEMORY;
         connection->attach(session);
         stream = std::move(session);

@@ -27,10 +27,6 @@ constexpr std::chrono::milliseconds kPatience{500};
 EventPipe::EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents)
     : TransferSet(kPatience), events(std::move(deviceEvents)) {}
 
-bool EventPipe::prepare(libusb_device_handle *handle, uint8_t endpoint) {
-    return allocate(1, handle, endpoint);
-}
-
 bool EventPipe::arm(int packetSize) {
     const std::lock_guard lock(mutex);
     eventBuffer.resize(static_cast<size_t>(packetSize));

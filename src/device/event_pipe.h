@@ -13,7 +13,6 @@ class EventPipe final : public TransferSet {
 public:
     explicit EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents);
 
-    bool prepare(libusb_device_handle *handle, uint8_t endpoint);
     bool arm(int packetSize);
 
 private:

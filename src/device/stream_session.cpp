@@ -20,10 +20,6 @@ StreamSession::StreamSession(uint64_t bufferSize, uint64_t bufferCount, uint64_t
     : ring(bufferSize, bufferCount, kStreamMaxTransferSize, packetSize),
       events(std::move(deviceEvents)) {}
 
-bool StreamSession::prepare(libusb_device_handle *handle, uint8_t endpoint) {
-    return allocate(kStreamTransferCount, handle, endpoint);
-}
-
 void StreamSession::begin() {
     const std::lock_guard lock(mutex);
     for (Slot &slot : slots) {

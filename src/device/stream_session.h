@@ -19,7 +19,6 @@ public:
     StreamSession(uint64_t bufferSize, uint64_t bufferCount, uint64_t packetSize,
                   std::shared_ptr<DeviceEventQueue> deviceEvents);
 
-    bool prepare(libusb_device_handle *handle, uint8_t endpoint);
     void begin();
 
     // The consumer's side; the device's lock lets one thread at a time come here.

@@ -116,8 +116,8 @@ int32_t rewindStream(_vexa_usb_device *device) {
 }
 
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
-               uint16_t product) {
-    const sim::VanishRequest request{afterBytes, returnAfterMs, product, 0};
+               uint16_t product, uint16_t afterMs) {
+    const sim::VanishRequest request{afterBytes, returnAfterMs, product, afterMs};
     return steer(device, sim::kRequestVanish, 0, 0, bytesOf(&request, sizeof(request)));
 }
 

@@ -35,7 +35,7 @@ int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value = 0, uin
               std::vector<uint8_t> data = {});
 int32_t rewindStream(_vexa_usb_device *device);
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
-               uint16_t product = 0);
+               uint16_t product = 0, uint16_t afterMs = 0);
 
 // Whether `condition` comes true within a generous time.
 template <typename Condition>

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <stdexcept>
+
+#include <libusb.h>
+
+#include "vexa_usb.h"
+
+namespace bench {
+
+inline void require(bool good, const char *what) {
+    if (!good)
+        throw std::runtime_error(what);
+}
+
+// The device opened with nothing but libusb.
+class BareDevice {
+public:
+    BareDevice() {
+        require(libusb_init(&context) == 0, "libusb_init");
+        libusb_device **list = nullptr;
+        const ssize_t count = libusb_get_device_list(context, &list);
+        for (ssize_t i = 0; i < count && handle == nullptr; ++i) {
+            libusb_device_descriptor descriptor{};
+            libusb_get_device_descriptor(list[i], &descriptor);
+            if (descriptor.idVendor == VEXA_USB_VENDOR_ID)
+                libusb_open(list[i], &handle);
+        }
+        libusb_free_device_list(list, 1);
+        require(handle != nullptr && libusb_claim_interface(handle, 0) == 0, "no instrument");
+    }
+    ~BareDevice() {
+        libusb_close(handle);
+        libusb_exit(context);
+    }
+    BareDevice(const BareDevice &) = delete;
+    BareDevice &operator=(const BareDevice &) = delete;
+
+    libusb_context *context = nullptr;
+    libusb_device_handle *handle = nullptr;
+};
+
+} // namespace bench

@@ -1,0 +1,200 @@
+// Receives events from the simulated instrument by this library or by a bare libusb loop, and
+// prints the events per second and the median and the 99th percentile of the microseconds from the
+// simulator's answer to the caller's callback.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <libusb.h>
+
+#include "bare_device.h"
+#include "instrument_protocol.h"
+#include "vexa_usb.h"
+
+namespace {
+
+using bench::require;
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kPackets = 4000;
+constexpr size_t kPacketSize = 64;
+constexpr size_t kTimes = 500;
+constexpr uint8_t kVendorOut = 0x40;
+
+// What the caller does with each event.
+class Receiver {
+public:
+    // Takes times instead of counting: eight bytes each.
+    bool takesTimes = false;
+
+    void event(uint8_t byte) {
+        ++count;
+        if (!takesTimes)
+            return;
+        time[filled++] = byte;
+        if (filled < sizeof(time))
+            return;
+        filled = 0;
+        int64_t sent = 0;
+        std::memcpy(&sent, time, sizeof(sent));
+        const int64_t now = Clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+        latencies.push_back(static_cast<double>(now - sent) / 1e3);
+    }
+
+    uint64_t count = 0;
+    std::vector<double> latencies;
+
+private:
+    uint8_t time[8] = {};
+    size_t filled = 0;
+};
+
+// One way to receive events.
+class Way {
+public:
+    virtual ~Way() = default;
+    virtual void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) = 0;
+    virtual void arm() = 0;
+    virtual void waitFor(uint64_t events) = 0;
+
+    Receiver receiver;
+};
+
+class Bare final : public Way {
+public:
+    ~Bare() override {
+        libusb_cancel_transfer(transfer);
+        while (armed)
+            libusb_handle_events(device.context);
+        libusb_free_transfer(transfer);
+    }
+    void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
+        require(libusb_control_transfer(device.handle, kVendorOut, request, value, 0, data.data(),
+                                        static_cast<uint16_t>(data.size()), 1000) >= 0,
+                "request");
+    }
+    void arm() override {
+        libusb_fill_interrupt_transfer(transfer, device.handle, sim::kEventEndpoint, buffer,
+                                       kPacketSize, completed, this, 0);
+        require(libusb_submit_transfer(transfer) == 0, "submit");
+        armed = true;
+    }
+    void waitFor(uint64_t events) override {
+        while (receiver.count < events)
+            libusb_handle_events(device.context);
+    }
+
+private:
+    static void LIBUSB_CALL completed(libusb_transfer *transfer) {
+        auto &self = *static_cast<Bare *>(transfer->user_data);
+        self.armed = transfer->status == LIBUSB_TRANSFER_COMPLETED;
+        if (!self.armed)
+            return;
+        for (int i = 0; i < transfer->actual_length; ++i)
+            self.receiver.event(transfer->buffer[i]);
+        require(libusb_submit_transfer(transfer) == 0, "submit");
+    }
+
+    bench::BareDevice device;
+    libusb_transfer *const transfer = libusb_alloc_transfer(0);
+    uint8_t buffer[kPacketSize] = {};
+    bool armed = false;
+};
+
+// Lives for ever, since callbacks can come late.
+class Library final : public Way {
+public:
+    Library() {
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        _vexa_usb_device_list_item **list = nullptr;
+        vexa_usb_get_device_list(&list, nullptr);
+        require(list[0] != nullptr && vexa_usb_open(list[0], callback, this, &device) == 0,
+                "no instrument");
+        vexa_usb_free_device_list(list);
+    }
+    void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
+        require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+                                          VEXA_USB_RECIPIENT_DEVICE, request, value, 0, data.data(),
+                                          data.size()) == 0,
+                "request");
+    }
+    void arm() override {
+        require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "enable");
+    }
+    void waitFor(uint64_t events) override {
+        std::unique_lock lock(mutex);
+        wanted = events;
+        reached.wait(lock, [&]() { return receiver.count >= events; });
+    }
+    void end() {
+        vexa_usb_close(device);
+        vexa_usb_fini();
+    }
+
+private:
+    static void callback(_vexa_usb_device_event event, void *data) {
+        auto &self = *static_cast<Library *>(data);
+        const std::lock_guard lock(self.mutex);
+        self.receiver.event(static_cast<uint8_t>(event));
+        if (self.receiver.count == self.wanted)
+            self.reached.notify_all();
+    }
+
+    _vexa_usb_device *device = nullptr;
+    std::mutex mutex;
+    std::condition_variable reached;
+    uint64_t wanted = 0;
+};
+
+// The packets wait in the simulator, so that nothing but the pipe is measured.
+void measure(Way &way) {
+    const std::vector<uint8_t> packet(kPacketSize, 0x5A);
+    for (size_t i = 0; i < kPackets; ++i)
+        way.request(sim::kRequestSendEvents, 0, packet);
+    const auto start = Clock::now();
+    way.arm();
+    uint64_t events = kPackets * kPacketSize;
+    way.waitFor(events);
+    const std::chrono::duration<double> time = Clock::now() - start;
+
+    way.receiver.takesTimes = true;
+    for (size_t i = 0; i < kTimes; ++i) {
+        way.request(sim::kRequestSendTimes, 1, {});
+        way.waitFor(events += sizeof(int64_t));
+    }
+    std::vector<double> &latencies = way.receiver.latencies;
+    std::sort(latencies.begin(), latencies.end());
+    std::printf("%f %f %f\n", static_cast<double>(kPackets * kPacketSize) / time.count(),
+                latencies[latencies.size() / 2], latencies[latencies.size() * 99 / 100]);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s bare|library\n", argv[0]);
+        return 2;
+    }
+    try {
+        if (std::string(argv[1]) == "bare") {
+            Bare bare;
+            measure(bare);
+        } else {
+            auto &library = *new Library;
+            measure(library);
+            library.end();
+        }
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,315 @@
+// Devices that come and go on a real kernel while the library is in the middle of something.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+
+#ifdef __SANITIZE_ADDRESS__
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // g++ installs no header for it
+#endif
+
+#include <gtest/gtest.h>
+
+#include "instrument_protocol.h"
+#include "simulator.h"
+#include "stream_reader.h"
+
+namespace {
+
+using test::Events;
+using test::Simulator;
+
+// What the list's callbacks said; for the life of the process, since callbacks may come late.
+class Changes {
+public:
+    static Changes &watch() {
+        static Changes &changes = *new Changes;
+        uint32_t id = 0;
+        EXPECT_EQ(vexa_usb_register_device_list_event_callback(callback, &changes, &id), 0);
+        return changes;
+    }
+    // Whether that many devices have come and gone in all; each id comes once and goes once.
+    bool reach(size_t arrivals, size_t departures) {
+        return test::eventually([&]() {
+            const std::lock_guard lock(mutex);
+            EXPECT_EQ(wrong, 0);
+            return come.size() == arrivals && gone.size() == departures;
+        });
+    }
+    size_t departures() {
+        const std::lock_guard lock(mutex);
+        return gone.size();
+    }
+    uint64_t latest() {
+        const std::lock_guard lock(mutex);
+        return come.rbegin()->first;
+    }
+    bool hasCome(uint16_t vendor, uint16_t product) {
+        const std::lock_guard lock(mutex);
+        return std::any_of(come.begin(), come.end(), [&](const auto &entry) {
+            return entry.second == std::pair(vendor, product);
+        });
+    }
+
+private:
+    static void callback(uint32_t type, const _vexa_usb_device_list_item *item, void *data) {
+        auto &self = *static_cast<Changes *>(data);
+        const std::lock_guard lock(self.mutex);
+        const bool isNew =
+            type == VEXA_USB_DEVICE_LIST_EVENT_ADDED
+                ? self.come.try_emplace(item->id, item->vendor_id, item->product_id).second
+                : self.come.contains(item->id) && self.gone.insert(item->id).second;
+        self.wrong += isNew ? 0 : 1;
+    }
+
+    std::mutex mutex;
+    std::map<uint64_t, std::pair<uint16_t, uint16_t>> come;
+    std::set<uint64_t> gone;
+    int wrong = 0;
+};
+
+class UnplugTest : public ::testing::Test {
+protected:
+    UnplugTest() : changes((vexa_usb_init(), Changes::watch())) {}
+    ~UnplugTest() override { vexa_usb_fini(); }
+    void openOnly() {
+        device = test::openDevice(test::listedIds().at(0), Events::callback, &events);
+        ASSERT_NE(device, nullptr);
+    }
+    // Every call answers "removed", the callback was told once, and closing works.
+    void expectRemoved() {
+        ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+        EXPECT_EQ(test::rewindStream(device), VEXA_USB_STATUS_DEVICE_REMOVED);
+        uint16_t size = 0;
+        EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &size),
+                  VEXA_USB_STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(vexa_usb_close(device), 0);
+        EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
+    }
+
+    Changes &changes;
+    Events &events = Events::make();
+    _vexa_usb_device *device = nullptr;
+};
+
+TEST_F(UnplugTest, SupportedIdentifiersAppearAndOthersDoNot) {
+    const Simulator simulator(
+        {"instrument,vendor=0x04b4,product=0x8614", "instrument,vendor=0x5657",
+         "instrument,product=0xffff", "instrument,vendor=0x04b4,product=0x8613",
+         "instrument,vendor=0x04b4,product=0x00f3", "instrument,vendor=0x15a2,product=0x0076"},
+        0, false);
+    ASSERT_TRUE(changes.reach(4, 0));
+    EXPECT_TRUE(changes.hasCome(VEXA_USB_VENDOR_ID, 0xFFFF));
+    EXPECT_TRUE(changes.hasCome(0x04B4, 0x8613));
+    EXPECT_TRUE(changes.hasCome(0x04B4, 0x00F3));
+    EXPECT_TRUE(changes.hasCome(0x15A2, 0x0076));
+    ASSERT_EQ(
+        std::system("for i in $(seq 300); do lsusb -d 5657: && lsusb -d :8614 && exit 0; "
+                    "sleep 0.02; done >/dev/null; exit 1"), // NOLINT(bugprone-command-processor)
+        0);
+    EXPECT_EQ(test::listedIds().size(), 4U);
+}
+
+TEST_F(UnplugTest, InABlockingRead) {
+    const Simulator simulator({"instrument"});
+    openOnly();
+    std::thread puller([this]() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_EQ(test::vanish(device, 0, sim::kNeverReturn), 0);
+    });
+    uint8_t byte = 0;
+    EXPECT_EQ(vexa_usb_bulk_read(device, sim::kBulkLoopIn, &byte, 1), VEXA_USB_STATUS_UNKNOWN);
+    puller.join();
+    expectRemoved();
+}
+
+TEST_F(UnplugTest, WithABufferLockedAndThePipeArmed) {
+    const Simulator simulator({"instrument"});
+    openOnly();
+    ASSERT_EQ(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint), 0);
+    ASSERT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 65536, 4096), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL));
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+    ASSERT_EQ(test::vanish(device, 0, sim::kNeverReturn), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+    EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), VEXA_USB_STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(vexa_usb_event_pipe_disable(device), VEXA_USB_STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(sim::firstPatternError(0, {data, size}), size); // held until the close
+    expectRemoved();
+}
+
+// Opening while the device leaves: it opens and is then told of the removal, or fails.
+TEST_F(UnplugTest, InTheMiddleOfOpening) {
+    const Simulator simulator({"instrument"});
+    for (uint16_t round = 1; round <= 8; ++round) {
+        ASSERT_TRUE(changes.reach(round, round - 1U));
+        const uint64_t id = test::listedIds(false).at(0);
+        openOnly();
+        ASSERT_EQ(test::vanish(device, 0, 50, 0, static_cast<uint16_t>(round * 3)), 0);
+        ASSERT_EQ(vexa_usb_close(device), 0);
+        bool listed = true;
+        while (listed) {
+            Events &others = Events::make();
+            device = test::openDevice(id, Events::callback, &others);
+            const std::vector<uint64_t> ids = test::listedIds(false);
+            listed = std::find(ids.begin(), ids.end(), id) != ids.end();
+            if (device == nullptr)
+                continue;
+            if (!listed) {
+                EXPECT_TRUE(others.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+            }
+            EXPECT_EQ(vexa_usb_close(device), 0);
+        }
+    }
+}
+
+// Pulls itself out from its own callback and closes there; the list's callback opens what comes.
+TEST_F(UnplugTest, FromWithinCallbacks) {
+    struct Shared {
+        std::atomic<_vexa_usb_device *> device = nullptr;
+        std::atomic<int> opened = 0, closed = 0, refused = 0;
+
+        static void onDevice(_vexa_usb_device_event event, void *data) {
+            auto &self = *static_cast<Shared *>(data);
+            if (event == 7)
+                test::vanish(self.device, 0, 50);
+            if (event == VEXA_USB_DEVICE_EVENT_REMOVED)
+                self.closed += vexa_usb_close(self.device.exchange(nullptr)) == 0 ? 1 : 0;
+        }
+        static void onList(uint32_t type, const _vexa_usb_device_list_item *item, void *data) {
+            auto &self = *static_cast<Shared *>(data);
+            _vexa_usb_device *device = nullptr;
+            const int32_t status = vexa_usb_open(item, onDevice, data, &device);
+            if (type == VEXA_USB_DEVICE_LIST_EVENT_REMOVED) {
+                self.refused += status == VEXA_USB_STATUS_UNKNOWN ? 1 : 0;
+                return;
+            }
+            self.device = device;
+            vexa_usb_event_pipe_enable(device, sim::kEventEndpoint);
+            test::steer(device, sim::kRequestSendEvents, 0, 0, {7});
+            ++self.opened;
+        }
+    };
+    static Shared &shared = *new Shared;
+    uint32_t id = 0;
+    ASSERT_EQ(vexa_usb_register_device_list_event_callback(Shared::onList, &shared, &id), 0);
+    const Simulator simulator({"instrument"}, 0, false);
+    EXPECT_TRUE(test::eventually([]() { return shared.refused >= 5; }));
+    EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(id), 0);
+    EXPECT_GE(shared.opened, 5);
+    EXPECT_GE(shared.closed, 5);
+}
+
+// After a second initialisation nothing is heard of the bus, but an update finds what is there.
+TEST_F(UnplugTest, AfterASecondInitialisation) {
+    vexa_usb_fini();
+    vexa_usb_init();
+    Changes &later = Changes::watch();
+    const Simulator simulator({"instrument"}, 0, false);
+    ASSERT_EQ(std::system("for i in $(seq 300); do lsusb -d :0001 >/dev/null && exit 0; "
+                          "sleep 0.02; done; exit 1"), // NOLINT(bugprone-command-processor)
+              0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(later.reach(0, 0));
+    openOnly();
+    EXPECT_TRUE(later.reach(1, 0));
+    EXPECT_EQ(test::rewindStream(device), 0);
+    EXPECT_EQ(vexa_usb_close(device), 0);
+}
+
+// Bytes in use; known under the address sanitizer only.
+size_t allocatedBytes() {
+#ifdef __SANITIZE_ADDRESS__
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return 0;
+#endif
+}
+
+// Opens, uses and closes the device at random moments until it has gone.
+class RandomClient {
+public:
+    // Returns how often the device could be opened.
+    int useUntilGone(Changes &changes, size_t departures) {
+        int opened = 0;
+        while (changes.departures() < departures) {
+            all.push_back(std::make_unique<Events>());
+            if (all.size() > 100)
+                all.pop_front(); // long past its last event
+            device = test::openDevice(changes.latest(), Events::callback, all.back().get());
+            if (device == nullptr)
+                continue;
+            if (opened++ == 0) {
+                EXPECT_EQ(test::vanish(device, 0, random(30), 0, random(100)), 0);
+            }
+            use(*all.back());
+            EXPECT_EQ(vexa_usb_close(device), 0);
+            EXPECT_LE(all.back()->count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
+        }
+        return opened;
+    }
+
+private:
+    uint16_t random(uint32_t limit) { return static_cast<uint16_t>(generator() % limit); }
+    // Any step may fail, once the device has gone.
+    void use(Events &events) {
+        if (random(4) != 0) {
+            vexa_usb_event_pipe_enable(device, sim::kEventEndpoint);
+            test::steer(device, sim::kRequestSendEvents, 0, 0, std::vector<uint8_t>(random(65)));
+        }
+        if (random(4) != 0) {
+            vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 1000 + 2 * random(50000), 32);
+            uint8_t *data = nullptr;
+            uint64_t size = 0;
+            vexa_usb_data_stream_buffer_lock(device, &data, &size);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(random(40)));
+        if (random(4) == 0)
+            vexa_usb_data_stream_stop(device);
+        if (random(4) == 0)
+            vexa_usb_event_pipe_disable(device);
+        if (random(4) == 0) {
+            EXPECT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+        }
+    }
+
+    std::mt19937 generator{7}; // NOLINT(cert-msc51-cpp): repeatable
+    std::deque<std::unique_ptr<Events>> all;
+    _vexa_usb_device *device = nullptr;
+};
+
+// No removal is missed and nothing stays behind.
+TEST_F(UnplugTest, PlugCycles) {
+    const char *const wanted = std::getenv("VEXA_PLUG_CYCLES");
+    const size_t cycles = wanted == nullptr ? 8 : std::strtoul(wanted, nullptr, 10);
+    const Simulator simulator({"instrument"}, 0, false);
+    static RandomClient &client = *new RandomClient; // callbacks may come late
+    size_t descriptors = 0;
+    size_t memory = 0;
+    int opened = 0;
+    for (size_t cycle = 0; cycle < cycles; ++cycle) {
+        ASSERT_TRUE(changes.reach(cycle + 1, cycle)) << "cycle " << cycle;
+        if (cycle == cycles / 4) {
+            descriptors = test::openDescriptors();
+            memory = allocatedBytes();
+        }
+        opened += client.useUntilGone(changes, cycle + 1);
+    }
+    ASSERT_TRUE(changes.reach(cycles + 1, cycles));
+    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_LT(allocatedBytes(), memory + (256U << 10));
+    std::printf("%zu cycles, opened %d times, %zu descriptors, bytes in use %zu, then %zu\n",
+                cycles, opened, descriptors, memory, allocatedBytes());
+}
+
+} // namespace
