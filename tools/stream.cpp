@@ -27,6 +27,8 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 using Events = Mailbox<_vexa_usb_device_event>;
 
+constexpr std::chrono::milliseconds kRemovalTime{500};
+
 struct StreamOptions {
     uint8_t endpoint = sim::kStreamEndpoint;
     std::string output;
@@ -53,6 +55,7 @@ private:
     void handleBuffer();
     void checkBytes(std::span<const uint8_t> bytes) const;
     [[noreturn]] void throwLost() const;
+    void throwRemoved() const;
     void throwIfSilent() const;
 
     const StreamOptions &options;
@@ -121,10 +124,20 @@ void StreamRun::handleNext() {
     else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
         throwLost();
     else if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
-        check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
+        throwRemoved();
 }
 
+void StreamRun::throwRemoved() const {
+    check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
+}
+
+// A device that leaves the bus refuses a transfer shortly before its removal becomes known.
 void StreamRun::throwLost() const {
+    const auto until = Clock::now() + kRemovalTime;
+    while (Clock::now() < until) {
+        if (events->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
+            throwRemoved();
+    }
     throw Error(Exit::DataWrong,
                 fmt::format("data were lost after {} bytes: no buffer was free, or the system "
                             "refused a transfer",

@@ -17,6 +17,9 @@ public:
     // Opens the device; writes `opened` on success only.
     virtual int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) = 0;
 
+    // Whether its device is attached there.
+    virtual bool isAt(uint8_t bus, uint8_t address) const = 0;
+
     const uint64_t id; // unique in the life of the process
     // Constant once the entry is made.
     uint16_t vendorId = 0;

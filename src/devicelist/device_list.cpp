@@ -84,10 +84,8 @@ void DeviceList::removeCallback(uint32_t id) {
 }
 
 DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t deviceAddress) {
-    return std::find_if(items.begin(), items.end(), [&](const auto &item) {
-        const auto candidate = std::dynamic_pointer_cast<DeviceListItemLibUSB>(item);
-        return candidate != nullptr && candidate->isAt(busNumber, deviceAddress);
-    });
+    return std::find_if(items.begin(), items.end(),
+                        [&](const auto &item) { return item->isAt(busNumber, deviceAddress); });
 }
 
 void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item) {

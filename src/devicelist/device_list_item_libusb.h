@@ -15,7 +15,7 @@ public:
 
     int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) override;
 
-    bool isAt(uint8_t bus, uint8_t address) const {
+    bool isAt(uint8_t bus, uint8_t address) const override {
         return bus == busNumber && address == deviceAddress;
     }
 
