@@ -288,7 +288,8 @@ VEXA_USB_API int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
 
 /**
  * Closes a device: ends its event pipe and data stream, releases interface 0 and frees the handle.
- * Events not yet delivered are dropped.
+ * Events not yet delivered are dropped.  A device that does not give up its event transfer is
+ * waited for, half a second at most.
  *
  * @param device the handle; must not be in use by another thread
  * @retval 0 done, also for a removed device

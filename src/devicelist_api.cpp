@@ -65,9 +65,11 @@ int32_t vexa_usb_register_device_list_event_callback(vexa_usb_device_list_event_
                                   .parameters(callback != nullptr && id != nullptr)
                                   .deviceList(devices);
     if (checks.passed())
-        *id = devices->addCallback([callback, data](uint32_t type, const auto &item) {
-            callWithRecord(callback, type, item, data);
-        });
+        devices->addCallback(
+            [callback, data](uint32_t type, const auto &item) {
+                callWithRecord(callback, type, item, data);
+            },
+            *id);
     return checks.status();
 }
 

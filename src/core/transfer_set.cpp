@@ -72,8 +72,8 @@ void TransferSet::onComplete(libusb_transfer *transfer) {
 
 void TransferSet::stop() {
     const std::lock_guard lock(mutex);
-    stopRequested = true;
-    cancelAll();
+    if (!std::exchange(stopRequested, true))
+        cancelAll();
 }
 
 // Only while an event loop delivers completions.

@@ -197,12 +197,13 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
     if (packetSize < 0)
         return VEXA_USB_STATUS_UNKNOWN;
     connection->attach(pipe);
+    eventPipe = pipe;
+    eventPipeActive.store(true); // before the first event, whose callback may disable the pipe
     if (!pipe->arm(packetSize)) {
+        eventPipeActive.store(false);
         connection->detach(pipe);
         return VEXA_USB_STATUS_UNKNOWN;
     }
-    eventPipe = std::move(pipe);
-    eventPipeActive.store(true);
     return VEXA_USB_STATUS_SUCCESS;
 }
 

@@ -9,8 +9,9 @@ namespace vexausb {
  *
  * Life: shared by the list and by the events that speak of it; callers' records hold it weakly.
  * Its destruction is how an opened device learns that it has gone, and happens where the last of
- * those references is released: on "usb-devicelist" after the removed event was delivered, or with
- * the whole list.  Never under the list's mutex, nor on a thread that handles libusb's events.
+ * those references is released: on "usb-devicelist" after the removed event was delivered, with
+ * the whole list, or on a caller's thread that was opening it or reading the list.  Never under the
+ * list's mutex, nor on a thread that handles libusb's events.
  */
 namespace {
 

@@ -75,8 +75,8 @@ std::vector<std::shared_ptr<AbstractDeviceListItem>> DeviceList::snapshot() {
     return {items.begin(), items.end()};
 }
 
-uint32_t DeviceList::addCallback(ListCallbacks::Callback callback) {
-    return callbacks->add(std::move(callback));
+void DeviceList::addCallback(ListCallbacks::Callback callback, uint32_t &id) {
+    callbacks->add(std::move(callback), id);
 }
 
 void DeviceList::removeCallback(uint32_t id) {

@@ -26,7 +26,7 @@ public:
     void deviceArrived(libusb_device *device);
     void deviceLeft(libusb_device *device);
     std::vector<std::shared_ptr<AbstractDeviceListItem>> snapshot();
-    uint32_t addCallback(ListCallbacks::Callback callback);
+    void addCallback(ListCallbacks::Callback callback, uint32_t &id);
     void removeCallback(uint32_t id);
 
 private:

@@ -8,11 +8,12 @@
 namespace vexausb {
 
 // libusb has matched the device against the registered identifiers already.  The result 0 keeps
-// the registration.
+// the registration.  Once the event loop has ended, a synchronous transfer on any thread would
+// still come here now and then; the bus is then followed by updates alone.
 int LIBUSB_CALL onHotplug(libusb_context * /*context*/, libusb_device *device,
                           libusb_hotplug_event event, void * /*userData*/) {
     const std::shared_ptr<DeviceList> list = currentDeviceList();
-    if (list == nullptr)
+    if (list == nullptr || !libusbRunning.load())
         return 0;
     if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED)
         list->deviceArrived(device);

@@ -14,11 +14,10 @@ namespace vexausb {
  * a copy of the callbacks with no lock held.  So a callback may do anything, and one that is
  * removed during a delivery can be called once more.
  */
-uint32_t ListCallbacks::add(Callback callback) {
+void ListCallbacks::add(Callback callback, uint32_t &id) {
     const std::lock_guard lock(mutex);
-    const uint32_t id = nextCallbackId++;
+    id = nextCallbackId++;
     callbacks.emplace(static_cast<int32_t>(id), std::move(callback));
-    return id;
 }
 
 void ListCallbacks::remove(uint32_t id) {

@@ -20,7 +20,8 @@ public:
     using Callback =
         std::function<void(uint32_t type, const std::shared_ptr<AbstractDeviceListItem> &item)>;
 
-    uint32_t add(Callback callback);
+    // Writes `id` before the callback can be called.
+    void add(Callback callback, uint32_t &id);
     void remove(uint32_t id);
     void clear();
     void handleEvent(const DeviceListEvent &event);
