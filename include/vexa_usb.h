@@ -599,6 +599,177 @@ VEXA_USB_API int32_t vexa_usb_data_stream_memory_size_max(_vexa_usb_device *devi
  */
 VEXA_USB_API int32_t vexa_usb_data_stream_rate_max(_vexa_usb_device *device, uint64_t *rate);
 
+/** @name Firmware
+ * Functions that boot a bare processor from an image in memory.  They run on the calling thread,
+ * transfer synchronously, and take no lock: two loads on one device at once are the caller's error.
+ * They are done when the device was told to start; it then leaves the bus and comes back as another
+ * device, which the device list reports.  A device that leaves in the middle of a load fails the
+ * transfer in progress (#VEXA_USB_STATUS_UNKNOWN).  @{ */
+
+/**
+ * Called between the blocks of a download, on the thread that downloads, under no lock.  It must
+ * not throw.
+ *
+ * @param data as given to vexa_usb_dfu_download()
+ * @param progress the part that is done, above 0 and up to 1
+ */
+typedef void (*vexa_usb_dfu_progress_callback)(void *data, double progress);
+
+/**
+ * Restarts the processor of a Cypress EZ-USB FX2: holds its 8051 in reset, releases it and waits
+ * 50 ms for its program to start.
+ *
+ * @param device the handle
+ * @retval 0 done
+ * @retval -1 a transfer failed
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -12 device removed
+ * @retval -13 a transfer timed out (1000 ms)
+ * @retval -14 a transfer was short
+ */
+VEXA_USB_API int32_t vexa_usb_fx2_reset(_vexa_usb_device *device);
+
+/**
+ * Loads a program into a Cypress EZ-USB FX2 and starts it.  Memory below 0x3000 is written by the
+ * chip itself, memory from there on by a loader that the library brings.
+ *
+ * The image holds Intel HEX records as raw bytes, back to back: byte count, address (high byte
+ * first), type, data, checksum; "vexa-usb hex --binary" makes it from the text form.  Records up to
+ * the first End Of File record are written at their 16-bit address, whatever their type; a record
+ * without data is sent as a request without a data stage.  Records behind it are not written but
+ * must be well formed.  An image of size 0 is empty.
+ *
+ * After a failure the processor runs what it ran before, is held in reset (if its lower memory is
+ * incomplete), or runs the loader; the function can be called again.
+ *
+ * @note The one function that throws C++ exceptions on bad input: `std::out_of_range` for a record
+ *       that runs past the end of the image, `std::runtime_error` for a wrong checksum.  The
+ *       loader is running then.
+ * @param device the handle
+ * @param image the records, read during the call only; may be null with a size of 0.  Null with
+ *        another size is undefined
+ * @param size their length in bytes
+ * @retval 0 done: the program was started.  It renumerates by itself, or by
+ *         vexa_usb_fx2_renumerate()
+ * @retval -1 a transfer failed
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -12 device removed
+ * @retval -13 a transfer timed out (1000 ms)
+ * @retval -14 a transfer was short
+ */
+VEXA_USB_API int32_t vexa_usb_fx2_load_firmware(_vexa_usb_device *device, const uint8_t *image,
+                                                uint64_t size);
+
+/**
+ * Asks a program on a Cypress EZ-USB FX2 to leave the bus and come back (vendor request 0xD2).
+ *
+ * @param device the handle
+ * @retval 0 done
+ * @retval -1 the program does not know the request, or the transfer failed
+ * @retval -3 library not initialised
+ * @retval -5 @p device is null
+ * @retval -12 device removed
+ * @retval -13 the transfer timed out (1000 ms)
+ */
+VEXA_USB_API int32_t vexa_usb_fx2_renumerate(_vexa_usb_device *device);
+
+/**
+ * Loads a program into a Cypress FX3 that runs its boot loader, and starts it.
+ *
+ * The image is an FX3 boot image, in 32-bit little-endian words: a header, which is not looked at;
+ * sections of a length in words, an address and the data words; then a length of 0, the address of
+ * the program's entry, and the sum of all data words.  An image that ends without an entry is
+ * loaded but not started, with result 0; so is one of a single word, with nothing sent.
+ *
+ * @param device the handle
+ * @param image the image, aligned to 4 bytes; read during the call only
+ * @param length its length in 32-bit words
+ * @retval 0 done; whether the program could be started is not known
+ * @retval -1 the checksum is wrong (the sections are written, the program is not started), or a
+ *         transfer failed
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p image is null, @p image is not aligned, @p length is 0, or a record
+ *         runs past the end of the image; sections before that record are written
+ * @retval -12 device removed
+ * @retval -13 a transfer timed out (1000 ms)
+ * @retval -14 a transfer was short
+ */
+VEXA_USB_API int32_t vexa_usb_fx3_load_firmware(_vexa_usb_device *device, const uint32_t *image,
+                                                uint64_t length);
+
+/**
+ * Downloads an image to a device that speaks USB Device Firmware Upgrade 1.1 on interface 0, in
+ * blocks of up to 4096 bytes, and starts its manifestation.
+ *
+ * The device must be in dfuIDLE or dfuDNLOAD-IDLE.  After each block it is polled for as long as it
+ * asks for that, without end.  Block numbers wrap after 65535.
+ *
+ * @param device the handle
+ * @param data the image, read during the call only
+ * @param size its length in bytes
+ * @param callback hears of the progress after each block; may be null
+ * @param callback_data handed to @p callback; may be null
+ * @retval 0 done: the manifestation was started
+ * @retval -1 a block could not be sent, the device reported an error, or a transfer failed
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p data is null, or @p size is 0
+ * @retval -12 device removed
+ * @retval -13 a status request or the last block timed out (1000 ms)
+ * @retval -14 a status was short
+ */
+VEXA_USB_API int32_t vexa_usb_dfu_download(_vexa_usb_device *device, const uint8_t *data,
+                                           uint64_t size, vexa_usb_dfu_progress_callback callback,
+                                           void *callback_data);
+
+/**
+ * Loads a secondary program loader into an NXP i.MX7 in serial-download mode, and starts it.
+ *
+ * @param device the handle
+ * @param data the image, beginning with an i.MX Image Vector Table (tag 0xD1) without device
+ *        configuration data; the table's own address tells where it is loaded.  Read during the
+ *        call only
+ * @param size its length in bytes
+ * @retval 0 done: the program was started
+ * @retval -1 the header is wrong (nothing is sent), or the load failed at some step
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p data is null, or @p size is 0
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_imx7_load_firmware_spl(_vexa_usb_device *device, const uint8_t *data,
+                                                     uint64_t size);
+
+/**
+ * Loads a boot loader into an NXP i.MX7 in serial-download mode, and starts it.
+ *
+ * @param device the handle
+ * @param data the image, beginning with a legacy U-Boot image header (magic 0x27051956), whose load
+ *        address is that of the payload behind the 64-byte header.  Read during the call only
+ * @param size its length in bytes
+ * @retval 0 done: the boot loader was started
+ * @retval -1 the header is wrong, or the load failed at some step
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p data is null, or @p size is 0
+ * @retval -12 device removed
+ */
+VEXA_USB_API int32_t vexa_usb_imx7_load_firmware_uboot(_vexa_usb_device *device,
+                                                       const uint8_t *data, uint64_t size);
+
+/**
+ * Reserved for NXP's LPC4370, which this release cannot load.
+ *
+ * @param device the handle
+ * @param data an image
+ * @param size its length in bytes
+ * @retval -2 not supported
+ * @retval -3 library not initialised
+ * @retval -5 @p device or @p data is null, or @p size is 0
+ */
+VEXA_USB_API int32_t vexa_usb_lpc4370_load_firmware(_vexa_usb_device *device, const uint8_t *data,
+                                                    uint64_t size);
+/** @} */
+
 #ifdef __cplusplus
 }
 #endif

@@ -15,7 +15,7 @@ declared = set(re.findall(r"(?m)^VEXA_USB_API [^;(]*?(\w+)\(", open(header).read
 symbols = [line.split() for line in run("nm", "-D", "--with-symbol-versions", library).splitlines()]
 exported = {name.split("@")[0] for *_, kind, name in symbols if kind not in "UwvA"}
 assert exported == declared, exported ^ declared
-assert len(exported) == 27, len(exported)
+assert len(exported) == 35, len(exported)
 
 ALLOWED = """init exit hotplug_register_callback handle_events interrupt_event_handler get_device_list
 free_device_list get_device_descriptor get_bus_number get_device_address get_device

@@ -109,7 +109,7 @@ TEST_F(DeviceTest, ControlTransfers) {
     EXPECT_EQ(vexa_usb_control_transfer(device, 1, 2, 0, 1, 0, 0, data.data(), 65536), -1);
     EXPECT_TRUE(fake::takeCalls().empty());
     EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), 0);
-    fake::onControl([](uint8_t, uint16_t length) { return length - 1; });
+    fake::onControl([](const fake::ControlRequest &request) { return request.length - 1; });
     EXPECT_EQ(vexa_usb_control_transfer(device, 1, 0, 0, 6, 0, 0, data.data(), 18), -14);
     fake::failCall("libusb_control_transfer", LIBUSB_ERROR_TIMEOUT);
     EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), -13);

@@ -475,8 +475,8 @@ int libusb_bulk_transfer(libusb_device_handle *handle, unsigned char endpoint, u
 }
 
 int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, uint8_t request,
-                            uint16_t value, uint16_t index, unsigned char * /*data*/,
-                            uint16_t length, unsigned timeout) {
+                            uint16_t value, uint16_t index, unsigned char *data, uint16_t length,
+                            unsigned timeout) {
     const std::lock_guard lock(mutex);
     int result = 0;
     const bool failed = called("libusb_control_transfer", result,
@@ -488,7 +488,8 @@ int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, u
         violation("unexpected time limit");
     if (failed)
         return result;
-    return state.control ? state.control(requestType, length) : length;
+    return state.control ? state.control({requestType, request, value, index, data, length})
+                         : length;
 }
 
 libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {

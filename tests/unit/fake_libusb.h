@@ -43,7 +43,15 @@ size_t countCalls(const std::string &function);
 using TransferHandler =
     std::function<int(uint8_t endpoint, uint8_t *data, int length, int *actual)>;
 void onTransfer(TransferHandler handler);
-using ControlHandler = std::function<int(uint8_t requestType, uint16_t length)>;
+struct ControlRequest {
+    uint8_t requestType;
+    uint8_t request;
+    uint16_t value;
+    uint16_t index;
+    uint8_t *data;
+    uint16_t length;
+};
+using ControlHandler = std::function<int(const ControlRequest &request)>;
 void onControl(ControlHandler handler);
 
 // Asynchronous transfers, oldest first.

@@ -1,0 +1,94 @@
+#include "firmware/dfu.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <thread>
+
+#include "firmware/requests.h"
+
+namespace vexausb {
+
+/*
+ * USB Device Firmware Upgrade 1.1, download only.  The device decides how long it takes: it is
+ * polled for as long as it asks for that.  An error state is neither looked for before the first
+ * block nor cleared after a failure.
+ */
+namespace {
+
+constexpr uint64_t kMaxBlock = 4096;
+constexpr uint8_t kDownload = 1;  // DFU_DNLOAD
+constexpr uint8_t kGetStatus = 3; // DFU_GETSTATUS
+constexpr uint8_t kStatusOk = 0;
+
+enum class State : uint8_t {
+    DownloadIdle = 5, // dfuDNLOAD-IDLE
+    Error = 10,       // dfuERROR
+};
+
+// Answer to DFU_GETSTATUS.
+struct DfuStatus {
+    std::array<uint8_t, 6> bytes{};
+
+    bool isOk() const { return bytes[0] == kStatusOk; }
+    std::chrono::milliseconds pollTimeout() const {
+        return std::chrono::milliseconds(bytes[1] | bytes[2] << 8 | bytes[3] << 16);
+    }
+    bool isSettled() const {
+        const auto state = static_cast<State>(bytes[4]);
+        return state == State::DownloadIdle || state == State::Error;
+    }
+};
+
+int32_t sendBlock(AbstractDevice &device, uint16_t number, const uint8_t *data, uint64_t length) {
+    return classWrite(device, kDownload, number, data, length);
+}
+
+int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
+    status = {};
+    return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
+}
+
+// Until the device has dealt with the block.
+int32_t poll(AbstractDevice &device, DfuStatus &status) {
+    for (;;) {
+        const int32_t result = readStatus(device, status);
+        if (result != VEXA_USB_STATUS_SUCCESS || status.isSettled())
+            return result;
+        std::this_thread::sleep_for(status.pollTimeout()); // goes on after a signal
+    }
+}
+
+int32_t writeBlock(AbstractDevice &device, uint16_t number, const uint8_t *data, uint64_t length) {
+    if (sendBlock(device, number, data, length) != VEXA_USB_STATUS_SUCCESS)
+        return VEXA_USB_STATUS_UNKNOWN;
+    DfuStatus status;
+    const int32_t result = poll(device, status);
+    if (result != VEXA_USB_STATUS_SUCCESS)
+        return result;
+    return status.isOk() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
+}
+
+} // namespace
+
+// The block without data at the end starts the manifestation.
+int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
+                    const DfuProgress &progress) {
+    uint16_t number = 0; // wraps, as wValue does
+    for (uint64_t sent = 0; sent < size; ++number) {
+        const uint64_t length = std::min(kMaxBlock, size - sent);
+        const int32_t status = writeBlock(device, number, data + sent, length);
+        if (status != VEXA_USB_STATUS_SUCCESS)
+            return status;
+        sent += length;
+        if (progress)
+            progress(static_cast<double>(sent) / static_cast<double>(size));
+    }
+    const int32_t status = sendBlock(device, number, nullptr, 0);
+    if (status != VEXA_USB_STATUS_SUCCESS)
+        return status;
+    DfuStatus last;
+    return readStatus(device, last);
+}
+
+} // namespace vexausb

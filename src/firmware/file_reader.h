@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vexausb {
+
+// All of a file; throw std::ios_base::failure when it cannot be read.
+std::string readFileToString(const std::string &path);
+std::vector<uint8_t> readFileToBytes(const std::string &path);
+
+} // namespace vexausb

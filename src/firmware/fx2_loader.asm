@@ -1,0 +1,206 @@
+; The program that the library runs on a bare Cypress EZ-USB FX2 while it writes the memory from
+; 0x3000 on, which the chip does not write by itself.  For SDCC's assembler; scripts/fx2-loader
+; assembles it into fx2_loader_image.cpp.
+;
+; It answers vendor request 0xA3 to the device (bmRequestType 0x40, wValue: address, data stage: the
+; bytes to write there), and acknowledges it once the bytes are in memory.
+;
+; It takes over from the chip's built-in device without a disconnect, so the host goes on talking to
+; what it has enumerated.  The standard requests that a host may send to a device in use are
+; answered or acknowledged; SET_ADDRESS is the chip's own business; descriptors were read before and
+; are refused, like everything else.
+;
+; No interrupt is used, so the interrupt vectors are free; there is no stack either.
+;
+; Registers: r2 request's type, r3 bytes left in the packet, r4 low half of the source's address,
+; r5 bytes left low, r6 bytes left high, r7 configuration, and r0:r1 (high:low) where to write.
+
+        .module fx2_loader
+
+USBIRQ         = 0xE65D     ; bit 0: set-up data have come; writing 1 clears
+USBCS          = 0xE680
+EP0BCH         = 0xE68A
+EP0BCL         = 0xE68B     ; number of bytes; writing arms endpoint 0
+EP0CS          = 0xE6A0
+SETUPDAT       = 0xE6B8     ; the eight bytes of the set-up packet
+EP0BUF         = 0xE740     ; 64 bytes
+
+SUDAV          = 0x01       ; in USBIRQ
+RENUM          = 0x02       ; in USBCS: requests go to this program
+STALL          = 0x01       ; in EP0CS
+BUSY           = 0x02
+HSNAK          = 0x80       ; writing 1 acknowledges the request
+
+        .area   VECTOR (ABS)
+        .org    0x0000
+        ljmp    start
+
+        .area   LOADER (ABS)
+        .org    0x0100
+
+; Takes over: a set-up packet that the built-in device has dealt with must not be seen as new.
+start:
+        mov     dptr, #USBIRQ
+        mov     a, #SUDAV
+        movx    @dptr, a
+        mov     dptr, #USBCS
+        mov     a, #RENUM
+        movx    @dptr, a
+        mov     r7, #1                  ; the host has configured the built-in device
+
+; Waits for a request.  The notice is cleared before the packet is read: a packet that comes in
+; between is noticed again.
+request:
+        mov     dptr, #USBIRQ
+        movx    a, @dptr
+        jnb     acc.0, request
+        mov     a, #SUDAV
+        movx    @dptr, a
+
+        mov     dptr, #SETUPDAT
+        movx    a, @dptr                ; bmRequestType
+        mov     r2, a
+        inc     dptr
+        movx    a, @dptr                ; bRequest
+        mov     r3, a
+        inc     dptr
+        movx    a, @dptr                ; wValue
+        mov     r1, a
+        inc     dptr
+        movx    a, @dptr
+        mov     r0, a
+        inc     dptr
+        inc     dptr
+        inc     dptr
+        movx    a, @dptr                ; wLength
+        mov     r5, a
+        inc     dptr
+        movx    a, @dptr
+        mov     r6, a
+
+        cjne    r2, #0x40, standard
+        cjne    r3, #0xA3, stallIt
+
+; Takes packets until all the bytes have come.  A new set-up packet ends the wait for data: the host
+; has given up, and the bytes written so far stay.
+nextPacket:
+        mov     a, r5
+        orl     a, r6
+        jz      acknowledge
+        mov     dptr, #EP0BCL
+        movx    @dptr, a                ; any value lets a packet in
+waitPacket:
+        mov     dptr, #USBIRQ
+        movx    a, @dptr
+        jb      acc.0, request
+        mov     dptr, #EP0CS
+        movx    a, @dptr
+        jb      acc.1, waitPacket
+        mov     dptr, #USBIRQ    ; a set-up packet ends the wait for data, too
+        movx    a, @dptr
+        jb      acc.0, request
+
+        mov     dptr, #EP0BCL
+        movx    a, @dptr
+        jz      nextPacket
+        mov     r3, a
+        mov     r4, #<EP0BUF
+copy:
+        mov     dph, #>EP0BUF
+        mov     dpl, r4
+        movx    a, @dptr
+        inc     r4
+        mov     dph, r0
+        mov     dpl, r1
+        movx    @dptr, a
+        inc     dptr
+        mov     r0, dph
+        mov     r1, dpl
+        mov     a, r5                   ; one less to come
+        jnz     noBorrow
+        dec     r6
+noBorrow:
+        dec     r5
+        mov     a, r5
+        orl     a, r6
+        jz      acknowledge             ; also if the packet holds more than was announced
+        djnz    r3, copy
+        sjmp    nextPacket
+
+; Standard requests, to the device or its interface or endpoints.
+standard:
+        mov     a, r2
+        anl     a, #0x60
+        jnz     stallIt
+        mov     a, r2
+        jb      acc.7, standardIn
+        cjne    r3, #9, notConfiguration
+        mov     a, r1                   ; SET_CONFIGURATION
+        mov     r7, a
+        sjmp    acknowledge
+notConfiguration:
+        cjne    r3, #1, notClear        ; CLEAR_FEATURE
+        sjmp    acknowledge
+notClear:
+        cjne    r3, #3, notSet          ; SET_FEATURE
+        sjmp    acknowledge
+notSet:
+        cjne    r3, #11, stallIt        ; SET_INTERFACE
+
+; The status stage, unless another request has come meanwhile.
+acknowledge:
+        mov     dptr, #USBIRQ
+        movx    a, @dptr
+        jb      acc.0, again
+        mov     dptr, #EP0CS
+        mov     a, #HSNAK
+        movx    @dptr, a
+again:
+        ljmp    request
+
+stallIt:
+        mov     dptr, #EP0CS
+        mov     a, #STALL
+        movx    @dptr, a
+        ljmp    request
+
+standardIn:
+        mov     r4, #0                  ; both bytes of the answer
+        cjne    r3, #0, notStatus
+        mov     r3, #2                  ; GET_STATUS
+        sjmp    answer
+notStatus:
+        cjne    r3, #10, notInterface   ; GET_INTERFACE
+        mov     r3, #1
+        sjmp    answer
+notInterface:
+        cjne    r3, #8, stallIt         ; GET_CONFIGURATION
+        mov     r3, #1
+        mov     a, r7
+        mov     r4, a
+
+; Sends r3 bytes, or as many as the host wants, of r4 and zero.
+answer:
+        mov     a, r6
+        jnz     send
+        mov     a, r5
+        clr     c
+        subb    a, r3
+        jnc     send
+        mov     a, r5
+        mov     r3, a
+send:
+        mov     dptr, #EP0BUF
+        mov     a, r4
+        movx    @dptr, a
+        inc     dptr
+        clr     a
+        movx    @dptr, a
+        mov     dptr, #EP0BCH
+        movx    @dptr, a
+        mov     dptr, #EP0BCL
+        mov     a, r3
+        movx    @dptr, a
+        sjmp    acknowledge
+
+; The rest up to 0x0403 is zero: the program does not need it.

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace vexausb {
+
+inline constexpr size_t kFx2LoaderImageSize = 1070;
+
+// The program of fx2_loader.asm as a stream of Intel HEX records in raw bytes.
+extern const std::array<uint8_t, kFx2LoaderImageSize> kFx2LoaderImage;
+
+} // namespace vexausb

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace vexausb {
+
+enum HexRecordType : uint8_t {
+    kHexData = 0x00,
+    kHexEndOfFile = 0x01,
+    kHexExtendedSegmentAddress = 0x02,
+    kHexStartSegmentAddress = 0x03,
+    kHexExtendedLinearAddress = 0x04,
+    kHexStartLinearAddress = 0x05,
+};
+
+// One record of Intel HEX as it was read; its type can be any number.
+struct HexRecord {
+    HexRecord(uint16_t recordAddress, uint8_t recordType, std::vector<uint8_t> recordData,
+              uint8_t recordChecksum)
+        : address(recordAddress),
+          type(recordType),
+          data(std::move(recordData)),
+          checksum(recordChecksum) {}
+
+    uint16_t address;
+    uint8_t type;
+    std::vector<uint8_t> data;
+    uint8_t checksum;
+};
+
+using HexRecords = std::vector<HexRecord>;
+
+} // namespace vexausb

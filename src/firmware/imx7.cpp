@@ -1,0 +1,174 @@
+#include "firmware/imx7.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+#include "firmware/requests.h"
+
+namespace vexausb {
+
+/*
+ * NXP i.MX7 in serial-download mode: a HID device that takes commands and data as output reports,
+ * sent by SET_REPORT, and answers with input reports on an interrupt endpoint.  After each command
+ * come the security mode (report 3) and a status (report 4).
+ */
+namespace {
+
+constexpr uint8_t kReportEndpoint = 0x81;
+constexpr uint8_t kSetReport = 9;
+constexpr uint16_t kOutputReport = 0x0200; // wValue of SET_REPORT; the report ID is added
+constexpr uint8_t kGetDescriptor = 6;
+constexpr uint16_t kReportDescriptor = 0x2200;
+constexpr size_t kReportDescriptorSize = 76;
+
+constexpr uint8_t kCommandReport = 1;
+constexpr uint8_t kDataReport = 2;
+constexpr size_t kDataPerReport = 1024;
+constexpr uint8_t kWriteComplete = 0x88; // four of them
+constexpr int kAttempts = 5;
+
+constexpr uint8_t kSplTag = 0xD1;
+constexpr size_t kSplHeaderSize = 24;
+constexpr size_t kSplDcdOffset = 12;
+constexpr size_t kSplSelfOffset = 20;
+constexpr std::array<uint8_t, 4> kUbootMagic{0x27, 0x05, 0x19, 0x56};
+constexpr size_t kUbootHeaderRead = 20;
+constexpr size_t kUbootLoadOffset = 16;
+constexpr uint32_t kUbootHeaderSize = 64; // in front of the payload
+
+enum class Command : uint16_t {
+    ErrorStatus = 0x0505,
+    WriteFile = 0x0404,
+    JumpAddress = 0x0B0B,
+};
+
+using CommandReport = std::array<uint8_t, 17>;
+using DataReport = std::array<uint8_t, 1 + kDataPerReport>;
+using SecurityReport = std::array<uint8_t, 5>;
+using StatusReport = std::array<uint8_t, 65>;
+
+void putBigEndian(uint8_t *field, uint32_t value) {
+    for (unsigned shift = 24; shift < 32; shift -= 8)
+        *field++ = static_cast<uint8_t>(value >> shift);
+}
+
+uint32_t littleEndian(const uint8_t *field) {
+    return uint32_t{field[0]} | uint32_t{field[1]} << 8 | uint32_t{field[2]} << 16 |
+           uint32_t{field[3]} << 24;
+}
+
+uint32_t bigEndian(const uint8_t *field) {
+    return uint32_t{field[0]} << 24 | uint32_t{field[1]} << 16 | uint32_t{field[2]} << 8 |
+           uint32_t{field[3]};
+}
+
+template <typename Attempt>
+bool withinAttempts(Attempt attempt) {
+    for (int i = 0; i < kAttempts; ++i) {
+        if (attempt())
+            return true;
+    }
+    return false;
+}
+
+template <typename Report>
+bool sendReport(AbstractDevice &device, const Report &report) {
+    return classWrite(device, kSetReport, static_cast<uint16_t>(kOutputReport | report[0]),
+                      report.data(), report.size()) == VEXA_USB_STATUS_SUCCESS;
+}
+
+template <typename Report>
+bool readReport(AbstractDevice &device, Report &report) {
+    report = {};
+    return device.interruptRead(kReportEndpoint, report.data(), report.size(), nullptr) ==
+           VEXA_USB_STATUS_SUCCESS;
+}
+
+bool imx7SendCommand(AbstractDevice &device, Command command, uint32_t address = 0,
+                     uint32_t count = 0) {
+    CommandReport report{kCommandReport};
+    report[1] = static_cast<uint8_t>(static_cast<uint16_t>(command) >> 8);
+    report[2] = static_cast<uint8_t>(command);
+    putBigEndian(&report[3], address);
+    putBigEndian(&report[8], count);
+    return withinAttempts([&]() { return sendReport(device, report); });
+}
+
+bool readSecurity(AbstractDevice &device) {
+    SecurityReport report;
+    return readReport(device, report);
+}
+
+bool readStatus(AbstractDevice &device) {
+    StatusReport report;
+    return readReport(device, report);
+}
+
+bool readWriteComplete(AbstractDevice &device) {
+    StatusReport report;
+    return readReport(device, report) &&
+           std::all_of(report.begin() + 1, report.begin() + 5,
+                       [](uint8_t byte) { return byte == kWriteComplete; });
+}
+
+// The last report is as long as the others; behind the image it holds what the one before it held.
+bool sendData(AbstractDevice &device, std::span<const uint8_t> image) {
+    DataReport report{kDataReport};
+    while (!image.empty()) {
+        const auto chunk = image.first(std::min(image.size(), kDataPerReport));
+        std::copy(chunk.begin(), chunk.end(), report.begin() + 1);
+        if (!sendReport(device, report))
+            return false;
+        image = image.subspan(chunk.size());
+    }
+    return true;
+}
+
+bool imx7WriteFile(AbstractDevice &device, std::span<const uint8_t> image, uint32_t address) {
+    return imx7SendCommand(device, Command::ErrorStatus) &&
+           withinAttempts([&]() { return readSecurity(device); }) && readStatus(device) &&
+           imx7SendCommand(device, Command::WriteFile, address,
+                           static_cast<uint32_t>(image.size())) &&
+           sendData(device, image) && readSecurity(device) && readWriteComplete(device);
+}
+
+bool writeAndJump(AbstractDevice &device, std::span<const uint8_t> image, uint32_t address) {
+    return imx7WriteFile(device, image, address) &&
+           imx7SendCommand(device, Command::JumpAddress, address) && readSecurity(device) &&
+           readStatus(device);
+}
+
+} // namespace
+
+std::optional<uint32_t> imx7SplAddress(std::span<const uint8_t> image) {
+    if (image.size() < kSplHeaderSize || image[0] != kSplTag ||
+        littleEndian(&image[kSplDcdOffset]) != 0)
+        return std::nullopt;
+    return littleEndian(&image[kSplSelfOffset]);
+}
+
+std::optional<uint32_t> imx7UbootAddress(std::span<const uint8_t> image) {
+    if (image.size() < kUbootHeaderRead ||
+        !std::equal(kUbootMagic.begin(), kUbootMagic.end(), image.begin()))
+        return std::nullopt;
+    return bigEndian(&image[kUbootLoadOffset]) - kUbootHeaderSize;
+}
+
+bool imx7LoadSpl(AbstractDevice &device, std::span<const uint8_t> image) {
+    const auto address = imx7SplAddress(image);
+    return address && writeAndJump(device, image, *address);
+}
+
+// Some boot ROMs want their report descriptor to be read first; whether it could be is of no
+// interest.
+bool imx7LoadUboot(AbstractDevice &device, std::span<const uint8_t> image) {
+    std::array<uint8_t, kReportDescriptorSize> descriptor{};
+    device.controlTransfer(VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_STANDARD, VEXA_USB_RECIPIENT_DEVICE,
+                           kGetDescriptor, kReportDescriptor, 0, descriptor.data(),
+                           descriptor.size(), nullptr);
+    const auto address = imx7UbootAddress(image);
+    return address && writeAndJump(device, image, *address);
+}
+
+} // namespace vexausb

@@ -1,0 +1,366 @@
+// The loaders' requests, in order, and what follows when one of them fails.
+#include <functional>
+#include <stdexcept>
+
+#include "firmware/fx2_loader_image.h"
+#include "helpers.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Request {
+    uint8_t type;
+    uint8_t request;
+    uint16_t value;
+    uint16_t index;
+    Bytes data; // sent
+
+    bool operator==(const Request &) const = default;
+};
+
+Bytes operator+(Bytes left, const Bytes &right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// Records what is sent, fails what it was told to, and answers reads with `answers`.
+class FirmwareTest : public test::DeviceTest {
+protected:
+    FirmwareTest() {
+        fake::onControl([this](const fake::ControlRequest &request) {
+            const bool isIn = (request.requestType & 0x80) != 0;
+            sent.push_back({request.requestType, request.request, request.value, request.index,
+                            isIn ? Bytes() : Bytes(request.data, request.data + request.length)});
+            if (steps++ == failAt)
+                return failure;
+            if (isIn)
+                answer(request.data, request.length);
+            return static_cast<int>(request.length);
+        });
+        fake::onTransfer([this](uint8_t, uint8_t *data, int length, int *actual) {
+            sent.push_back({0x81, 0, static_cast<uint16_t>(length), 0, {}});
+            if (steps++ == failAt)
+                return failure;
+            answer(data, static_cast<size_t>(length));
+            *actual = length;
+            return 0;
+        });
+    }
+    void answer(uint8_t *data, size_t size) {
+        if (answers.empty())
+            return;
+        std::copy_n(answers.front().begin(), std::min(size, answers.front().size()), data);
+        answers.erase(answers.begin());
+    }
+    // Lets each request fail in turn and expects that nothing is sent afterwards.
+    void failEachStep(size_t count, const std::function<int32_t()> &load,
+                      const std::function<int32_t(size_t)> &expected) {
+        for (size_t step = 0; step < count; ++step) {
+            sent.clear();
+            steps = 0;
+            failAt = step;
+            EXPECT_EQ(load(), expected(step)) << step;
+            EXPECT_EQ(sent.size(), step + 1);
+        }
+        failAt = SIZE_MAX;
+        sent.clear();
+    }
+
+    std::vector<Request> sent;
+    std::vector<Bytes> answers;
+    size_t steps = 0;
+    size_t failAt = SIZE_MAX;
+    int failure = LIBUSB_ERROR_TIMEOUT;
+};
+
+Bytes hexRecord(uint16_t address, uint8_t type, const Bytes &data) {
+    Bytes record{static_cast<uint8_t>(data.size()), static_cast<uint8_t>(address >> 8),
+                 static_cast<uint8_t>(address), type};
+    record = record + data;
+    uint8_t sum = 0;
+    for (const uint8_t byte : record)
+        sum = static_cast<uint8_t>(sum + byte);
+    record.push_back(static_cast<uint8_t>(-sum));
+    return record;
+}
+
+constexpr size_t kLoaderRequests = 60; // hold, 58 records, release
+
+TEST_F(FirmwareTest, Fx2LoadsInTwoStages) {
+    const Request hold{0x40, 0xA0, 0xE600, 0, {1}};
+    const Request release{0x40, 0xA0, 0xE600, 0, {0}};
+    const Bytes image = hexRecord(0x2FFF, 0, {1}) + hexRecord(0x3000, 0, {2, 3}) +
+                        hexRecord(0, 4, {0, 9}) + hexRecord(0xFFFF, 0, {}) + hexRecord(0, 1, {}) +
+                        hexRecord(0x3100, 0, {4});
+    const auto load = [&]() {
+        return vexa_usb_fx2_load_firmware(device, image.data(), image.size());
+    };
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(sent[0], hold);
+    EXPECT_EQ(sent[58].value, 0); // the reset vector is written last
+    EXPECT_EQ(sent[59], release);
+    const std::vector<Request> second(sent.begin() + kLoaderRequests, sent.end());
+    const std::vector<Request> expected{
+        {0x40, 0xA3, 0x3000, 0, {2, 3}}, {0x40, 0xA3, 0xFFFF, 0, {}}, hold,
+        {0x40, 0xA0, 0x2FFF, 0, {1}},    {0x40, 0xA0, 0, 0, {0, 9}},  release};
+    EXPECT_EQ(second, expected);
+    failEachStep(sent.size(), load, [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
+    failure = 0; // a short transfer
+    failEachStep(1, load, [](size_t) { return VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED; });
+    EXPECT_EQ(load(), 0);
+
+    sent.clear();
+    EXPECT_EQ(vexa_usb_fx2_load_firmware(device, nullptr, 0), 0);
+    EXPECT_EQ(sent.size(), kLoaderRequests + 2);
+    // Malformed, be it behind the end: the loader runs by then, and nothing of the image is sent.
+    for (const Bytes &bad : {Bytes{1, 0, 0, 0, 0, 0}, image + Bytes{1}}) {
+        sent.clear();
+        EXPECT_ANY_THROW(vexa_usb_fx2_load_firmware(device, bad.data(), bad.size()));
+        ASSERT_EQ(sent.size(), kLoaderRequests);
+        EXPECT_EQ(sent.back(), release);
+    }
+    EXPECT_THROW(vexa_usb_fx2_load_firmware(device, image.data(), 3), std::out_of_range);
+}
+
+TEST_F(FirmwareTest, Fx2ResetAndRenumerate) {
+    const auto before = std::chrono::steady_clock::now();
+    failEachStep(
+        2, [this]() { return vexa_usb_fx2_reset(device); },
+        [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(45));
+    EXPECT_EQ(vexa_usb_fx2_reset(device), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(50));
+    sent.clear();
+    EXPECT_EQ(vexa_usb_fx2_renumerate(device), 0);
+    EXPECT_EQ(sent, (std::vector<Request>{{0x40, 0xD2, 0, 0, {}}}));
+}
+
+TEST_F(FirmwareTest, Fx3WalksTheSections) {
+    std::vector<uint32_t> image{0x5943, 600, 0x4000FC00};
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < 600; ++i) {
+        image.push_back(i * 0x9E3779B9U);
+        sum += image.back();
+    }
+    const size_t sectionEnd = image.size();
+    image.insert(image.end(), {1, 0x40030000, 7, 0, 0x40012345, sum + 7});
+    const auto load = [&]() {
+        return vexa_usb_fx3_load_firmware(device, image.data(), image.size());
+    };
+    ASSERT_EQ(load(), 0);
+    ASSERT_EQ(sent.size(), 4U);
+    EXPECT_EQ(sent[0].value, 0xFC00);
+    EXPECT_EQ(sent[0].data.size(), 2048U);
+    EXPECT_EQ(sent[1].value, 0x0400); // behind a 64 KiB boundary
+    EXPECT_EQ(sent[1].index, 0x4001);
+    EXPECT_EQ(sent[1].data.size(), 352U);
+    EXPECT_EQ(sent[2], (Request{0x40, 0xA0, 0, 0x4003, {7, 0, 0, 0}}));
+    EXPECT_EQ(sent[3], (Request{0x40, 0xA0, 0x2345, 0x4001, {}}));
+    failEachStep(4, load, [](size_t step) { return step < 3 ? -13 : 0; });
+
+    ++image.back();
+    EXPECT_EQ(load(), VEXA_USB_STATUS_UNKNOWN);
+    EXPECT_EQ(sent.size(), 3U); // no jump
+    // Cut short: at a record's start it ends there, within a record nothing of that is sent.
+    for (const auto &[length, status, requests] :
+         std::initializer_list<std::tuple<size_t, int32_t, size_t>>{{1, 0, 0},
+                                                                    {2, -5, 0},
+                                                                    {602, -5, 0},
+                                                                    {sectionEnd, 0, 2},
+                                                                    {sectionEnd + 1, -5, 2},
+                                                                    {sectionEnd + 3, 0, 3},
+                                                                    {sectionEnd + 5, -5, 3}}) {
+        sent.clear();
+        EXPECT_EQ(vexa_usb_fx3_load_firmware(device, image.data(), length), status) << length;
+        EXPECT_EQ(sent.size(), requests) << length;
+    }
+    sent.clear();
+    const auto *const odd = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(&image[0]) + 1);
+    EXPECT_EQ(vexa_usb_fx3_load_firmware(device, odd, 2), -5);
+    EXPECT_EQ(vexa_usb_fx3_load_firmware(device, image.data(), 0), -5);
+    EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
+    const Bytes idle{0, 0, 0, 0, 5, 0};
+    const Bytes image(4097, 0x42);
+    std::vector<double> progress;
+    const auto callback = [](void *data, double done) {
+        static_cast<std::vector<double> *>(data)->push_back(done);
+    };
+    const auto download = [&](size_t size) {
+        sent.clear();
+        progress.clear();
+        return vexa_usb_dfu_download(device, image.data(), size, callback, &progress);
+    };
+    answers = {{0, 0, 0, 0, 4, 0}, {0, 20, 0, 0, 4, 0}, idle, idle};
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(download(4097), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+    const Request status{0xA1, 3, 0, 0, {}};
+    const std::vector<Request> expected{{0x21, 1, 0, 0, Bytes(4096, 0x42)},
+                                        status,
+                                        status,
+                                        status,
+                                        {0x21, 1, 1, 0, {0x42}},
+                                        status,
+                                        {0x21, 1, 2, 0, {}},
+                                        status};
+    EXPECT_EQ(sent, expected);
+    EXPECT_EQ(progress, (std::vector<double>{4096.0 / 4097, 1}));
+    answers = {idle};
+    EXPECT_EQ(download(4096), 0);
+    EXPECT_EQ(sent.size(), 4U);
+    // An error that the device reports ends it; the state alone does not.
+    answers = {{3, 0, 0, 0, 10, 0}};
+    EXPECT_EQ(download(1), VEXA_USB_STATUS_UNKNOWN);
+    EXPECT_EQ(sent.size(), 2U);
+    answers = {{0, 0, 0, 0, 10, 0}};
+    EXPECT_EQ(download(1), 0);
+    failEachStep(
+        4,
+        [&]() {
+            answers = {idle};
+            return vexa_usb_dfu_download(device, image.data(), 1, nullptr, nullptr);
+        },
+        [](size_t step) { return step == 0 ? -1 : -13; });
+}
+
+// Report 3 and report 4 with the mark of a completed write.
+const Bytes kSecurity{3};
+const Bytes kComplete{4, 0x88, 0x88, 0x88, 0x88};
+
+class Imx7Test : public FirmwareTest {
+protected:
+    Imx7Test() {
+        spl[0] = 0xD1;
+        spl[21] = 0x10;
+        spl[22] = 0x91;
+        for (size_t i = 24; i < spl.size(); ++i)
+            spl[i] = static_cast<uint8_t>(i * 7);
+    }
+    int32_t load() {
+        sent.clear();
+        steps = 0;
+        answers = {kSecurity, Bytes{4}, kSecurity, kComplete};
+        return vexa_usb_imx7_load_firmware_spl(device, spl.data(), spl.size());
+    }
+
+    Bytes spl = Bytes(1025);
+};
+
+TEST_F(Imx7Test, LoadsAnSpl) {
+    ASSERT_EQ(load(), 0);
+    const auto command = [](uint8_t code, uint8_t count, Bytes address) {
+        return Request{
+            0x21, 9, 0x0201, 0,
+            Bytes{1, code, code} + address +
+                Bytes{0, 0, 0, count, static_cast<uint8_t>(count == 0 ? 0 : 1), 0, 0, 0, 0, 0}};
+    };
+    const Request security{0x81, 0, 5, 0, {}};
+    const Request status{0x81, 0, 65, 0, {}};
+    const Bytes first(spl.begin(), spl.begin() + 1024);
+    Bytes last = first;
+    last[0] = spl[1024];
+    const std::vector<Request> expected{command(5, 0, {0, 0, 0, 0}),
+                                        security,
+                                        status,
+                                        command(4, 4, {0, 0x91, 0x10, 0}),
+                                        {0x21, 9, 0x0202, 0, Bytes{2} + first},
+                                        {0x21, 9, 0x0202, 0, Bytes{2} + last},
+                                        security,
+                                        status,
+                                        command(11, 0, {0, 0x91, 0x10, 0}),
+                                        security,
+                                        status};
+    EXPECT_EQ(sent, expected);
+}
+
+TEST_F(Imx7Test, RetriesCommandsOnly) {
+    const size_t retried[] = {0, 1, 3, 8}; // the commands, and the first reading of report 3
+    for (size_t step = 0; step < 11; ++step) {
+        failAt = step;
+        const bool again =
+            std::find(std::begin(retried), std::end(retried), step) != std::end(retried);
+        EXPECT_EQ(load(), again ? 0 : -1) << step;
+        EXPECT_EQ(sent.size(), again ? 12 : step + 1) << step;
+    }
+    failAt = SIZE_MAX;
+    sent.clear();
+    fake::onControl([this](const fake::ControlRequest &) { return ++steps < 5 ? -1 : 17; });
+    steps = 0;
+    answers.clear();
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 24), -1); // no mark in the status
+    EXPECT_GT(steps, 5U);                                                   // the fifth was good
+    fake::onControl([this](const fake::ControlRequest &) { return ++steps, -1; });
+    steps = 0;
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 24), -1);
+    EXPECT_EQ(steps, 5U);
+}
+
+TEST_F(Imx7Test, LooksAtTheHeaders) {
+    for (const size_t wrong : {0, 12, 15}) {
+        ++spl[wrong];
+        EXPECT_EQ(load(), -1);
+        --spl[wrong];
+    }
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 23), -1);
+    EXPECT_TRUE(sent.empty());
+
+    Bytes uboot = Bytes{0x27, 0x05, 0x19, 0x56} + Bytes(60);
+    uboot[16] = 0x87;
+    uboot[17] = 0x80;
+    const Request descriptor{0x80, 6, 0x2200, 0, {}};
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), 19), -1);
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, spl.data(), spl.size()), -1);
+    EXPECT_EQ(sent, (std::vector<Request>{descriptor, descriptor}));
+    sent.clear();
+    steps = 0;
+    failAt = 0; // whether the descriptor could be read does not matter
+    answers = {kSecurity, Bytes{4}, kSecurity, kComplete};
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), uboot.size()), 0);
+    ASSERT_EQ(sent.size(), 11U);
+    EXPECT_EQ(Bytes(&sent[4].data[3], &sent[4].data[7]), (Bytes{0x87, 0x7F, 0xFF, 0xC0}));
+}
+
+TEST_F(FirmwareTest, ChecksInOrder) {
+    const uint8_t byte = 0;
+    const uint32_t word = 0;
+    using Call = std::function<int32_t(_vexa_usb_device *, bool)>;
+    const std::vector<Call> calls{
+        [&](auto *handle, bool good) {
+            return vexa_usb_dfu_download(handle, &byte, good ? 1 : 0, nullptr, nullptr);
+        },
+        [&](auto *handle, bool good) {
+            return vexa_usb_imx7_load_firmware_spl(handle, good ? &byte : nullptr, 1);
+        },
+        [&](auto *handle, bool good) {
+            return vexa_usb_imx7_load_firmware_uboot(handle, &byte, good ? 1 : 0);
+        },
+        [&](auto *handle, bool good) {
+            return vexa_usb_fx3_load_firmware(handle, good ? &word : nullptr, 1);
+        },
+        [](auto *handle, bool good) { return vexa_usb_fx2_reset(good ? handle : nullptr); },
+        [](auto *handle, bool good) { return vexa_usb_fx2_renumerate(good ? handle : nullptr); },
+        [](auto *handle, bool good) {
+            return vexa_usb_fx2_load_firmware(good ? handle : nullptr, nullptr, 0);
+        },
+    };
+    remove();
+    for (const Call &call : calls) {
+        EXPECT_EQ(call(nullptr, true), VEXA_USB_STATUS_INVALID_PARAMETERS);
+        EXPECT_EQ(call(device, false), VEXA_USB_STATUS_INVALID_PARAMETERS);
+        EXPECT_EQ(call(device, true), VEXA_USB_STATUS_DEVICE_REMOVED);
+    }
+    // The removal does not matter where there is nothing to do.
+    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 1), VEXA_USB_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 0), VEXA_USB_STATUS_INVALID_PARAMETERS);
+    EXPECT_TRUE(sent.empty());
+    vexa_usb_fini();
+    for (const Call &call : calls)
+        EXPECT_EQ(call(nullptr, false), VEXA_USB_STATUS_NOT_INITIALIZED);
+    vexa_usb_init();
+}
+
+} // namespace
