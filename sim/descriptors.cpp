@@ -69,6 +69,7 @@ Bytes configurationDescriptor(const DeviceShape &shape) {
     append(bytes, {9, kConfigurationDescriptor, 0, 0, 1, kConfigurationValue, 0, 0x80, 50});
     append(bytes, {9, kInterfaceDescriptor, 0, 0, static_cast<uint8_t>(shape.endpoints.size()),
                    shape.interfaceClass, shape.interfaceSubClass, shape.interfaceProtocol, 0});
+    bytes.insert(bytes.end(), shape.classDescriptor.begin(), shape.classDescriptor.end());
     for (const EndpointShape &endpoint : shape.endpoints)
         appendEndpoint(bytes, shape, endpoint);
     const auto total = static_cast<uint16_t>(bytes.size());

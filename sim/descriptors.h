@@ -23,6 +23,8 @@ struct DeviceShape {
     uint8_t interfaceClass = 0xFF;
     uint8_t interfaceSubClass = 0;
     uint8_t interfaceProtocol = 0;
+    Bytes classDescriptor; // behind the interface descriptor
+    Bytes reportDescriptor;
     std::vector<EndpointShape> endpoints;
     std::string manufacturer;
     std::string productName;

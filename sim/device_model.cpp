@@ -1,6 +1,7 @@
 #include "device_model.h"
 
 #include <algorithm>
+#include <array>
 
 namespace sim {
 
@@ -13,17 +14,17 @@ namespace sim {
  */
 namespace {
 
-Answer sendBytes(const Bytes &bytes, std::span<uint8_t> room) {
-    const size_t length = std::min(bytes.size(), room.size());
-    std::copy_n(bytes.begin(), length, room.begin());
-    return Answer::done(length);
-}
-
 bool isEndpointHalt(const Setup &setup) {
     return (setup.requestType & kRecipientMask) == kRecipientEndpoint && setup.value == 0;
 }
 
 } // namespace
+
+Answer sendBytes(std::span<const uint8_t> bytes, std::span<uint8_t> room) {
+    const size_t length = std::min(bytes.size(), room.size());
+    std::copy_n(bytes.begin(), length, room.begin());
+    return Answer::done(length);
+}
 
 void DeviceModel::plugged(Port &newPort) {
     currentPort = &newPort;
@@ -108,11 +109,12 @@ Answer DeviceModel::standardRequest(const Setup &setup, std::span<uint8_t> data)
     case kGetDescriptor:
         return descriptor(setup, data);
     case kGetStatus:
-        return sendBytes({isHalted(setup) ? uint8_t{1} : uint8_t{0}, 0}, data);
+        return sendBytes(std::array<uint8_t, 2>{isHalted(setup) ? uint8_t{1} : uint8_t{0}, 0},
+                         data);
     case kGetConfiguration:
-        return sendBytes({configuration}, data);
+        return sendBytes(std::array{configuration}, data);
     case kGetInterface:
-        return sendBytes({0}, data);
+        return sendBytes(std::array<uint8_t, 1>{}, data);
     case kSetConfiguration:
         if (setup.value > 1)
             return Answer::stall();
@@ -162,6 +164,9 @@ Answer DeviceModel::descriptor(const Setup &setup, std::span<uint8_t> room) cons
         break;
     case kBosDescriptor:
         bytes = bosDescriptor(deviceShape);
+        break;
+    case kReportDescriptor:
+        bytes = deviceShape.reportDescriptor;
         break;
     default:
         break;

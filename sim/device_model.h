@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
@@ -30,6 +31,11 @@ struct Answer {
     size_t length;
 };
 
+// What fits of `bytes` as the answer to an IN request.
+Answer sendBytes(std::span<const uint8_t> bytes, std::span<uint8_t> room);
+
+class DeviceModel;
+
 // What a device can ask of the port that it is plugged into.
 class Port {
 public:
@@ -41,6 +47,9 @@ public:
     virtual void after(std::chrono::milliseconds delay, std::function<void()> action) = 0;
     // Leaves the bus after the answer in hand; comes back after `returnAfter` if that is given.
     virtual void unplug(std::optional<std::chrono::milliseconds> returnAfter) = 0;
+    // Leaves, too; what comes back is another device.
+    virtual void become(std::unique_ptr<DeviceModel> other,
+                        std::chrono::milliseconds returnAfter) = 0;
 };
 
 class DeviceModel {
@@ -67,6 +76,8 @@ protected:
     virtual Answer request(const Setup &setup, std::span<uint8_t> data) = 0;
     virtual Answer sendData(uint8_t endpoint, std::span<uint8_t> room) = 0;
     virtual Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) = 0;
+    // Standard requests; a device that answers them by a program of its own has another.
+    virtual Answer standardRequest(const Setup &setup, std::span<uint8_t> data);
 
     // Faults, by endpoint address; 0 is the control endpoint.
     void setHalted(uint8_t endpoint, bool halted);
@@ -89,7 +100,6 @@ private:
     };
 
     std::optional<Answer> faultBeforeAnswer(uint8_t endpoint);
-    Answer standardRequest(const Setup &setup, std::span<uint8_t> data);
     bool isHalted(const Setup &setup) const;
     Answer endpointFeature(const Setup &setup);
     Answer descriptor(const Setup &setup, std::span<uint8_t> room) const;

@@ -1,24 +1,80 @@
 #include "device_specification.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <sstream>
 #include <stdexcept>
 
 #include <fmt/format.h>
 
+#include "dfu_device.h"
+#include "fx2.h"
+#include "fx3.h"
+#include "imx7.h"
 #include "instrument.h"
-#include "vexa_usb_config.h"
 
 namespace sim {
 
 const char *const kDeviceSpecificationHelp =
     "A DEVICE is a kind and, after commas, how it differs from the usual:\n"
-    "  instrument[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
-    "[,away=MS]\n"
+    "  "
+    "KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD][,away=MS]\n"
     "away=MS plugs it in that many milliseconds after the start.\n"
-    "Numbers may be written in hexadecimal, with 0x.";
+    "Numbers may be written in hexadecimal, with 0x.\n"
+    "\n"
+    "Kinds:\n"
+    "  instrument  streams, sends events, loops data back\n"
+    "  fx2         Cypress EZ-USB FX2 without firmware; executes what is loaded\n"
+    "  fx3         Cypress FX3 in its boot loader\n"
+    "  dfu         device in DFU 1.1 mode\n"
+    "  imx7        NXP i.MX7 in serial-download mode\n"
+    "All but the first become instruments once their firmware runs. What they may do wrong, once:\n"
+    "  fail=N         refuse the Nth request\n"
+    "  short=N        take a byte less of the Nth request\n"
+    "  unplug=N       leave the bus in the Nth request, and come back\n"
+    "  bad-status=N   report an error in the Nth status (dfu, imx7)\n"
+    "  delay=MS       answer every request that much later\n"
+    "  poll=MS        need that long for each block (dfu)\n"
+    "  linger=MS      stay that long once all is written (dfu)";
 
 namespace {
+
+constexpr uint32_t kDay = 86400000; // milliseconds
+
+template <typename Device>
+std::unique_ptr<DeviceModel> makeBootDevice(const DeviceSpecification &specification) {
+    return std::make_unique<Device>(specification.shape, specification.steering);
+}
+
+std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specification) {
+    return std::make_unique<Instrument>(specification.shape);
+}
+
+struct Kind {
+    const char *name;
+    std::unique_ptr<DeviceModel> (*make)(const DeviceSpecification &);
+    uint16_t vendor; // 0: as the instrument
+    uint16_t product;
+    const char *productName;
+};
+
+constexpr std::array kKinds{
+    Kind{"instrument", makeInstrument, 0, 0x0001, "Simulated instrument"},
+    Kind{"fx2", makeBootDevice<Fx2>, 0x04B4, 0x8613, "Simulated FX2"},
+    Kind{"fx3", makeBootDevice<Fx3>, 0x04B4, 0x00F3, "Simulated FX3"},
+    Kind{"dfu", makeBootDevice<DfuDevice>, 0, 0x0DF0, "Simulated DFU device"},
+    Kind{"imx7", makeBootDevice<Imx7>, 0x15A2, 0x0076, "Simulated i.MX7"},
+};
+
+const Kind &findKind(const std::string &name) {
+    const auto *const found = std::find_if(kKinds.begin(), kKinds.end(),
+                                           [&](const Kind &kind) { return name == kind.name; });
+    if (found == kKinds.end())
+        throw std::invalid_argument(fmt::format(
+            "'{}' is no kind of device; there are instrument, fx2, fx3, dfu and imx7", name));
+    return *found;
+}
 
 uint32_t parseNumber(const std::string &key, const std::string &text, uint32_t most) {
     const bool isHex = text.starts_with("0x");
@@ -42,21 +98,52 @@ Speed parseSpeed(const std::string &text) {
     throw std::invalid_argument(fmt::format("speed={} is not full, high or super", text));
 }
 
-void apply(DeviceSpecification &specification, const std::string &key, const std::string &value) {
-    if (key == "speed")
-        specification.shape.speed = parseSpeed(value);
-    else if (key == "vendor")
-        specification.shape.vendor = static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
-    else if (key == "product")
-        specification.shape.product = static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
-    else if (key == "bcd-usb")
-        specification.shape.bcdUsb = static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
-    else if (key == "serial")
-        specification.shape.serial = value;
-    else if (key == "away")
-        specification.away = std::chrono::milliseconds(parseNumber(key, value, 86400000));
+std::chrono::milliseconds parseTime(const std::string &key, const std::string &text) {
+    return std::chrono::milliseconds(parseNumber(key, text, kDay));
+}
+
+// Whether the property was one of the steering.
+bool steer(Steering &steering, const std::string &key, const std::string &value) {
+    const auto step = [&]() { return parseNumber(key, value, UINT32_MAX); };
+    if (key == "fail")
+        steering.fail = step();
+    else if (key == "short")
+        steering.shorten = step();
+    else if (key == "unplug")
+        steering.unplug = step();
+    else if (key == "bad-status")
+        steering.badStatus = step();
+    else if (key == "delay")
+        steering.delay = parseTime(key, value);
+    else if (key == "poll")
+        steering.poll = parseTime(key, value);
+    else if (key == "linger")
+        steering.linger = parseTime(key, value);
     else
-        throw std::invalid_argument(fmt::format("a device has no property '{}'", key));
+        return false;
+    return true;
+}
+
+void apply(DeviceSpecification &specification, const std::string &key, const std::string &value) {
+    const auto identifier = [&]() {
+        return static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
+    };
+    DeviceShape &shape = specification.shape;
+    if (key == "speed")
+        shape.speed = parseSpeed(value);
+    else if (key == "vendor")
+        shape.vendor = identifier();
+    else if (key == "product")
+        shape.product = identifier();
+    else if (key == "bcd-usb")
+        shape.bcdUsb = identifier();
+    else if (key == "serial")
+        shape.serial = value;
+    else if (key == "away")
+        specification.away = parseTime(key, value);
+    else if (specification.kind == "instrument" || !steer(specification.steering, key, value))
+        throw std::invalid_argument(
+            fmt::format("a device of kind {} has no property '{}'", specification.kind, key));
 }
 
 } // namespace
@@ -65,17 +152,16 @@ DeviceSpecification parseDeviceSpecification(const std::string &text) {
     std::istringstream input(text);
     std::string word;
     std::getline(input, word, ',');
-    if (word != "instrument")
-        throw std::invalid_argument(
-            fmt::format("'{}' is no kind of device; there is: instrument", word));
+    const Kind &kind = findKind(word);
 
     DeviceSpecification specification;
+    specification.kind = kind.name;
     DeviceShape &shape = specification.shape;
-    shape.vendor = VEXA_USB_VENDOR_ID;
-    shape.product = 0x0001;
-    shape.manufacturer = "vexa-usb";
-    shape.productName = "Simulated instrument";
-    shape.serial = "SIM0001";
+    shape = instrumentShape();
+    if (kind.vendor != 0)
+        shape.vendor = kind.vendor;
+    shape.product = kind.product;
+    shape.productName = kind.productName;
     while (std::getline(input, word, ',')) {
         const size_t equals = word.find('=');
         if (equals == std::string::npos)
@@ -86,7 +172,7 @@ DeviceSpecification parseDeviceSpecification(const std::string &text) {
 }
 
 std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification) {
-    return std::make_unique<Instrument>(specification.shape);
+    return findKind(specification.kind).make(specification);
 }
 
 } // namespace sim

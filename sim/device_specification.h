@@ -4,13 +4,16 @@
 #include <memory>
 #include <string>
 
+#include "boot_device.h"
 #include "device_model.h"
 
 namespace sim {
 
 // What the command line asks for: a kind of device and how it differs from the usual.
 struct DeviceSpecification {
+    std::string kind;
     DeviceShape shape;
+    Steering steering;
     std::chrono::milliseconds away{0}; // before it is plugged in for the first time
 };
 

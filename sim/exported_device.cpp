@@ -7,11 +7,13 @@ namespace sim {
 // Lives as long as the simulator, so what it schedules always finds it.
 ExportedDevice::ExportedDevice(EventLoop &eventLoop, usbip::ExportedAs exportedAs,
                                std::unique_ptr<DeviceModel> deviceModel)
-    : loop(eventLoop), exported(std::move(exportedAs)), device(std::move(deviceModel)) {}
+    : loop(eventLoop), exported(std::move(exportedAs)) {
+    lives.push_back(std::move(deviceModel));
+}
 
 void ExportedDevice::imported(Importer *by) {
     importer = by;
-    device->plugged(*this);
+    model().plugged(*this);
 }
 
 void ExportedDevice::released() {
@@ -50,6 +52,12 @@ void ExportedDevice::unplug(std::optional<std::chrono::milliseconds> returnAfter
         present = false;
     if (importer != nullptr)
         importer->deviceLeft();
+}
+
+void ExportedDevice::become(std::unique_ptr<DeviceModel> other,
+                            std::chrono::milliseconds returnAfter) {
+    lives.push_back(std::move(other));
+    unplug(returnAfter);
 }
 
 } // namespace sim

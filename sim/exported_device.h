@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "device_model.h"
 #include "event_loop.h"
@@ -28,7 +29,7 @@ public:
                    std::unique_ptr<DeviceModel> deviceModel);
 
     const usbip::ExportedAs &name() const { return exported; }
-    DeviceModel &model() { return *device; }
+    DeviceModel &model() { return *lives.back(); }
     bool isAvailable() const { return present && importer == nullptr; }
 
     void imported(Importer *by);
@@ -42,11 +43,13 @@ public:
     void wake(std::chrono::milliseconds delay) override;
     void after(std::chrono::milliseconds delay, std::function<void()> action) override;
     void unplug(std::optional<std::chrono::milliseconds> returnAfter) override;
+    void become(std::unique_ptr<DeviceModel> other, std::chrono::milliseconds returnAfter) override;
 
 private:
     EventLoop &loop;
     const usbip::ExportedAs exported;
-    const std::unique_ptr<DeviceModel> device;
+    // The device, and what it was before: that may have something scheduled still.
+    std::vector<std::unique_ptr<DeviceModel>> lives;
     Importer *importer = nullptr;
     bool present = true;
     bool wakeScheduled = false;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "stream_pattern.h"
+#include "vexa_usb_config.h"
 
 namespace sim {
 
@@ -36,7 +37,18 @@ DeviceShape withEndpoints(DeviceShape shape) {
 
 } // namespace
 
-Instrument::Instrument(DeviceShape shape) : DeviceModel(withEndpoints(std::move(shape))) {}
+DeviceShape instrumentShape() {
+    DeviceShape shape;
+    shape.vendor = VEXA_USB_VENDOR_ID;
+    shape.product = 0x0001;
+    shape.manufacturer = "vexa-usb";
+    shape.productName = "Simulated instrument";
+    shape.serial = "SIM0001";
+    return shape;
+}
+
+Instrument::Instrument(DeviceShape shape, Bytes loadedFirmware)
+    : DeviceModel(withEndpoints(std::move(shape))), firmware(std::move(loadedFirmware)) {}
 
 void Instrument::plugged(Port &newPort) {
     DeviceModel::plugged(newPort);
@@ -54,7 +66,7 @@ Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
     if (setup.request == kRequestScratch)
         return scratchRequest(setup, data);
     if (setup.isIn())
-        return Answer::stall();
+        return setup.request == kRequestFirmware ? firmwareRequest(setup, data) : Answer::stall();
 
     const auto endpoint = static_cast<uint8_t>(setup.index);
     switch (setup.request) {
@@ -96,9 +108,12 @@ Answer Instrument::scratchRequest(const Setup &setup, std::span<uint8_t> data) {
         scratch.assign(data.begin(), data.end());
         return Answer::done(data.size());
     }
-    const size_t length = std::min(scratch.size(), data.size());
-    std::copy_n(scratch.begin(), length, data.begin());
-    return Answer::done(length);
+    return sendBytes(scratch, data);
+}
+
+Answer Instrument::firmwareRequest(const Setup &setup, std::span<uint8_t> room) const {
+    const size_t offset = size_t{setup.index} << 16 | setup.value;
+    return sendBytes(std::span(firmware).subspan(std::min(offset, firmware.size())), room);
 }
 
 Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
@@ -166,9 +181,7 @@ Answer Instrument::sendEvents(std::span<uint8_t> room) {
         return Answer::wait();
     const Bytes packet = events.front() ? std::move(*events.front()) : currentTime();
     events.pop_front();
-    const size_t length = std::min(packet.size(), room.size());
-    std::copy_n(packet.begin(), length, room.begin());
-    return Answer::done(length);
+    return sendBytes(packet, room);
 }
 
 Answer Instrument::sendFrom(std::deque<uint8_t> &queue, std::span<uint8_t> room) {

@@ -15,7 +15,8 @@ namespace sim {
 
 class Instrument final : public DeviceModel {
 public:
-    explicit Instrument(DeviceShape shape);
+    // `loadedFirmware` can be read back.
+    explicit Instrument(DeviceShape shape, Bytes loadedFirmware = {});
 
     void plugged(Port &newPort) override;
 
@@ -25,6 +26,7 @@ private:
     Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) override;
 
     Answer scratchRequest(const Setup &setup, std::span<uint8_t> data);
+    Answer firmwareRequest(const Setup &setup, std::span<uint8_t> room) const;
     Answer vanishRequest(std::span<const uint8_t> data);
     Answer sendStream(std::span<uint8_t> room);
     Answer sendEvents(std::span<uint8_t> room);
@@ -37,6 +39,7 @@ private:
         uint16_t product; // on return; 0: as before
     };
 
+    const Bytes firmware;
     uint64_t streamPosition = 0;
     std::optional<Vanishing> vanishing;
     std::deque<std::optional<Bytes>> events; // without bytes: the time at which it is sent
@@ -44,5 +47,8 @@ private:
     std::deque<uint8_t> interruptLoop;
     Bytes scratch;
 };
+
+// An instrument as it usually is.
+DeviceShape instrumentShape();
 
 } // namespace sim

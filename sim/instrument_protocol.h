@@ -24,6 +24,8 @@ enum InstrumentRequest : uint8_t {
     kRequestVanish = 0x08,     // OUT: VanishRequest
     kRequestSendTimes = 0x09,  // OUT: sends wValue packets of events, each the monotonic clock's
                                // nanoseconds (64 bits) at which it was sent
+    kRequestFirmware = 0x0A,   // IN: the firmware that it was booted with, from the byte that
+                               // wIndex (high) and wValue (low) name
 };
 
 inline constexpr uint32_t kNeverReturn = 0xFFFFFFFF;

@@ -46,6 +46,7 @@ enum DescriptorType : uint8_t {
     kQualifierDescriptor = 6,
     kBosDescriptor = 15,
     kCapabilityDescriptor = 16,
+    kReportDescriptor = 0x22, // of HID devices
     kCompanionDescriptor = 48,
 };
 

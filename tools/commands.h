@@ -25,6 +25,8 @@ void addWriteCommand(CLI::App &app, CommonOptions &common);
 void addStreamCommand(CLI::App &app, CommonOptions &common);
 void addWatchCommand(CLI::App &app, CommonOptions &common);
 void addEventsCommand(CLI::App &app, CommonOptions &common);
+void addLoadCommand(CLI::App &app, CommonOptions &common);
+void addHexCommand(CLI::App &app, CommonOptions &common);
 
 void addDeviceOption(CLI::App &command, CommonOptions &common);
 void addJsonOption(CLI::App &command, CommonOptions &common);

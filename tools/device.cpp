@@ -95,6 +95,7 @@ const Item &DeviceList::choose(const std::string &choice) const {
 Device::Device(const std::string &choice, EventHandler onEvent) {
     const DeviceList list;
     const Item &item = list.choose(choice);
+    listId = item.id;
     const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle);
     if (status != VEXA_USB_STATUS_SUCCESS)
         throw Error(Exit::CannotOpen,

@@ -49,9 +49,11 @@ public:
     Device &operator=(const Device &) = delete;
 
     _vexa_usb_device *get() const { return handle; }
+    uint64_t id() const { return listId; }
 
 private:
     _vexa_usb_device *handle = nullptr;
+    uint64_t listId = 0;
 };
 
 // "5658:0001", and what kind of device that is.

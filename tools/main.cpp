@@ -44,6 +44,8 @@ int run(int argc, char **argv) {
     addStreamCommand(app, common);
     addWatchCommand(app, common);
     addEventsCommand(app, common);
+    addLoadCommand(app, common);
+    addHexCommand(app, common);
     try {
         app.parse(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)

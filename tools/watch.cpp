@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "changes.h"
 #include "commands.h"
 #include "device.h"
 #include "ending.h"
@@ -16,31 +17,12 @@ namespace tool {
 
 namespace {
 
-struct Change {
-    uint32_t type;
-    uint64_t id;
-    uint16_t vendor;
-    uint16_t product;
-};
-
-using Changes = Mailbox<Change>;
-
-// Callbacks can come once more after their deregistration, so what they use is kept for ever.
-Changes &listChanges() {
-    static auto *const changes = new Changes;
-    return *changes;
-}
-
-void onListChange(uint32_t type, const _vexa_usb_device_list_item *item, void * /*data*/) {
-    listChanges().post({type, item->id, item->vendor_id, item->product_id});
-}
-
 void printLine(const std::string &line) {
     fmt::print("{}\n", line);
     std::fflush(stdout);
 }
 
-void print(const Change &change, bool json) {
+void print(const ListChange &change, bool json) {
     const char *const what = change.type == VEXA_USB_DEVICE_LIST_EVENT_ADDED ? "added" : "removed";
     const char *const kind = kindText(change.vendor, change.product);
     if (json)
@@ -59,17 +41,14 @@ void print(const Change &change, bool json) {
 // Devices that are attached already count as added.
 void watch(const CommonOptions &common, Ending &ending) {
     const Library library;
-    uint32_t id = 0;
-    check(vexa_usb_register_device_list_event_callback(onListChange, nullptr, &id), "watching");
-    check(vexa_usb_update_device_list(), "reading the device list");
+    ListChanges changes;
     ending.start();
     for (uint64_t lines = 0; !ending.reached(lines);) {
-        if (const auto change = listChanges().wait(kWaitStep)) {
+        if (const auto change = changes.wait(kWaitStep)) {
             print(*change, common.json);
             ++lines;
         }
     }
-    check(vexa_usb_deregister_device_list_event_callback(id), "watching");
 }
 
 void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {

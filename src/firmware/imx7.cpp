@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 
+#include "firmware/imx7_image.h"
 #include "firmware/requests.h"
 
 namespace vexausb {
@@ -28,15 +29,6 @@ constexpr size_t kDataPerReport = 1024;
 constexpr uint8_t kWriteComplete = 0x88; // four of them
 constexpr int kAttempts = 5;
 
-constexpr uint8_t kSplTag = 0xD1;
-constexpr size_t kSplHeaderSize = 24;
-constexpr size_t kSplDcdOffset = 12;
-constexpr size_t kSplSelfOffset = 20;
-constexpr std::array<uint8_t, 4> kUbootMagic{0x27, 0x05, 0x19, 0x56};
-constexpr size_t kUbootHeaderRead = 20;
-constexpr size_t kUbootLoadOffset = 16;
-constexpr uint32_t kUbootHeaderSize = 64; // in front of the payload
-
 enum class Command : uint16_t {
     ErrorStatus = 0x0505,
     WriteFile = 0x0404,
@@ -51,16 +43,6 @@ using StatusReport = std::array<uint8_t, 65>;
 void putBigEndian(uint8_t *field, uint32_t value) {
     for (unsigned shift = 24; shift < 32; shift -= 8)
         *field++ = static_cast<uint8_t>(value >> shift);
-}
-
-uint32_t littleEndian(const uint8_t *field) {
-    return uint32_t{field[0]} | uint32_t{field[1]} << 8 | uint32_t{field[2]} << 16 |
-           uint32_t{field[3]} << 24;
-}
-
-uint32_t bigEndian(const uint8_t *field) {
-    return uint32_t{field[0]} << 24 | uint32_t{field[1]} << 16 | uint32_t{field[2]} << 8 |
-           uint32_t{field[3]};
 }
 
 template <typename Attempt>
@@ -140,20 +122,6 @@ bool writeAndJump(AbstractDevice &device, std::span<const uint8_t> image, uint32
 }
 
 } // namespace
-
-std::optional<uint32_t> imx7SplAddress(std::span<const uint8_t> image) {
-    if (image.size() < kSplHeaderSize || image[0] != kSplTag ||
-        littleEndian(&image[kSplDcdOffset]) != 0)
-        return std::nullopt;
-    return littleEndian(&image[kSplSelfOffset]);
-}
-
-std::optional<uint32_t> imx7UbootAddress(std::span<const uint8_t> image) {
-    if (image.size() < kUbootHeaderRead ||
-        !std::equal(kUbootMagic.begin(), kUbootMagic.end(), image.begin()))
-        return std::nullopt;
-    return bigEndian(&image[kUbootLoadOffset]) - kUbootHeaderSize;
-}
 
 bool imx7LoadSpl(AbstractDevice &device, std::span<const uint8_t> image) {
     const auto address = imx7SplAddress(image);

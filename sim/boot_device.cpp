@@ -1,0 +1,71 @@
+#include "boot_device.h"
+
+#include <memory>
+#include <utility>
+
+#include "instrument.h"
+
+namespace sim {
+
+/*
+ * What bare processors have in common: the faults that they were told to have, and the change into
+ * an instrument once their firmware runs.  A fault happens once, so that a second load finds a
+ * device in order.
+ */
+namespace {
+
+constexpr std::chrono::milliseconds kAway{300}; // between two lives
+
+} // namespace
+
+BootDevice::BootDevice(DeviceShape shape, const Steering &steering)
+    : DeviceModel(std::move(shape)), faults(steering) {}
+
+void BootDevice::plugged(Port &newPort) {
+    DeviceModel::plugged(newPort);
+    setDelay(0, faults.delay);
+}
+
+Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
+    ++requests;
+    if (isStep(faults.fail))
+        return Answer::stall();
+    if (isStep(faults.unplug)) {
+        port().unplug(kAway);
+        return Answer::wait();
+    }
+    if (isStep(faults.shorten) && !data.empty())
+        data = data.first(data.size() - 1);
+    return loadRequest(setup, data);
+}
+
+bool BootDevice::isStep(std::optional<uint32_t> &step) {
+    if (step != requests)
+        return false;
+    step.reset();
+    return true;
+}
+
+bool BootDevice::statusIsBad() {
+    return ++statuses == faults.badStatus;
+}
+
+Answer BootDevice::sendData(uint8_t /*endpoint*/, std::span<uint8_t> /*room*/) {
+    return Answer::stall();
+}
+
+Answer BootDevice::takeData(uint8_t /*endpoint*/, std::span<const uint8_t> /*data*/) {
+    return Answer::stall();
+}
+
+void BootDevice::start(Bytes firmware) {
+    DeviceShape instrument = instrumentShape();
+    instrument.serial = shape().serial;
+    startAs(std::make_unique<Instrument>(std::move(instrument), std::move(firmware)));
+}
+
+void BootDevice::startAs(std::unique_ptr<DeviceModel> stage) {
+    port().become(std::move(stage), kAway);
+}
+
+} // namespace sim

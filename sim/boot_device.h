@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "device_model.h"
+
+namespace sim {
+
+// What a device does wrong while it is loaded, each once; steps count its requests from 1.
+struct Steering {
+    std::optional<uint32_t> fail;          // refuses this request
+    std::optional<uint32_t> shorten;       // takes or gives a byte less
+    std::optional<uint32_t> unplug;        // leaves instead of an answer, and comes back
+    std::optional<uint32_t> badStatus;     // reports an error in the status of that number
+    std::chrono::milliseconds delay{0};    // before each answer to a request
+    std::chrono::milliseconds poll{0};     // that it asks for with each status
+    std::chrono::milliseconds linger{200}; // between its manifestation and its reset
+};
+
+// A processor that waits for its firmware.
+class BootDevice : public DeviceModel {
+public:
+    BootDevice(DeviceShape shape, const Steering &steering);
+
+    void plugged(Port &newPort) override;
+
+protected:
+    // A request other than a standard one, once the faults are past.
+    virtual Answer loadRequest(const Setup &setup, std::span<uint8_t> data) = 0;
+
+    Answer sendData(uint8_t endpoint, std::span<uint8_t> room) override;
+    Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) override;
+
+    // Whether the status that is about to be sent is to be a bad one.
+    bool statusIsBad();
+    // Leaves the bus and comes back as the instrument with this firmware, or as another stage.
+    void start(Bytes firmware);
+    void startAs(std::unique_ptr<DeviceModel> stage);
+    // The same device once its faults are spent.
+    const Steering &steering() const { return faults; }
+
+private:
+    Answer request(const Setup &setup, std::span<uint8_t> data) final;
+    bool isStep(std::optional<uint32_t> &step);
+
+    Steering faults;
+    uint32_t requests = 0;
+    uint32_t statuses = 0;
+};
+
+} // namespace sim

@@ -1,0 +1,170 @@
+#include "dfu_device.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace sim {
+
+/*
+ * The state machine of the DFU 1.1 specification, appendix A.  A request that does not belong to
+ * the state is refused and leads to dfuERROR.  Each block takes as long to write as the device
+ * asks to be left alone; so does manifestation, after which the device resets itself and comes back
+ * with the new firmware.
+ */
+namespace {
+
+enum Request : uint8_t {
+    kDfuDownload = 1,
+    kDfuUpload = 2,
+    kDfuGetStatus = 3,
+    kDfuClearStatus = 4,
+    kDfuGetState = 5,
+    kDfuAbort = 6,
+};
+
+constexpr uint8_t kClassInterface = 0x21;
+constexpr uint16_t kTransferSize = 4096;
+constexpr size_t kMostMemory = 16U << 20;
+
+DeviceShape inDfuMode(DeviceShape shape) {
+    shape.interfaceClass = 0xFE;
+    shape.interfaceSubClass = 1;
+    shape.interfaceProtocol = 2;
+    // Can download and upload, does not answer while it manifests; time to detach, block, version.
+    shape.classDescriptor = {9,    0x21, 0x03, 0, 0, kTransferSize & 0xFF, kTransferSize >> 8,
+                             0x10, 1};
+    return shape;
+}
+
+} // namespace
+
+DfuDevice::DfuDevice(DeviceShape shape, const Steering &steering)
+    : BootDevice(inDfuMode(std::move(shape)), steering) {}
+
+void DfuDevice::plugged(Port &newPort) {
+    BootDevice::plugged(newPort);
+    state = State::Idle;
+    status = Status::Ok;
+    image.clear();
+}
+
+Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
+    if ((setup.requestType & ~kRequestIn) != kClassInterface || setup.index != 0)
+        return Answer::stall();
+    advance();
+    switch (setup.request) {
+    case kDfuDownload:
+        return setup.isIn() ? refuse() : download(setup, data);
+    case kDfuUpload:
+        return setup.isIn() ? upload(setup, data) : refuse();
+    case kDfuGetStatus:
+        return getStatus(data);
+    case kDfuClearStatus:
+        return clearStatus();
+    case kDfuGetState:
+        return sendBytes(std::array{static_cast<uint8_t>(state)}, data);
+    case kDfuAbort:
+        return abort();
+    default:
+        return refuse();
+    }
+}
+
+Answer DfuDevice::download(const Setup &setup, std::span<const uint8_t> data) {
+    const bool first = state == State::Idle;
+    if ((!first && state != State::DownloadIdle) || setup.length > kTransferSize ||
+        (first && setup.length == 0))
+        return refuse();
+    if (first) {
+        image.clear();
+        nextBlock = setup.value;
+    }
+    if (setup.value != nextBlock++)
+        return refuse();
+    if (setup.length == 0) {
+        state = State::ManifestSync;
+        return Answer::done(0);
+    }
+    if (image.size() + data.size() > kMostMemory)
+        fail(Status::AddressOutOfRange);
+    else
+        state = State::DownloadSync;
+    image.insert(image.end(), data.begin(), data.end());
+    return Answer::done(data.size());
+}
+
+Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
+    if ((state != State::Idle && state != State::UploadIdle) || setup.length > kTransferSize)
+        return refuse();
+    if (std::exchange(state, State::UploadIdle) == State::Idle)
+        uploaded = 0;
+    const Answer answer = sendBytes(std::span(image).subspan(uploaded), room);
+    uploaded += answer.length;
+    if (answer.length < setup.length)
+        state = State::Idle;
+    return answer;
+}
+
+// A status that is asked for sets the work going; a further one ends it.
+Answer DfuDevice::getStatus(std::span<uint8_t> room) {
+    if (statusIsBad())
+        fail(Status::WriteFailed);
+    if (state == State::DownloadSync)
+        beginWork(State::DownloadBusy);
+    else if (state == State::ManifestSync)
+        beginWork(State::Manifest);
+    const bool busy = state == State::DownloadBusy || state == State::Manifest;
+    const int64_t poll = busy ? steering().poll.count() : 0;
+    const std::array<uint8_t, 6> answer{
+        static_cast<uint8_t>(status),    static_cast<uint8_t>(poll),
+        static_cast<uint8_t>(poll >> 8), static_cast<uint8_t>(poll >> 16),
+        static_cast<uint8_t>(state),     0};
+    return sendBytes(answer, room);
+}
+
+void DfuDevice::beginWork(State work) {
+    state = work;
+    busyUntil = Clock::now() + steering().poll;
+    if (work == State::Manifest)
+        port().after(steering().poll + steering().linger, [this]() { start(image); });
+    if (steering().poll.count() == 0 && work == State::DownloadBusy)
+        advance();
+}
+
+// What has happened by itself since the last request.
+void DfuDevice::advance() {
+    if (Clock::now() < busyUntil)
+        return;
+    if (state == State::DownloadBusy)
+        state = State::DownloadIdle;
+    else if (state == State::Manifest)
+        state = State::ManifestWaitReset;
+}
+
+Answer DfuDevice::clearStatus() {
+    if (state != State::Error)
+        return refuse();
+    state = State::Idle;
+    status = Status::Ok;
+    return Answer::done(0);
+}
+
+Answer DfuDevice::abort() {
+    if (state != State::Idle && state != State::DownloadIdle && state != State::UploadIdle)
+        return refuse();
+    state = State::Idle;
+    return Answer::done(0);
+}
+
+void DfuDevice::fail(Status reason) {
+    state = State::Error;
+    status = reason;
+}
+
+Answer DfuDevice::refuse() {
+    fail(Status::StalledPacket);
+    return Answer::stall();
+}
+
+} // namespace sim

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+
+#include "boot_device.h"
+
+namespace sim {
+
+// A device in DFU mode (USB Device Firmware Upgrade 1.1).
+class DfuDevice final : public BootDevice {
+public:
+    DfuDevice(DeviceShape shape, const Steering &steering);
+
+    void plugged(Port &newPort) override;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    // bState
+    enum class State : uint8_t {
+        Idle = 2,
+        DownloadSync = 3,
+        DownloadBusy = 4,
+        DownloadIdle = 5,
+        ManifestSync = 6,
+        Manifest = 7,
+        ManifestWaitReset = 8,
+        UploadIdle = 9,
+        Error = 10,
+    };
+    // bStatus
+    enum class Status : uint8_t {
+        Ok = 0x00,
+        WriteFailed = 0x03,
+        AddressOutOfRange = 0x08,
+        NotDone = 0x09,
+        StalledPacket = 0x0F,
+    };
+
+    Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
+    Answer download(const Setup &setup, std::span<const uint8_t> data);
+    Answer upload(const Setup &setup, std::span<uint8_t> room);
+    Answer getStatus(std::span<uint8_t> room);
+    Answer clearStatus();
+    Answer abort();
+    void advance();
+    void beginWork(State state);
+    void fail(Status reason);
+    Answer refuse();
+
+    State state = State::Idle;
+    Status status = Status::Ok;
+    Bytes image; // so far
+    uint16_t nextBlock = 0;
+    size_t uploaded = 0;
+    Clock::time_point busyUntil;
+};
+
+} // namespace sim

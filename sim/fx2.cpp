@@ -1,0 +1,197 @@
+#include "fx2.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace sim {
+
+/*
+ * The chip as a host sees it: memory, a processor that is held in reset until it is released
+ * through CPUCS, and a default device that answers standard requests until the program takes over.
+ * Request 0xA0 is the chip's own: it reads and writes the lower memory, which it writes only while
+ * the processor is held.  Everything else is up to the program, which finds the set-up packet and
+ * endpoint 0 in the registers.
+ *
+ * A program that disconnects and connects again comes back as the instrument.  For the program time
+ * goes on at its release, with each request, a moment after those, and while it is disconnected; a
+ * request that it does not deal with in its time stays pending.
+ */
+namespace {
+
+constexpr size_t kMemorySize = 0x10000;
+constexpr uint32_t kOwnMemory = 0x3000; // below, the chip writes by itself
+constexpr int kInstructions = 50000;    // for a request
+constexpr int kInMoment = 5000;
+constexpr std::chrono::milliseconds kMoment{1};
+constexpr size_t kPacketSize = 64;
+
+constexpr uint8_t kMemoryRequest = 0xA0;
+
+enum Register : uint16_t {
+    kCpuControl = 0xE600,    // bit 0 holds the processor
+    kInterrupts = 0xE65D,    // bit 0: a set-up packet has come
+    kUsbControl = 0xE680,    // bit 1: the program has taken over; bit 3: disconnected
+    kCountHigh = 0xE68A,     // of endpoint 0
+    kCountLow = 0xE68B,      // writing arms endpoint 0
+    kEndpointState = 0xE6A0, // bit 0 stalls, bit 1 busy, bit 7 acknowledges
+    kSetupPacket = 0xE6B8,
+    kEndpointBuffer = 0xE740,
+};
+
+constexpr uint8_t kSetupCame = 0x01;
+constexpr uint8_t kTakenOver = 0x02;
+constexpr uint8_t kDisconnected = 0x08;
+constexpr uint8_t kStall = 0x01;
+constexpr uint8_t kAcknowledge = 0x80;
+
+} // namespace
+
+Fx2::Fx2(DeviceShape shape, const Steering &steering)
+    : BootDevice(std::move(shape), steering), memory(kMemorySize), processor(*this) {}
+
+void Fx2::plugged(Port &newPort) {
+    BootDevice::plugged(newPort);
+    std::fill(memory.begin(), memory.end(), uint8_t{0});
+    running = takenOver = disconnected = continues = false;
+    dealing = nullptr;
+}
+
+Answer Fx2::loadRequest(const Setup &setup, std::span<uint8_t> data) {
+    if ((setup.requestType & ~kRequestIn) == kTypeVendor && setup.request == kMemoryRequest)
+        return memoryRequest(setup, data);
+    return takenOver ? programRequest(setup, data) : Answer::stall();
+}
+
+Answer Fx2::standardRequest(const Setup &setup, std::span<uint8_t> data) {
+    return takenOver ? programRequest(setup, data) : BootDevice::standardRequest(setup, data);
+}
+
+Answer Fx2::memoryRequest(const Setup &setup, std::span<uint8_t> data) {
+    if (setup.index != 0)
+        return Answer::stall();
+    if (!setup.isIn() && setup.value == kCpuControl && data.size() == 1) {
+        setCpu((data[0] & 1) == 0);
+        return Answer::done(1);
+    }
+    const size_t end = setup.value + data.size();
+    const auto here = memory.begin() + setup.value;
+    if (setup.isIn()) {
+        if (end > kMemorySize)
+            return Answer::stall();
+        std::copy_n(here, data.size(), data.begin());
+        return Answer::done(data.size());
+    }
+    if (running || end > kOwnMemory)
+        return Answer::stall();
+    std::copy(data.begin(), data.end(), here);
+    return Answer::done(data.size());
+}
+
+void Fx2::setCpu(bool released) {
+    if (released == running)
+        return;
+    running = released;
+    if (!released)
+        return;
+    processor.reset();
+    run(kInMoment);
+    goOnLater();
+}
+
+// Until the request in hand, if there is one, was answered.
+void Fx2::run(int instructions) {
+    for (; instructions > 0 && running && !(dealing != nullptr && dealing->answer); --instructions)
+        processor.step();
+}
+
+void Fx2::goOnLater() {
+    if (!std::exchange(continues, true))
+        port().after(kMoment, [this]() {
+            continues = false;
+            run(kInMoment);
+            if (running && disconnected)
+                goOnLater();
+        });
+}
+
+Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
+    Dealing request{packet.isIn(), data, 0, std::nullopt};
+    dealing = &request;
+    setup(packet);
+    run(kInstructions);
+    dealing = nullptr;
+    goOnLater();
+    return request.answer.value_or(Answer::wait());
+}
+
+void Fx2::setup(const Setup &packet) {
+    const std::array<uint8_t, 8> bytes{
+        packet.requestType,
+        packet.request,
+        static_cast<uint8_t>(packet.value),
+        static_cast<uint8_t>(packet.value >> 8),
+        static_cast<uint8_t>(packet.index),
+        static_cast<uint8_t>(packet.index >> 8),
+        static_cast<uint8_t>(packet.length),
+        static_cast<uint8_t>(packet.length >> 8),
+    };
+    std::copy(bytes.begin(), bytes.end(), memory.begin() + kSetupPacket);
+    memory[kEndpointState] = kAcknowledge; // which the program has to write again
+    memory[kInterrupts] |= kSetupCame;
+}
+
+uint8_t Fx2::read(uint16_t address) {
+    return memory[address];
+}
+
+void Fx2::write(uint16_t address, uint8_t value) {
+    switch (address) {
+    case kInterrupts:
+        memory[kInterrupts] &= static_cast<uint8_t>(~value);
+        break;
+    case kUsbControl:
+        writeUsbControl(value);
+        break;
+    case kCountLow:
+        armEndpoint(value);
+        break;
+    case kEndpointState:
+        if (dealing != nullptr && (value & (kStall | kAcknowledge)) != 0)
+            dealing->answer =
+                (value & kStall) != 0 ? Answer::stall() : Answer::done(dealing->moved);
+        break;
+    default:
+        memory[address] = value;
+        break;
+    }
+}
+
+void Fx2::writeUsbControl(uint8_t value) {
+    memory[kUsbControl] = value;
+    takenOver = (value & kTakenOver) != 0;
+    const bool before = std::exchange(disconnected, (value & kDisconnected) != 0);
+    if (disconnected && !before)
+        port().unplug(std::nullopt);
+    if (before && !disconnected) {
+        running = false;
+        start(memory);
+    }
+}
+
+// Lets the next packet in, or sends one.
+void Fx2::armEndpoint(uint8_t count) {
+    if (dealing == nullptr)
+        return;
+    const std::span<uint8_t> left = dealing->data.subspan(dealing->moved);
+    const size_t length =
+        std::min({left.size(), kPacketSize, dealing->in ? size_t{count} : kPacketSize});
+    const auto buffer = memory.begin() + kEndpointBuffer;
+    if (dealing->in)
+        std::copy_n(buffer, length, left.begin());
+    else
+        std::copy_n(left.begin(), length, buffer);
+    dealing->moved += length;
+    memory[kCountLow] = static_cast<uint8_t>(length);
+}
+
+} // namespace sim

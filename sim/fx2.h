@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "boot_device.h"
+#include "mcs51.h"
+
+namespace sim {
+
+// A bare Cypress EZ-USB FX2 that executes what is loaded into it.
+class Fx2 final : public BootDevice, private Mcs51::Bus {
+public:
+    Fx2(DeviceShape shape, const Steering &steering);
+
+    void plugged(Port &newPort) override;
+
+private:
+    Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
+    Answer standardRequest(const Setup &setup, std::span<uint8_t> data) override;
+
+    uint8_t read(uint16_t address) override;
+    void write(uint16_t address, uint8_t value) override;
+
+    Answer memoryRequest(const Setup &setup, std::span<uint8_t> data);
+    void setCpu(bool released);
+    Answer programRequest(const Setup &setup, std::span<uint8_t> data);
+    void setup(const Setup &packet);
+    void writeUsbControl(uint8_t value);
+    void armEndpoint(uint8_t count);
+    void run(int instructions);
+    void goOnLater();
+
+    // The control request that the program is dealing with.
+    struct Dealing {
+        bool in;
+        std::span<uint8_t> data;
+        size_t moved;
+        std::optional<Answer> answer;
+    };
+
+    std::vector<uint8_t> memory;
+    Mcs51 processor;
+    bool running = false;
+    bool takenOver = false; // requests go to the program
+    bool disconnected = false;
+    bool continues = false; // in a moment
+    Dealing *dealing = nullptr;
+};
+
+} // namespace sim

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "boot_device.h"
+
+namespace sim {
+
+// The boot loader of a Cypress EZ-USB FX3.
+class Fx3 final : public BootDevice {
+public:
+    using BootDevice::BootDevice;
+
+    void plugged(Port &newPort) override;
+
+private:
+    struct Memory {
+        uint32_t base;
+        Bytes bytes;
+        bool written = false;
+    };
+
+    Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
+    Answer jump(uint32_t address);
+    Memory *find(uint32_t address, size_t length);
+
+    std::vector<Memory> memories;
+};
+
+} // namespace sim

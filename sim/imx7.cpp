@@ -1,0 +1,207 @@
+#include "imx7.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+#include <utility>
+
+namespace sim {
+
+/*
+ * The Serial Download Protocol over HID reports.  Each command is answered with report 3, the
+ * security mode, and report 4, a status.  The ROM reaches the on-chip memory and enters what has an
+ * image vector table that names its own address; the loader, once the memory controller is set up,
+ * reaches all of it and enters what has a boot-image header.  Everything else gets an error status.
+ */
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint8_t kReportEndpoint = 0x81;
+constexpr uint8_t kSetReport = 9;
+constexpr uint8_t kClassInterface = 0x21;
+constexpr uint16_t kCommandReport = 0x0201;
+constexpr uint16_t kDataReport = 0x0202;
+constexpr size_t kCommandSize = 17;
+constexpr size_t kMostData = 1025;
+
+enum Command : uint16_t { kErrorStatus = 0x0505, kWriteFile = 0x0404, kJumpAddress = 0x0B0B };
+
+constexpr uint32_t kOpen = 0x56787856; // security mode
+constexpr uint32_t kNoError = 0xF0F0F0F0;
+constexpr uint32_t kDone = 0x88888888;
+constexpr uint32_t kWriteFailed = 0x33333333;
+constexpr uint32_t kEntryWrong = 0x00333333;
+
+uint32_t bigEndian(std::span<const uint8_t> bytes) {
+    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+uint32_t littleEndian(std::span<const uint8_t> bytes) {
+    return uint32_t{bytes[3]} << 24 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[1]} << 8 | bytes[0];
+}
+
+void putBigEndian(Bytes &to, uint32_t value) {
+    for (unsigned shift = 32; shift != 0; shift -= 8)
+        to.push_back(static_cast<uint8_t>(value >> (shift - 8)));
+}
+
+// Vendor-defined reports: 1 and 2 out (16 and 1024 bytes), 3 and 4 in (4 and 64 bytes).
+Bytes reportDescriptor() {
+    Bytes bytes{0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01};
+    const auto report = [&](uint8_t id, uint16_t count, uint8_t kind) {
+        const uint8_t item[] = {0x85,
+                                id,
+                                0x09,
+                                id,
+                                0x15,
+                                0x00,
+                                0x26,
+                                0xFF,
+                                0x00,
+                                0x75,
+                                0x08,
+                                0x96,
+                                static_cast<uint8_t>(count),
+                                static_cast<uint8_t>(count >> 8),
+                                kind,
+                                0x02};
+        bytes.insert(bytes.end(), std::begin(item), std::end(item));
+    };
+    constexpr uint8_t kOutput = 0x91;
+    constexpr uint8_t kInput = 0x81;
+    report(1, 16, kOutput);
+    report(2, 1024, kOutput);
+    report(3, 4, kInput);
+    report(4, 64, kInput);
+    bytes.push_back(0xC0);
+    return bytes;
+}
+
+DeviceShape asHid(DeviceShape shape) {
+    shape.interfaceClass = 3;
+    shape.endpoints = {{kReportEndpoint, EndpointType::Interrupt}};
+    shape.reportDescriptor = reportDescriptor();
+    const auto length = static_cast<uint8_t>(shape.reportDescriptor.size());
+    shape.classDescriptor = {9, 0x21, 0x10, 0x01, 0, 1, kReportDescriptor, length, 0};
+    return shape;
+}
+
+} // namespace
+
+Imx7::Imx7(DeviceShape shape, const Steering &steering, Stage ownStage, Bytes loaded)
+    : BootDevice(asHid(std::move(shape)), steering), stage(ownStage), earlier(std::move(loaded)) {}
+
+void Imx7::plugged(Port &newPort) {
+    BootDevice::plugged(newPort);
+    file.clear();
+    bytesLeft = 0;
+    reports.clear();
+}
+
+Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
+    if (setup.requestType != kClassInterface || setup.request != kSetReport || setup.index != 0 ||
+        report.empty() || report[0] != (setup.value & 0xFF))
+        return Answer::stall();
+    if (setup.value == kCommandReport && report.size() == kCommandSize && bytesLeft == 0)
+        return command(report);
+    if (setup.value == kDataReport && report.size() <= kMostData && bytesLeft != 0)
+        return data(report);
+    return Answer::stall();
+}
+
+Answer Imx7::command(std::span<const uint8_t> report) {
+    const uint32_t address = bigEndian(report.subspan(3));
+    const uint32_t count = bigEndian(report.subspan(8));
+    switch (report[1] << 8 | report[2]) {
+    case kErrorStatus:
+        answer(kNoError);
+        break;
+    case kWriteFile:
+        fileAddress = address;
+        file.clear();
+        bytesLeft = count;
+        if (count == 0)
+            writeEnded();
+        break;
+    case kJumpAddress:
+        jump(address);
+        break;
+    default:
+        return Answer::stall();
+    }
+    return Answer::done(report.size());
+}
+
+// Reports all have the same length; what is behind the file's end is dropped.
+Answer Imx7::data(std::span<const uint8_t> report) {
+    const auto bytes = report.subspan(1, std::min<size_t>(report.size() - 1, bytesLeft));
+    file.insert(file.end(), bytes.begin(), bytes.end());
+    bytesLeft -= static_cast<uint32_t>(bytes.size());
+    if (bytesLeft == 0)
+        writeEnded();
+    return Answer::done(report.size());
+}
+
+void Imx7::writeEnded() {
+    const bool good = isWritable(fileAddress, static_cast<uint32_t>(file.size()));
+    answer(good && !statusIsBad() ? kDone : kWriteFailed);
+}
+
+void Imx7::jump(uint32_t address) {
+    const bool good = hasEntry(address);
+    answer(good ? kDone : kEntryWrong);
+    if (good)
+        port().after(100ms, [this]() { startNext(); });
+}
+
+void Imx7::startNext() {
+    Bytes all = earlier;
+    all.insert(all.end(), file.begin(), file.end());
+    if (stage == Stage::Loader)
+        start(std::move(all));
+    else
+        startAs(std::make_unique<Imx7>(shape(), steering(), Stage::Loader, std::move(all)));
+}
+
+bool Imx7::isWritable(uint32_t address, uint32_t count) const {
+    const auto within = [&](uint64_t first, uint64_t end) {
+        return address >= first && uint64_t{address} + count <= end;
+    };
+    return within(0x00900000, 0x00980000) ||
+           (stage == Stage::Loader && within(0x80000000, 0x100000000));
+}
+
+bool Imx7::hasEntry(uint32_t address) const {
+    constexpr size_t kHeader = 24; // as much of either as is looked at
+    if (address < fileAddress || address - fileAddress + kHeader > file.size())
+        return false;
+    const auto header = std::span(file).subspan(address - fileAddress);
+    if (stage == Stage::Loader)
+        return bigEndian(header) == 0x27051956;
+    return header[0] == 0xD1 && littleEndian(header.subspan(20)) == address;
+}
+
+void Imx7::answer(uint32_t status) {
+    Bytes security{3};
+    putBigEndian(security, kOpen);
+    Bytes result{4};
+    putBigEndian(result, status);
+    result.resize(65);
+    reports.push_back(std::move(security));
+    reports.push_back(std::move(result));
+    port().wake({});
+}
+
+Answer Imx7::sendData(uint8_t endpoint, std::span<uint8_t> room) {
+    if (endpoint != kReportEndpoint)
+        return Answer::stall();
+    if (reports.empty())
+        return Answer::wait();
+    const Bytes report = std::move(reports.front());
+    reports.pop_front();
+    return sendBytes(report, room);
+}
+
+} // namespace sim

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <span>
+
+#include "boot_device.h"
+
+namespace sim {
+
+// An NXP i.MX7 in serial-download mode: its boot ROM, or the loader that the ROM has started.
+class Imx7 final : public BootDevice {
+public:
+    enum class Stage : uint8_t { Rom, Loader };
+
+    Imx7(DeviceShape shape, const Steering &steering, Stage ownStage = Stage::Rom,
+         Bytes loaded = {});
+
+    void plugged(Port &newPort) override;
+
+private:
+    Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
+    Answer sendData(uint8_t endpoint, std::span<uint8_t> room) override;
+
+    Answer command(std::span<const uint8_t> report);
+    Answer data(std::span<const uint8_t> bytes);
+    void writeEnded();
+    void jump(uint32_t address);
+    void startNext();
+    bool isWritable(uint32_t address, uint32_t count) const;
+    bool hasEntry(uint32_t address) const;
+    void answer(uint32_t status);
+
+    const Stage stage;
+    const Bytes earlier; // what the stages before were
+    uint32_t fileAddress = 0;
+    Bytes file;
+    uint32_t bytesLeft = 0;
+    std::deque<Bytes> reports; // to be sent
+};
+
+} // namespace sim

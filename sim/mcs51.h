@@ -1,0 +1,79 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace sim {
+
+// An 8051 processor without interrupts and timers.
+class Mcs51 {
+public:
+    // The memory outside the processor, for program and data alike.
+    class Bus {
+    public:
+        virtual ~Bus() = default;
+        virtual uint8_t read(uint16_t address) = 0;
+        virtual void write(uint16_t address, uint8_t value) = 0;
+    };
+
+    explicit Mcs51(Bus &memoryBus) : bus(memoryBus) {}
+
+    void reset();
+    // Executes one instruction.
+    void step();
+
+private:
+    enum SpecialRegister : uint8_t {
+        kStackPointer = 0x81,
+        kDataPointerLow = 0x82,
+        kDataPointerHigh = 0x83,
+        kProgramStatus = 0xD0,
+        kAccumulator = 0xE0,
+        kB = 0xF0,
+    };
+
+    uint8_t fetch() { return bus.read(programCounter++); }
+    uint16_t fetchWord();
+    void jumpIf(bool condition);
+
+    uint8_t &direct(uint8_t address) { return internal[address]; }
+    uint8_t &indirect(uint8_t address);
+    uint8_t &registerAt(unsigned number);
+    uint8_t &operand(uint8_t opcode);
+    uint8_t source(uint8_t opcode);
+    uint8_t &a() { return internal[kAccumulator]; }
+    uint16_t dataPointer() const;
+    void setDataPointer(uint16_t value);
+    bool bit(uint8_t address);
+    void setBit(uint8_t address, bool value);
+    bool carry() const;
+    void setCarry(bool value);
+    void setFlags(bool carryOut, bool halfCarry, bool overflow);
+
+    void push(uint8_t value);
+    uint8_t pop();
+    void call(uint16_t target);
+    void returnFromCall();
+
+    void add(uint8_t value, bool carryIn);
+    void subtract(uint8_t value);
+    void multiply();
+    void divide();
+    void decimalAdjust();
+    void rotate(uint8_t opcode);
+    void compareAndJump(uint8_t opcode);
+    void decrementAndJump(uint8_t opcode);
+    void pageJump(uint8_t opcode);
+    void operate(uint8_t opcode);
+    void operateOnAccumulator(uint8_t opcode);
+    void branchOrMove(uint8_t opcode);
+    void jumpOrBit(uint8_t opcode);
+    void logicOrPointer(uint8_t opcode);
+
+    Bus &bus;
+    uint16_t programCounter = 0;
+    std::array<uint8_t, 256> internal{}; // lower memory, and the special registers
+    std::array<uint8_t, 128> upper{};    // reached indirectly only
+};
+
+} // namespace sim

@@ -1,0 +1,145 @@
+#include "firmware_file.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "errors.h"
+#include "firmware/fx3_image.h"
+#include "firmware/hex_parser.h"
+#include "firmware/imx7_image.h"
+
+namespace tool {
+
+namespace {
+
+constexpr size_t kDfuSuffix = 16;
+
+[[noreturn]] void throwWrong(const std::string &path, const std::string &what,
+                             const std::string &hint) {
+    throw Error(Exit::DataWrong, fmt::format("{}: {}", path, what), hint);
+}
+
+Bytes readNonEmpty(const std::string &path) {
+    Bytes bytes = readInput(path);
+    if (bytes.empty())
+        throwWrong(path, "the file is empty", "");
+    return bytes;
+}
+
+// Finds the line that the parser refuses, which it does not tell.
+[[noreturn]] void throwBadLine(const std::string &path, std::string_view text) {
+    constexpr const char *kHint =
+        "A line of Intel HEX is ':', then pairs of hexadecimal digits: count, address (two), type, "
+        "data, checksum.";
+    for (size_t number = 1; !text.empty(); ++number) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        try {
+            vexausb::parseHexText(line);
+        } catch (const std::exception &error) {
+            const bool tells = *error.what() != '\0';
+            throwWrong(
+                path,
+                fmt::format("line {}: {}", number, tells ? error.what() : "Not a complete record"),
+                kHint);
+        }
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+    }
+    throwWrong(path, "not Intel HEX", kHint);
+}
+
+uint32_t reflectedCrc(std::span<const uint8_t> bytes) {
+    uint32_t crc = 0xFFFFFFFF;
+    for (const uint8_t byte : bytes) {
+        crc ^= byte;
+        for (int i = 0; i < 8; ++i)
+            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320U : 0U);
+    }
+    return crc;
+}
+
+// As DFU 1.1 has it: "UFD", the suffix's length, and a checksum over all before that.
+bool hasDfuSuffix(std::span<const uint8_t> bytes) {
+    if (bytes.size() < kDfuSuffix)
+        return false;
+    const auto end = bytes.last(8);
+    uint32_t stored = 0;
+    std::memcpy(&stored, &end[4], sizeof(stored));
+    return std::memcmp(end.data(), "UFD\x10", 4) == 0 &&
+           reflectedCrc(bytes.first(bytes.size() - sizeof(stored))) == stored;
+}
+
+Bytes readWithHeader(const std::string &path,
+                     std::optional<uint32_t> (*address)(std::span<const uint8_t>),
+                     const char *wanted) {
+    Bytes bytes = readNonEmpty(path);
+    if (!address(bytes))
+        throwWrong(path, "wrong header", wanted);
+    return bytes;
+}
+
+} // namespace
+
+vexausb::HexRecords readHexFile(const std::string &path) {
+    const Bytes bytes = readInput(path);
+    const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    vexausb::HexRecords records;
+    try {
+        records = vexausb::parseHexText(text);
+    } catch (const std::exception &) {
+        throwBadLine(path, text);
+    }
+    if (records.empty())
+        throwWrong(path, "there is no record in the file", "");
+    return records;
+}
+
+std::vector<uint32_t> readFx3Image(const std::string &path) {
+    constexpr const char *kHint = "An FX3 boot image is what the chip's tools make of a program: "
+                                  "sections in 32-bit words, the entry, a checksum.";
+    const Bytes bytes = readNonEmpty(path);
+    if (bytes.size() % sizeof(uint32_t) != 0)
+        throwWrong(path, "the size is not a multiple of four bytes", kHint);
+    std::vector<uint32_t> words(bytes.size() / sizeof(uint32_t));
+    std::memcpy(words.data(), bytes.data(), bytes.size());
+    vexausb::Fx3ImageWalk walk(words);
+    using Record = vexausb::Fx3ImageWalk::Record;
+    Record record = walk.next();
+    while (record == Record::Section)
+        record = walk.next();
+    if (record == Record::Broken)
+        throwWrong(path, "a section runs past the end of the file", kHint);
+    if (record == Record::End)
+        throwWrong(path, "there is no program entry", kHint);
+    if (!walk.checksumRight())
+        throwWrong(path, "Invalid checksum", kHint);
+    return words;
+}
+
+Bytes readDfuImage(const std::string &path) {
+    Bytes bytes = readNonEmpty(path);
+    if (hasDfuSuffix(bytes))
+        bytes.resize(bytes.size() - kDfuSuffix);
+    if (bytes.empty())
+        throwWrong(path, "there is nothing but a suffix in the file", "");
+    return bytes;
+}
+
+Bytes readSplImage(const std::string &path) {
+    return readWithHeader(path, vexausb::imx7SplAddress,
+                          "An SPL begins with an i.MX image vector table (0xD1) without device "
+                          "configuration data; for a U-Boot image say 'load uboot'.");
+}
+
+Bytes readUbootImage(const std::string &path) {
+    return readWithHeader(path, vexausb::imx7UbootAddress,
+                          "A U-Boot image begins with the magic number 27 05 19 56; for the "
+                          "loader before it say 'load spl'.");
+}
+
+} // namespace tool

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "bytes.h"
+#include "firmware/hex_record.h"
+
+namespace tool {
+
+// Read firmware files and check them; errors say what is wrong, and where.
+vexausb::HexRecords readHexFile(const std::string &path);
+std::vector<uint32_t> readFx3Image(const std::string &path);
+// Without the suffix that such files may have, which is not for the device.
+Bytes readDfuImage(const std::string &path);
+Bytes readSplImage(const std::string &path);
+Bytes readUbootImage(const std::string &path);
+
+} // namespace tool

@@ -1,0 +1,231 @@
+// The command load: boots a device from a file.
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "bytes.h"
+#include "changes.h"
+#include "commands.h"
+#include "device.h"
+#include "ending.h"
+#include "errors.h"
+#include "firmware/hex_convert.h"
+#include "firmware_file.h"
+#include "progress.h"
+
+namespace tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+struct LoadOptions {
+    std::string device;
+    std::string file;
+    double wait = 10;
+    bool renumerate = false;
+};
+
+// A firmware in memory, and how it gets into a device.
+struct Firmware {
+    uint64_t size;
+    std::function<int32_t(_vexa_usb_device *)> load;
+};
+
+Firmware fx2Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
+    const auto image =
+        std::make_shared<Bytes>(vexausb::hexRecordsToBinary(readHexFile(options.file)));
+    return {image->size(), [image, renumerate = options.renumerate](_vexa_usb_device *device) {
+                const int32_t status =
+                    vexa_usb_fx2_load_firmware(device, image->data(), image->size());
+                return status == VEXA_USB_STATUS_SUCCESS && renumerate
+                           ? vexa_usb_fx2_renumerate(device)
+                           : status;
+            }};
+}
+
+Firmware fx3Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
+    const auto image = std::make_shared<std::vector<uint32_t>>(readFx3Image(options.file));
+    return {image->size() * sizeof(uint32_t), [image](_vexa_usb_device *device) {
+                return vexa_usb_fx3_load_firmware(device, image->data(), image->size());
+            }};
+}
+
+int32_t dfuRequest(_vexa_usb_device *device, int32_t direction, uint8_t request, uint8_t *data,
+                   uint64_t size) {
+    return vexa_usb_control_transfer(device, direction, VEXA_USB_TYPE_CLASS,
+                                     VEXA_USB_RECIPIENT_INTERFACE, request, 0, 0, data, size);
+}
+
+// Brings the device out of an earlier download that failed; the load shows whether that worked.
+void makeDfuIdle(_vexa_usb_device *device) {
+    constexpr uint8_t kGetStatus = 3;
+    constexpr uint8_t kClearStatus = 4;
+    constexpr uint8_t kAbort = 6;
+    constexpr uint8_t kIdle = 2;
+    constexpr uint8_t kError = 10;
+    std::array<uint8_t, 6> status{};
+    if (dfuRequest(device, VEXA_USB_DIRECTION_IN, kGetStatus, status.data(), status.size()) !=
+            VEXA_USB_STATUS_SUCCESS ||
+        status[4] == kIdle)
+        return;
+    dfuRequest(device, VEXA_USB_DIRECTION_OUT, status[4] == kError ? kClearStatus : kAbort, nullptr,
+               0);
+}
+
+Firmware dfuFirmware(const LoadOptions &options, const CommonOptions &common) {
+    const auto image = std::make_shared<Bytes>(readDfuImage(options.file));
+    return {image->size(), [image, forced = common.progress](_vexa_usb_device *device) {
+                makeDfuIdle(device);
+                Progress progress(forced, image->size(), std::nullopt);
+                struct Shown {
+                    Progress &progress;
+                    double size;
+                } shown{progress, static_cast<double>(image->size())};
+                return vexa_usb_dfu_download(
+                    device, image->data(), image->size(),
+                    [](void *data, double done) {
+                        const auto &to = *static_cast<Shown *>(data);
+                        to.progress.update(static_cast<uint64_t>(done * to.size));
+                    },
+                    &shown);
+            }};
+}
+
+Firmware imx7Firmware(Bytes bytes, int32_t (*load)(_vexa_usb_device *, const uint8_t *, uint64_t)) {
+    const auto image = std::make_shared<Bytes>(std::move(bytes));
+    return {image->size(), [image, load](_vexa_usb_device *device) {
+                return load(device, image->data(), image->size());
+            }};
+}
+
+Firmware splFirmware(const LoadOptions &options, const CommonOptions & /*common*/) {
+    return imx7Firmware(readSplImage(options.file), vexa_usb_imx7_load_firmware_spl);
+}
+
+Firmware ubootFirmware(const LoadOptions &options, const CommonOptions & /*common*/) {
+    return imx7Firmware(readUbootImage(options.file), vexa_usb_imx7_load_firmware_uboot);
+}
+
+// The next device that comes after the one loaded has left; nothing when that takes too long.
+std::optional<ListChange> waitForReturn(ListChanges &changes, uint64_t id, Seconds atMost) {
+    const Clock::time_point begin = Clock::now();
+    bool left = false;
+    while (Clock::now() - begin < atMost && !interrupted()) {
+        const auto change = changes.wait(kWaitStep);
+        if (!change)
+            continue;
+        if (change->type == VEXA_USB_DEVICE_LIST_EVENT_REMOVED)
+            left = left || change->id == id;
+        else if (left)
+            return change;
+    }
+    return std::nullopt;
+}
+
+void report(uint64_t size, Seconds time, const std::optional<ListChange> &now, bool json) {
+    if (json) {
+        nlohmann::json result{{"bytes", size}, {"seconds", time.count()}};
+        if (now)
+            result["device"] = {{"id", now->id},
+                                {"vendor", now->vendor},
+                                {"product", now->product},
+                                {"kind", kindText(now->vendor, now->product)}};
+        fmt::print("{}\n", result.dump());
+        return;
+    }
+    fmt::print("loaded {} in {:.2f} s\n", sizeText(size), time.count());
+    if (now)
+        fmt::print("it is device {} now: {}  {}\n", now->id,
+                   identifierText(now->vendor, now->product), kindText(now->vendor, now->product));
+}
+
+void load(const LoadOptions &options, const CommonOptions &common, const Firmware &firmware) {
+    const Library library;
+    catchInterrupts();
+    ListChanges changes;
+    Seconds time{};
+    uint64_t id = 0;
+    {
+        const Device device(options.device);
+        id = device.id();
+        const Clock::time_point begin = Clock::now();
+        const int32_t status = firmware.load(device.get());
+        time = Clock::now() - begin;
+        if (status != VEXA_USB_STATUS_SUCCESS)
+            throw Error(Exit::Failed,
+                        fmt::format("loading {}: {} ({})", options.file,
+                                    vexa_usb_get_status_str(status), status),
+                        "Check that it is the firmware for this device, which 'vexa-usb list' "
+                        "shows; plug the device in again if the next load fails, too.");
+    }
+    std::optional<ListChange> now;
+    if (options.wait > 0) {
+        now = waitForReturn(changes, id, Seconds(options.wait));
+        if (!now)
+            throw Error(Exit::Timeout,
+                        fmt::format("loaded, but no supported device has come back within {} s",
+                                    options.wait),
+                        "'lsusb' shows what the device is now. An FX2's firmware may wait to be "
+                        "told so (--renumerate); --wait 0 does not wait.");
+    }
+    report(firmware.size, time, now, common.json);
+}
+
+struct LoadKind {
+    const char *name;
+    const char *help;
+    Firmware (*read)(const LoadOptions &, const CommonOptions &);
+};
+
+constexpr std::array kKinds{
+    LoadKind{"fx2", "Cypress EZ-USB FX2, from an Intel HEX file", fx2Firmware},
+    LoadKind{"fx3", "Cypress FX3, from a boot image", fx3Firmware},
+    LoadKind{"dfu", "Device in DFU mode, from a binary file, with or without a DFU suffix",
+             dfuFirmware},
+    LoadKind{"spl", "NXP i.MX7, the first loader, from a file with an image vector table",
+             splFirmware},
+    LoadKind{"uboot", "NXP i.MX7 that runs the first loader, from a U-Boot image", ubootFirmware},
+};
+
+} // namespace
+
+void addLoadCommand(CLI::App &app, CommonOptions &common) {
+    CLI::App *command = app.add_subcommand("load", "Boot a device from a firmware file");
+    command->require_subcommand(1);
+    command->footer("Checks the file, loads it, waits until the device has come back under its new "
+                    "identity,\nand says which.\n\n"
+                    "Examples:\n"
+                    "  vexa-usb load fx2 04b4:8613 firmware.hex\n"
+                    "  vexa-usb load dfu 5658:0df0 firmware.dfu");
+    for (const LoadKind &kind : kKinds) {
+        CLI::App *each = command->add_subcommand(kind.name, kind.help);
+        const auto options = std::make_shared<LoadOptions>();
+        each->add_option("DEVICE", options->device, "The device: its id or VENDOR:PRODUCT")
+            ->required();
+        each->add_option("FILE", options->file, "The firmware; - is standard input")->required();
+        each->add_option("-w,--wait", options->wait,
+                         "Wait so many seconds at most for the device to come back; 0: not at all")
+            ->check(CLI::NonNegativeNumber)
+            ->capture_default_str();
+        if (kind.read == fx2Firmware)
+            each->add_flag("--renumerate", options->renumerate,
+                           "Tell the firmware to leave the bus and come back");
+        if (kind.read == dfuFirmware)
+            each->add_flag("--progress", common.progress,
+                           "Show the progress also when not on a terminal");
+        addJsonOption(*each, common);
+        each->callback(
+            [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });
+    }
+}
+
+} // namespace tool
