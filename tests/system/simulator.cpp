@@ -1,6 +1,5 @@
 #include "simulator.h"
 
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -64,26 +63,40 @@ Simulator::~Simulator() {
                      static_cast<unsigned>(status));
         std::abort();
     }
-    std::string command = "for i in $(seq 300); do lsusb -d ";
-    std::array<char, 8> vendor{};
-    std::snprintf(vendor.data(), vendor.size(), "%04x:", VEXA_USB_VENDOR_ID);
-    command += std::string(vendor.data()) + " >/dev/null || exit 0; sleep 0.02; done; exit 1";
-    if (std::system(command.c_str()) != 0) // NOLINT(bugprone-command-processor)
+    constexpr const char *kWait =
+        "for i in $(seq 300); do lsusb | grep -qv 'ID 1d6b:' || exit 0; sleep 0.02; done; exit 1";
+    if (std::system(kWait) != 0) // NOLINT(bugprone-command-processor)
         std::abort();
 }
 
-std::vector<uint64_t> listedIds(bool update) {
-    if (update)
-        vexa_usb_update_device_list();
+namespace {
+
+std::vector<uint64_t> idsOf(bool (*wanted)(const _vexa_usb_device_list_item &)) {
     _vexa_usb_device_list_item **list = nullptr;
     uint64_t count = 0;
     std::vector<uint64_t> ids;
     if (vexa_usb_get_device_list(&list, &count) != VEXA_USB_STATUS_SUCCESS)
         return ids;
-    for (uint64_t i = 0; i < count; ++i)
-        ids.push_back(list[i]->id);
+    for (uint64_t i = 0; i < count; ++i) {
+        if (wanted(*list[i]))
+            ids.push_back(list[i]->id);
+    }
     vexa_usb_free_device_list(list);
     return ids;
+}
+
+} // namespace
+
+std::vector<uint64_t> listedIds(bool update) {
+    if (update)
+        vexa_usb_update_device_list();
+    return idsOf([](const _vexa_usb_device_list_item &) { return true; });
+}
+
+std::vector<uint64_t> listedInstruments() {
+    return idsOf([](const _vexa_usb_device_list_item &item) {
+        return item.vendor_id == VEXA_USB_VENDOR_ID && item.product_id == 0x0001;
+    });
 }
 
 _vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,

@@ -25,6 +25,8 @@ private:
 
 // The ids of the listed devices, after an update.
 std::vector<uint64_t> listedIds(bool update = true);
+// Those that are instruments, as the list has them now.
+std::vector<uint64_t> listedInstruments();
 
 // Opens the listed device with that id; null when that fails, with the status in `status`.
 _vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,
