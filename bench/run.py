@@ -5,11 +5,14 @@
                                  a bare libusb loop and against blocking reads
   run.py events BUILD ROUNDS     inside the virtual machine: the event pipe against a bare libusb
                                  loop that calls a function directly
+  run.py loaders BUILD ROUNDS    inside the virtual machine: whole loads against dfu-util and imx_usb
+  run.py hex BUILD ROUNDS        whole conversions of Intel HEX against srec_cat and objcopy
   run.py instructions BUILD      under callgrind: instructions and allocations per transfer,
                                  per event, and per change of the device list
 
 Exit status 1 when a figure misses its target.
 """
+import contextlib
 import os
 import re
 import statistics
@@ -47,7 +50,8 @@ class Simulator:
         self.process = subprocess.Popen([f"{build}/vexa-usb-sim", "--attach", *devices],
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         for _ in range(300):
-            if subprocess.run(["lsusb", "-d", f"{vendor(build)}:"], stdout=subprocess.DEVNULL).returncode == 0:
+            if "ID 1d6b:" not in subprocess.run(["lsusb"], capture_output=True, text=True).stdout \
+                    .splitlines()[-1]:
                 break
             time.sleep(0.05)
 
@@ -137,11 +141,95 @@ def events(build, rounds):
     show("  events/s, library / bare", median["library"][0] / median["bare"][0], 0.8, True)
 
 
+def timed(command):
+    begin = time.monotonic()
+    result = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return time.monotonic() - begin, result.returncode
+
+
+def in_turns(rounds, commands, around):
+    """Medians of each command's time; `around` gives the context to run each in."""
+    times = {name: [] for name in commands}
+    for _ in range(rounds):
+        for name, command in commands.items():
+            with around():
+                seconds, status = timed(command)
+            if status != 0 and name != "imx_usb":  # which fails after the jump, as always
+                raise SystemExit(f"{name} failed with {status}")
+            times[name].append(seconds)
+    return {name: statistics.median(values) for name, values in times.items()}
+
+
+def loaders(build, rounds):
+    tool = f"{build}/vexa-usb"
+    with tempfile.TemporaryDirectory() as directory:
+        image = f"{directory}/image"
+        with open(image, "wb") as file:
+            file.write(os.urandom(2 << 20))
+        device = f"{vendor(build)}:0df0"
+        median = in_turns(rounds, {
+            "vexa-usb": [tool, "load", "dfu", "--wait", "0", device, image],
+            "dfu-util": ["dfu-util", "-d", device, "-D", image],
+        }, lambda: Simulator(build, "dfu,linger=1500"))
+        print(f"DFU download of 2 MiB, whole process, medians of {rounds} rounds in turns:")
+        for name, seconds in median.items():
+            show(f"  {name}: seconds", seconds)
+        show("  vexa-usb / dfu-util", median["vexa-usb"] / median["dfu-util"], 1.0)
+        show("  vexa-usb / (dfu-util less the second that it sleeps at the end)",
+             median["vexa-usb"] / (median["dfu-util"] - 1), 1.0)
+        subprocess.run([f"{os.path.dirname(__file__)}/../tests/system/imx7_image.py", image,
+                        str(400 << 10)], check=True)
+        median = in_turns(rounds, {
+            "vexa-usb": [tool, "load", "spl", "--wait", "0", "15a2:0076", image],
+            "imx_usb": ["imx_usb", image],
+        }, lambda: Simulator(build, "imx7"))
+        print(f"i.MX7 load of 400 KiB, whole process, medians of {rounds} rounds in turns:")
+        for name, seconds in median.items():
+            show(f"  {name}: seconds", seconds)
+        show("  vexa-usb / imx_usb", median["vexa-usb"] / median["imx_usb"], 1.0)
+
+
+def hex_text(size):
+    """Intel HEX of ascending addresses, in lines of 16 bytes."""
+    lines = []
+    length = address = 0
+    while length < size:
+        if address % 0x10000 == 0:
+            base = address >> 16
+            lines.append(f":02000004{base:04X}{-(6 + (base >> 8) + base) & 0xFF:02X}")
+        data = os.urandom(16)
+        record = bytes([16, address >> 8 & 0xFF, address & 0xFF, 0]) + data
+        lines.append(f":{record.hex().upper()}{-sum(record) & 0xFF:02X}")
+        length += len(lines[-1]) + 1
+        address += 16
+    return "\n".join(lines + [":00000001FF", ""])
+
+
+def hexes(build, rounds):
+    # In memory, so that no disk is measured.
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as directory:
+        source, image = f"{directory}/source", f"{directory}/image"
+        text = hex_text(32 << 20)
+        with open(source, "w") as file:
+            file.write(text)
+        commands = {
+            "vexa-usb": [f"{build}/vexa-usb", "hex", source, "--image", f"{image}1"],
+            "objcopy": ["objcopy", "-I", "ihex", "-O", "binary", source, f"{image}2"],
+            "srec_cat": ["srec_cat", source, "-intel", "-o", f"{image}3", "-binary"],
+        }
+        median = in_turns(rounds, commands, contextlib.nullcontext)
+        contents = {open(f"{image}{number}", "rb").read() for number in (1, 2, 3)}
+        if len(contents) != 1:
+            raise SystemExit("the images differ")
+    print(f"Intel HEX of 32 MiB to a flat image, whole process, medians of {rounds} rounds in turns:")
+    for name, seconds in median.items():
+        show(f"  {name}: MB/s", len(text) / 1e6 / seconds)
+    show("  vexa-usb / srec_cat", median["srec_cat"] / median["vexa-usb"], 10, True)
+    show("  vexa-usb / objcopy", median["objcopy"] / median["vexa-usb"], 1, True)
+
+
 if __name__ == "__main__":
-    if sys.argv[1] == "stream":
-        stream(sys.argv[2], int(sys.argv[3]))
-    elif sys.argv[1] == "events":
-        events(sys.argv[2], int(sys.argv[3]))
-    else:
-        instructions(sys.argv[2])
+    measurements = {"stream": stream, "events": events, "loaders": loaders, "hex": hexes,
+                    "instructions": instructions}
+    measurements[sys.argv[1]](sys.argv[2], *map(int, sys.argv[3:]))
     sys.exit(1 if missed else 0)

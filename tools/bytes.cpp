@@ -4,10 +4,12 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <utility>
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "errors.h"
@@ -21,6 +23,12 @@ constexpr size_t kDumpWidth = 16;
 
 bool isStandard(const std::string &path) {
     return path == "-";
+}
+
+// A file, or nothing yet; not a device or a pipe.
+bool isReplaceable(const std::string &path) {
+    struct stat status {};
+    return !isStandard(path) && (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode));
 }
 
 std::string dumpLine(size_t offset, std::span<const uint8_t> bytes) {
@@ -66,38 +74,55 @@ std::string hexDump(std::span<const uint8_t> bytes) {
     return text;
 }
 
-Bytes readInput(const std::string &path) {
-    const int descriptor =
-        isStandard(path) ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+Input::Input(const std::string &path)
+    : name(isStandard(path) ? "standard input" : path),
+      descriptor(isStandard(path) ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     if (descriptor < 0)
-        throwSystemError("cannot read " + path);
-    Bytes bytes;
+        throwSystemError("cannot read " + name);
+}
+
+Input::~Input() {
+    ::close(descriptor);
+}
+
+size_t Input::read(std::span<uint8_t> room) {
     ssize_t count = 0;
     do {
+        count = ::read(descriptor, room.data(), room.size());
+    } while (count < 0 && errno == EINTR);
+    if (count < 0)
+        throwSystemError("cannot read " + name);
+    return static_cast<size_t>(count);
+}
+
+Bytes readInput(const std::string &path) {
+    Input input(path);
+    Bytes bytes;
+    for (size_t count = 1; count != 0;) {
         const size_t before = bytes.size();
         bytes.resize(before + kReadPiece);
-        count = ::read(descriptor, &bytes[before], kReadPiece);
-        bytes.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    } while (count > 0);
-    if (count < 0)
-        throwSystemError("cannot read " + path);
-    if (!isStandard(path))
-        ::close(descriptor);
+        count = input.read(std::span(bytes).subspan(before));
+        bytes.resize(before + count);
+    }
     return bytes;
 }
 
-Output::Output(const std::string &path)
+Output::Output(const std::string &path, Existing existing)
     : name(isStandard(path) ? "standard output" : path),
-      descriptor(isStandard(path)
-                     ? dup(STDOUT_FILENO)
-                     : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+      temporary(existing == Existing::Replace && isReplaceable(path) ? path + ".part" : ""),
+      descriptor(isStandard(path) ? dup(STDOUT_FILENO)
+                                  : open(temporary.empty() ? path.c_str() : temporary.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
     if (descriptor < 0)
         throwSystemError("cannot write " + name);
 }
 
 Output::~Output() {
-    if (descriptor >= 0)
-        ::close(descriptor);
+    if (descriptor < 0)
+        return;
+    ::close(descriptor);
+    if (!temporary.empty())
+        unlink(temporary.c_str());
 }
 
 void Output::write(std::span<const uint8_t> bytes) {
@@ -112,7 +137,8 @@ void Output::write(std::span<const uint8_t> bytes) {
 }
 
 void Output::close() {
-    if (::close(std::exchange(descriptor, -1)) != 0)
+    if (::close(std::exchange(descriptor, -1)) != 0 ||
+        (!temporary.empty() && std::rename(temporary.c_str(), name.c_str()) != 0))
         throwSystemError("cannot write " + name);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -15,13 +16,32 @@ std::string hexText(std::span<const uint8_t> bytes);
 // Sixteen bytes a line, with offsets and characters.
 std::string hexDump(std::span<const uint8_t> bytes);
 
-// All of a file; "-" is standard input.
+// Reads a file, or standard input for "-"; errors say which file and why.
+class Input {
+public:
+    explicit Input(const std::string &path);
+    ~Input();
+    Input(const Input &) = delete;
+    Input &operator=(const Input &) = delete;
+
+    // Returns how much was read; 0 at the end.
+    size_t read(std::span<uint8_t> room);
+
+private:
+    const std::string name;
+    const int descriptor;
+};
+
+// All of a file.
 Bytes readInput(const std::string &path);
 
 // Writes to a file, or to standard output for "-"; errors say which file and why.
 class Output {
 public:
-    explicit Output(const std::string &path);
+    // An existing file is emptied at once, or is replaced only when all has been written.
+    enum class Existing : uint8_t { Overwrite, Replace };
+
+    explicit Output(const std::string &path, Existing existing = Existing::Overwrite);
     ~Output();
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
@@ -32,6 +52,7 @@ public:
 
 private:
     const std::string name;
+    const std::string temporary; // what is renamed in the end; empty: nothing
     int descriptor;
 };
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -19,6 +20,7 @@ namespace tool {
 namespace {
 
 constexpr size_t kDfuSuffix = 16;
+constexpr size_t kHexPiece = 1U << 16; // what stays in the processor's caches is quickest
 
 [[noreturn]] void throwWrong(const std::string &path, const std::string &what,
                              const std::string &hint) {
@@ -32,25 +34,57 @@ Bytes readNonEmpty(const std::string &path) {
     return bytes;
 }
 
-// Finds the line that the parser refuses, which it does not tell.
-[[noreturn]] void throwBadLine(const std::string &path, std::string_view text) {
-    constexpr const char *kHint =
-        "A line of Intel HEX is ':', then pairs of hexadecimal digits: count, address (two), type, "
-        "data, checksum.";
-    for (size_t number = 1; !text.empty(); ++number) {
-        const std::string_view line = text.substr(0, text.find('\n'));
-        try {
-            vexausb::parseHexText(line);
-        } catch (const std::exception &error) {
-            const bool tells = *error.what() != '\0';
-            throwWrong(
-                path,
-                fmt::format("line {}: {}", number, tells ? error.what() : "Not a complete record"),
-                kHint);
+constexpr const char *kHexHint =
+    "A line of Intel HEX is ':', then pairs of hexadecimal digits: count, address (two), type, "
+    "data, checksum.";
+
+// Whole lines of a file, a piece at a time.
+class HexPieces {
+public:
+    explicit HexPieces(const std::string &path) : input(path) {}
+
+    // Empty at the end.
+    std::string_view next();
+
+private:
+    Input input;
+    Bytes buffer;
+    size_t begin = 0; // of what was not given yet
+    size_t end = 0;
+};
+
+std::string_view HexPieces::next() {
+    for (;;) {
+        const std::string_view here(reinterpret_cast<const char *>(buffer.data()) + begin,
+                                    end - begin);
+        const size_t whole = here.rfind('\n');
+        if (whole != std::string_view::npos) {
+            begin += whole + 1;
+            return here.substr(0, whole + 1);
         }
-        text.remove_prefix(std::min(text.size(), line.size() + 1));
+        std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(begin),
+                  buffer.begin() + static_cast<std::ptrdiff_t>(end), buffer.begin());
+        end -= std::exchange(begin, 0);
+        if (buffer.size() - end < kHexPiece)
+            buffer.resize(end + kHexPiece);
+        const size_t count = input.read(std::span(buffer).subspan(end));
+        end += count;
+        if (count == 0)
+            return {reinterpret_cast<const char *>(buffer.data()), std::exchange(end, 0)};
     }
-    throwWrong(path, "not Intel HEX", kHint);
+}
+
+std::optional<vexausb::HexRecordView> nextRecord(vexausb::HexTextReader &reader,
+                                                 const std::string &path, size_t linesBefore) {
+    try {
+        return reader.next();
+    } catch (const std::exception &error) {
+        const bool tells = *error.what() != '\0';
+        throwWrong(path,
+                   fmt::format("line {}: {}", linesBefore + reader.line(),
+                               tells ? error.what() : "Not a complete record"),
+                   kHexHint);
+    }
 }
 
 uint32_t reflectedCrc(std::span<const uint8_t> bytes) {
@@ -85,18 +119,21 @@ Bytes readWithHeader(const std::string &path,
 
 } // namespace
 
-vexausb::HexRecords readHexFile(const std::string &path) {
-    const Bytes bytes = readInput(path);
-    const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-    vexausb::HexRecords records;
-    try {
-        records = vexausb::parseHexText(text);
-    } catch (const std::exception &) {
-        throwBadLine(path, text);
+void readHexFile(const std::string &path,
+                 const std::function<void(const vexausb::HexRecordView &)> &take) {
+    HexPieces pieces(path);
+    size_t lines = 0;
+    bool any = false;
+    for (std::string_view text = pieces.next(); !text.empty(); text = pieces.next()) {
+        vexausb::HexTextReader reader(text);
+        while (const auto record = nextRecord(reader, path, lines)) {
+            take(*record);
+            any = true;
+        }
+        lines += reader.line() - 1; // what is behind its last line goes on in the next piece
     }
-    if (records.empty())
-        throwWrong(path, "there is no record in the file", "");
-    return records;
+    if (!any)
+        throwWrong(path, "there is no record in the file", kHexHint);
 }
 
 std::vector<uint32_t> readFx3Image(const std::string &path) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,10 @@
 namespace tool {
 
 // Read firmware files and check them; errors say what is wrong, and where.
-vexausb::HexRecords readHexFile(const std::string &path);
+
+// Gives the records of an Intel HEX file one after the other.
+void readHexFile(const std::string &path,
+                 const std::function<void(const vexausb::HexRecordView &)> &take);
 std::vector<uint32_t> readFx3Image(const std::string &path);
 // Without the suffix that such files may have, which is not for the device.
 Bytes readDfuImage(const std::string &path);

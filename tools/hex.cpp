@@ -1,7 +1,11 @@
 // The command hex: checks Intel HEX files and converts them.
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
+#include <optional>
+#include <span>
+#include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -19,6 +23,7 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kMostImage = 1U << 30;
+constexpr size_t kPiece = 1U << 16;
 
 struct HexOptions {
     std::string file;
@@ -32,111 +37,161 @@ struct Segment {
     uint64_t size;
 };
 
-struct Contents {
-    std::vector<Segment> segments;
-    uint64_t bytes = 0;
-    uint64_t end = 0;      // of the memory
-    bool ascends = true;   // no record begins before the end of another
-    bool ended = false;    // by an End Of File record
-    bool hasStart = false; // of the program, which a flat image has no place for
+// Writes a file in pieces that are worth a system call; the file is there only when all is.
+class PieceWriter {
+public:
+    explicit PieceWriter(const std::string &path) : output(path, Output::Existing::Replace) {}
+
+    Bytes piece;
+
+    void flushWhenFull() {
+        if (piece.size() >= kPiece)
+            flush();
+    }
+    void close() {
+        flush();
+        output.close();
+    }
+
+private:
+    void flush() {
+        output.write(piece);
+        piece.clear();
+    }
+
+    Output output;
 };
 
-uint64_t baseOf(const vexausb::HexRecord &record) {
-    if (record.data.size() < 2)
-        throw Error(Exit::DataWrong, "an extended address has less than two bytes", "");
-    const unsigned value = record.data[0] << 8U | record.data[1];
-    return uint64_t{value} << (record.type == vexausb::kHexExtendedSegmentAddress ? 4 : 16);
+// What a file holds, and what it is converted to, as its records come.
+class HexContents {
+public:
+    explicit HexContents(const HexOptions &options);
+
+    void take(const vexausb::HexRecordView &record);
+    void closeFiles();
+    void report(bool json, FILE *to) const;
+
+private:
+    void takeData(const vexausb::HexRecordView &record);
+    void takeStart() const;
+    void addToImage(uint64_t address, std::span<const uint8_t> data);
+
+    std::optional<PieceWriter> binary;
+    std::optional<PieceWriter> image;
+    vexausb::HexAddress address;
+    std::vector<Segment> segments;
+    size_t recordCount = 0;
+    uint64_t bytes = 0;
+    uint64_t end = 0;   // of the memory
+    bool ended = false; // by an End Of File record
+};
+
+HexContents::HexContents(const HexOptions &options) {
+    if (!options.binary.empty())
+        binary.emplace(options.binary);
+    if (!options.image.empty())
+        image.emplace(options.image);
 }
 
-void addData(Contents &contents, uint64_t address, uint64_t size) {
+void HexContents::take(const vexausb::HexRecordView &record) {
+    ++recordCount;
+    if (binary) {
+        vexausb::appendHexRecord(binary->piece, record);
+        binary->flushWhenFull();
+    }
+    if (ended)
+        return;
+    switch (record.type) {
+    case vexausb::kHexData:
+        takeData(record);
+        break;
+    case vexausb::kHexEndOfFile:
+        ended = true;
+        break;
+    case vexausb::kHexExtendedSegmentAddress:
+    case vexausb::kHexExtendedLinearAddress:
+        if (record.data.size() < 2)
+            throw Error(Exit::DataWrong, "an extended address has less than two bytes");
+        address.extend(record);
+        break;
+    case vexausb::kHexStartSegmentAddress:
+    case vexausb::kHexStartLinearAddress:
+        takeStart();
+        break;
+    default:
+        throw Error(Exit::DataWrong, fmt::format("unknown record type {:#04x}", record.type));
+    }
+}
+
+void HexContents::takeData(const vexausb::HexRecordView &record) {
+    const uint64_t begin = address.of(record);
+    const uint64_t size = record.data.size();
     if (size == 0)
         return;
-    if (contents.segments.empty() ||
-        contents.segments.back().address + contents.segments.back().size != address)
-        contents.segments.push_back({address, 0});
-    contents.segments.back().size += size;
-    contents.bytes += size;
-    contents.ascends = contents.ascends && address >= contents.end;
-    contents.end = std::max(contents.end, address + size);
+    if (segments.empty() || segments.back().address + segments.back().size != begin)
+        segments.push_back({begin, 0});
+    segments.back().size += size;
+    bytes += size;
+    if (image)
+        addToImage(begin, record.data);
+    end = std::max(end, begin + size);
 }
 
-Contents examine(const vexausb::HexRecords &records) {
-    Contents contents;
-    uint64_t base = 0;
-    for (const vexausb::HexRecord &record : records) {
-        switch (record.type) {
-        case vexausb::kHexData:
-            addData(contents, base + record.address, record.data.size());
-            break;
-        case vexausb::kHexEndOfFile:
-            contents.ended = true;
-            return contents;
-        case vexausb::kHexExtendedSegmentAddress:
-        case vexausb::kHexExtendedLinearAddress:
-            base = baseOf(record);
-            break;
-        case vexausb::kHexStartSegmentAddress:
-        case vexausb::kHexStartLinearAddress:
-            contents.hasStart = true;
-            break;
-        default:
-            throw Error(Exit::DataWrong, fmt::format("unknown record type {:#04x}", record.type),
-                        "");
-        }
+void HexContents::addToImage(uint64_t begin, std::span<const uint8_t> data) {
+    if (begin < end)
+        throw Error(Exit::DataWrong,
+                    fmt::format("the records are not in ascending order: {:#x} comes late", begin),
+                    "Sort them first, for instance with objcopy or srec_cat.");
+    if (begin + data.size() > kMostImage)
+        throw Error(Exit::DataWrong,
+                    fmt::format("the image would reach up to {:#x}", begin + data.size()),
+                    "More than 1 GiB is hardly meant; --binary keeps the addresses.");
+    for (uint64_t gap = begin - end; gap != 0;) {
+        const uint64_t zeros = std::min<uint64_t>(gap, kPiece);
+        image->piece.insert(image->piece.end(), zeros, 0);
+        image->flushWhenFull();
+        gap -= zeros;
     }
-    return contents;
+    image->piece.insert(image->piece.end(), data.begin(), data.end());
+    image->flushWhenFull();
 }
 
-void write(const std::string &path, const Bytes &bytes) {
-    Output output(path);
-    output.write(bytes);
-    output.close();
-}
-
-Bytes flatImage(const vexausb::HexRecords &records, const Contents &contents) {
-    if (contents.hasStart)
+void HexContents::takeStart() const {
+    if (image)
         throw Error(Exit::DataWrong, "the file has a start address, which a flat image cannot hold",
                     "Have the tool that wrote it leave the start address out.");
-    if (!contents.ascends)
-        throw Error(Exit::DataWrong, "the records are not in ascending order",
-                    "Sort them first, for instance with objcopy or srec_cat.");
-    if (contents.end > kMostImage)
-        throw Error(
-            Exit::DataWrong,
-            fmt::format("the image would have {:#x} bytes, from address 0 on", contents.end),
-            "More than 1 GiB is hardly meant; --binary keeps the addresses.");
-    return vexausb::hexRecordsToImage(records);
 }
 
-void report(const Contents &contents, size_t records, bool json, FILE *to) {
+void HexContents::closeFiles() {
+    if (binary)
+        binary->close();
+    if (image)
+        image->close();
+}
+
+void HexContents::report(bool json, FILE *to) const {
     if (json) {
-        nlohmann::json segments = nlohmann::json::array();
-        for (const Segment &segment : contents.segments)
-            segments.push_back({{"address", segment.address}, {"size", segment.size}});
-        fmt::print(to, "{}\n",
-                   nlohmann::json{{"records", records},
-                                  {"bytes", contents.bytes},
-                                  {"end_of_file", contents.ended},
-                                  {"segments", segments}}
-                       .dump());
+        nlohmann::json rows = nlohmann::json::array();
+        for (const Segment &segment : segments)
+            rows.push_back({{"address", segment.address}, {"size", segment.size}});
+        const nlohmann::json result{
+            {"records", recordCount}, {"bytes", bytes}, {"end_of_file", ended}, {"segments", rows}};
+        fmt::print(to, "{}\n", result.dump());
         return;
     }
-    for (const Segment &segment : contents.segments)
+    for (const Segment &segment : segments)
         fmt::print(to, "{:#010x} to {:#010x}  {:>9} bytes\n", segment.address,
                    segment.address + segment.size - 1, segment.size);
-    fmt::print(to, "{} records, {} bytes in {} segments{}\n", records, contents.bytes,
-               contents.segments.size(), contents.ended ? "" : ", no End Of File record");
+    fmt::print(to, "{} records, {} bytes in {} segments{}\n", recordCount, bytes, segments.size(),
+               ended ? "" : ", no End Of File record");
 }
 
 void hex(const HexOptions &options, const CommonOptions &common) {
-    const vexausb::HexRecords records = readHexFile(options.file);
-    const Contents contents = examine(records);
-    if (!options.binary.empty())
-        write(options.binary, vexausb::hexRecordsToBinary(records));
-    if (!options.image.empty())
-        write(options.image, flatImage(records, contents));
+    HexContents contents(options);
+    readHexFile(options.file, [&](const vexausb::HexRecordView &record) { contents.take(record); });
+    contents.closeFiles();
     const bool dataOnStdout = options.binary == "-" || options.image == "-";
-    report(contents, records.size(), common.json, dataOnStdout ? stderr : stdout);
+    contents.report(common.json, dataOnStdout ? stderr : stdout);
 }
 
 } // namespace

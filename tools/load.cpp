@@ -41,8 +41,10 @@ struct Firmware {
 };
 
 Firmware fx2Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
-    const auto image =
-        std::make_shared<Bytes>(vexausb::hexRecordsToBinary(readHexFile(options.file)));
+    const auto image = std::make_shared<Bytes>();
+    readHexFile(options.file, [&](const vexausb::HexRecordView &record) {
+        vexausb::appendHexRecord(*image, record);
+    });
     return {image->size(), [image, renumerate = options.renumerate](_vexa_usb_device *device) {
                 const int32_t status =
                     vexa_usb_fx2_load_firmware(device, image->data(), image->size());

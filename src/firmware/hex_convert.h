@@ -1,14 +1,28 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "firmware/hex_record.h"
 
 namespace vexausb {
 
+void appendHexRecord(std::vector<uint8_t> &to, const HexRecordView &record);
 // The records as raw bytes, back to back, their checksums as they are.
 std::vector<uint8_t> hexRecordsToBinary(const HexRecords &records);
+
+// Where data records go, as of the extended addresses before them.
+class HexAddress {
+public:
+    // Takes an extended-address record of either kind.
+    void extend(const HexRecordView &record);
+    uint32_t of(const HexRecordView &record) const { return base + record.address; }
+
+private:
+    uint32_t base = 0;
+};
+
 // The memory from address 0 on, as of the records up to the End Of File record.
 std::vector<uint8_t> hexRecordsToImage(const HexRecords &records);
 

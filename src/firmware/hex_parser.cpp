@@ -1,13 +1,11 @@
 #include "firmware/hex_parser.h"
 
-#include <charconv>
+#include <array>
 #include <numeric>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "firmware/file_reader.h"
-#include "firmware/strings.h"
 
 namespace vexausb {
 
@@ -21,64 +19,138 @@ namespace vexausb {
  */
 namespace {
 
-constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 constexpr size_t kShortestLine = 11;
-constexpr size_t kFirstData = 9;        // in a line
-constexpr size_t kBinaryHeaderSize = 4; // count, address, type
-constexpr size_t kChecksumSize = 1;
 
 uint16_t addressOf(uint8_t high, uint8_t low) {
     return static_cast<uint16_t>(high << 8 | low);
 }
 
-// The record's bytes and its checksum add up to 0, modulo 256.
-void verifyChecksum(const HexRecord &record) {
-    const uint32_t fields = static_cast<uint32_t>(record.data.size()) + (record.address >> 8U) +
-                            (record.address & 0xFFU) + record.type + record.checksum;
-    if ((std::accumulate(record.data.begin(), record.data.end(), fields) & 0xFFU) != 0)
+// A record's bytes, its checksum among them, add up to 0, modulo 256.
+void verifySum(uint32_t sum) {
+    if ((sum & 0xFFU) != 0)
         throw std::runtime_error("Invalid checksum");
+}
+
+// What a character stands for in a pair; a bit far above marks what is no digit.
+constexpr uint16_t kNoDigit = 0x8000;
+
+constexpr std::array<uint16_t, 256> digitValues(int shift) {
+    std::array<uint16_t, 256> values{};
+    values.fill(kNoDigit);
+    for (size_t i = 0; i < 16; ++i) {
+        const auto value = static_cast<uint16_t>(i << shift);
+        values[static_cast<uint8_t>("0123456789ABCDEF"[i])] = value;
+        values[static_cast<uint8_t>("0123456789abcdef"[i])] = value;
+    }
+    return values;
+}
+
+constexpr std::array<uint16_t, 256> kHighDigits = digitValues(4);
+constexpr std::array<uint16_t, 256> kLowDigits = digitValues(0);
+
+unsigned pairAt(const char *pair) {
+    return static_cast<unsigned>(kHighDigits[static_cast<uint8_t>(pair[0])] |
+                                 kLowDigits[static_cast<uint8_t>(pair[1])]);
+}
+
+unsigned digitAt(std::string_view text, size_t position) {
+    return position < text.size() ? kLowDigits[static_cast<uint8_t>(text[position])] : kNoDigit;
 }
 
 // One digit counts as a number, too: files with such a pair are in use.
 uint8_t byteAt(std::string_view line, size_t position) {
     const std::string_view pair = line.substr(position, 2);
-    uint8_t value = 0;
-    if (std::from_chars(pair.data(), pair.data() + pair.size(), value, 16).ec != std::errc())
+    const unsigned first = digitAt(pair, 0);
+    const unsigned second = digitAt(pair, 1);
+    if (first == kNoDigit)
         throw std::runtime_error("");
-    return value;
+    return static_cast<uint8_t>(second == kNoDigit ? first : first << 4 | second);
 }
 
 std::string_view trimmedLine(std::string_view line) {
-    const size_t first = line.find_first_not_of(kWhiteSpace);
-    if (first == std::string_view::npos)
-        return {};
-    return line.substr(first, line.find_last_not_of(kWhiteSpace) + 1 - first);
+    const auto isWhiteSpace = [](char character) {
+        return character == ' ' || (character >= '\t' && character <= '\r');
+    };
+    while (!line.empty() && isWhiteSpace(line.back()))
+        line.remove_suffix(1);
+    while (!line.empty() && isWhiteSpace(line.front()))
+        line.remove_prefix(1);
+    return line;
 }
 
-HexRecord parseLine(std::string_view line) {
-    if (line.size() < kShortestLine || line.size() % 2 == 0)
-        throw std::runtime_error("");
-    if (line.front() != ':')
-        throw std::runtime_error("Hex record doesn't start with a colon");
-    const size_t count = byteAt(line, 1);
-    const uint16_t address = addressOf(byteAt(line, 3), byteAt(line, 5));
-    const uint8_t type = byteAt(line, 7);
-    std::vector<uint8_t> data(count);
-    for (size_t i = 0; i < count; ++i)
-        data[i] = byteAt(line, kFirstData + 2 * i);
-    HexRecord record(address, type, std::move(data), byteAt(line, line.size() - 2));
-    verifyChecksum(record);
-    return record;
+HexRecordView viewOf(const uint8_t *record) {
+    const uint8_t *const data = record + kHexHeaderSize;
+    return {addressOf(record[1], record[2]), record[3], {data, record[0]}, data[record[0]]};
+}
+
+HexRecord ownedRecord(const HexRecordView &view) {
+    return {view.address, view.type, {view.data.begin(), view.data.end()}, view.checksum};
 }
 
 } // namespace
 
+std::optional<HexRecordView> HexTextReader::next() {
+    while (rest) {
+        const size_t end = rest->find('\n');
+        const std::string_view text = trimmedLine(rest->substr(0, end));
+        ++lineNumber;
+        if (end == std::string_view::npos)
+            rest.reset();
+        else
+            rest->remove_prefix(end + 1);
+        if (!text.empty())
+            return parseLine(text);
+    }
+    return std::nullopt;
+}
+
+HexRecordView HexTextReader::parseLine(std::string_view text) {
+    if (text.size() < kShortestLine || text.size() % 2 == 0)
+        throw std::runtime_error("");
+    if (text.front() != ':')
+        throw std::runtime_error("Hex record doesn't start with a colon");
+    if (!decodeRegular(text))
+        decodeLeniently(text);
+    return viewOf(bytes.data());
+}
+
+// Nearly all lines: whole pairs, and as many as the count asks for.  False for others.
+bool HexTextReader::decodeRegular(std::string_view text) {
+    const size_t size = (text.size() - 1) / 2;
+    if (size > bytes.size())
+        return false;
+    unsigned all = 0;
+    unsigned sum = 0;
+    const char *pair = text.data() + 1;
+    for (size_t i = 0; i < size; ++i, pair += 2) {
+        const unsigned byte = pairAt(pair);
+        all |= byte;
+        sum += byte;
+        bytes[i] = static_cast<uint8_t>(byte);
+    }
+    if ((all & kNoDigit) != 0 || kHexHeaderSize + bytes[0] + kHexChecksumSize != size)
+        return false;
+    verifySum(sum);
+    return true;
+}
+
+// The checksum is at the end, whatever lies between it and the data.
+void HexTextReader::decodeLeniently(std::string_view text) {
+    const size_t beforeChecksum = kHexHeaderSize + byteAt(text, 1);
+    for (size_t i = 0; i < beforeChecksum; ++i)
+        bytes[i] = byteAt(text, 1 + 2 * i);
+    bytes[beforeChecksum] = byteAt(text, text.size() - 2);
+    verifySum(std::accumulate(bytes.data(), &bytes[beforeChecksum] + 1, 0U));
+}
+
+// Room is made for as many records as there would be if all lines were as long as the first.
 HexRecords parseHexText(std::string_view text) {
     HexRecords records;
-    for (const std::string_view piece : split(text, '\n')) {
-        const std::string_view line = trimmedLine(piece);
-        if (!line.empty())
-            records.push_back(parseLine(line));
+    HexTextReader reader(text);
+    while (const auto view = reader.next()) {
+        records.push_back(ownedRecord(*view));
+        if (records.size() == 1)
+            records.reserve(text.size() / (2 * view->data.size() + kShortestLine) + 1);
     }
     return records;
 }
@@ -92,13 +164,11 @@ HexRecords parseHexBinary(const uint8_t *data, size_t size) {
     for (size_t offset = 0; offset < size;) {
         const uint8_t *const record = data + offset;
         const size_t count = record[0];
-        const size_t recordSize = kBinaryHeaderSize + count + kChecksumSize;
+        const size_t recordSize = kHexHeaderSize + count + kHexChecksumSize;
         if (recordSize > size - offset)
             throw std::out_of_range("");
-        const uint8_t *const payload = record + kBinaryHeaderSize;
-        records.emplace_back(addressOf(record[1], record[2]), record[3],
-                             std::vector<uint8_t>(payload, payload + count), payload[count]);
-        verifyChecksum(records.back());
+        verifySum(std::accumulate(record, record + recordSize, 0U));
+        records.push_back(ownedRecord(viewOf(record)));
         offset += recordSize;
     }
     return records;

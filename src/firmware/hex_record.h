@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -15,6 +17,19 @@ enum HexRecordType : uint8_t {
     kHexStartLinearAddress = 0x05,
 };
 
+// In bytes: count, address (two), type, data, checksum.
+inline constexpr size_t kHexHeaderSize = 4;
+inline constexpr size_t kHexChecksumSize = 1;
+inline constexpr size_t kLongestHexRecord = kHexHeaderSize + UINT8_MAX + kHexChecksumSize;
+
+// A record whose data are somebody else's.
+struct HexRecordView {
+    uint16_t address;
+    uint8_t type;
+    std::span<const uint8_t> data;
+    uint8_t checksum;
+};
+
 // One record of Intel HEX as it was read; its type can be any number.
 struct HexRecord {
     HexRecord(uint16_t recordAddress, uint8_t recordType, std::vector<uint8_t> recordData,
@@ -23,6 +38,8 @@ struct HexRecord {
           type(recordType),
           data(std::move(recordData)),
           checksum(recordChecksum) {}
+
+    HexRecordView view() const { return {address, type, data, checksum}; }
 
     uint16_t address;
     uint8_t type;
