@@ -12,7 +12,6 @@
 
 Exit status 1 when a figure misses its target.
 """
-import contextlib
 import os
 import re
 import statistics
@@ -47,11 +46,12 @@ class Simulator:
     """The simulator with its devices plugged in."""
 
     def __init__(self, build, *devices):
+        self.output = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([f"{build}/vexa-usb-sim", "--attach", *devices],
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                        stdout=self.output, stderr=subprocess.DEVNULL)
         for _ in range(300):
-            if "ID 1d6b:" not in subprocess.run(["lsusb"], capture_output=True, text=True).stdout \
-                    .splitlines()[-1]:
+            found = subprocess.run(["lsusb"], capture_output=True, text=True).stdout.splitlines()
+            if any("ID 1d6b:" not in line for line in found):  # more than root hubs
                 break
             time.sleep(0.05)
 
@@ -61,6 +61,16 @@ class Simulator:
     def __exit__(self, *_):
         self.process.terminate()
         self.process.wait()
+
+    def load_time(self):
+        """The seconds from a bare device's first request to its firmware's start."""
+        for _ in range(100):
+            self.output.seek(0)
+            found = re.search(r"firmware, ([\d.]+) s", self.output.read())
+            if found:
+                return float(found[1])
+            time.sleep(0.05)
+        raise SystemExit("the firmware was not started")
 
 
 def stream(build, rounds):
@@ -147,17 +157,26 @@ def timed(command):
     return time.monotonic() - begin, result.returncode
 
 
-def in_turns(rounds, commands, around):
-    """Medians of each command's time; `around` gives the context to run each in."""
-    times = {name: [] for name in commands}
+def medians(times):
+    return {name: statistics.median(values) for name, values in times.items()}
+
+
+def load_in_turns(build, device, rounds, commands):
+    """Compares the first of the commands with the other: whole processes, and as the device sees
+    it, from its first request to the start of its firmware."""
+    processes = {name: [] for name in commands}
+    loads = {name: [] for name in commands}
     for _ in range(rounds):
         for name, command in commands.items():
-            with around():
-                seconds, status = timed(command)
-            if status != 0 and name != "imx_usb":  # which fails after the jump, as always
-                raise SystemExit(f"{name} failed with {status}")
-            times[name].append(seconds)
-    return {name: statistics.median(values) for name, values in times.items()}
+            with Simulator(build, device) as simulator:
+                processes[name].append(timed(command)[0])
+                loads[name].append(simulator.load_time())
+    (ours, theirs), process, load = commands, medians(processes), medians(loads)
+    for name in commands:
+        show(f"  {name}: seconds of the load", load[name])
+        show(f"  {name}: seconds of the process", process[name])
+    show(f"  load, {ours} / {theirs}", load[ours] / load[theirs], 1.0)
+    show(f"  process, {ours} / {theirs}", process[ours] / process[theirs], 1.0)
 
 
 def loaders(build, rounds):
@@ -167,26 +186,18 @@ def loaders(build, rounds):
         with open(image, "wb") as file:
             file.write(os.urandom(2 << 20))
         device = f"{vendor(build)}:0df0"
-        median = in_turns(rounds, {
+        print(f"DFU download of 2 MiB, medians of {rounds} rounds in turns:")
+        load_in_turns(build, "dfu,linger=1500", rounds, {
             "vexa-usb": [tool, "load", "dfu", "--wait", "0", device, image],
             "dfu-util": ["dfu-util", "-d", device, "-D", image],
-        }, lambda: Simulator(build, "dfu,linger=1500"))
-        print(f"DFU download of 2 MiB, whole process, medians of {rounds} rounds in turns:")
-        for name, seconds in median.items():
-            show(f"  {name}: seconds", seconds)
-        show("  vexa-usb / dfu-util", median["vexa-usb"] / median["dfu-util"], 1.0)
-        show("  vexa-usb / (dfu-util less the second that it sleeps at the end)",
-             median["vexa-usb"] / (median["dfu-util"] - 1), 1.0)
+        })
         subprocess.run([f"{os.path.dirname(__file__)}/../tests/system/imx7_image.py", image,
                         str(400 << 10)], check=True)
-        median = in_turns(rounds, {
+        print(f"i.MX7 load of 400 KiB, medians of {rounds} rounds in turns:")
+        load_in_turns(build, "imx7", rounds, {
             "vexa-usb": [tool, "load", "spl", "--wait", "0", "15a2:0076", image],
             "imx_usb": ["imx_usb", image],
-        }, lambda: Simulator(build, "imx7"))
-        print(f"i.MX7 load of 400 KiB, whole process, medians of {rounds} rounds in turns:")
-        for name, seconds in median.items():
-            show(f"  {name}: seconds", seconds)
-        show("  vexa-usb / imx_usb", median["vexa-usb"] / median["imx_usb"], 1.0)
+        })
 
 
 def hex_text(size):
@@ -217,7 +228,14 @@ def hexes(build, rounds):
             "objcopy": ["objcopy", "-I", "ihex", "-O", "binary", source, f"{image}2"],
             "srec_cat": ["srec_cat", source, "-intel", "-o", f"{image}3", "-binary"],
         }
-        median = in_turns(rounds, commands, contextlib.nullcontext)
+        times = {name: [] for name in commands}
+        for _ in range(rounds):
+            for name, command in commands.items():
+                seconds, status = timed(command)
+                if status != 0:
+                    raise SystemExit(f"{name} failed with {status}")
+                times[name].append(seconds)
+        median = medians(times)
         contents = {open(f"{image}{number}", "rb").read() for number in (1, 2, 3)}
         if len(contents) != 1:
             raise SystemExit("the images differ")

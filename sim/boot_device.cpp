@@ -1,7 +1,10 @@
 #include "boot_device.h"
 
+#include <cstdio>
 #include <memory>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "instrument.h"
 
@@ -24,10 +27,12 @@ BootDevice::BootDevice(DeviceShape shape, const Steering &steering)
 void BootDevice::plugged(Port &newPort) {
     DeviceModel::plugged(newPort);
     setDelay(0, faults.delay);
+    requests = 0;
 }
 
 Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
-    ++requests;
+    if (++requests == 1)
+        firstRequest = Clock::now();
     if (isStep(faults.fail))
         return Answer::stall();
     if (isStep(faults.unplug)) {
@@ -65,6 +70,10 @@ void BootDevice::start(Bytes firmware) {
 }
 
 void BootDevice::startAs(std::unique_ptr<DeviceModel> stage) {
+    const std::chrono::duration<double> time = Clock::now() - firstRequest;
+    fmt::print("{} starts its firmware, {:.3f} s after the first of {} requests\n",
+               shape().productName, time.count(), requests);
+    std::fflush(stdout);
     port().become(std::move(stage), kAway);
 }
 

@@ -47,7 +47,10 @@ private:
     Answer request(const Setup &setup, std::span<uint8_t> data) final;
     bool isStep(std::optional<uint32_t> &step);
 
+    using Clock = std::chrono::steady_clock;
+
     Steering faults;
+    Clock::time_point firstRequest;
     uint32_t requests = 0;
     uint32_t statuses = 0;
 };
