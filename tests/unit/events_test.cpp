@@ -146,19 +146,24 @@ TEST_F(ListEventsTest, FiniDuringADelivery) {
     for (int round = 0; round < 200; ++round) {
         std::promise<void> inside;
         std::promise<void> left;
+        std::promise<void> ended; // by another thread, while the callback goes on
         const bool within = round % 2 == 0;
         Listener::add([&, within](uint32_t, const _vexa_usb_device_list_item &) {
             if (within)
                 vexa_usb_fini();
             inside.set_value();
+            if (!within)
+                ended.get_future().wait();
             vexa_usb_get_device_list(nullptr, nullptr);
             left.set_value();
         });
         libusb_device *const device = fake::attach(kVendor, 1);
         vexa_usb_update_device_list();
         inside.get_future().wait();
-        if (!within)
+        if (!within) {
             vexa_usb_fini();
+            ended.set_value();
+        }
         left.get_future().wait();
         fake::detach(device);
         vexausb::libusbRunning.store(true);
@@ -198,6 +203,35 @@ TEST_F(EventPipeTest, BytesBecomeEventsInOrder) {
     remove();
     EXPECT_EQ(enable(), -7);
     EXPECT_EQ(disable(), -12);
+}
+
+// What came before a disable is delivered, however late the callback gets to it.
+TEST_F(EventPipeTest, EventsBeforeADisableArrive) {
+    close();
+    struct Slow {
+        std::promise<void> go;
+        std::shared_future<void> gone = go.get_future().share();
+        std::atomic<int> events = 0;
+    };
+    static auto &slow = *new Slow; // callbacks may come late
+    const test::Snapshot snapshot;
+    ASSERT_EQ(vexa_usb_open(
+                  snapshot.list[0],
+                  [](_vexa_usb_device_event, void *) {
+                      slow.gone.wait();
+                      ++slow.events;
+                  },
+                  nullptr, &device),
+              0);
+    ASSERT_EQ(enable(), 0);
+    fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 10);
+    fake::waitInFlight(1);
+    EXPECT_EQ(disable(), 0);
+    slow.go.set_value();
+    for (const auto end = std::chrono::steady_clock::now() + test::kLong;
+         slow.events < 10 && std::chrono::steady_clock::now() < end;)
+        std::this_thread::yield();
+    EXPECT_EQ(slow.events, 10);
 }
 
 TEST_F(EventPipeTest, FailedEnableCanBeRetried) {
