@@ -46,7 +46,7 @@ private:
     Answer clearStatus();
     Answer abort();
     void advance();
-    void beginWork(State state);
+    void beginWork(State work);
     void fail(Status reason);
     Answer refuse();
 

@@ -27,7 +27,7 @@ private:
 
     Answer memoryRequest(const Setup &setup, std::span<uint8_t> data);
     void setCpu(bool released);
-    Answer programRequest(const Setup &setup, std::span<uint8_t> data);
+    Answer programRequest(const Setup &packet, std::span<uint8_t> data);
     void setup(const Setup &packet);
     void writeUsbControl(uint8_t value);
     void armEndpoint(uint8_t count);

@@ -19,11 +19,11 @@ public:
     void plugged(Port &newPort) override;
 
 private:
-    Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
+    Answer loadRequest(const Setup &setup, std::span<uint8_t> report) override;
     Answer sendData(uint8_t endpoint, std::span<uint8_t> room) override;
 
     Answer command(std::span<const uint8_t> report);
-    Answer data(std::span<const uint8_t> bytes);
+    Answer data(std::span<const uint8_t> report);
     void writeEnded();
     void jump(uint32_t address);
     void startNext();

@@ -74,7 +74,7 @@ public:
 private:
     void takeData(const vexausb::HexRecordView &record);
     void takeStart() const;
-    void addToImage(uint64_t address, std::span<const uint8_t> data);
+    void addToImage(uint64_t begin, std::span<const uint8_t> data);
 
     std::optional<PieceWriter> binary;
     std::optional<PieceWriter> image;
