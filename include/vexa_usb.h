@@ -640,8 +640,8 @@ VEXA_USB_API int32_t vexa_usb_fx2_reset(_vexa_usb_device *device);
  * without data is sent as a request without a data stage.  Records behind it are not written but
  * must be well formed.  An image of size 0 is empty.
  *
- * After a failure the processor runs what it ran before, is held in reset (if its lower memory is
- * incomplete), or runs the loader; the function can be called again.
+ * After a failure the processor runs what it ran before, is held in reset (if its lower memory
+ * may be incomplete), or runs the loader; the function can be called again.
  *
  * @note The one function that throws C++ exceptions on bad input: `std::out_of_range` for a record
  *       that runs past the end of the image, `std::runtime_error` for a wrong checksum.  The

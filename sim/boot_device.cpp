@@ -28,6 +28,7 @@ void BootDevice::plugged(Port &newPort) {
     DeviceModel::plugged(newPort);
     setDelay(0, faults.delay);
     requests = 0;
+    ++life;
 }
 
 Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
@@ -39,9 +40,17 @@ Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
         port().unplug(kAway);
         return Answer::wait();
     }
-    if (isStep(faults.shorten) && !data.empty())
-        data = data.first(data.size() - 1);
-    return loadRequest(setup, data);
+    Answer answer = loadRequest(setup, data);
+    if (isStep(faults.shorten) && answer.kind == Answer::Kind::Done && answer.length != 0)
+        --answer.length;
+    return answer;
+}
+
+void BootDevice::later(std::chrono::milliseconds delay, std::function<void()> action) {
+    port().after(delay, [this, now = life, action = std::move(action)]() {
+        if (now == life)
+            action();
+    });
 }
 
 bool BootDevice::isStep(std::optional<uint32_t> &step) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -40,6 +41,8 @@ protected:
     // Leaves the bus and comes back as the instrument with this firmware, or as another stage.
     void start(Bytes firmware);
     void startAs(std::unique_ptr<DeviceModel> stage);
+    // Runs `action` after a while, unless the device has been plugged in anew by then.
+    void later(std::chrono::milliseconds delay, std::function<void()> action);
     // The same device once its faults are spent.
     const Steering &steering() const { return faults; }
 
@@ -51,6 +54,7 @@ private:
 
     Steering faults;
     Clock::time_point firstRequest;
+    uint64_t life = 0; // how often it was plugged in
     uint32_t requests = 0;
     uint32_t statuses = 0;
 };

@@ -104,7 +104,12 @@ std::chrono::milliseconds parseTime(const std::string &key, const std::string &t
 
 // Whether the property was one of the steering.
 bool steer(Steering &steering, const std::string &key, const std::string &value) {
-    const auto step = [&]() { return parseNumber(key, value, UINT32_MAX); };
+    const auto step = [&]() {
+        const uint32_t number = parseNumber(key, value, UINT32_MAX);
+        if (number == 0)
+            throw std::invalid_argument(key + " counts from 1");
+        return number;
+    };
     if (key == "fail")
         steering.fail = step();
     else if (key == "short")
@@ -116,7 +121,7 @@ bool steer(Steering &steering, const std::string &key, const std::string &value)
     else if (key == "delay")
         steering.delay = parseTime(key, value);
     else if (key == "poll")
-        steering.poll = parseTime(key, value);
+        steering.poll = std::chrono::milliseconds(parseNumber(key, value, 0xFFFFFF));
     else if (key == "linger")
         steering.linger = parseTime(key, value);
     else

@@ -8,9 +8,9 @@ namespace sim {
 
 /*
  * The state machine of the DFU 1.1 specification, appendix A.  A request that does not belong to
- * the state is refused and leads to dfuERROR.  Each block takes as long to write as the device
- * asks to be left alone; so does manifestation, after which the device resets itself and comes back
- * with the new firmware.
+ * the state is refused and leads to dfuERROR; so does one that comes while the device has asked to
+ * be left alone, as it does for each block and for the manifestation.  After the latter it resets
+ * itself and comes back with the new firmware.
  */
 namespace {
 
@@ -26,6 +26,10 @@ enum Request : uint8_t {
 constexpr uint8_t kClassInterface = 0x21;
 constexpr uint16_t kTransferSize = 4096;
 constexpr size_t kMostMemory = 16U << 20;
+
+bool isRead(uint8_t request) {
+    return request == kDfuUpload || request == kDfuGetStatus || request == kDfuGetState;
+}
 
 DeviceShape inDfuMode(DeviceShape shape) {
     shape.interfaceClass = 0xFE;
@@ -53,11 +57,14 @@ Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
     if ((setup.requestType & ~kRequestIn) != kClassInterface || setup.index != 0)
         return Answer::stall();
     advance();
+    if (setup.isIn() != isRead(setup.request) || state == State::DownloadBusy ||
+        state == State::Manifest)
+        return refuse();
     switch (setup.request) {
     case kDfuDownload:
-        return setup.isIn() ? refuse() : download(setup, data);
+        return download(setup, data);
     case kDfuUpload:
-        return setup.isIn() ? upload(setup, data) : refuse();
+        return upload(setup, data);
     case kDfuGetStatus:
         return getStatus(data);
     case kDfuClearStatus:
@@ -86,10 +93,12 @@ Answer DfuDevice::download(const Setup &setup, std::span<const uint8_t> data) {
         state = State::ManifestSync;
         return Answer::done(0);
     }
-    if (image.size() + data.size() > kMostMemory)
+    if (image.size() + data.size() > kMostMemory) {
         fail(Status::AddressOutOfRange);
-    else
-        state = State::DownloadSync;
+        return Answer::done(data.size());
+    }
+    state = State::DownloadSync;
+    isWritten = false;
     image.insert(image.end(), data.begin(), data.end());
     return Answer::done(data.size());
 }
@@ -106,11 +115,13 @@ Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
     return answer;
 }
 
-// A status that is asked for sets the work going; a further one ends it.
+// A status that is asked for sets the work going; one after the time that it takes ends it.
 Answer DfuDevice::getStatus(std::span<uint8_t> room) {
     if (statusIsBad())
         fail(Status::WriteFailed);
-    if (state == State::DownloadSync)
+    if (state == State::DownloadSync && (isWritten || steering().poll.count() == 0))
+        state = State::DownloadIdle;
+    else if (state == State::DownloadSync)
         beginWork(State::DownloadBusy);
     else if (state == State::ManifestSync)
         beginWork(State::Manifest);
@@ -127,19 +138,22 @@ void DfuDevice::beginWork(State work) {
     state = work;
     busyUntil = Clock::now() + steering().poll;
     if (work == State::Manifest)
-        port().after(steering().poll + steering().linger, [this]() { start(image); });
-    if (steering().poll.count() == 0 && work == State::DownloadBusy)
-        advance();
+        later(steering().poll + steering().linger, [this]() {
+            if (state == State::Manifest || state == State::ManifestWaitReset)
+                start(image);
+        });
 }
 
 // What has happened by itself since the last request.
 void DfuDevice::advance() {
     if (Clock::now() < busyUntil)
         return;
-    if (state == State::DownloadBusy)
-        state = State::DownloadIdle;
-    else if (state == State::Manifest)
+    if (state == State::DownloadBusy) {
+        state = State::DownloadSync;
+        isWritten = true;
+    } else if (state == State::Manifest) {
         state = State::ManifestWaitReset;
+    }
 }
 
 Answer DfuDevice::clearStatus() {

@@ -35,7 +35,6 @@ private:
         Ok = 0x00,
         WriteFailed = 0x03,
         AddressOutOfRange = 0x08,
-        NotDone = 0x09,
         StalledPacket = 0x0F,
     };
 
@@ -52,7 +51,8 @@ private:
 
     State state = State::Idle;
     Status status = Status::Ok;
-    Bytes image; // so far
+    Bytes image;            // so far
+    bool isWritten = false; // the block that came last
     uint16_t nextBlock = 0;
     size_t uploaded = 0;
     Clock::time_point busyUntil;

@@ -12,9 +12,9 @@ namespace sim {
  * the processor is held.  Everything else is up to the program, which finds the set-up packet and
  * endpoint 0 in the registers.
  *
- * A program that disconnects and connects again comes back as the instrument.  For the program time
- * goes on at its release, with each request, a moment after those, and while it is disconnected; a
- * request that it does not deal with in its time stays pending.
+ * A program that disconnects and connects again comes back as the instrument.  Time goes on for the
+ * program until it has taken over, with each request, a moment after those, and while it is
+ * disconnected; a request that it does not deal with in its time stays pending.
  */
 namespace {
 
@@ -109,7 +109,7 @@ void Fx2::goOnLater() {
         port().after(kMoment, [this]() {
             continues = false;
             run(kInMoment);
-            if (running && disconnected)
+            if (running && (disconnected || !takenOver))
                 goOnLater();
         });
 }

@@ -1,6 +1,7 @@
 #include "fx3.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace sim {
 

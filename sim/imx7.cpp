@@ -97,6 +97,7 @@ void Imx7::plugged(Port &newPort) {
     BootDevice::plugged(newPort);
     file.clear();
     bytesLeft = 0;
+    written = false;
     reports.clear();
 }
 
@@ -104,7 +105,7 @@ Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
     if (setup.requestType != kClassInterface || setup.request != kSetReport || setup.index != 0 ||
         report.empty() || report[0] != (setup.value & 0xFF))
         return Answer::stall();
-    if (setup.value == kCommandReport && report.size() == kCommandSize && bytesLeft == 0)
+    if (setup.value == kCommandReport && report.size() == kCommandSize)
         return command(report);
     if (setup.value == kDataReport && report.size() <= kMostData && bytesLeft != 0)
         return data(report);
@@ -114,14 +115,21 @@ Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
 Answer Imx7::command(std::span<const uint8_t> report) {
     const uint32_t address = bigEndian(report.subspan(3));
     const uint32_t count = bigEndian(report.subspan(8));
-    switch (report[1] << 8 | report[2]) {
-    case kErrorStatus:
+    const int type = report[1] << 8 | report[2];
+    if (bytesLeft != 0 && type != kErrorStatus)
+        return Answer::stall();
+    switch (type) {
+    case kErrorStatus: // a new beginning
+        bytesLeft = 0;
+        written = false;
+        reports.clear();
         answer(kNoError);
         break;
     case kWriteFile:
         fileAddress = address;
         file.clear();
         bytesLeft = count;
+        written = false;
         if (count == 0)
             writeEnded();
         break;
@@ -145,15 +153,16 @@ Answer Imx7::data(std::span<const uint8_t> report) {
 }
 
 void Imx7::writeEnded() {
-    const bool good = isWritable(fileAddress, static_cast<uint32_t>(file.size()));
-    answer(good && !statusIsBad() ? kDone : kWriteFailed);
+    written = isWritable(fileAddress, static_cast<uint32_t>(file.size())) && !statusIsBad();
+    answer(written ? kDone : kWriteFailed);
 }
 
 void Imx7::jump(uint32_t address) {
-    const bool good = hasEntry(address);
+    const bool good = written && hasEntry(address);
     answer(good ? kDone : kEntryWrong);
     if (good)
-        port().after(100ms, [this]() { startNext(); });
+        later(100ms, [this]() { startNext(); });
+    written = false; // enters it once
 }
 
 void Imx7::startNext() {

@@ -36,6 +36,7 @@ private:
     uint32_t fileAddress = 0;
     Bytes file;
     uint32_t bytesLeft = 0;
+    bool written = false;      // all of the file, in order
     std::deque<Bytes> reports; // to be sent
 };
 

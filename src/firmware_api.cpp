@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <exception>
 #include <span>
+#include <utility>
 
 #include "device/device_call.h"
 #include "firmware/dfu.h"
@@ -58,7 +59,7 @@ int32_t vexa_usb_dfu_download(_vexa_usb_device *device, const uint8_t *data, uin
         DfuProgress progress;
         if (callback != nullptr)
             progress = [=](double done) { callback(callback_data, done); };
-        return dfuDownload(opened, data, size, progress);
+        return dfuDownload(opened, data, size, std::move(progress));
     });
 }
 

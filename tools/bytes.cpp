@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <utility>
 
 #include <fcntl.h>
@@ -108,21 +111,44 @@ Bytes readInput(const std::string &path) {
 }
 
 Output::Output(const std::string &path, Existing existing)
-    : name(isStandard(path) ? "standard output" : path),
-      temporary(existing == Existing::Replace && isReplaceable(path) ? path + ".part" : ""),
-      descriptor(isStandard(path) ? dup(STDOUT_FILENO)
-                                  : open(temporary.empty() ? path.c_str() : temporary.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+    : name(isStandard(path) ? "standard output" : path) {
+    if (existing == Existing::Replace && isReplaceable(path)) {
+        target = std::filesystem::weakly_canonical(path);
+        openTemporary();
+    } else {
+        descriptor = isStandard(path)
+                         ? dup(STDOUT_FILENO)
+                         : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    }
     if (descriptor < 0)
         throwSystemError("cannot write " + name);
 }
 
 Output::~Output() {
-    if (descriptor < 0)
-        return;
-    ::close(descriptor);
+    if (descriptor >= 0)
+        ::close(descriptor);
     if (!temporary.empty())
         unlink(temporary.c_str());
+}
+
+// With the mode of what it will replace, or that of any new file.
+void Output::openTemporary() {
+    temporary = target + ".XXXXXX";
+    descriptor = mkostemp(temporary.data(), O_CLOEXEC);
+    if (descriptor < 0) {
+        temporary.clear();
+        return;
+    }
+    struct stat status {};
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(descriptor, stat(target.c_str(), &status) == 0 ? status.st_mode & 07777 : 0666 & ~mask);
+}
+
+void Output::finishTemporary() {
+    if (std::rename(temporary.c_str(), target.c_str()) != 0)
+        throwSystemError("cannot write " + name);
+    temporary.clear();
 }
 
 void Output::write(std::span<const uint8_t> bytes) {
@@ -137,9 +163,10 @@ void Output::write(std::span<const uint8_t> bytes) {
 }
 
 void Output::close() {
-    if (::close(std::exchange(descriptor, -1)) != 0 ||
-        (!temporary.empty() && std::rename(temporary.c_str(), name.c_str()) != 0))
+    if (::close(std::exchange(descriptor, -1)) != 0)
         throwSystemError("cannot write " + name);
+    if (!temporary.empty())
+        finishTemporary();
 }
 
 } // namespace tool

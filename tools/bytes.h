@@ -51,9 +51,13 @@ public:
     void close();
 
 private:
+    void openTemporary();
+    void finishTemporary();
+
     const std::string name;
-    const std::string temporary; // what is renamed in the end; empty: nothing
-    int descriptor;
+    std::string target;    // what is replaced in the end, links followed; empty: nothing
+    std::string temporary; // beside it
+    int descriptor = -1;
 };
 
 } // namespace tool

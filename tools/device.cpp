@@ -80,7 +80,7 @@ const Item &DeviceList::choose(const std::string &choice) const {
             continue;
         if (chosen != nullptr)
             throw Error(Exit::NoDevice, "more than one device matches",
-                        "Choose one with --device ID; 'vexa-usb list' shows the ids.");
+                        "Choose one by its id, which 'vexa-usb list' shows.");
         chosen = item;
     }
     if (chosen == nullptr)

@@ -15,20 +15,6 @@ const char *const kExitHelp = "Exit status: 0 done, 1 failed, 2 wrong usage, 3 n
 
 namespace {
 
-Exit exitFor(int32_t status) {
-    switch (status) {
-    case VEXA_USB_STATUS_TIMEOUT:
-        return Exit::Timeout;
-    case VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED:
-        return Exit::DataWrong;
-    case VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION:
-    case VEXA_USB_STATUS_INVALID_PARAMETERS:
-        return Exit::Usage;
-    default:
-        return Exit::Failed;
-    }
-}
-
 const char *hintFor(int32_t status) {
     switch (status) {
     case VEXA_USB_STATUS_UNKNOWN:
@@ -55,6 +41,20 @@ const char *hintFor(int32_t status) {
 }
 
 } // namespace
+
+Exit exitFor(int32_t status) {
+    switch (status) {
+    case VEXA_USB_STATUS_TIMEOUT:
+        return Exit::Timeout;
+    case VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED:
+        return Exit::DataWrong;
+    case VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION:
+    case VEXA_USB_STATUS_INVALID_PARAMETERS:
+        return Exit::Usage;
+    default:
+        return Exit::Failed;
+    }
+}
 
 void check(int32_t status, const std::string &action) {
     if (status != VEXA_USB_STATUS_SUCCESS)

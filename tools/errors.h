@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace tool {
 
@@ -27,6 +28,8 @@ public:
     const Exit exit;
     const std::string hint; // what to do about it; may be empty
 };
+
+Exit exitFor(int32_t status);
 
 // Throws the error that a status of the library stands for; returns on success.
 void check(int32_t status, const std::string &action);

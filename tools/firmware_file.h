@@ -13,8 +13,10 @@ namespace tool {
 // Read firmware files and check them; errors say what is wrong, and where.
 
 // Gives the records of an Intel HEX file one after the other.
-void readHexFile(const std::string &path,
-                 const std::function<void(const vexausb::HexRecordView &)> &take);
+using HexTaker = std::function<void(const vexausb::HexRecordView &)>;
+void readHexFile(const std::string &path, const HexTaker &take);
+// The records of such a file that an FX2 is to be loaded with, as raw bytes.
+Bytes readFx2Image(const std::string &path);
 std::vector<uint32_t> readFx3Image(const std::string &path);
 // Without the suffix that such files may have, which is not for the device.
 Bytes readDfuImage(const std::string &path);

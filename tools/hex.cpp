@@ -24,6 +24,8 @@ namespace {
 
 constexpr uint64_t kMostImage = 1U << 30;
 constexpr size_t kPiece = 1U << 16;
+constexpr const char *kKeepRecords =
+    "The file may be damaged; have the tool that wrote it do so again.";
 
 struct HexOptions {
     std::string file;
@@ -111,7 +113,8 @@ void HexContents::take(const vexausb::HexRecordView &record) {
     case vexausb::kHexExtendedSegmentAddress:
     case vexausb::kHexExtendedLinearAddress:
         if (record.data.size() < 2)
-            throw Error(Exit::DataWrong, "an extended address has less than two bytes");
+            throw Error(Exit::DataWrong, "an extended address has less than two bytes",
+                        kKeepRecords);
         address.extend(record);
         break;
     case vexausb::kHexStartSegmentAddress:
@@ -119,7 +122,8 @@ void HexContents::take(const vexausb::HexRecordView &record) {
         takeStart();
         break;
     default:
-        throw Error(Exit::DataWrong, fmt::format("unknown record type {:#04x}", record.type));
+        throw Error(Exit::DataWrong, fmt::format("unknown record type {:#04x}", record.type),
+                    kKeepRecords);
     }
 }
 
@@ -187,6 +191,9 @@ void HexContents::report(bool json, FILE *to) const {
 }
 
 void hex(const HexOptions &options, const CommonOptions &common) {
+    if (!options.binary.empty() && options.binary == options.image)
+        throw Error(Exit::Usage, "--binary and --image would write the same file",
+                    "Give each a file of its own.");
     HexContents contents(options);
     readHexFile(options.file, [&](const vexausb::HexRecordView &record) { contents.take(record); });
     contents.closeFiles();

@@ -5,6 +5,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -16,7 +20,6 @@
 #include "device.h"
 #include "ending.h"
 #include "errors.h"
-#include "firmware/hex_convert.h"
 #include "firmware_file.h"
 #include "progress.h"
 
@@ -40,17 +43,26 @@ struct Firmware {
     std::function<int32_t(_vexa_usb_device *)> load;
 };
 
+// The firmware needs a moment before it answers requests.
+int32_t renumerate(_vexa_usb_device *device) {
+    constexpr int kAttempts = 20;
+    constexpr std::chrono::milliseconds kPause{50};
+    int32_t status = VEXA_USB_STATUS_UNKNOWN;
+    for (int i = 0; i < kAttempts && status == VEXA_USB_STATUS_UNKNOWN; ++i) {
+        std::this_thread::sleep_for(kPause);
+        status = vexa_usb_fx2_renumerate(device);
+    }
+    return status;
+}
+
 Firmware fx2Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
-    const auto image = std::make_shared<Bytes>();
-    readHexFile(options.file, [&](const vexausb::HexRecordView &record) {
-        vexausb::appendHexRecord(*image, record);
-    });
-    return {image->size(), [image, renumerate = options.renumerate](_vexa_usb_device *device) {
+    const auto image = std::make_shared<Bytes>(readFx2Image(options.file));
+    return {image->size(), [image, again = options.renumerate](_vexa_usb_device *device) {
                 const int32_t status =
                     vexa_usb_fx2_load_firmware(device, image->data(), image->size());
-                return status == VEXA_USB_STATUS_SUCCESS && renumerate
-                           ? vexa_usb_fx2_renumerate(device)
-                           : status;
+                if (status == VEXA_USB_STATUS_SUCCESS && again)
+                    check(renumerate(device), "loaded, but asking it to renumerate failed");
+                return status;
             }};
 }
 
@@ -79,8 +91,9 @@ void makeDfuIdle(_vexa_usb_device *device) {
             VEXA_USB_STATUS_SUCCESS ||
         status[4] == kIdle)
         return;
-    dfuRequest(device, VEXA_USB_DIRECTION_OUT, status[4] == kError ? kClearStatus : kAbort, nullptr,
-               0);
+    if (status[4] == kError ||
+        dfuRequest(device, VEXA_USB_DIRECTION_OUT, kAbort, nullptr, 0) != VEXA_USB_STATUS_SUCCESS)
+        dfuRequest(device, VEXA_USB_DIRECTION_OUT, kClearStatus, nullptr, 0);
 }
 
 Firmware dfuFirmware(const LoadOptions &options, const CommonOptions &common) {
@@ -163,7 +176,7 @@ void load(const LoadOptions &options, const CommonOptions &common, const Firmwar
         const int32_t status = firmware.load(device.get());
         time = Clock::now() - begin;
         if (status != VEXA_USB_STATUS_SUCCESS)
-            throw Error(Exit::Failed,
+            throw Error(exitFor(status),
                         fmt::format("loading {}: {} ({})", options.file,
                                     vexa_usb_get_status_str(status), status),
                         "Check that it is the firmware for this device, which 'vexa-usb list' "
@@ -172,6 +185,9 @@ void load(const LoadOptions &options, const CommonOptions &common, const Firmwar
     std::optional<ListChange> now;
     if (options.wait > 0) {
         now = waitForReturn(changes, id, Seconds(options.wait));
+        if (interrupted())
+            throw Error(Exit::Failed, "loaded, but interrupted before the device came back",
+                        "'vexa-usb list' shows whether it has.");
         if (!now)
             throw Error(Exit::Timeout,
                         fmt::format("loaded, but no supported device has come back within {} s",

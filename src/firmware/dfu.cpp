@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include "firmware/requests.h"
 
@@ -69,12 +70,9 @@ int32_t writeBlock(AbstractDevice &device, uint16_t number, const uint8_t *data,
     return status.isOk() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
 }
 
-} // namespace
-
-// The block without data at the end starts the manifestation.
-int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
-                    const DfuProgress &progress) {
-    uint16_t number = 0; // wraps, as wValue does
+// The caller's callback is done with when this returns.
+int32_t writeImage(AbstractDevice &device, const uint8_t *data, uint64_t size, DfuProgress progress,
+                   uint16_t &number) {
     for (uint64_t sent = 0; sent < size; ++number) {
         const uint64_t length = std::min(kMaxBlock, size - sent);
         const int32_t status = writeBlock(device, number, data + sent, length);
@@ -84,7 +82,18 @@ int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
         if (progress)
             progress(static_cast<double>(sent) / static_cast<double>(size));
     }
-    const int32_t status = sendBlock(device, number, nullptr, 0);
+    return VEXA_USB_STATUS_SUCCESS;
+}
+
+} // namespace
+
+// The block without data at the end starts the manifestation.
+int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
+                    DfuProgress progress) {
+    uint16_t number = 0; // wraps, as wValue does
+    int32_t status = writeImage(device, data, size, std::move(progress), number);
+    if (status == VEXA_USB_STATUS_SUCCESS)
+        status = sendBlock(device, number, nullptr, 0);
     if (status != VEXA_USB_STATUS_SUCCESS)
         return status;
     DfuStatus last;

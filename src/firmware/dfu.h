@@ -10,6 +10,6 @@ namespace vexausb {
 using DfuProgress = std::function<void(double)>; // may be empty
 
 int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
-                    const DfuProgress &progress);
+                    DfuProgress progress);
 
 } // namespace vexausb

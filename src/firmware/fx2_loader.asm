@@ -13,7 +13,8 @@
 ; No interrupt is used, so the interrupt vectors are free; there is no stack either.
 ;
 ; Registers: r2 request's type, r3 bytes left in the packet, r4 low half of the source's address,
-; r5 bytes left low, r6 bytes left high, r7 configuration, and r0:r1 (high:low) where to write.
+; answer, or how the request ends, r5 bytes left low, r6 bytes left high, r7 configuration, and r0:r1
+; (high:low) where to write.
 
         .module fx2_loader
 
@@ -147,22 +148,22 @@ notClear:
 notSet:
         cjne    r3, #11, stallIt        ; SET_INTERFACE
 
-; The status stage, unless another request has come meanwhile.
+; The status stage or a stall, unless another request has come meanwhile.
 acknowledge:
+        mov     r4, #HSNAK
+finish:
         mov     dptr, #USBIRQ
         movx    a, @dptr
         jb      acc.0, again
         mov     dptr, #EP0CS
-        mov     a, #HSNAK
+        mov     a, r4
         movx    @dptr, a
 again:
         ljmp    request
 
 stallIt:
-        mov     dptr, #EP0CS
-        mov     a, #STALL
-        movx    @dptr, a
-        ljmp    request
+        mov     r4, #STALL
+        sjmp    finish
 
 standardIn:
         mov     r4, #0                  ; both bytes of the answer
@@ -196,6 +197,10 @@ send:
         inc     dptr
         clr     a
         movx    @dptr, a
+        mov     dptr, #USBIRQ
+        movx    a, @dptr
+        jb      acc.0, again
+        clr     a
         mov     dptr, #EP0BCH
         movx    @dptr, a
         mov     dptr, #EP0BCL

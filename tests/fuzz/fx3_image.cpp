@@ -23,9 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         read += walk.data().size();
     }
     // The checksum is the word behind the entry, which is the one behind the length of 0.
-    if (read > words.size() ||
-        (record == Record::Entry && walk.checksumRight() &&
-         std::find(words.begin(), words.end(), sum) == words.end()))
+    if (read > words.size() || (record == Record::Entry && walk.checksumRight() &&
+                                std::find(words.begin(), words.end(), sum) == words.end()))
         std::abort();
     return 0;
 }

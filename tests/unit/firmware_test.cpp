@@ -124,11 +124,17 @@ TEST_F(FirmwareTest, Fx2LoadsInTwoStages) {
 }
 
 TEST_F(FirmwareTest, Fx2ResetAndRenumerate) {
-    const auto before = std::chrono::steady_clock::now();
-    failEachStep(
-        2, [this]() { return vexa_usb_fx2_reset(device); },
-        [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(45));
+    auto before = std::chrono::steady_clock::now();
+    auto shortest = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 5; ++i) { // one of them is not disturbed
+        before = std::chrono::steady_clock::now();
+        failEachStep(
+            2, [this]() { return vexa_usb_fx2_reset(device); },
+            [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
+        shortest = std::min(shortest, std::chrono::steady_clock::now() - before);
+    }
+    EXPECT_GE(shortest, std::chrono::microseconds(300)); // three writes to the control register
+    EXPECT_LT(shortest, std::chrono::milliseconds(45));
     EXPECT_EQ(vexa_usb_fx2_reset(device), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(50));
     sent.clear();
@@ -291,7 +297,7 @@ TEST_F(Imx7Test, RetriesCommandsOnly) {
     fake::onControl([this](const fake::ControlRequest &) { return ++steps < 5 ? -1 : 17; });
     steps = 0;
     answers.clear();
-    EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 24), -1); // no mark in the status
+    EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 24), -1); // a short data report
     EXPECT_GT(steps, 5U);                                                   // the fifth was good
     fake::onControl([this](const fake::ControlRequest &) { return ++steps, -1; });
     steps = 0;

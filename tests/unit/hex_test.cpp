@@ -104,7 +104,7 @@ TEST(HexImage, PlacesRecords) {
     image =
         hexRecordsToImage({record(kHexExtendedSegmentAddress, 0, {0x12, 0x34}), record(0, 2, {9})});
     EXPECT_EQ(image.size(), 0x12343U);
-    // The offset wraps at 32 bits.
+    // The later base counts.
     image = hexRecordsToImage({record(kHexExtendedLinearAddress, 0, {0xFF, 0xFF}),
                                record(kHexExtendedSegmentAddress, 0, {0, 0}), record(0, 1, {5})});
     EXPECT_EQ(image, (Bytes{0, 5}));
