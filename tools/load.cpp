@@ -52,7 +52,8 @@ int32_t renumerate(_vexa_usb_device *device) {
         std::this_thread::sleep_for(kPause);
         status = vexa_usb_fx2_renumerate(device);
     }
-    return status;
+    const bool left = status == VEXA_USB_STATUS_DEVICE_REMOVED; // without waiting to answer
+    return left ? VEXA_USB_STATUS_SUCCESS : status;
 }
 
 Firmware fx2Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {

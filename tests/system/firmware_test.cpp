@@ -235,6 +235,27 @@ TEST_F(FirmwareTest, Fx2Boots) {
     boot(kFx2, {1, 255, 256, 0x1000}, ",delay=2");
 }
 
+// A firmware that leaves the bus with the first request that it gets.
+TEST_F(FirmwareTest, Fx2RenumeratesWhenTold) {
+    const Simulator simulator({"fx2"});
+    const Kind waiting{"fx2",
+                       [](const Bytes &program) {
+                           Bytes image;
+                           appendHexRecord(image, 0, 0, program);
+                           return image;
+                       },
+                       kFx2.load, 0};
+    EXPECT_EQ(load(test::listedIds().at(0), waiting,
+                   {0x90, 0xE6, 0x80, 0x74, 0x02, 0xF0, 0x90, 0xE6, 0x5D, 0xE0,
+                    0x30, 0xE0, 0xFC, 0x90, 0xE6, 0xA0, 0x74, 0x80, 0xF0, 0x90,
+                    0xE6, 0x80, 0x74, 0x0A, 0xF0, 0x74, 0x02, 0xF0, 0x80, 0xFE}),
+              0);
+    EXPECT_EQ(instruments(0).size(), 0U);
+    EXPECT_EQ(vexa_usb_fx2_renumerate(device), 0);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(instruments(1).size(), 1U);
+}
+
 TEST_F(FirmwareTest, Fx3Boots) {
     boot(kFx3, {4, 2048, 2052, 100000});
 }
