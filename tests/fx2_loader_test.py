@@ -27,14 +27,14 @@ class Chip:
         for register in (USBIRQ, USBCS, EP0BCL, EP0CS):
             self.queued.append(f"break xram w {register}")
 
-    def say(self, command):
-        """Gives commands, those that were only queued first, and returns what they print."""
-        self.queued.append(command)
-        self.ucsim.stdin.write("\n".join(self.queued) + "\nexpr 23130\n")
+    def say(self, command, last):
+        """Gives commands, those that were only queued first, and returns what they print, up to a
+        line that begins with `last`."""
+        self.ucsim.stdin.write("\n".join(self.queued + [command]) + "\n")
         self.ucsim.stdin.flush()
         self.queued = []
         lines = []
-        while not lines or lines[-1] != "23130":
+        while not lines or not lines[-1].startswith(last):
             line = self.ucsim.stdout.readline()
             assert line, "ucsim has ended"
             lines.append(line.strip())
@@ -44,22 +44,19 @@ class Chip:
         self.queued.append(f"set mem xram {address} " + " ".join(map(str, data)))
 
     def memory(self, first, last):
-        return self.after("expr 0", first, last)[1]
-
-    def after(self, command, first, last):
-        """What a command prints, and the memory then."""
-        lines = self.say(f"{command}\nexpr 11111\ndump xram {first} {last}")
+        lines = self.say(f"expr 11111\ndump xram {first} {last}\nexpr 23130", "23130")
         rows = lines[lines.index("11111") + 1:-1]
         ends = [int(row[:6], 16) for row in rows[1:]] + [last + 1]
         found = bytearray()
         for row, end in zip(rows, ends):
             found += bytes.fromhex("".join(row.split()[1:1 + end - int(row[:6], 16)]))
         assert len(found) == last + 1 - first
-        return lines, found
+        return found
 
     def next_write(self):
         """Runs up to the next write to a register: which, and the value."""
-        lines, registers = self.after("run", USBIRQ, EP0CS)
+        lines = self.say("run", "Simulated")  # it must have stopped before more is said
+        registers = self.memory(USBIRQ, EP0CS)
         register = int(next(re.search(r"xram\[(0x[0-9a-f]+)\]", line)[1]
                             for line in lines if "Event `write'" in line), 16)
         self.ticks = int(next(re.match(r"Simulated (\d+)", line)[1]
@@ -96,7 +93,7 @@ class Chip:
                 answer = bytes(self.memory(EP0BUF, EP0BUF + value - 1)) if value else b""
             elif register == EP0BCL:
                 self.write(EP0CS, [HSNAK | BUSY])
-                self.queued.append("step 40")
+                self.say("step 40", "Simulated")  # it waits meanwhile
                 if not data:
                     self.setup(cut_by)
                     continue
