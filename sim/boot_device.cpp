@@ -61,7 +61,10 @@ bool BootDevice::isStep(std::optional<uint32_t> &step) {
 }
 
 bool BootDevice::statusIsBad() {
-    return ++statuses == faults.badStatus;
+    if (++statuses != faults.badStatus)
+        return false;
+    faults.badStatus.reset();
+    return true;
 }
 
 Answer BootDevice::sendData(uint8_t /*endpoint*/, std::span<uint8_t> /*room*/) {

@@ -43,7 +43,7 @@ protected:
     void startAs(std::unique_ptr<DeviceModel> stage);
     // Runs `action` after a while, unless the device has been plugged in anew by then.
     void later(std::chrono::milliseconds delay, std::function<void()> action);
-    // The same device once its faults are spent.
+    // The times, and the faults that have not happened yet; for a next stage, too.
     const Steering &steering() const { return faults; }
 
 private:
