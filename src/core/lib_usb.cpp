@@ -1,6 +1,7 @@
 #include "core/lib_usb.h"
 
 #include "core/connection_registry.h"
+#include "core/event_duty.h"
 #include "core/global_state.h"
 #include "core/supported_devices.h"
 #include "core/thread.h"
@@ -33,14 +34,17 @@ void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
 }
 
 void handleEvents() {
-    while (libusbRunning.load())
+    while (libusbRunning.load()) {
         libusb_handle_events(libusbContext);
+        EventDuty::leaveToCalls();
+    }
 }
 
 void endEventLoop() {
     if (!libusbThread.joinable())
         return;
     libusbRunning.store(false);
+    EventDuty::end();
     libusb_interrupt_event_handler(libusbContext);
     libusbThread.join();
 }

@@ -11,6 +11,8 @@
 
 #include <libusb.h>
 
+#include "core/event_duty.h"
+
 namespace vexausb {
 
 class TransferSet : public std::enable_shared_from_this<TransferSet> {
@@ -52,6 +54,7 @@ private:
     static void LIBUSB_CALL onComplete(libusb_transfer *transfer);
     bool idle() const;
 
+    const EventDuty::Reserved duty; // completions are to be handled at once
     const std::optional<std::chrono::milliseconds> patience;
     std::condition_variable released;
 };

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/connection_registry.h"
+#include "core/event_duty.h"
 #include "core/status.h"
 
 namespace vexausb {
@@ -119,6 +120,7 @@ int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t r
         static_cast<uint16_t>(length), kTransferTimeoutMs);
     if (result < 0)
         return statusFromLibusbError(result);
+    EventDuty::callSucceeded();
     if (transferred != nullptr) {
         *transferred = static_cast<uint64_t>(result);
         return VEXA_USB_STATUS_SUCCESS;
@@ -140,6 +142,7 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
             transfer(connection->handle(), endpoint, data, chunk, &actual, kTransferTimeoutMs);
         if (result != LIBUSB_SUCCESS)
             return statusFromLibusbError(result);
+        EventDuty::callSucceeded();
         if (transferred != nullptr)
             *transferred += static_cast<uint64_t>(actual);
         if (actual != chunk)

@@ -220,6 +220,71 @@ TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
         vexa_usb_close(each);
 }
 
+// Control transfers that follow one another on a thread of their own, so that "usb-libusb" leaves
+// the events to them.
+class FollowingCallsTest : public DeviceTest {
+protected:
+    FollowingCallsTest() {
+        fake::onControl([this](const fake::ControlRequest & /*request*/) {
+            ++count;
+            return result.load();
+        });
+        calls = std::thread([this]() {
+            while (!ended)
+                vexa_usb_control_transfer(device, 0, 2, 0, 1, 0, 0, nullptr, 0);
+        });
+        haveEventsLeft();
+    }
+    ~FollowingCallsTest() override {
+        ended = true;
+        calls.join();
+    }
+    static uint64_t listed() { return test::Snapshot().count; }
+    static bool becomesListed(uint64_t devices, std::chrono::milliseconds within = test::kLong) {
+        const auto end = std::chrono::steady_clock::now() + within;
+        while (listed() != devices && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return listed() == devices;
+    }
+    // Has "usb-libusb" handle something when there were calls since it last did.
+    void haveEventsLeft() {
+        for (const uint64_t before = count; count < before + 2;)
+            std::this_thread::yield();
+        const uint64_t devices = listed() + 1;
+        fake::notifyArrival(fake::attach(VEXA_USB_VENDOR_ID, 2));
+        ASSERT_TRUE(becomesListed(devices));
+    }
+
+    std::atomic<int> result = 0;
+    std::atomic<uint64_t> count = 0;
+    std::atomic<bool> ended = false;
+    std::thread calls;
+};
+
+// The thread may come back early when the calls' thread did not get to run for a while.
+TEST_F(FollowingCallsTest, HandleTheEventsThemselves) {
+    bool stayedOut = false;
+    for (int i = 0; i < 20 && !stayedOut; ++i) {
+        const uint64_t devices = listed() + 1;
+        fake::notifyArrival(fake::attach(VEXA_USB_VENDOR_ID, 2));
+        stayedOut = !becomesListed(devices, std::chrono::milliseconds(200));
+        fake::deliverEvents();
+        EXPECT_TRUE(becomesListed(devices));
+    }
+    EXPECT_TRUE(stayedOut);
+}
+
+TEST_F(FollowingCallsTest, RemovalIsHeardWhenTheyFail) {
+    result = LIBUSB_ERROR_NO_DEVICE;
+    remove();
+}
+
+TEST_F(FollowingCallsTest, StreamWaitsForNoneOfThem) {
+    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
+    fake::completeOldest();
+    EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL));
+}
+
 // A device that outlives the last fini is removed, usable for nothing but closing, and closes
 // nothing twice.
 TEST_F(DeviceTest, OutlivesTheLastFini) {
