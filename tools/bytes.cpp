@@ -21,7 +21,7 @@ namespace tool {
 
 namespace {
 
-constexpr size_t kReadPiece = 1U << 20;
+constexpr size_t kReadPiece = 1U << 16;
 constexpr size_t kDumpWidth = 16;
 
 bool isStandard(const std::string &path) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace CLI {
@@ -15,18 +16,22 @@ struct CommonOptions {
     bool progress = false;
 };
 
-// Each adds its command to the program; the command runs when it was parsed, and throws an Error
-// when it fails.
-void addListCommand(CLI::App &app, CommonOptions &common);
-void addInfoCommand(CLI::App &app, CommonOptions &common);
-void addControlCommand(CLI::App &app, CommonOptions &common);
-void addReadCommand(CLI::App &app, CommonOptions &common);
-void addWriteCommand(CLI::App &app, CommonOptions &common);
-void addStreamCommand(CLI::App &app, CommonOptions &common);
-void addWatchCommand(CLI::App &app, CommonOptions &common);
-void addEventsCommand(CLI::App &app, CommonOptions &common);
-void addLoadCommand(CLI::App &app, CommonOptions &common);
-void addHexCommand(CLI::App &app, CommonOptions &common);
+// Each defines its command's options; the command runs when it was parsed, and throws an Error when
+// it fails.
+void defineListCommand(CLI::App &command, CommonOptions &common);
+void defineInfoCommand(CLI::App &command, CommonOptions &common);
+void defineControlCommand(CLI::App &command, CommonOptions &common);
+void defineReadCommand(CLI::App &command, CommonOptions &common);
+void defineWriteCommand(CLI::App &command, CommonOptions &common);
+void defineStreamCommand(CLI::App &command, CommonOptions &common);
+void defineWatchCommand(CLI::App &command, CommonOptions &common);
+void defineEventsCommand(CLI::App &command, CommonOptions &common);
+void defineLoadCommand(CLI::App &command, CommonOptions &common);
+void defineHexCommand(CLI::App &command, CommonOptions &common);
+
+// Adds a command that is defined only once it has been named, so that the others cost nothing.
+void addCommand(CLI::App &app, const char *name, const char *help,
+                std::function<void(CLI::App &)> define);
 
 void addDeviceOption(CLI::App &command, CommonOptions &common);
 void addJsonOption(CLI::App &command, CommonOptions &common);

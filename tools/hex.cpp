@@ -203,22 +203,21 @@ void hex(const HexOptions &options, const CommonOptions &common) {
 
 } // namespace
 
-void addHexCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("hex", "Check and convert an Intel HEX file");
+void defineHexCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<HexOptions>();
-    command->add_option("FILE", options->file, "The file; - is standard input")->required();
-    command->add_option("--binary", options->binary,
-                        "Write the records as raw bytes, the form that the library's FX2 loader "
-                        "takes, to this file");
-    command->add_option("--image", options->image,
-                        "Write the memory from address 0 on, zero where there are no data, to this "
-                        "file");
-    addJsonOption(*command, common);
-    command->footer("Checks every record and prints the segments of memory that they fill.\n\n"
-                    "Examples:\n"
-                    "  vexa-usb hex firmware.hex\n"
-                    "  vexa-usb hex firmware.hex --binary firmware.bin");
-    command->callback([&common, options]() { hex(*options, common); });
+    command.add_option("FILE", options->file, "The file; - is standard input")->required();
+    command.add_option("--binary", options->binary,
+                       "Write the records as raw bytes, the form that the library's FX2 loader "
+                       "takes, to this file");
+    command.add_option("--image", options->image,
+                       "Write the memory from address 0 on, zero where there are no data, to this "
+                       "file");
+    addJsonOption(command, common);
+    command.footer("Checks every record and prints the segments of memory that they fill.\n\n"
+                   "Examples:\n"
+                   "  vexa-usb hex firmware.hex\n"
+                   "  vexa-usb hex firmware.hex --binary firmware.bin");
+    command.callback([&common, options]() { hex(*options, common); });
 }
 
 } // namespace tool

@@ -97,11 +97,10 @@ void info(const CommonOptions &common) {
 
 } // namespace
 
-void addInfoCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("info", "Show a device's details");
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->callback([&common]() { info(common); });
+void defineInfoCommand(CLI::App &command, CommonOptions &common) {
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.callback([&common]() { info(common); });
 }
 
 } // namespace tool

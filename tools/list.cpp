@@ -34,12 +34,11 @@ void list(const CommonOptions &common) {
 
 } // namespace
 
-void addListCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("list", "List the supported devices that are attached");
-    command->footer("Prints a line for each device: its id, VENDOR:PRODUCT and what it is.\n"
-                    "--device takes either of the first two.");
-    addJsonOption(*command, common);
-    command->callback([&common]() { list(common); });
+void defineListCommand(CLI::App &command, CommonOptions &common) {
+    command.footer("Prints a line for each device: its id, VENDOR:PRODUCT and what it is.\n"
+                   "--device takes either of the first two.");
+    addJsonOption(command, common);
+    command.callback([&common]() { list(common); });
 }
 
 } // namespace tool

@@ -215,35 +215,39 @@ constexpr std::array kKinds{
     LoadKind{"uboot", "NXP i.MX7 that runs the first loader, from a U-Boot image", ubootFirmware},
 };
 
+void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) {
+    const auto options = std::make_shared<LoadOptions>();
+    command.add_option("DEVICE", options->device, "The device: its id or VENDOR:PRODUCT")
+        ->required();
+    command.add_option("FILE", options->file, "The firmware; - is standard input")->required();
+    command
+        .add_option("-w,--wait", options->wait,
+                    "Wait so many seconds at most for the device to come back; 0: not at all")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    if (kind.read == fx2Firmware)
+        command.add_flag("--renumerate", options->renumerate,
+                         "Tell the firmware to leave the bus and come back");
+    if (kind.read == dfuFirmware)
+        command.add_flag("--progress", common.progress,
+                         "Show the progress also when not on a terminal");
+    addJsonOption(command, common);
+    command.callback(
+        [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });
+}
+
 } // namespace
 
-void addLoadCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("load", "Boot a device from a firmware file");
-    command->require_subcommand(1);
-    command->footer("Checks the file, loads it, waits until the device has come back under its new "
-                    "identity,\nand says which.\n\n"
-                    "Examples:\n"
-                    "  vexa-usb load fx2 04b4:8613 firmware.hex\n"
-                    "  vexa-usb load dfu 5658:0df0 firmware.dfu");
+void defineLoadCommand(CLI::App &command, CommonOptions &common) {
+    command.require_subcommand(1);
+    command.footer("Checks the file, loads it, waits until the device has come back under its new "
+                   "identity,\nand says which.\n\n"
+                   "Examples:\n"
+                   "  vexa-usb load fx2 04b4:8613 firmware.hex\n"
+                   "  vexa-usb load dfu 5658:0df0 firmware.dfu");
     for (const LoadKind &kind : kKinds) {
-        CLI::App *each = command->add_subcommand(kind.name, kind.help);
-        const auto options = std::make_shared<LoadOptions>();
-        each->add_option("DEVICE", options->device, "The device: its id or VENDOR:PRODUCT")
-            ->required();
-        each->add_option("FILE", options->file, "The firmware; - is standard input")->required();
-        each->add_option("-w,--wait", options->wait,
-                         "Wait so many seconds at most for the device to come back; 0: not at all")
-            ->check(CLI::NonNegativeNumber)
-            ->capture_default_str();
-        if (kind.read == fx2Firmware)
-            each->add_flag("--renumerate", options->renumerate,
-                           "Tell the firmware to leave the bus and come back");
-        if (kind.read == dfuFirmware)
-            each->add_flag("--progress", common.progress,
-                           "Show the progress also when not on a terminal");
-        addJsonOption(*each, common);
-        each->callback(
-            [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });
+        addCommand(command, kind.name, kind.help,
+                   [&common, &kind](CLI::App &named) { defineKind(named, kind, common); });
     }
 }
 

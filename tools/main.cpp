@@ -1,8 +1,12 @@
 // vexa-usb: the library's services as a command.
+#include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -22,7 +26,33 @@ void addJsonOption(CLI::App &command, CommonOptions &common) {
     command.add_flag("--json", common.json, "Print the result as JSON");
 }
 
+void addCommand(CLI::App &app, const char *name, const char *help,
+                std::function<void(CLI::App &)> define) {
+    CLI::App *command = app.add_subcommand(name, help);
+    command->preparse_callback(
+        [command, define = std::move(define)](size_t /*arguments*/) { define(*command); });
+}
+
 namespace {
+
+struct Command {
+    const char *name;
+    const char *help;
+    void (*define)(CLI::App &command, CommonOptions &common);
+};
+
+constexpr std::array kCommands{
+    Command{"list", "List the supported devices that are attached", defineListCommand},
+    Command{"info", "Show a device's details", defineInfoCommand},
+    Command{"control", "Do a control transfer", defineControlCommand},
+    Command{"read", "Read from an IN endpoint", defineReadCommand},
+    Command{"write", "Write to an OUT endpoint", defineWriteCommand},
+    Command{"stream", "Stream from a bulk IN endpoint", defineStreamCommand},
+    Command{"watch", "Tell as devices come and go", defineWatchCommand},
+    Command{"events", "Print the bytes that an endpoint sends", defineEventsCommand},
+    Command{"load", "Boot a device from a firmware file", defineLoadCommand},
+    Command{"hex", "Check and convert an Intel HEX file", defineHexCommand},
+};
 
 std::string versionText() {
     const _vexa_usb_version &version = *vexa_usb_get_version();
@@ -36,16 +66,10 @@ int run(int argc, char **argv) {
     app.set_version_flag("-V,--version", versionText());
     app.require_subcommand(1);
     app.footer(std::string("'vexa-usb COMMAND --help' tells about a command.\n") + kExitHelp);
-    addListCommand(app, common);
-    addInfoCommand(app, common);
-    addControlCommand(app, common);
-    addReadCommand(app, common);
-    addWriteCommand(app, common);
-    addStreamCommand(app, common);
-    addWatchCommand(app, common);
-    addEventsCommand(app, common);
-    addLoadCommand(app, common);
-    addHexCommand(app, common);
+    for (const Command &command : kCommands) {
+        addCommand(app, command.name, command.help,
+                   [&common, &command](CLI::App &named) { command.define(named, common); });
+    }
     try {
         app.parse(argc, argv);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)

@@ -214,40 +214,39 @@ void stream(const StreamOptions &options, const CommonOptions &common) {
 
 } // namespace
 
-void addStreamCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("stream", "Stream from a bulk IN endpoint");
+void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<StreamOptions>();
-    command->add_option("ENDPOINT", options->endpoint, "Endpoint address")->capture_default_str();
-    command->add_option("-o,--output", options->output,
-                        "Write the stream to this file; - is standard output. Without it, the "
-                        "data are dropped");
+    command.add_option("ENDPOINT", options->endpoint, "Endpoint address")->capture_default_str();
+    command.add_option("-o,--output", options->output,
+                       "Write the stream to this file; - is standard output. Without it, the "
+                       "data are dropped");
     CLI::Option *bytes =
         command
-            ->add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
+            .add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
             ->transform(CLI::AsSizeValue(false));
-    command->add_option("-s,--seconds", options->seconds, "End after so many seconds")
+    command.add_option("-s,--seconds", options->seconds, "End after so many seconds")
         ->check(CLI::PositiveNumber)
         ->excludes(bytes);
-    command->add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
+    command.add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
         ->transform(CLI::AsSizeValue(false))
         ->capture_default_str();
-    command->add_option("--buffers", options->bufferCount, "Number of buffers")
+    command.add_option("--buffers", options->bufferCount, "Number of buffers")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    command->add_option("--silence", options->silence, "Give up after so many seconds without data")
+    command.add_option("--silence", options->silence, "Give up after so many seconds without data")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    command->add_flag("--check", options->checkPattern,
-                      "Check every byte of the simulated instrument's stream");
-    command->add_flag("--progress", common.progress,
-                      "Show the progress also when not on a terminal");
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->footer("Without --bytes or --seconds it goes on until Ctrl-C.\n\nExamples:\n"
-                    "  vexa-usb stream --bytes 256M --check\n"
-                    "  vexa-usb stream 0x82 --seconds 10 -o run.dat\n"
-                    "  vexa-usb stream -o - | consumer");
-    command->callback([&common, options]() { stream(*options, common); });
+    command.add_flag("--check", options->checkPattern,
+                     "Check every byte of the simulated instrument's stream");
+    command.add_flag("--progress", common.progress,
+                     "Show the progress also when not on a terminal");
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.footer("Without --bytes or --seconds it goes on until Ctrl-C.\n\nExamples:\n"
+                   "  vexa-usb stream --bytes 256M --check\n"
+                   "  vexa-usb stream 0x82 --seconds 10 -o run.dat\n"
+                   "  vexa-usb stream -o - | consumer");
+    command.callback([&common, options]() { stream(*options, common); });
 }
 
 } // namespace tool

@@ -122,58 +122,55 @@ void addEndpointOptions(CLI::App &command, TransferOptions &options) {
 
 } // namespace
 
-void addControlCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("control", "Do a control transfer");
+void defineControlCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
-    command->add_option("REQUEST", options->request, "bRequest")->required();
-    command->add_option("VALUE", options->value, "wValue");
-    command->add_option("INDEX", options->index, "wIndex");
-    addDataOptions(*command, *options);
+    command.add_option("REQUEST", options->request, "bRequest")->required();
+    command.add_option("VALUE", options->value, "wValue");
+    command.add_option("INDEX", options->index, "wIndex");
+    addDataOptions(command, *options);
     CLI::Option *length =
-        command->add_option("--in", options->length, "Read so many bytes; without it, write")
+        command.add_option("--in", options->length, "Read so many bytes; without it, write")
             ->check(CLI::Range(0, 65535))
             ->excludes("--data")
             ->excludes("--input");
-    command->add_option("--type", options->type, "standard, class or vendor (the default)")
+    command.add_option("--type", options->type, "standard, class or vendor (the default)")
         ->transform(CLI::CheckedTransformer(requestTypes));
     command
-        ->add_option("--recipient", options->recipient,
-                     "device (the default), interface, endpoint or other")
+        .add_option("--recipient", options->recipient,
+                    "device (the default), interface, endpoint or other")
         ->transform(CLI::CheckedTransformer(recipients));
-    addOutputOption(*command, *options);
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->footer("Examples:\n"
-                    "  vexa-usb control 6 0x0100 --type standard --in 18    the device descriptor\n"
-                    "  vexa-usb control 1 --data 0011ff                     a vendor request");
-    command->callback([&common, options, length]() {
+    addOutputOption(command, *options);
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.footer("Examples:\n"
+                   "  vexa-usb control 6 0x0100 --type standard --in 18    the device descriptor\n"
+                   "  vexa-usb control 1 --data 0011ff                     a vendor request");
+    command.callback([&common, options, length]() {
         options->in = !length->empty();
         control(*options, common);
     });
 }
 
-void addReadCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("read", "Read from an IN endpoint");
+void defineReadCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
-    addEndpointOptions(*command, *options);
+    addEndpointOptions(command, *options);
     command
-        ->add_option("LENGTH", options->length, "Number of bytes; units such as 64k are understood")
+        .add_option("LENGTH", options->length, "Number of bytes; units such as 64k are understood")
         ->required()
         ->transform(CLI::AsSizeValue(false));
-    addOutputOption(*command, *options);
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->callback([&common, options]() { read(*options, common); });
+    addOutputOption(command, *options);
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.callback([&common, options]() { read(*options, common); });
 }
 
-void addWriteCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("write", "Write to an OUT endpoint");
+void defineWriteCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
-    addEndpointOptions(*command, *options);
-    addDataOptions(*command, *options);
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->callback([&common, options]() { write(*options, common); });
+    addEndpointOptions(command, *options);
+    addDataOptions(command, *options);
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.callback([&common, options]() { write(*options, common); });
 }
 
 } // namespace tool

@@ -74,26 +74,24 @@ void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
 
 } // namespace
 
-void addWatchCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("watch", "Tell as devices come and go");
+void defineWatchCommand(CLI::App &command, CommonOptions &common) {
     const auto ending = std::make_shared<Ending>();
-    ending->addOptions(*command);
-    addJsonOption(*command, common);
-    command->footer("Prints a line for each supported device that comes or goes, those that are\n"
-                    "there already first; with --json an object a line. Ctrl-C ends it.");
-    command->callback([&common, ending]() { watch(common, *ending); });
+    ending->addOptions(command);
+    addJsonOption(command, common);
+    command.footer("Prints a line for each supported device that comes or goes, those that are\n"
+                   "there already first; with --json an object a line. Ctrl-C ends it.");
+    command.callback([&common, ending]() { watch(common, *ending); });
 }
 
-void addEventsCommand(CLI::App &app, CommonOptions &common) {
-    CLI::App *command = app.add_subcommand("events", "Print the bytes that an endpoint sends");
+void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto ending = std::make_shared<Ending>();
-    command->add_option("ENDPOINT", *endpoint, "Endpoint address")->capture_default_str();
-    ending->addOptions(*command);
-    addDeviceOption(*command, common);
-    addJsonOption(*command, common);
-    command->footer("Prints a line for each byte, as it comes. Ctrl-C ends it.");
-    command->callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
+    command.add_option("ENDPOINT", *endpoint, "Endpoint address")->capture_default_str();
+    ending->addOptions(command);
+    addDeviceOption(command, common);
+    addJsonOption(command, common);
+    command.footer("Prints a line for each byte, as it comes. Ctrl-C ends it.");
+    command.callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
 }
 
 } // namespace tool
