@@ -88,6 +88,11 @@ Input::~Input() {
     ::close(descriptor);
 }
 
+size_t Input::size() const {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+}
+
 size_t Input::read(std::span<uint8_t> room) {
     ssize_t count = 0;
     do {
@@ -100,13 +105,14 @@ size_t Input::read(std::span<uint8_t> room) {
 
 Bytes readInput(const std::string &path) {
     Input input(path);
-    Bytes bytes;
-    for (size_t count = 1; count != 0;) {
-        const size_t before = bytes.size();
-        bytes.resize(before + kReadPiece);
-        count = input.read(std::span(bytes).subspan(before));
-        bytes.resize(before + count);
+    Bytes bytes(input.size() + 1); // room to see the end of a file
+    size_t filled = 0;
+    while (const size_t count = input.read(std::span(bytes).subspan(filled))) {
+        filled += count;
+        if (filled == bytes.size())
+            bytes.resize(filled + kReadPiece);
     }
+    bytes.resize(filled);
     return bytes;
 }
 

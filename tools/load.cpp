@@ -167,7 +167,9 @@ void report(uint64_t size, Seconds time, const std::optional<ListChange> &now, b
 void load(const LoadOptions &options, const CommonOptions &common, const Firmware &firmware) {
     const Library library;
     catchInterrupts();
-    ListChanges changes;
+    std::optional<ListChanges> changes; // from before the load, so that none is missed
+    if (options.wait > 0)
+        changes.emplace();
     Seconds time{};
     uint64_t id = 0;
     {
@@ -184,8 +186,8 @@ void load(const LoadOptions &options, const CommonOptions &common, const Firmwar
                         "shows; plug the device in again if the next load fails, too.");
     }
     std::optional<ListChange> now;
-    if (options.wait > 0) {
-        now = waitForReturn(changes, id, Seconds(options.wait));
+    if (changes) {
+        now = waitForReturn(*changes, id, Seconds(options.wait));
         if (interrupted())
             throw Error(Exit::Failed, "loaded, but interrupted before the device came back",
                         "'vexa-usb list' shows whether it has.");

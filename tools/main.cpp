@@ -63,7 +63,7 @@ std::string versionText() {
 int run(int argc, char **argv) {
     CommonOptions common;
     CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n"};
-    app.set_version_flag("-V,--version", versionText());
+    app.set_version_flag("-V,--version", versionText);
     app.require_subcommand(1);
     app.footer(std::string("'vexa-usb COMMAND --help' tells about a command.\n") + kExitHelp);
     for (const Command &command : kCommands) {
