@@ -14,7 +14,7 @@
 
 #include <libusb.h>
 
-#include "bare_device.h"
+#include "devices.h"
 #include "instrument_protocol.h"
 #include "vexa_usb.h"
 
@@ -111,15 +111,6 @@ private:
 // Lives for ever, since callbacks can come late.
 class Library final : public Way {
 public:
-    Library() {
-        vexa_usb_init();
-        vexa_usb_update_device_list();
-        _vexa_usb_device_list_item **list = nullptr;
-        vexa_usb_get_device_list(&list, nullptr);
-        require(list[0] != nullptr && vexa_usb_open(list[0], callback, this, &device) == 0,
-                "no instrument");
-        vexa_usb_free_device_list(list);
-    }
     void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
         require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
                                           VEXA_USB_RECIPIENT_DEVICE, request, value, 0, data.data(),
@@ -148,10 +139,10 @@ private:
             self.reached.notify_all();
     }
 
-    _vexa_usb_device *device = nullptr;
     std::mutex mutex;
     std::condition_variable reached;
     uint64_t wanted = 0;
+    _vexa_usb_device *const device = bench::openFirst(callback, this);
 };
 
 // The packets wait in the simulator, so that nothing but the pipe is measured.

@@ -15,7 +15,7 @@
 
 #include <libusb.h>
 
-#include "bare_device.h"
+#include "devices.h"
 #include "instrument_protocol.h"
 #include "vexa_usb.h"
 
@@ -69,13 +69,7 @@ struct BareLoop {
 class LibraryStream {
 public:
     void run(uint64_t bytes) {
-        vexa_usb_init();
-        vexa_usb_update_device_list();
-        _vexa_usb_device_list_item **list = nullptr;
-        vexa_usb_get_device_list(&list, nullptr);
-        require(list[0] != nullptr && vexa_usb_open(list[0], callback, this, &device) == 0,
-                "no instrument");
-        vexa_usb_free_device_list(list);
+        device = bench::openFirst(callback, this);
         left = bytes;
         require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, kBufferSize,
                                            kBufferCount) == 0,

@@ -60,6 +60,19 @@ std::string versionText() {
                        version.patch, version.build, version.suffix);
 }
 
+// A word where a command is expected deserves better than that a command is missing.
+void throwIfUnknown(const CLI::App &app) {
+    const CLI::App *named = &app;
+    while (!named->get_subcommands().empty())
+        named = named->get_subcommands().front();
+    const auto words = named->remaining();
+    if (named->get_require_subcommand_min() == 0 || words.empty() || words[0].starts_with('-'))
+        return;
+    throw Error(Exit::Usage, fmt::format("there is no command '{}'", words[0]),
+                fmt::format("'vexa-usb {}--help' lists those that there are.",
+                            named == &app ? "" : named->get_name() + " "));
+}
+
 int run(int argc, char **argv) {
     CommonOptions common;
     CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n"};
@@ -76,6 +89,8 @@ int run(int argc, char **argv) {
             throwSystemError("cannot write standard output");
         return static_cast<int>(Exit::Success);
     } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+            throwIfUnknown(app);
         return app.exit(error) == 0 ? static_cast<int>(Exit::Success)
                                     : static_cast<int>(Exit::Usage);
     }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "firmware/file_reader.h"
+#include "firmware/strings.h"
 
 namespace vexausb {
 
@@ -143,14 +144,12 @@ void HexTextReader::decodeLeniently(std::string_view text) {
     verifySum(std::accumulate(bytes.data(), &bytes[beforeChecksum] + 1, 0U));
 }
 
-// Room is made for as many records as there would be if all lines were as long as the first.
 HexRecords parseHexText(std::string_view text) {
     HexRecords records;
-    HexTextReader reader(text);
-    while (const auto view = reader.next()) {
-        records.push_back(ownedRecord(*view));
-        if (records.size() == 1)
-            records.reserve(text.size() / (2 * view->data.size() + kShortestLine) + 1);
+    for (const std::string_view line : split(text, '\n')) {
+        HexTextReader reader(line);
+        if (const auto view = reader.next())
+            records.push_back(ownedRecord(*view));
     }
     return records;
 }

@@ -40,4 +40,17 @@ public:
     libusb_device_handle *handle = nullptr;
 };
 
+// The first instrument, opened with the library that this initialises.
+inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback callback, void *data) {
+    vexa_usb_init();
+    vexa_usb_update_device_list();
+    _vexa_usb_device_list_item **list = nullptr;
+    vexa_usb_get_device_list(&list, nullptr);
+    _vexa_usb_device *device = nullptr;
+    require(list[0] != nullptr && vexa_usb_open(list[0], callback, data, &device) == 0,
+            "no instrument");
+    vexa_usb_free_device_list(list);
+    return device;
+}
+
 } // namespace bench
