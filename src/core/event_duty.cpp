@@ -17,52 +17,60 @@ namespace vexausb {
  * then that thread is woken by the completion and wakes the caller in turn, which a short request
  * pays for dearly.  So while such transfers follow one another, "usb-libusb" stays out of libusb.
  *
- * Nothing is left undone meanwhile.  A transfer that succeeded did handle events; one that failed
- * may not have, so it does not count, and the thread looks after kTurn at the latest.  Asynchronous
- * transfers wait for nothing: while there is somebody to submit any, the thread stays on duty.
+ * Nothing is left undone meanwhile.  A transfer that succeeded did have all events handled; one
+ * that failed may not have, so it does not count, and the thread is back two turns after the last
+ * success at the latest.  Asynchronous transfers wait for nothing: while any is in flight, the
+ * thread stays on duty.
  */
 namespace {
 
 // Long compared with a request, short for a hot-plug notice that comes after the last of them.
 constexpr std::chrono::milliseconds kTurn{50};
 
-std::atomic<bool> callsFollow{false}; // set by callers, cleared by "usb-libusb"
+struct Duty {
+    std::atomic<bool> callsFollow{false}; // set by callers, cleared by "usb-libusb"
 
-std::mutex mutex; // guards reservations
-std::condition_variable changed;
-uint64_t reservations = 0;
+    std::mutex mutex; // guards reservations; nothing is locked inside it
+    std::condition_variable changed;
+    uint64_t reservations = 0;
 
-bool mustReturn() {
-    return reservations > 0 || !libusbRunning.load();
+    bool mustReturn() const { return reservations > 0 || !libusbRunning.load(); }
+};
+
+// Kept for ever, since the thread may wait in it when the process ends without the last fini.
+Duty &duty() {
+    static auto *const only = new Duty;
+    return *only;
 }
 
 } // namespace
 
 EventDuty::Reserved::Reserved() {
-    const std::lock_guard lock(mutex);
-    ++reservations;
-    changed.notify_one();
+    const std::lock_guard lock(duty().mutex);
+    ++duty().reservations;
+    duty().changed.notify_one();
 }
 
 EventDuty::Reserved::~Reserved() {
-    const std::lock_guard lock(mutex);
-    --reservations;
+    const std::lock_guard lock(duty().mutex);
+    --duty().reservations;
 }
 
 void EventDuty::callSucceeded() {
-    callsFollow.store(true, std::memory_order_relaxed);
+    duty().callsFollow.store(true, std::memory_order_relaxed);
 }
 
 void EventDuty::leaveToCalls() {
-    std::unique_lock lock(mutex);
-    while (!mustReturn() && callsFollow.exchange(false, std::memory_order_relaxed))
-        changed.wait_for(lock, kTurn, mustReturn);
+    Duty &now = duty();
+    std::unique_lock lock(now.mutex);
+    while (!now.mustReturn() && now.callsFollow.exchange(false, std::memory_order_relaxed))
+        now.changed.wait_for(lock, kTurn, [&]() { return now.mustReturn(); });
 }
 
 // Under the mutex, so that the notice does not fall between a look at libusbRunning and the wait.
 void EventDuty::end() {
-    const std::lock_guard lock(mutex);
-    changed.notify_one();
+    const std::lock_guard lock(duty().mutex);
+    duty().changed.notify_one();
 }
 
 } // namespace vexausb

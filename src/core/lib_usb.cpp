@@ -10,7 +10,7 @@ namespace vexausb {
 
 /*
  * The libusb side of the process-wide state: the context, the hot-plug registrations and
- * "usb-libusb", the thread that handles libusb's events.
+ * "usb-libusb", the thread that handles libusb's events unless callers do (event_duty.cpp).
  *
  * init and fini run on callers' threads, one at a time (lifecycle.cpp sees to that).  No handle
  * outlives its context: fini closes the connections first, while the event loop still delivers the

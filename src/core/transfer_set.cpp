@@ -43,14 +43,20 @@ bool TransferSet::submit(Slot &slot, uint8_t *buffer, int length) {
     slot.transfer->buffer = buffer;
     slot.transfer->length = length;
     slot.inFlight = shared_from_this();
+    if (!duty)
+        duty.emplace();
     if (libusb_submit_transfer(slot.transfer) == LIBUSB_SUCCESS)
         return true;
     slot.inFlight.reset();
+    if (idle())
+        duty.reset();
     return false;
 }
 
 void TransferSet::release(Slot &slot) {
     libusb_free_transfer(std::exchange(slot.transfer, nullptr));
+    if (idle())
+        duty.reset();
     released.notify_all();
 }
 
@@ -61,8 +67,9 @@ void TransferSet::cancelAll() {
     }
 }
 
-// `self` is declared before the lock, so that the set outlives the unlocking.
-void TransferSet::onComplete(libusb_transfer *transfer) {
+// `self` is declared before the lock, so that the set outlives the unlocking.  Nothing may be
+// thrown through libusb, whose locks are held.
+void TransferSet::onComplete(libusb_transfer *transfer) noexcept {
     Slot &slot = *static_cast<Slot *>(transfer->user_data);
     std::shared_ptr<TransferSet> self;
     const std::lock_guard lock(slot.set->mutex);

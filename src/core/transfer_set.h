@@ -51,10 +51,10 @@ protected:
     std::vector<Slot> slots; // its size is fixed by allocate()
 
 private:
-    static void LIBUSB_CALL onComplete(libusb_transfer *transfer);
+    static void LIBUSB_CALL onComplete(libusb_transfer *transfer) noexcept;
     bool idle() const;
 
-    const EventDuty::Reserved duty; // completions are to be handled at once
+    std::optional<EventDuty::Reserved> duty; // while any is in flight; guarded by mutex
     const std::optional<std::chrono::milliseconds> patience;
     std::condition_variable released;
 };

@@ -6,6 +6,6 @@ namespace vexausb {
 
 // libusb's notice of an arrival or a departure; passes it on to the device list.
 int LIBUSB_CALL onHotplug(libusb_context *context, libusb_device *device,
-                          libusb_hotplug_event event, void *userData);
+                          libusb_hotplug_event event, void *userData) noexcept;
 
 } // namespace vexausb
