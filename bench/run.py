@@ -181,8 +181,11 @@ def load_in_turns(build, device, rounds, commands):
 
 def installed_command(build):
     """The command as it is once installed, known to the dynamic linker like the others' libraries;
-    nothing outside the virtual machine changes."""
+    what that changes of the system is in the virtual machine's memory."""
+    if "VEXA_IN_VM" not in os.environ:
+        raise SystemExit("to be run by scripts/vm: it installs the command")
     prefix, cache = "/run/vexa-usb", "/run/ld.so.cache"
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/var/cache/ldconfig"], check=True)
     subprocess.run(["cmake", "--install", build, "--prefix", prefix], check=True,
                    stdout=subprocess.DEVNULL)
     subprocess.run(["ldconfig", "-X", "-C", cache, f"{prefix}/lib"], check=True)

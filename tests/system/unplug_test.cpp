@@ -26,6 +26,7 @@ namespace {
 
 using test::Events;
 using test::Simulator;
+using test::StreamReader;
 
 // What the list's callbacks said; for the life of the process, since callbacks may come late.
 class Changes {
@@ -116,6 +117,37 @@ TEST_F(UnplugTest, SupportedIdentifiersAppearAndOthersDoNot) {
                     "sleep 0.02; done >/dev/null; exit 1"), // NOLINT(bugprone-command-processor)
         0);
     EXPECT_EQ(test::listedIds().size(), 4U);
+}
+
+// Requests without a pause leave libusb's events to the thread that makes them; what becomes of
+// another device is heard all the same, and its stream is whole.
+TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
+    const Simulator simulator({"instrument", "instrument"}, 2);
+    _vexa_usb_device *const other =
+        test::openDevice(test::listedIds().at(0), Events::callback, &Events::make());
+    ASSERT_NE(other, nullptr);
+    std::atomic<bool> ended = false;
+    std::thread busy([&]() {
+        while (!ended)
+            EXPECT_EQ(test::rewindStream(other), 0);
+    });
+    for (size_t i = 1; i <= 3; ++i) {
+        Events &own = Events::make();
+        device = test::openDevice(test::listedIds(false).back(), Events::callback, &own);
+        ASSERT_NE(device, nullptr);
+        StreamReader reader(device, own);
+        ASSERT_EQ(test::rewindStream(device), 0);
+        ASSERT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 65536, 32), 0);
+        EXPECT_EQ(reader.read(1000000), 1000000U);
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        ASSERT_EQ(test::vanish(device, 0, 300), 0);
+        EXPECT_TRUE(own.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
+        EXPECT_EQ(vexa_usb_close(device), 0);
+        EXPECT_TRUE(changes.reach(2 + i, i));
+    }
+    ended = true;
+    busy.join();
+    EXPECT_EQ(vexa_usb_close(other), 0);
 }
 
 TEST_F(UnplugTest, WhileIdle) {

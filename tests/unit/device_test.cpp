@@ -1,7 +1,5 @@
 // Opened devices: checks, queries, synchronous transfers, removal.
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <future>
 #include <thread>
@@ -220,111 +218,6 @@ TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
     vexa_usb_init();
     for (_vexa_usb_device *each : devices)
         vexa_usb_close(each);
-}
-
-// Control transfers that follow one another on a thread of their own, so that "usb-libusb" leaves
-// the events to them.  When that thread does not get to run for a while, "usb-libusb" comes back by
-// itself, as it should; so the tests try until that has not happened.
-class FollowingCallsTest : public DeviceTest {
-protected:
-    static constexpr int kAttempts = 20;
-
-    FollowingCallsTest() {
-        fake::onControl([this](const fake::ControlRequest & /*request*/) {
-            const auto now = std::chrono::steady_clock::now();
-            longestGap = std::max(longestGap.load(), now - std::exchange(last, now));
-            ++count;
-            return result.load();
-        });
-    }
-    ~FollowingCallsTest() override {
-        ended = true;
-        if (calls.joinable())
-            calls.join();
-    }
-    // Has the calls begin, and then "usb-libusb" handle something.
-    void begin() {
-        calls = std::thread([this]() {
-            while (!ended) {
-                vexa_usb_control_transfer(device, 0, 2, 0, 1, 0, 0, nullptr, 0);
-                fake::takeCalls();
-            }
-        });
-        waitForCalls();
-        notifyArrival();
-        ASSERT_TRUE(heardWithin(test::kLong));
-    }
-    void waitForCalls() {
-        const auto end = std::chrono::steady_clock::now() + test::kLong;
-        for (const uint64_t before = count; count < before + 2;)
-            ASSERT_LT(std::chrono::steady_clock::now(), end);
-    }
-    void notifyArrival() {
-        expected = test::Snapshot().count + 1;
-        fake::notifyArrival(fake::attach(VEXA_USB_VENDOR_ID, 2));
-    }
-    bool heardWithin(std::chrono::milliseconds time) const {
-        const auto end = std::chrono::steady_clock::now() + time;
-        while (test::Snapshot().count != expected && std::chrono::steady_clock::now() < end)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return test::Snapshot().count == expected;
-    }
-
-    std::atomic<int> result = 0;
-    std::atomic<uint64_t> count = 0;
-    std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
-    std::atomic<std::chrono::steady_clock::duration> longestGap{};
-    std::atomic<bool> ended = false;
-    std::thread calls;
-    uint64_t expected = 0;
-};
-
-TEST_F(FollowingCallsTest, HandleTheEventsThemselves) {
-    // What kept the thread on duty has ended.
-    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
-    ASSERT_EQ(vexa_usb_event_pipe_enable(device, 0x81), 0);
-    fake::completeNewest(LIBUSB_TRANSFER_STALL);
-    ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
-    begin();
-    bool stayedOut = false;
-    for (int i = 0; i < kAttempts && !stayedOut; ++i) {
-        notifyArrival();
-        stayedOut = !heardWithin(std::chrono::milliseconds(200));
-        fake::deliverEvents();
-        EXPECT_TRUE(heardWithin(test::kLong));
-    }
-    EXPECT_TRUE(stayedOut);
-}
-
-TEST_F(FollowingCallsTest, FailedOnesLeaveNoticesToTheThread) {
-    begin();
-    bool heard = false;
-    for (int i = 0; i < kAttempts && !heard; ++i) {
-        result = LIBUSB_ERROR_NO_DEVICE;
-        waitForCalls();
-        longestGap = std::chrono::steady_clock::duration::zero();
-        notifyArrival();
-        ASSERT_TRUE(heardWithin(test::kLong));
-        heard = longestGap.load() < std::chrono::milliseconds(40);
-        result = 0;
-        waitForCalls();
-    }
-    EXPECT_TRUE(heard);
-}
-
-TEST_F(FollowingCallsTest, StreamsDoNotWaitForThem) {
-    begin();
-    bool atOnce = false;
-    for (size_t i = 1; i <= kAttempts / 2 && !atOnce; ++i) {
-        ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
-        const auto start = std::chrono::steady_clock::now();
-        fake::completeOldest();
-        ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, i));
-        atOnce = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(20);
-        ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5)); // the thread leaves
-    }
-    EXPECT_TRUE(atOnce);
 }
 
 // A device that outlives the last fini is removed, usable for nothing but closing, and closes
