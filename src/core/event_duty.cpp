@@ -19,8 +19,9 @@ namespace vexausb {
  *
  * Nothing is left undone meanwhile.  A transfer that succeeded did have all events handled; one
  * that failed may not have, so it does not count, and the thread is back two turns after the last
- * success at the latest.  Asynchronous transfers wait for nothing: while any is in flight, the
- * thread stays on duty.
+ * success at the latest.  A call that nothing followed is taken for the first of many when the next
+ * event comes; what comes right behind that event then waits for one turn.  Asynchronous transfers
+ * wait for nothing: while any is in flight, the thread stays on duty.
  */
 namespace {
 
@@ -63,7 +64,7 @@ void EventDuty::callSucceeded() {
 void EventDuty::leaveToCalls() {
     Duty &now = duty();
     std::unique_lock lock(now.mutex);
-    while (!now.mustReturn() && now.callsFollow.exchange(false, std::memory_order_relaxed))
+    while (now.callsFollow.exchange(false, std::memory_order_relaxed) && !now.mustReturn())
         now.changed.wait_for(lock, kTurn, [&]() { return now.mustReturn(); });
 }
 
