@@ -47,7 +47,8 @@ inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback callback, void
     _vexa_usb_device_list_item **list = nullptr;
     vexa_usb_get_device_list(&list, nullptr);
     _vexa_usb_device *device = nullptr;
-    require(list[0] != nullptr && vexa_usb_open(list[0], callback, data, &device) == 0,
+    require(list != nullptr && list[0] != nullptr &&
+                vexa_usb_open(list[0], callback, data, &device) == 0,
             "no instrument");
     vexa_usb_free_device_list(list);
     return device;

@@ -142,6 +142,7 @@ private:
     std::mutex mutex;
     std::condition_variable reached;
     uint64_t wanted = 0;
+    // Last: callbacks may come from here on.
     _vexa_usb_device *const device = bench::openFirst(callback, this);
 };
 

@@ -163,7 +163,8 @@ def medians(times):
 
 def load_in_turns(build, device, rounds, commands):
     """Compares the first of the commands with the other: the load as the device sees it, from its
-    first request to the start of its firmware; and whole processes, which start up and end, too."""
+    first request to the start of its firmware; and, for information, whole processes, where a short
+    load is outweighed by what the dynamic linker has to do for each."""
     processes = {name: [] for name in commands}
     loads = {name: [] for name in commands}
     for _ in range(rounds):
@@ -190,7 +191,9 @@ def installed_command(build):
                    stdout=subprocess.DEVNULL)
     subprocess.run(["ldconfig", "-X", "-C", cache, f"{prefix}/lib"], check=True)
     subprocess.run(["mount", "--bind", cache, "/etc/ld.so.cache"], check=True)
-    return f"{prefix}/bin/vexa-usb"
+    command = f"{prefix}/bin/vexa-usb"
+    subprocess.run([command, "--version"], check=True, stdout=subprocess.DEVNULL)
+    return command
 
 
 def loaders(build, rounds):

@@ -24,7 +24,7 @@ public:
     Input(const Input &) = delete;
     Input &operator=(const Input &) = delete;
 
-    // Of a file; what else there is may count as empty.
+    // Of a regular file; for a pipe or a device it may be 0.
     size_t size() const;
     // Returns how much was read; 0 at the end.
     size_t read(std::span<uint8_t> room);

@@ -60,7 +60,7 @@ std::string versionText() {
                        version.patch, version.build, version.suffix);
 }
 
-// A word where a command is expected deserves better than that a command is missing.
+// Says which word is no command, rather than only that one is missing.
 void throwIfUnknown(const CLI::App &app) {
     const CLI::App *named = &app;
     while (!named->get_subcommands().empty())
@@ -68,9 +68,10 @@ void throwIfUnknown(const CLI::App &app) {
     const auto words = named->remaining();
     if (named->get_require_subcommand_min() == 0 || words.empty() || words[0].starts_with('-'))
         return;
-    throw Error(Exit::Usage, fmt::format("there is no command '{}'", words[0]),
-                fmt::format("'vexa-usb {}--help' lists those that there are.",
-                            named == &app ? "" : named->get_name() + " "));
+    const std::string whole =
+        named == &app ? std::string("vexa-usb") : "vexa-usb " + named->get_name();
+    throw Error(Exit::Usage, fmt::format("'{}' has no command '{}'", whole, words[0]),
+                fmt::format("'{} --help' lists those that it has.", whole));
 }
 
 int run(int argc, char **argv) {

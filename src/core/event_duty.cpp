@@ -15,18 +15,17 @@ namespace vexausb {
  *
  * A synchronous transfer handles all events itself while it waits, unless another thread is at it:
  * then that thread is woken by the completion and wakes the caller in turn, which a short request
- * pays for dearly.  So while such transfers follow one another, "usb-libusb" stays out of libusb.
+ * pays for dearly.  So while such transfers follow one another, "usb-libusb" stays out of libusb,
+ * and comes in once a turn only, whatever the calls do.
  *
- * Nothing is left undone meanwhile.  A transfer that succeeded did have all events handled; one
- * that failed may not have, so it does not count, and the thread is back two turns after the last
- * success at the latest.  A call that nothing followed is taken for the first of many when the next
- * event comes; what comes right behind that event then waits for one turn.  Asynchronous transfers
- * wait for nothing: while any is in flight, the thread stays on duty.
+ * So an event waits for one turn at most: a hot-plug notice that comes when the last call has just
+ * ended.  Asynchronous transfers wait for nothing: while any is in flight, the thread stays on
+ * duty.
  */
 namespace {
 
-// Long compared with a request, short for a hot-plug notice that comes after the last of them.
-constexpr std::chrono::milliseconds kTurn{50};
+// Long compared with a request, short for a hot-plug notice.
+constexpr std::chrono::milliseconds kTurn{100};
 
 struct Duty {
     std::atomic<bool> callsFollow{false}; // set by callers, cleared by "usb-libusb"
@@ -64,7 +63,7 @@ void EventDuty::callSucceeded() {
 void EventDuty::leaveToCalls() {
     Duty &now = duty();
     std::unique_lock lock(now.mutex);
-    while (now.callsFollow.exchange(false, std::memory_order_relaxed) && !now.mustReturn())
+    if (now.callsFollow.exchange(false, std::memory_order_relaxed))
         now.changed.wait_for(lock, kTurn, [&]() { return now.mustReturn(); });
 }
 

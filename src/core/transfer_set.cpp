@@ -40,11 +40,11 @@ bool TransferSet::allocate(size_t count, libusb_device_handle *handle, uint8_t e
 
 // The reference is taken before libusb gets the transfer, since the completion may come first.
 bool TransferSet::submit(Slot &slot, uint8_t *buffer, int length) {
+    if (!duty)
+        duty.emplace();
     slot.transfer->buffer = buffer;
     slot.transfer->length = length;
     slot.inFlight = shared_from_this();
-    if (!duty)
-        duty.emplace();
     if (libusb_submit_transfer(slot.transfer) == LIBUSB_SUCCESS)
         return true;
     slot.inFlight.reset();

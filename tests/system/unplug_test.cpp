@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -127,10 +128,12 @@ TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
         test::openDevice(test::listedIds().at(0), Events::callback, &Events::make());
     ASSERT_NE(other, nullptr);
     std::atomic<bool> ended = false;
-    std::thread busy([&]() {
+    const auto busy = std::async(std::launch::async, [&]() {
         while (!ended)
             EXPECT_EQ(test::rewindStream(other), 0);
     });
+    // Ends that also when an assertion ends the test.
+    const std::shared_ptr<void> ending(nullptr, [&](void * /*none*/) { ended = true; });
     for (size_t i = 1; i <= 3; ++i) {
         Events &own = Events::make();
         device = test::openDevice(test::listedIds(false).back(), Events::callback, &own);
@@ -146,7 +149,7 @@ TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
         EXPECT_TRUE(changes.reach(2 + i, i));
     }
     ended = true;
-    busy.join();
+    busy.wait();
     EXPECT_EQ(vexa_usb_close(other), 0);
 }
 
