@@ -163,8 +163,8 @@ def medians(times):
 
 def load_in_turns(build, device, rounds, commands):
     """Compares the first of the commands with the other: the load as the device sees it, from its
-    first request to the start of its firmware; and, for information, whole processes, where a short
-    load is outweighed by what the dynamic linker has to do for each."""
+    first request to the start of its firmware; and, for information, whole processes, which start up
+    and end, too."""
     processes = {name: [] for name in commands}
     loads = {name: [] for name in commands}
     for _ in range(rounds):

@@ -15,7 +15,8 @@ public:
         Reserved &operator=(const Reserved &) = delete;
     };
 
-    // Any thread, after a synchronous transfer that went well.
+    // Any thread, after a synchronous transfer that went well; one that failed may have handled no
+    // events.
     static void callSucceeded();
     // "usb-libusb", whenever it has handled events: returns when it is its turn again.
     static void leaveToCalls();

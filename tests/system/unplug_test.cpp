@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <set>
+#include <stop_token>
 #include <thread>
 
 #ifdef __SANITIZE_ADDRESS__
@@ -127,13 +127,10 @@ TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
     _vexa_usb_device *const other =
         test::openDevice(test::listedIds().at(0), Events::callback, &Events::make());
     ASSERT_NE(other, nullptr);
-    std::atomic<bool> ended = false;
-    const auto busy = std::async(std::launch::async, [&]() {
-        while (!ended)
+    std::jthread busy([other](const std::stop_token &stop) {
+        while (!stop.stop_requested())
             EXPECT_EQ(test::rewindStream(other), 0);
     });
-    // Ends that also when an assertion ends the test.
-    const std::shared_ptr<void> ending(nullptr, [&](void * /*none*/) { ended = true; });
     for (size_t i = 1; i <= 3; ++i) {
         Events &own = Events::make();
         device = test::openDevice(test::listedIds(false).back(), Events::callback, &own);
@@ -148,8 +145,8 @@ TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
         EXPECT_EQ(vexa_usb_close(device), 0);
         EXPECT_TRUE(changes.reach(2 + i, i));
     }
-    ended = true;
-    busy.wait();
+    busy.request_stop();
+    busy.join();
     EXPECT_EQ(vexa_usb_close(other), 0);
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <stop_token>
 #include <thread>
 
 #include "helpers.h"
@@ -24,15 +25,10 @@ protected:
             return 0;
         });
     }
-    ~FollowingCallsTest() override {
-        ended = true;
-        if (calls.joinable())
-            calls.join();
-    }
     // Has the calls begin, and then "usb-libusb" handle something.
     void begin() {
-        calls = std::thread([this]() {
-            while (!ended) {
+        calls = std::jthread([this](const std::stop_token &stop) {
+            while (!stop.stop_requested()) {
                 vexa_usb_control_transfer(device, 0, 2, 0, 1, 0, 0, nullptr, 0);
                 fake::takeCalls();
             }
@@ -55,9 +51,8 @@ protected:
     }
 
     std::atomic<uint64_t> count = 0;
-    std::atomic<bool> ended = false;
-    std::thread calls;
     uint64_t expected = 0;
+    std::jthread calls; // last: it ends before what it uses
 };
 
 // The stand-in's calls handle no events, unlike real ones; the thread comes in all the same.
