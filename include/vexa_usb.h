@@ -146,10 +146,15 @@ typedef uint32_t _vexa_usb_device_event;
 /**
  * Receives the events of one opened device, in their order, one at a time.
  *
- * Runs on a thread of that device ("usb-device" and a number).  Closing the device does not wait
- * for it: one call may still be running, or be just about to begin, when vexa_usb_close() returns,
- * and what @p data points to must outlive that call.  A callback that takes long delays this
- * device's later events only; they are kept without limit.
+ * Runs on a thread of that device ("usb-device" and a number), under no lock, so it may call any
+ * function: transfer, stream, close the device, even the last vexa_usb_fini().  A callback that
+ * takes long delays this device's later events only; they are kept without limit.
+ *
+ * Calls come from the opening until the closing: the first perhaps before vexa_usb_open() has
+ * returned (when the device leaves at that moment), and also after the last vexa_usb_fini(), which
+ * itself is such an event.  Closing the device does not wait for them: one call may still be
+ * running, or be just about to begin, when vexa_usb_close() returns, and what @p data points to must
+ * outlive that call.
  *
  * @param event what happened
  * @param data the pointer given to vexa_usb_open()
@@ -168,9 +173,10 @@ typedef void (*vexa_usb_device_event_callback)(_vexa_usb_device_event event, voi
  * change whose delivery has begun: what @p data points to must outlive that call.
  *
  * @param type #VEXA_USB_DEVICE_LIST_EVENT_ADDED or #VEXA_USB_DEVICE_LIST_EVENT_REMOVED
- * @param item the device; valid during the call only, so copy what you want to keep.  On an
- * addition it can be given to vexa_usb_open(); on a removal that answers -1.  A device opened from
- * it hears of its removal (#VEXA_USB_DEVICE_EVENT_REMOVED) after all callbacks have.
+ * @param item the device; valid during the call only.  To keep it, keep its numbers; the record
+ * with the same @c id in a later vexa_usb_get_device_list() can be opened.  On an addition it can be
+ * given to vexa_usb_open() here; on a removal that answers -1.  A device opened from it hears of its
+ * removal (#VEXA_USB_DEVICE_EVENT_REMOVED) after all callbacks have.
  * @param data the pointer given at the registration
  */
 typedef void (*vexa_usb_device_list_event_callback)(uint32_t type,
@@ -196,8 +202,8 @@ VEXA_USB_API void vexa_usb_init(void);
 /**
  * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
  * transfers (waiting for those of other threads for at most one synchronous transfer's time limit
- * of 1000 ms), marks open devices removed (where a device's arrival is just being reported,
- * shortly after) and returns; callbacks in progress are not waited for.
+ * of 1000 ms), marks open devices removed (where a callback is just hearing of a device, when that
+ * callback returns) and returns; callbacks in progress are not waited for.
  *
  * A call too many is an error that is not detected: the library no longer works then.
  */

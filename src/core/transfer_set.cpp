@@ -79,16 +79,19 @@ void TransferSet::onComplete(libusb_transfer *transfer) noexcept {
 
 void TransferSet::stop() {
     const std::lock_guard lock(mutex);
-    if (!std::exchange(stopRequested, true))
-        cancelAll();
+    if (std::exchange(stopRequested, true))
+        return;
+    if (patience)
+        patienceEnds = std::chrono::steady_clock::now() + *patience;
+    cancelAll();
 }
 
-// Only while an event loop delivers completions.
+// After stop(), and only while an event loop delivers completions.
 void TransferSet::waitIdle() {
     std::unique_lock lock(mutex);
     const auto isIdle = [this]() { return idle(); };
     if (patience)
-        released.wait_for(lock, *patience, isIdle);
+        released.wait_until(lock, patienceEnds, isIdle);
     else
         released.wait(lock, isIdle);
 }

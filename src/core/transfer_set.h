@@ -28,7 +28,7 @@ public:
     void abandon();
 
 protected:
-    // waitIdle() gives up after that long; without it, never.
+    // waitIdle() gives up when the stop was that long ago; without it, never.
     explicit TransferSet(std::optional<std::chrono::milliseconds> waitingLimit = std::nullopt)
         : patience(waitingLimit) {}
 
@@ -56,6 +56,7 @@ private:
 
     std::optional<EventDuty::Reserved> duty; // while any is in flight; guarded by mutex
     const std::optional<std::chrono::milliseconds> patience;
+    std::chrono::steady_clock::time_point patienceEnds; // set by stop(); guarded by mutex
     std::condition_variable released;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "core/call_checks.h"
 #include "device/abstract_device.h"
@@ -44,10 +45,14 @@ public:
         return state(&AbstractDevice::isRemoved, false, VEXA_USB_STATUS_DEVICE_REMOVED);
     }
 
-    // The device's answer, or the status of the first check that failed.
+    // The device's answer, or the status of the first check that failed.  The device lives through
+    // the call even if a callback that is called from it closes the handle.
     template <typename Call>
     int32_t then(Call call) {
-        return passed() ? call(*handle->device) : status();
+        if (!passed())
+            return status();
+        const std::shared_ptr<AbstractDevice> device = handle->device;
+        return call(*device);
     }
 
 private:

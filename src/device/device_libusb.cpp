@@ -199,11 +199,13 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
     const int packetSize = maxPacketSize(endpoint);
     if (packetSize < 0)
         return VEXA_USB_STATUS_UNKNOWN;
+    pipe->setPacketSize(packetSize);
     connection->attach(pipe);
     eventPipe = pipe;
     eventPipeActive.store(true); // before the first event, whose callback may disable the pipe
-    if (!pipe->arm(packetSize)) {
+    if (!pipe->arm()) {
         eventPipeActive.store(false);
+        eventPipe.reset();
         connection->detach(pipe);
         return VEXA_USB_STATUS_UNKNOWN;
     }

@@ -60,12 +60,12 @@ private:
     libusb_device_descriptor descriptor{}; // constant once constructed
     std::shared_ptr<UsbConnection> connection;
 
-    // Guards eventPipe and the writing of eventPipeActive.  No callback takes it.
+    // Guards eventPipe and the writing of eventPipeActive.  No libusb callback takes it.
     std::mutex eventPipeMutex;
     std::shared_ptr<EventPipe> eventPipe; // once enabled, for the rest of the device's life
 
     // Lets one thread at a time start, stop, lock or unlock; guards stream and the writing of
-    // dataStreamActive.  No callback takes it.
+    // dataStreamActive.  No libusb callback takes it.
     std::mutex streamMutex;
     std::shared_ptr<StreamSession> stream;
 };

@@ -27,10 +27,18 @@ constexpr std::chrono::milliseconds kPatience{500};
 EventPipe::EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents)
     : TransferSet(kPatience), events(std::move(deviceEvents)) {}
 
-bool EventPipe::arm(int packetSize) {
-    const std::lock_guard lock(mutex);
+void EventPipe::setPacketSize(int packetSize) {
     eventBuffer.resize(static_cast<size_t>(packetSize));
-    return !stopRequested && submit(slots.front(), eventBuffer.data(), packetSize);
+}
+
+// A transfer that was refused still knows its device, and so must not outlive the libusb context.
+bool EventPipe::arm() {
+    const std::lock_guard lock(mutex);
+    if (!stopRequested &&
+        submit(slots.front(), eventBuffer.data(), static_cast<int>(eventBuffer.size())))
+        return true;
+    release(slots.front());
+    return false;
 }
 
 void EventPipe::completed(Slot &slot) {

@@ -13,13 +13,15 @@ class EventPipe final : public TransferSet {
 public:
     explicit EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents);
 
-    bool arm(int packetSize);
+    // Before arm(), which fails for good: the pipe is of no use then.
+    void setPacketSize(int packetSize);
+    bool arm();
 
 private:
     void completed(Slot &slot) override;
 
     const std::shared_ptr<DeviceEventQueue> events;
-    std::vector<uint8_t> eventBuffer; // one packet; sized by arm(), then written by the transfer
+    std::vector<uint8_t> eventBuffer; // one packet; written by the transfer once armed
 };
 
 } // namespace vexausb

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -20,6 +21,10 @@ public:
     // Whether its device is attached there.
     virtual bool isAt(uint8_t bus, uint8_t address) const = 0;
 
+    // The entry is no longer listed, and cannot be opened from now on: another device may be where
+    // its own was.
+    void setLeft() { left.store(true); }
+
     const uint64_t id; // unique in the life of the process
     // Constant once the entry is made.
     uint16_t vendorId = 0;
@@ -28,9 +33,11 @@ public:
 protected:
     AbstractDeviceListItem();
 
+    bool hasLeft() const { return left.load(); }
     void setDevice(const std::shared_ptr<AbstractDevice> &opened);
 
 private:
+    std::atomic<bool> left{false};
     std::mutex deviceMutex; // guards device, which concurrent opens set
     std::weak_ptr<AbstractDevice> device;
 };

@@ -37,6 +37,8 @@ DeviceList::DeviceList()
 DeviceList::~DeviceList() {
     callbacks->clear();
     events->stop();
+    for (const auto &item : items)
+        item->setLeft();
 }
 
 // Enumerating under the mutex keeps a departure from falling between the enumeration and the
@@ -97,6 +99,7 @@ void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item) {
 DeviceList::Items::iterator DeviceList::removeItem(Items::iterator position) {
     std::shared_ptr<AbstractDeviceListItem> item = std::move(*position);
     const auto following = items.erase(position);
+    item->setLeft();
     events->post({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, std::move(item)});
     return following;
 }

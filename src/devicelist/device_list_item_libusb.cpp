@@ -29,7 +29,7 @@ DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
 int32_t DeviceListItemLibUSB::open(std::shared_ptr<AbstractDevice> &opened,
                                    DeviceEventHandler handler) {
     const UseGate::Use use = LibUSB::useContext();
-    if (!use)
+    if (!use || hasLeft())
         return VEXA_USB_STATUS_UNKNOWN;
     const LibusbDeviceArray attached(libusbContext);
     if (attached.error() != LIBUSB_SUCCESS)

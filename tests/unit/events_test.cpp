@@ -117,6 +117,8 @@ TEST_F(ListEventsTest, CallbacksMayRegisterDeregisterAndOpen) {
     ASSERT_TRUE(next.waitFor(1));
     EXPECT_EQ(opened, 0);
     EXPECT_TRUE(inner->all().empty());
+    // By the time that the callback hears of it, another device has its address.
+    fake::describe(fake::attach(kVendor, 2)).address = fake::describe(device).address;
     unplug(device);
     ASSERT_TRUE(inner->waitFor(1));
     EXPECT_EQ(openedWhenGone, -1);
@@ -244,6 +246,11 @@ TEST_F(EventPipeTest, FailedEnableCanBeRetried) {
     EXPECT_EQ(enable(), -1);
     EXPECT_EQ(disable(), -6);
     EXPECT_EQ(enable(), 0);
+    close();
+    device = open();
+    fake::failCall("libusb_submit_transfer");
+    EXPECT_EQ(enable(), -1);
+    reinitialise(); // the device is still open, but nothing of libusb's is left with it
 }
 
 TEST_F(EventPipeTest, EndsSilentlyByItself) {
@@ -262,17 +269,31 @@ TEST_F(EventPipeTest, EndsSilentlyByItself) {
     EXPECT_EQ(log.all().size(), 1U);
 }
 
-// A pipe whose transfer nobody completes holds a close up for half a second, not for ever.
-TEST_F(EventPipeTest, CloseDoesNotWaitForEver) {
+// Pipes whose transfers nobody completes hold a close up for half a second, not for ever, and the
+// last fini no longer for many of them than for one.
+TEST_F(EventPipeTest, EndsThoughNothingCompletes) {
+    constexpr size_t kOthers = 9;
+    std::vector<_vexa_usb_device *> others;
+    for (size_t i = 0; i < kOthers; ++i) {
+        others.push_back(open());
+        ASSERT_EQ(vexa_usb_event_pipe_enable(others.back(), 0x81), 0);
+    }
     ASSERT_EQ(enable(), 0);
     fake::holdEvents(true);
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(close(), 0);
-    const auto time = std::chrono::steady_clock::now() - before;
-    EXPECT_GE(time, std::chrono::milliseconds(450));
-    EXPECT_LT(time, std::chrono::seconds(5));
+    const auto timed = [](const std::function<void()> &action) {
+        const auto before = std::chrono::steady_clock::now();
+        action();
+        return std::chrono::steady_clock::now() - before;
+    };
+    const auto closing = timed([&]() { EXPECT_EQ(close(), 0); });
+    EXPECT_GE(closing, std::chrono::milliseconds(450));
+    EXPECT_LT(closing, std::chrono::seconds(4));
     EXPECT_TRUE(fake::closedInFlight());
+    EXPECT_LT(timed(vexa_usb_fini), std::chrono::seconds(4));
     fake::holdEvents(false);
+    vexa_usb_init();
+    for (_vexa_usb_device *const other : others)
+        EXPECT_EQ(vexa_usb_close(other), 0);
 }
 
 TEST_F(EventPipeTest, EndsWithoutEventLoop) {

@@ -300,6 +300,8 @@ void libusb_exit(libusb_context *context) {
         violation("exit of another context");
     if (!state.handles.empty())
         violation("a handle outlives its context");
+    if (state.transfers != 0)
+        violation("a transfer outlives its context");
     state.registrations.clear();
     state.context = nullptr;
     delete context;
