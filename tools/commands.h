@@ -33,7 +33,8 @@ void defineHexCommand(CLI::App &command, CommonOptions &common);
 void addCommand(CLI::App &app, const char *name, const char *help,
                 std::function<void(CLI::App &)> define);
 
-void addDeviceOption(CLI::App &command, CommonOptions &common);
+// With a name for its position, the device can also be given without the option.
+void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position = {});
 void addJsonOption(CLI::App &command, CommonOptions &common);
 
 } // namespace tool

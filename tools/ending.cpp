@@ -1,6 +1,7 @@
 #include "ending.h"
 
 #include <csignal>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -11,6 +12,16 @@ namespace {
 volatile std::sig_atomic_t signalCame = 0;
 
 } // namespace
+
+CLI::Validator positive() {
+    return {[](const std::string &text) {
+                double number = 0;
+                return CLI::detail::lexical_cast(text, number) && number > 0
+                           ? std::string()
+                           : "'" + text + "' is no number above 0";
+            },
+            "POSITIVE"};
+}
 
 void catchInterrupts() {
     struct sigaction action {};
@@ -25,9 +36,8 @@ bool interrupted() {
 }
 
 void Ending::addOptions(CLI::App &command) {
-    command.add_option("-s,--seconds", seconds, "End after so many seconds")
-        ->check(CLI::PositiveNumber);
-    command.add_option("-n,--count", count, "End after so many lines")->check(CLI::PositiveNumber);
+    command.add_option("-s,--seconds", seconds, "End after so many seconds")->check(positive());
+    command.add_option("-n,--count", count, "End after so many lines")->check(positive());
 }
 
 void Ending::start() {

@@ -17,8 +17,9 @@
 
 namespace tool {
 
-void addDeviceOption(CLI::App &command, CommonOptions &common) {
-    command.add_option("-d,--device", common.device,
+void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position) {
+    command.add_option("-d,--device" + (position.empty() ? position : "," + position),
+                       common.device,
                        "The device: its id or VENDOR:PRODUCT; not needed when there is one only");
 }
 

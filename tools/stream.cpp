@@ -216,7 +216,7 @@ void stream(const StreamOptions &options, const CommonOptions &common) {
 
 void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<StreamOptions>();
-    command.add_option("ENDPOINT", options->endpoint, "Endpoint address")->capture_default_str();
+    command.add_option("ENDPOINT", options->endpoint, "Endpoint address")->default_str("0x82");
     command.add_option("-o,--output", options->output,
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");
@@ -225,16 +225,16 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
             .add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
             ->transform(CLI::AsSizeValue(false));
     command.add_option("-s,--seconds", options->seconds, "End after so many seconds")
-        ->check(CLI::PositiveNumber)
+        ->check(positive())
         ->excludes(bytes);
     command.add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
         ->transform(CLI::AsSizeValue(false))
         ->capture_default_str();
     command.add_option("--buffers", options->bufferCount, "Number of buffers")
-        ->check(CLI::PositiveNumber)
+        ->check(positive())
         ->capture_default_str();
     command.add_option("--silence", options->silence, "Give up after so many seconds without data")
-        ->check(CLI::PositiveNumber)
+        ->check(positive())
         ->capture_default_str();
     command.add_flag("--check", options->checkPattern,
                      "Check every byte of the simulated instrument's stream");

@@ -1,6 +1,7 @@
 // The commands that tell what happens: watch and events.
 #include <cstdio>
 #include <memory>
+#include <string>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -17,9 +18,11 @@ namespace tool {
 
 namespace {
 
+// At once, so that a reader hears in time, and the writer of a reader that has gone.
 void printLine(const std::string &line) {
     fmt::print("{}\n", line);
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0)
+        throwSystemError("cannot write standard output");
 }
 
 void print(const ListChange &change, bool json) {
@@ -79,18 +82,25 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common) {
     ending->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each supported device that comes or goes, those that are\n"
-                   "there already first; with --json an object a line. Ctrl-C ends it.");
+                   "there already first; with --json an object a line. Ctrl-C ends it.\n\n"
+                   "Examples:\n"
+                   "  vexa-usb watch\n"
+                   "  vexa-usb watch --json --count 1 | jq .id");
     command.callback([&common, ending]() { watch(common, *ending); });
 }
 
 void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto ending = std::make_shared<Ending>();
-    command.add_option("ENDPOINT", *endpoint, "Endpoint address")->capture_default_str();
+    addDeviceOption(command, common, "DEVICE");
+    command.add_option("ENDPOINT", *endpoint, "Endpoint address")->default_str("0x81");
     ending->addOptions(command);
-    addDeviceOption(command, common);
     addJsonOption(command, common);
-    command.footer("Prints a line for each byte, as it comes. Ctrl-C ends it.");
+    command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "
+                   "ends it.\n\n"
+                   "Examples:\n"
+                   "  vexa-usb events\n"
+                   "  vexa-usb events 5658:0001 0x81 --count 10");
     command.callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
 }
 

@@ -36,7 +36,9 @@ bool waitStep(int &step) {
 }
 
 Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wait) {
-    const size_t before = wait ? listedIds().size() : 0;
+    // The list hears of an earlier simulator's end a moment after the kernel.
+    if (wait && !eventually([]() { return listedIds(false).empty(); }))
+        throw std::runtime_error("earlier devices are still listed");
     arguments.insert(arguments.begin(), {VEXA_SIMULATOR, "--attach", "--port", "0"});
     std::vector<char *> words;
     for (std::string &argument : arguments)
@@ -49,7 +51,7 @@ Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wa
     posix_spawn_file_actions_destroy(&files);
     if (error != 0)
         throw std::runtime_error("cannot start " VEXA_SIMULATOR);
-    if (wait && !eventually([&]() { return listedIds().size() >= before + devices; }))
+    if (wait && !eventually([&]() { return listedIds().size() == devices; }))
         throw std::runtime_error("the simulated devices did not appear");
 }
 

@@ -13,7 +13,7 @@ namespace test {
 // vexa-usb-sim with its devices plugged into this machine, for as long as this lives.
 class Simulator {
 public:
-    // Waits until that many devices of the family are listed, unless `wait` is false.
+    // Waits until these devices, and no others, are listed, unless `wait` is false.
     explicit Simulator(std::vector<std::string> arguments, size_t devices = 1, bool wait = true);
     ~Simulator();
     Simulator(const Simulator &) = delete;

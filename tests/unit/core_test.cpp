@@ -173,6 +173,7 @@ TEST_F(LifecycleTest, ReinitialisedLibraryFollowsNoHotplugButUpdates) {
     vexausb::libusbThread.join(); // has ended by itself
     vexausb::libusbThread = std::thread([]() {});
     fake::notifyArrival(fake::attach(VEXA_USB_VENDOR_ID, 1));
+    fake::deliverEvents(); // as a synchronous transfer might
     EXPECT_EQ(test::Snapshot().count, 0U);
     EXPECT_EQ(vexa_usb_update_device_list(), 0);
     EXPECT_EQ(test::Snapshot().count, 1U);

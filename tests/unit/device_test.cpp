@@ -25,6 +25,9 @@ std::vector<int32_t> callEverythingWithNull() {
         vexa_usb_interrupt_write(nullptr, 0x81, nullptr, 0),
         vexa_usb_bulk_read(nullptr, 0x01, nullptr, 0),
         vexa_usb_bulk_write(nullptr, 0x81, nullptr, 0),
+        vexa_usb_register_device_list_event_callback(nullptr, nullptr, nullptr),
+        vexa_usb_event_pipe_enable(nullptr, 0x01),
+        vexa_usb_event_pipe_disable(nullptr),
         vexa_usb_data_stream_start(nullptr, 0x01, 0, 0),
         vexa_usb_data_stream_stop(nullptr),
         vexa_usb_data_stream_buffer_lock(nullptr, nullptr, nullptr),
@@ -39,6 +42,7 @@ class ChecksTest : public test::FakeBusTest {};
 TEST_F(ChecksTest, InitialisationComesFirstThenParameters) {
     for (const int32_t status : callEverythingWithNull())
         EXPECT_EQ(status, -3);
+    EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(0), -3);
     EXPECT_EQ(vexa_usb_get_max_packet_size(nullptr, 0x81, nullptr), -5);
     vexa_usb_init();
     for (const int32_t status : callEverythingWithNull())
@@ -64,9 +68,11 @@ TEST_F(DeviceTest, EveryCallOnARemovedDeviceSaysSo) {
     EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 0, 0, 0, nullptr, 70000), -12);
     EXPECT_EQ(vexa_usb_bulk_read(device, 0x81, &byte, 1), -12);
     EXPECT_EQ(vexa_usb_interrupt_write(device, 0x01, &byte, 1), -12);
+    EXPECT_EQ(vexa_usb_event_pipe_enable(device, 0x81), -12);
     // Direction and state are looked at first.
     EXPECT_EQ(vexa_usb_bulk_read(device, 0x02, &byte, 1), -11);
     EXPECT_EQ(vexa_usb_bulk_write(device, 0x81, &byte, 1), -11);
+    EXPECT_EQ(vexa_usb_event_pipe_disable(device), -6);
     EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), -8);
     EXPECT_EQ(vexa_usb_data_stream_start(device, 0x02, 512, 4), -11);
     EXPECT_EQ(vexa_usb_data_stream_stop(device), -12);

@@ -143,6 +143,25 @@ TEST_F(ListEventsTest, SlowCallbackSeesEveryChange) {
     }
 }
 
+// A device that leaves too late for the opening to fail: its user hears of it all the same.
+TEST_F(ListEventsTest, RemovalInTheMiddleOfOpening) {
+    libusb_device *const device = fake::attach(kVendor, 1);
+    vexa_usb_update_device_list();
+    const test::Snapshot before;
+    fake::onClaim([device]() {
+        unplug(device);
+        while (test::Snapshot().count != 0)
+            std::this_thread::yield();
+    });
+    test::EventLog &log = test::EventLog::make();
+    _vexa_usb_device *opened = nullptr;
+    ASSERT_EQ(vexa_usb_open(before.list[0], test::EventLog::callback, &log, &opened), 0);
+    EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+    EXPECT_EQ(vexa_usb_event_pipe_enable(opened, 0x81), -12);
+    EXPECT_EQ(vexa_usb_close(opened), 0);
+    EXPECT_EQ(log.all().size(), 1U);
+}
+
 // The last fini during a delivery, from another thread and from the callback itself.
 TEST_F(ListEventsTest, FiniDuringADelivery) {
     for (int round = 0; round < 200; ++round) {

@@ -50,6 +50,7 @@ struct State {
     std::vector<libusb_device_handle *> handles;
     fake::TransferHandler transfer;
     fake::ControlHandler control;
+    std::function<void()> claim;
     libusb_context *context = nullptr;
     size_t transfers = 0;
     uint64_t selfCompletions = 0;
@@ -205,6 +206,11 @@ void onTransfer(TransferHandler handler) {
 void onControl(ControlHandler handler) {
     const std::lock_guard lock(mutex);
     state.control = std::move(handler);
+}
+
+void onClaim(std::function<void()> action) {
+    const std::lock_guard lock(mutex);
+    state.claim = std::move(action);
 }
 
 std::vector<InFlight> inFlight() {
@@ -460,6 +466,11 @@ int libusb_detach_kernel_driver(libusb_device_handle *handle, int interface) {
     return interfaceCall("libusb_detach_kernel_driver", handle, interface);
 }
 int libusb_claim_interface(libusb_device_handle *handle, int interface) {
+    std::unique_lock lock(mutex);
+    const auto action = std::exchange(state.claim, nullptr);
+    lock.unlock();
+    if (action)
+        action();
     return interfaceCall("libusb_claim_interface", handle, interface);
 }
 int libusb_release_interface(libusb_device_handle *handle, int interface) {

@@ -53,6 +53,8 @@ struct ControlRequest {
 };
 using ControlHandler = std::function<int(const ControlRequest &request)>;
 void onControl(ControlHandler handler);
+// Called once, in the middle of the next opening.
+void onClaim(std::function<void()> action);
 
 // Asynchronous transfers, oldest first.
 struct InFlight {
