@@ -153,8 +153,8 @@ typedef uint32_t _vexa_usb_device_event;
  * Calls come from the opening until the closing: the first perhaps before vexa_usb_open() has
  * returned (when the device leaves at that moment), and also after the last vexa_usb_fini(), which
  * itself is such an event.  Closing the device does not wait for them: one call may still be
- * running, or be just about to begin, when vexa_usb_close() returns, and what @p data points to must
- * outlive that call.
+ * running, or be just about to begin, when vexa_usb_close() returns, and what @p data points to
+ * must outlive that call.
  *
  * @param event what happened
  * @param data the pointer given to vexa_usb_open()
@@ -174,9 +174,9 @@ typedef void (*vexa_usb_device_event_callback)(_vexa_usb_device_event event, voi
  *
  * @param type #VEXA_USB_DEVICE_LIST_EVENT_ADDED or #VEXA_USB_DEVICE_LIST_EVENT_REMOVED
  * @param item the device; valid during the call only.  To keep it, keep its numbers; the record
- * with the same @c id in a later vexa_usb_get_device_list() can be opened.  On an addition it can be
- * given to vexa_usb_open() here; on a removal that answers -1.  A device opened from it hears of its
- * removal (#VEXA_USB_DEVICE_EVENT_REMOVED) after all callbacks have.
+ * with the same @c id in a later vexa_usb_get_device_list() can be opened.  On an addition it can
+ * be given to vexa_usb_open() here; on a removal that answers -1.  A device opened from it hears of
+ * its removal (#VEXA_USB_DEVICE_EVENT_REMOVED) after all callbacks have.
  * @param data the pointer given at the registration
  */
 typedef void (*vexa_usb_device_list_event_callback)(uint32_t type,

@@ -13,8 +13,10 @@ class EventPipe final : public TransferSet {
 public:
     explicit EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents);
 
-    // Before arm(), which fails for good: the pipe is of no use then.
+    // Once, before arm().
     void setPacketSize(int packetSize);
+    // A pipe that could not be armed is to be released: its transfer still refers to the device,
+    // which it must not do once the libusb context has ended.
     bool arm();
 
 private:
