@@ -95,11 +95,6 @@ TEST_F(SystemTest, ListAndOpen) {
     openFirst();
 }
 
-TEST_F(SystemTest, FollowsTheBus) {
-    const Simulator simulator({"instrument"}, 0, false);
-    EXPECT_TRUE(test::eventually([]() { return test::listedIds(false).size() == 1; }));
-}
-
 TEST_F(SystemTest, TransfersOfAwkwardLengths) {
     const Simulator simulator({"instrument"});
     openFirst();
@@ -285,36 +280,6 @@ TEST_F(SystemTest, EventsWhileStreaming) {
     EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0);
     const std::lock_guard lock(shared.mutex);
     EXPECT_EQ(shared.bytes, sent);
-}
-
-// The caller hears of every arrival and departure, with a device that is open and idle meanwhile.
-TEST_F(SystemTest, ListCallbacksFollowTheBus) {
-    struct Shared {
-        std::mutex mutex;
-        std::vector<std::pair<uint32_t, uint16_t>> changes;
-    };
-    static Shared &shared = *new Shared;
-    const auto callback = [](uint32_t type, const _vexa_usb_device_list_item *item, void *) {
-        const std::lock_guard lock(shared.mutex);
-        shared.changes.emplace_back(type, item->product_id);
-    };
-    const auto changes = []() {
-        const std::lock_guard lock(shared.mutex);
-        return shared.changes;
-    };
-    uint32_t id = 0;
-    ASSERT_EQ(vexa_usb_register_device_list_event_callback(callback, nullptr, &id), 0);
-    const Simulator simulator({"instrument,product=0x21"}, 0, false);
-    ASSERT_TRUE(test::eventually([&]() { return changes().size() == 1; }));
-    openFirst();
-    ASSERT_EQ(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint), 0);
-    ASSERT_EQ(test::vanish(device, 0, 200, 0x22), 0);
-    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_REMOVED));
-    EXPECT_EQ(vexa_usb_event_pipe_disable(device), VEXA_USB_STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(close(), 0);
-    ASSERT_TRUE(test::eventually([&]() { return changes().size() == 3; }));
-    const std::vector<std::pair<uint32_t, uint16_t>> expected{{1, 0x21}, {2, 0x21}, {1, 0x22}};
-    EXPECT_EQ(changes(), expected);
 }
 
 // Every life-cycle state with a real libusb below: nothing hangs, no descriptor stays open.

@@ -157,11 +157,13 @@ TEST_F(UnplugTest, WhileAnotherIsKeptBusy) {
     EXPECT_EQ(vexa_usb_close(other), 0);
 }
 
-TEST_F(UnplugTest, WhileIdle) {
+TEST_F(UnplugTest, WhileIdleAndBackAsAnother) {
     const Simulator simulator({"instrument"});
     openOnly();
-    ASSERT_EQ(test::vanish(device, 0, sim::kNeverReturn), 0);
+    ASSERT_EQ(test::vanish(device, 0, 200, 0x22), 0);
     expectRemoved();
+    EXPECT_TRUE(changes.reach(2, 1));
+    EXPECT_TRUE(changes.hasCome(VEXA_USB_VENDOR_ID, 0x22));
 }
 
 TEST_F(UnplugTest, InABlockingRead) {
