@@ -150,11 +150,11 @@ typedef uint32_t _vexa_usb_device_event;
  * function: transfer, stream, close the device, even the last vexa_usb_fini().  A callback that
  * takes long delays this device's later events only; they are kept without limit.
  *
- * Calls come from the opening until the closing: the first perhaps before vexa_usb_open() has
- * returned (when the device leaves at that moment), and also after the last vexa_usb_fini(), which
- * itself is such an event.  Closing the device does not wait for them: one call may still be
- * running, or be just about to begin, when vexa_usb_close() returns, and what @p data points to
- * must outlive that call.
+ * Calls come from the opening until the closing.  The first may come before vexa_usb_open() has
+ * returned, when the device leaves at that moment; the handle is written by then.  They go on after
+ * the last vexa_usb_fini(), which itself causes #VEXA_USB_DEVICE_EVENT_REMOVED.  Closing the device
+ * does not wait for them: one call may still be running, or be just about to begin, when
+ * vexa_usb_close() returns, and what @p data points to must outlive that call.
  *
  * @param event what happened
  * @param data the pointer given to vexa_usb_open()
@@ -202,8 +202,8 @@ VEXA_USB_API void vexa_usb_init(void);
 /**
  * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
  * transfers (waiting for those of other threads for at most one synchronous transfer's time limit
- * of 1000 ms), marks open devices removed (where a callback is just hearing of a device, when that
- * callback returns) and returns; callbacks in progress are not waited for.
+ * of 1000 ms), marks open devices removed (some, while a list callback is running, only when that
+ * returns) and returns; callbacks in progress are not waited for.
  *
  * A call too many is an error that is not detected: the library no longer works then.
  */
@@ -614,7 +614,8 @@ VEXA_USB_API int32_t vexa_usb_data_stream_rate_max(_vexa_usb_device *device, uin
 
 /**
  * Called between the blocks of a download, on the thread that downloads, under no lock.  It must
- * not throw.
+ * not throw.  When it closes the device, the download goes on, and interface 0 is released when
+ * that returns.
  *
  * @param data as given to vexa_usb_dfu_download()
  * @param progress the part that is done, above 0 and up to 1

@@ -20,11 +20,18 @@ bool matches(const Item &item, const std::string &choice) {
     return choice == std::to_string(item.id);
 }
 
+[[noreturn]] void throwNoName(const std::string &text, const char *what) {
+    throw Error(Exit::Usage, fmt::format("'{}' is no {}", text, what),
+                "Name a device by its id or as VENDOR:PRODUCT, for instance 5658:0001.");
+}
+
 // Upper and lower case and a leading 0x are all the same to the user.
 std::string normalised(const std::string &choice) {
+    if (choice.find_first_not_of("0123456789") == std::string::npos)
+        return choice;
     const size_t colon = choice.find(':');
     if (colon == std::string::npos)
-        return choice;
+        throwNoName(choice, "name of a device");
     const auto part = [](std::string text) {
         if (text.starts_with("0x") || text.starts_with("0X"))
             text.erase(0, 2);
@@ -32,8 +39,7 @@ std::string normalised(const std::string &choice) {
         const auto [end, error] =
             std::from_chars(text.data(), text.data() + text.size(), value, 16);
         if (error != std::errc() || end != text.data() + text.size())
-            throw Error(Exit::Usage, fmt::format("'{}' is no hexadecimal identifier", text),
-                        "Name a device by its id or as VENDOR:PRODUCT, for instance 5658:0001.");
+            throwNoName(text, "hexadecimal identifier");
         return value;
     };
     return identifierText(part(choice.substr(0, colon)), part(choice.substr(colon + 1)));

@@ -1,6 +1,7 @@
 #include "ending.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -15,8 +16,8 @@ volatile std::sig_atomic_t signalCame = 0;
 
 CLI::Validator positive() {
     return {[](const std::string &text) {
-                double number = 0;
-                return CLI::detail::lexical_cast(text, number) && number > 0
+                char *end = nullptr;
+                return std::strtod(text.c_str(), &end) > 0 && *end == '\0'
                            ? std::string()
                            : "'" + text + "' is no number above 0";
             },
@@ -26,7 +27,7 @@ CLI::Validator positive() {
 void catchInterrupts() {
     struct sigaction action {};
     action.sa_handler = [](int) { signalCame = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }

@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 using Events = Mailbox<_vexa_usb_device_event>;
 
-constexpr std::chrono::milliseconds kRemovalTime{500};
+constexpr std::chrono::seconds kRemovalTime{2};
 
 struct StreamOptions {
     uint8_t endpoint = sim::kStreamEndpoint;
@@ -53,9 +53,9 @@ private:
     bool isFinished() const;
     void handleNext();
     void handleBuffer();
+    void checkStatus(int32_t status) const;
     void checkBytes(std::span<const uint8_t> bytes) const;
     [[noreturn]] void throwLost() const;
-    void throwRemoved() const;
     void throwIfSilent() const;
 
     const StreamOptions &options;
@@ -124,11 +124,11 @@ void StreamRun::handleNext() {
     else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
         throwLost();
     else if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
-        throwRemoved();
+        checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
 }
 
-void StreamRun::throwRemoved() const {
-    check(VEXA_USB_STATUS_DEVICE_REMOVED, fmt::format("streaming, after {} bytes", bytesDone));
+void StreamRun::checkStatus(int32_t status) const {
+    check(status, fmt::format("streaming, after {} bytes", bytesDone));
 }
 
 // A device that leaves the bus refuses a transfer shortly before its removal becomes known.
@@ -136,7 +136,7 @@ void StreamRun::throwLost() const {
     const auto until = Clock::now() + kRemovalTime;
     while (Clock::now() < until) {
         if (events->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
-            throwRemoved();
+            checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
     }
     throw Error(Exit::DataWrong,
                 fmt::format("data were lost after {} bytes: no buffer was free, or the system "
@@ -150,7 +150,7 @@ void StreamRun::throwLost() const {
 void StreamRun::handleBuffer() {
     uint8_t *data = nullptr;
     uint64_t size = 0;
-    check(vexa_usb_data_stream_buffer_lock(device.get(), &data, &size), "reading the stream");
+    checkStatus(vexa_usb_data_stream_buffer_lock(device.get(), &data, &size));
     if (options.bytes)
         size = std::min(size, *options.bytes - bytesDone);
     const std::span<const uint8_t> bytes(data, size);
@@ -158,7 +158,7 @@ void StreamRun::handleBuffer() {
         checkBytes(bytes);
     if (output)
         output->write(bytes);
-    check(vexa_usb_data_stream_buffer_unlock(device.get()), "reading the stream");
+    checkStatus(vexa_usb_data_stream_buffer_unlock(device.get()));
     bytesDone += size;
     ++buffersDone;
     lastData = Clock::now();

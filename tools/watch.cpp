@@ -18,7 +18,7 @@ namespace tool {
 
 namespace {
 
-// At once, so that a reader hears in time, and the writer of a reader that has gone.
+// Flushed at once: the reader hears in time, and a reader that has gone is noticed.
 void printLine(const std::string &line) {
     fmt::print("{}\n", line);
     if (std::fflush(stdout) != 0)
@@ -93,14 +93,14 @@ void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto ending = std::make_shared<Ending>();
     addDeviceOption(command, common, "DEVICE");
-    command.add_option("ENDPOINT", *endpoint, "Endpoint address")->default_str("0x81");
+    command.add_option("-e,--endpoint", *endpoint, "Endpoint address")->default_str("0x81");
     ending->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "
                    "ends it.\n\n"
                    "Examples:\n"
                    "  vexa-usb events\n"
-                   "  vexa-usb events 5658:0001 0x81 --count 10");
+                   "  vexa-usb events 5658:0001 --endpoint 0x81 --count 10");
     command.callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
 }
 

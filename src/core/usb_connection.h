@@ -39,7 +39,7 @@ private:
     const bool loopRuns; // whether completions get delivered for as long as this is open
     UseGate gate{true};
 
-    std::mutex closing;  // held by the thread that closes; no callback takes it
+    std::mutex closing;  // held by the thread that closes; no libusb callback takes it
     bool closed = false; // guarded by closing
 
     std::mutex mutex; // guards transferSets

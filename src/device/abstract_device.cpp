@@ -11,7 +11,8 @@ namespace vexausb {
  * Life: made by its list entry's open(), held by the caller's handle.  The entry keeps a weak
  * reference, and turns it into a strong one only while it says that the device has gone.  So the
  * device is destroyed on the thread that closes the handle, or, when both happen at once, on the
- * thread that destroys the entry.
+ * thread that destroys the entry.  A call holds a reference, too, for callbacks that close from
+ * within it.
  *
  * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
  * `eventQueue`, runs the caller's callback.  Destruction stops that worker without waiting for it,

@@ -205,7 +205,6 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
     eventPipeActive.store(true); // before the first event, whose callback may disable the pipe
     if (!pipe->arm()) {
         eventPipeActive.store(false);
-        eventPipe.reset();
         connection->detach(pipe);
         return VEXA_USB_STATUS_UNKNOWN;
     }

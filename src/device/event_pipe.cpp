@@ -31,10 +31,15 @@ void EventPipe::setPacketSize(int packetSize) {
     eventBuffer.resize(static_cast<size_t>(packetSize));
 }
 
+// A transfer that was refused still refers to its device, and so must not outlive the libusb
+// context.
 bool EventPipe::arm() {
     const std::lock_guard lock(mutex);
-    return !stopRequested &&
-           submit(slots.front(), eventBuffer.data(), static_cast<int>(eventBuffer.size()));
+    if (!stopRequested &&
+        submit(slots.front(), eventBuffer.data(), static_cast<int>(eventBuffer.size())))
+        return true;
+    release(slots.front());
+    return false;
 }
 
 void EventPipe::completed(Slot &slot) {

@@ -15,8 +15,6 @@ public:
 
     // Once, before arm().
     void setPacketSize(int packetSize);
-    // A pipe that could not be armed is to be released: its transfer still refers to the device,
-    // which it must not do once the libusb context has ended.
     bool arm();
 
 private:

@@ -136,6 +136,12 @@ int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAft
     return steer(device, sim::kRequestVanish, 0, 0, bytesOf(&request, sizeof(request)));
 }
 
+bool systemLists(const std::string &name, size_t count) {
+    const std::string command = "for i in $(seq 300); do [ $(lsusb -d " + name + " | wc -l) -eq " +
+                                std::to_string(count) + " ] && exit 0; sleep 0.02; done; exit 1";
+    return std::system(command.c_str()) == 0; // NOLINT(bugprone-command-processor)
+}
+
 size_t openDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));

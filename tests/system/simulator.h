@@ -56,4 +56,8 @@ bool eventually(Condition condition) {
 
 size_t openDescriptors();
 
+// Whether the system comes to list that many devices with that name, "VENDOR:PRODUCT", of which a
+// half may be missing.
+bool systemLists(const std::string &name, size_t count);
+
 } // namespace test

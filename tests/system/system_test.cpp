@@ -70,9 +70,7 @@ TEST_F(SystemTest, ListAndOpen) {
     // Attached before the init: listed only when asked for.
     vexa_usb_fini();
     const Simulator earlier({"instrument,product=0x10"}, 0, false);
-    ASSERT_EQ(std::system("for i in $(seq 300); do lsusb -d :0010 >/dev/null && exit 0; "
-                          "sleep 0.02; done; exit 1"), // NOLINT(bugprone-command-processor)
-              0);
+    ASSERT_TRUE(test::systemLists(":0010", 1));
     vexa_usb_init();
     EXPECT_TRUE(test::listedIds(false).empty());
     const auto ids = test::listedIds();

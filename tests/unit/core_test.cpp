@@ -106,26 +106,6 @@ TEST(EventQueue, ReleasesEventsOnItsWorker) {
     queue->stop();
 }
 
-TEST(UseGate, CloseWaitsForUsersAndTurnsOthersAway) {
-    vexausb::UseGate gate(true);
-    std::atomic<bool> closed = false;
-    std::thread closer;
-    {
-        const vexausb::UseGate::Use inside = gate.enter();
-        EXPECT_TRUE(inside);
-        closer = std::thread([&]() {
-            gate.close();
-            closed = true;
-        });
-        while (!inside.wanted())
-            std::this_thread::yield();
-        EXPECT_FALSE(gate.enter());
-        EXPECT_FALSE(closed);
-    }
-    closer.join();
-    EXPECT_TRUE(closed);
-}
-
 class LifecycleTest : public test::FakeBusTest {};
 
 TEST_F(LifecycleTest, StartsAndStopsInOrder) {

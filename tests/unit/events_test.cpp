@@ -291,7 +291,7 @@ TEST_F(EventPipeTest, EndsSilentlyByItself) {
 // Pipes whose transfers nobody completes hold a close up for half a second, not for ever, and the
 // last fini no longer for many of them than for one.
 TEST_F(EventPipeTest, EndsThoughNothingCompletes) {
-    constexpr size_t kOthers = 9;
+    constexpr size_t kOthers = 39;
     std::vector<_vexa_usb_device *> others;
     for (size_t i = 0; i < kOthers; ++i) {
         others.push_back(open());
@@ -306,9 +306,9 @@ TEST_F(EventPipeTest, EndsThoughNothingCompletes) {
     };
     const auto closing = timed([&]() { EXPECT_EQ(close(), 0); });
     EXPECT_GE(closing, std::chrono::milliseconds(450));
-    EXPECT_LT(closing, std::chrono::seconds(4));
+    EXPECT_LT(closing, std::chrono::seconds(15));
     EXPECT_TRUE(fake::closedInFlight());
-    EXPECT_LT(timed(vexa_usb_fini), std::chrono::seconds(4));
+    EXPECT_LT(timed(vexa_usb_fini), std::chrono::seconds(15));
     fake::holdEvents(false);
     vexa_usb_init();
     for (_vexa_usb_device *const other : others)

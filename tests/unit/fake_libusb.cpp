@@ -451,10 +451,11 @@ int synchronous(const char *function, libusb_device_handle *handle, unsigned cha
             return result;
         handler = state.transfer;
     }
-    if (handler)
-        return handler(endpoint, data, length, actual);
     *actual = length;
-    return LIBUSB_SUCCESS;
+    const int result = handler ? handler(endpoint, data, length, actual) : LIBUSB_SUCCESS;
+    const std::lock_guard lock(mutex);
+    checkHandle(handle); // not closed meanwhile
+    return result;
 }
 
 } // namespace

@@ -127,6 +127,7 @@ TEST_F(StreamTest, StartThatCannotBegin) {
     fake::describe(usbDevice).packetSizes[0x85] = 0;
     EXPECT_EQ(vexa_usb_data_stream_start(device, 0x85, 512, 4), -1);
     EXPECT_EQ(start(UINT64_MAX, 1), -4);
+    EXPECT_EQ(start(UINT64_MAX - 511, 1), -4);
     EXPECT_EQ(start(512, UINT64_MAX), -4);
     EXPECT_EQ(start(0, 4), -5);
     EXPECT_EQ(start(512, 0), -5);
@@ -166,6 +167,8 @@ TEST_F(StreamTest, CloseAndFiniEndTheStream) {
     EXPECT_FALSE(fake::closedInFlight());
     EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
     EXPECT_EQ(lock(), -12);
+    EXPECT_EQ(close(), 0); // which closes nothing twice
+    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
 }
 
 // Nobody delivers completions after a re-initialisation: stop and close must end all the same.
