@@ -202,8 +202,9 @@ VEXA_USB_API void vexa_usb_init(void);
 /**
  * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
  * transfers (waiting for those of other threads for at most one synchronous transfer's time limit
- * of 1000 ms), marks open devices removed (some, while a list callback is running, only when that
- * returns) and returns; callbacks in progress are not waited for.
+ * of 1000 ms), marks open devices removed (those that a list callback is just hearing of, or has
+ * yet to hear of, when the callback that is running returns) and returns; callbacks in progress are
+ * not waited for.
  *
  * A call too many is an error that is not detected: the library no longer works then.
  */
@@ -614,8 +615,8 @@ VEXA_USB_API int32_t vexa_usb_data_stream_rate_max(_vexa_usb_device *device, uin
 
 /**
  * Called between the blocks of a download, on the thread that downloads, under no lock.  It must
- * not throw.  When it closes the device, the download goes on, and interface 0 is released when
- * that returns.
+ * not throw.  When it closes the device, the download goes on; interface 0 is released when
+ * vexa_usb_dfu_download() returns.
  *
  * @param data as given to vexa_usb_dfu_download()
  * @param progress the part that is done, above 0 and up to 1

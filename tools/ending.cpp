@@ -27,7 +27,7 @@ CLI::Validator positive() {
 void catchInterrupts() {
     struct sigaction action {};
     action.sa_handler = [](int) { signalCame = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }

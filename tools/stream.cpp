@@ -134,7 +134,7 @@ void StreamRun::checkStatus(int32_t status) const {
 // A device that leaves the bus refuses a transfer shortly before its removal becomes known.
 void StreamRun::throwLost() const {
     const auto until = Clock::now() + kRemovalTime;
-    while (Clock::now() < until) {
+    while (Clock::now() < until && !interrupted()) {
         if (events->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
             checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
     }

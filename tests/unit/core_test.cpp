@@ -1,6 +1,5 @@
 // The library frame: statuses, threads, the event queue, start-up and shut-down.
 #include <array>
-#include <atomic>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -12,7 +11,6 @@
 #include "core/event_queue.h"
 #include "core/status.h"
 #include "core/thread.h"
-#include "core/use_gate.h"
 #include "helpers.h"
 
 namespace {

@@ -1,5 +1,4 @@
 // The device list and its entries, and opening from them.
-#include <set>
 #include <thread>
 
 #include "helpers.h"

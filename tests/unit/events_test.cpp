@@ -158,6 +158,8 @@ TEST_F(ListEventsTest, RemovalInTheMiddleOfOpening) {
     ASSERT_EQ(vexa_usb_open(before.list[0], test::EventLog::callback, &log, &opened), 0);
     EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
     EXPECT_EQ(vexa_usb_event_pipe_enable(opened, 0x81), -12);
+    _vexa_usb_device *again = nullptr; // its entry is no more
+    EXPECT_EQ(vexa_usb_open(before.list[0], test::EventLog::callback, &log, &again), -1);
     EXPECT_EQ(vexa_usb_close(opened), 0);
     EXPECT_EQ(log.all().size(), 1U);
 }

@@ -367,6 +367,7 @@ TEST_F(FirmwareTest, ChecksInOrder) {
     };
     remove();
     for (const Call &call : calls) {
+        EXPECT_EQ(call(nullptr, true), VEXA_USB_STATUS_INVALID_PARAMETERS);
         EXPECT_EQ(call(device, false), VEXA_USB_STATUS_INVALID_PARAMETERS);
         EXPECT_EQ(call(device, true), VEXA_USB_STATUS_DEVICE_REMOVED);
     }

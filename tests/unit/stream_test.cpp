@@ -1,6 +1,5 @@
 // Data streams through the exported functions, with transfers that end as told.
 #include <atomic>
-#include <future>
 #include <thread>
 
 #include "helpers.h"
