@@ -268,8 +268,18 @@ TEST_F(SystemTest, EventsWhileStreaming) {
     }));
     EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
     EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0);
-    const std::lock_guard lock(shared.mutex);
-    EXPECT_EQ(shared.bytes, sent);
+    {
+        const std::lock_guard lock(shared.mutex);
+        EXPECT_EQ(shared.bytes, sent);
+    }
+    // The device has sent of its stream, too: it goes on where it was.
+    const uint64_t fours = events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL);
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+    ASSERT_EQ(start(65536, 64), 0);
+    ASSERT_TRUE(events.wait(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, fours + 1));
+    ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+    EXPECT_LT(sim::firstPatternError(0, {data, size}), size);
 }
 
 // Every life-cycle state with a real libusb below: nothing hangs, no descriptor stays open.
