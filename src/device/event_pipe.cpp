@@ -31,8 +31,6 @@ void EventPipe::setPacketSize(int packetSize) {
     eventBuffer.resize(static_cast<size_t>(packetSize));
 }
 
-// A transfer that was refused still refers to its device, and so must not outlive the libusb
-// context.
 bool EventPipe::arm() {
     const std::lock_guard lock(mutex);
     if (!stopRequested &&

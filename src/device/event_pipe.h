@@ -13,7 +13,7 @@ class EventPipe final : public TransferSet {
 public:
     explicit EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents);
 
-    // Once, before arm().
+    // Before anybody else knows the pipe, and so without a lock.
     void setPacketSize(int packetSize);
     bool arm();
 

@@ -28,6 +28,13 @@ std::vector<uint8_t> bytesOf(const void *object, size_t size) {
     return bytes;
 }
 
+// Whether the shell's condition comes true.
+bool shellSays(const std::string &condition) {
+    return eventually([&]() {
+        return std::system(condition.c_str()) == 0; // NOLINT(bugprone-command-processor)
+    });
+}
+
 } // namespace
 
 bool waitStep(int &step) {
@@ -65,9 +72,7 @@ Simulator::~Simulator() {
                      static_cast<unsigned>(status));
         std::abort();
     }
-    constexpr const char *kWait =
-        "for i in $(seq 300); do lsusb | grep -qv 'ID 1d6b:' || exit 0; sleep 0.02; done; exit 1";
-    if (std::system(kWait) != 0) // NOLINT(bugprone-command-processor)
+    if (!shellSays("! lsusb | grep -qv 'ID 1d6b:'")) // nothing but root hubs
         std::abort();
 }
 
@@ -137,9 +142,7 @@ int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAft
 }
 
 bool systemLists(const std::string &name, size_t count) {
-    const std::string command = "for i in $(seq 300); do [ $(lsusb -d " + name + " | wc -l) -eq " +
-                                std::to_string(count) + " ] && exit 0; sleep 0.02; done; exit 1";
-    return std::system(command.c_str()) == 0; // NOLINT(bugprone-command-processor)
+    return shellSays("[ $(lsusb -d " + name + " | wc -l) -eq " + std::to_string(count) + " ]");
 }
 
 size_t openDescriptors() {
