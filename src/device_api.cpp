@@ -1,7 +1,7 @@
 // The exported functions of opened devices.
 #include <cstdint>
 #include <memory>
-#include <utility>
+#include <new>
 
 #include "device/abstract_device.h"
 #include "device/device_call.h"
@@ -62,18 +62,25 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
         CallChecks()
             .initialized()
             .parameters(entry != nullptr && callback != nullptr && device != nullptr)
-            .deviceList(list);
+            .deviceList(list)
+            .started();
     if (!checks.passed())
         return checks.status();
     const std::shared_ptr<AbstractDeviceListItem> item = recordItem(*entry).lock();
     if (item == nullptr)
         return VEXA_USB_STATUS_UNKNOWN;
-    std::shared_ptr<AbstractDevice> opened;
-    const int32_t status = item->open(
-        opened, [callback, data](const _vexa_usb_device_event &event) { callback(event, data); });
-    if (status == VEXA_USB_STATUS_SUCCESS)
-        *device = new _vexa_usb_device{std::move(opened)};
-    return status;
+    try {
+        auto handle = std::make_unique<_vexa_usb_device>();
+        const int32_t status =
+            item->open(handle->device, [callback, data](const _vexa_usb_device_event &event) {
+                callback(event, data);
+            });
+        if (status == VEXA_USB_STATUS_SUCCESS)
+            *device = handle.release();
+        return status;
+    } catch (const std::bad_alloc &) {
+        return VEXA_USB_STATUS_UNKNOWN;
+    }
 }
 
 int32_t vexa_usb_close(_vexa_usb_device *device) {

@@ -83,7 +83,7 @@ int32_t vexa_usb_deregister_device_list_event_callback(uint32_t id) {
 
 int32_t vexa_usb_update_device_list(void) {
     std::shared_ptr<DeviceList> devices;
-    const CallChecks checks = CallChecks().initialized().deviceList(devices);
+    const CallChecks checks = CallChecks().initialized().deviceList(devices).started();
     if (checks.passed())
         devices->update();
     return checks.status();

@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""What the library exports, imports and is hardened with, read from its ELF file."""
+"""What the library exports, imports and is hardened with, read from its ELF file; then the file is
+loaded and unloaded."""
+import _ctypes
+import ctypes
 import re
 import subprocess
 import sys
@@ -33,4 +36,11 @@ if release:
     assert "BIND_NOW" in dynamic and "TEXTREL" not in dynamic
     assert "GNU_RELRO" in run("readelf", "-lW", library)
     assert any("__stack_chk_fail" in words[-1] for words in symbols)
+
+    # Its threads may still be at work when a program unloads it.
+    for _ in range(300):
+        loaded = ctypes.CDLL(library)
+        loaded.vexa_usb_init()
+        loaded.vexa_usb_fini()
+        _ctypes.dlclose(loaded._handle)
 print("ok")

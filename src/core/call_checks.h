@@ -27,6 +27,8 @@ public:
             list = currentDeviceList();
         return require(list != nullptr, VEXA_USB_STATUS_NOT_INITIALIZED);
     }
+    // The list is there already while the first init goes on to libusb.
+    Self &started() { return require(libraryStarted.load(), VEXA_USB_STATUS_NOT_INITIALIZED); }
     Self &inEndpoint(uint8_t endpoint) {
         return require((endpoint & kEndpointIn) != 0, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     }

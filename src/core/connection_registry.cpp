@@ -1,6 +1,7 @@
 #include "core/connection_registry.h"
 
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "core/usb_connection.h"
@@ -12,7 +13,7 @@ namespace vexausb {
  * still open: libusb forgets the context of a handle that outlives it, and closing such a handle
  * later would use freed memory.
  *
- * A connection stays listed, and thereby alive, until it is closed.
+ * A connection stays listed, and thereby alive, until it is closed or the last fini takes it over.
  */
 namespace {
 
@@ -21,10 +22,11 @@ bool accepting = false;
 bool loopRuns = false;
 std::vector<std::shared_ptr<UsbConnection>> connections;
 
+// Hands the connections out, so that closing them all needs no memory.
 std::vector<std::shared_ptr<UsbConnection>> stopAccepting() {
     const std::lock_guard lock(mutex);
     accepting = false;
-    return connections;
+    return std::exchange(connections, {});
 }
 
 } // namespace

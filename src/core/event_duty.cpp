@@ -3,8 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <new>
 
 #include "core/global_state.h"
 
@@ -25,7 +27,7 @@ namespace vexausb {
 namespace {
 
 // Long compared with a request, short for a hot-plug notice.
-constexpr std::chrono::milliseconds kTurn{100};
+constexpr std::chrono::milliseconds kTurn{10};
 
 struct Duty {
     std::atomic<bool> callsFollow{false}; // set by callers, cleared by "usb-libusb"
@@ -37,9 +39,10 @@ struct Duty {
     bool mustReturn() const { return reservations > 0 || !libusbRunning.load(); }
 };
 
-// Kept for ever, since the thread may wait in it when the process ends without the last fini.
+// Never destroyed, since the thread may wait in it when the process ends without the last fini.
 Duty &duty() {
-    static auto *const only = new Duty;
+    alignas(Duty) static std::byte memory[sizeof(Duty)];
+    static auto *const only = new (memory) Duty;
     return *only;
 }
 

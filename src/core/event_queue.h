@@ -1,10 +1,12 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
+#include <cstddef>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,13 +27,20 @@ namespace vexausb {
  * releases never waits for a handler in progress; the queue then destroys itself on its worker.
  * Events still queued at the stop are dropped with the queue.
  *
- * Locks: `mutex` guards `queue` and `stopRequested`.  It is taken inside the locks of producers,
- * and no other lock is taken while it is held.  `thread` belongs to start() and the destructor.
+ * Memory: an event that must not fail for want of memory is prepared when memory can still be
+ * refused.  The nodes of events that were handled are used again, so a queue that is kept short
+ * allocates nothing.
+ *
+ * Locks: `mutex` guards `queue`, `spare` and `stopRequested`.  It is taken inside the locks of
+ * producers, and no other lock is taken while it is held.  `thread` belongs to start() and the
+ * destructor.
  */
 template <typename T>
 class EventQueue : public std::enable_shared_from_this<EventQueue<T>> {
 public:
     using Handler = std::function<void(const T &)>;
+    // One event that is yet to be posted, or none.
+    using Prepared = std::list<T>;
 
     explicit EventQueue(Handler eventHandler) : handler(std::move(eventHandler)) {}
     ~EventQueue();
@@ -39,14 +48,24 @@ public:
     EventQueue &operator=(const EventQueue &) = delete;
 
     void start(std::string name);
+    static Prepared prepare(T event) { return Prepared(1, event); }
+    // Posts nothing when it throws.
     void post(T event);
+    // False, and nothing is posted, for want of memory.
+    bool tryPost(T event) noexcept;
+    // Takes what was prepared; nothing happens when it was posted before.
+    void post(Prepared &prepared) noexcept;
     void stop();
 
 private:
+    static constexpr size_t kSpareLimit = 256;
+
     void work();
+    void keepSpare(std::list<T> &handled);
 
     const Handler handler;
-    std::deque<T> queue;
+    std::list<T> queue;
+    std::list<T> spare; // nodes without an event
     std::mutex mutex;
     std::condition_variable condition;
     bool stopRequested = false;
@@ -61,7 +80,27 @@ void EventQueue<T>::start(std::string name) {
 template <typename T>
 void EventQueue<T>::post(T event) {
     const std::lock_guard lock(mutex);
-    queue.push_back(std::move(event));
+    if (spare.empty())
+        spare.emplace_front();
+    spare.front() = std::move(event);
+    queue.splice(queue.end(), spare, spare.begin());
+    condition.notify_all();
+}
+
+template <typename T>
+bool EventQueue<T>::tryPost(T event) noexcept {
+    try {
+        post(std::move(event));
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
+template <typename T>
+void EventQueue<T>::post(Prepared &prepared) noexcept {
+    const std::lock_guard lock(mutex);
+    queue.splice(queue.end(), prepared);
     condition.notify_all();
 }
 
@@ -72,19 +111,28 @@ void EventQueue<T>::stop() {
     condition.notify_all();
 }
 
-// Moving an event out of the queue leaves no second reference behind: what an event holds is
-// released here, after its handler, and not under `mutex`.
+template <typename T>
+void EventQueue<T>::keepSpare(std::list<T> &handled) {
+    if (spare.size() < kSpareLimit)
+        spare.splice(spare.begin(), handled);
+    else
+        handled.clear();
+}
+
+// What an event holds is released here, after its handler, and not under `mutex`.
 template <typename T>
 void EventQueue<T>::work() {
+    std::list<T> inHand;
     for (;;) {
         std::unique_lock lock(mutex);
+        keepSpare(inHand);
         condition.wait(lock, [this]() { return !queue.empty() || stopRequested; });
         if (stopRequested)
             return;
-        const T event = std::move(queue.front());
-        queue.pop_front();
+        inHand.splice(inHand.begin(), queue, queue.begin());
         lock.unlock();
-        handler(event);
+        handler(inHand.front());
+        inHand.front() = T{};
     }
 }
 

@@ -15,6 +15,7 @@ std::shared_ptr<DeviceList> deviceList;
 
 } // namespace
 
+std::atomic<bool> libraryStarted{false};
 std::atomic<uint64_t> initCount{0};
 libusb_context *libusbContext = nullptr;
 std::thread libusbThread;

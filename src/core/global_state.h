@@ -11,6 +11,10 @@ namespace vexausb {
 
 class DeviceList;
 
+// True between the end of the first init and the beginning of the last fini's work, which alone
+// write it: callers can use the device list and the context.
+extern std::atomic<bool> libraryStarted;
+
 // Calls of init not yet matched by fini.  Everyone reads it; init and fini alone change it.
 extern std::atomic<uint64_t> initCount;
 

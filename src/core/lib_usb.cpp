@@ -1,8 +1,11 @@
 #include "core/lib_usb.h"
 
+#include <utility>
+
 #include "core/connection_registry.h"
 #include "core/event_duty.h"
 #include "core/global_state.h"
+#include "core/log.h"
 #include "core/supported_devices.h"
 #include "core/thread.h"
 
@@ -28,8 +31,12 @@ void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
     for (const SupportedDevice &device : supportedDevices) {
         const int product =
             device.product == kAnyProduct ? LIBUSB_HOTPLUG_MATCH_ANY : device.product;
-        libusb_hotplug_register_callback(libusbContext, events, 0, device.vendor, product,
-                                         LIBUSB_HOTPLUG_MATCH_ANY, onHotplug, nullptr, nullptr);
+        const int result =
+            libusb_hotplug_register_callback(libusbContext, events, 0, device.vendor, product,
+                                             LIBUSB_HOTPLUG_MATCH_ANY, onHotplug, nullptr, nullptr);
+        if (result != LIBUSB_SUCCESS)
+            logLine(LogLevel::Error, "devices of vendor %04x are not followed: %s",
+                    static_cast<unsigned>(device.vendor), libusb_error_name(result));
     }
 }
 
@@ -51,15 +58,24 @@ void endEventLoop() {
 
 } // namespace
 
-// A context that cannot be had leaves the library without devices; nothing else depends on it.
+// A context that cannot be had leaves the library without devices; nothing else depends on it.  A
+// thread that cannot be started leaves nothing behind, and the exception goes to init's caller.
 void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
-    if (libusb_init(&libusbContext) != LIBUSB_SUCCESS)
+    const int result = libusb_init(&libusbContext);
+    if (result != LIBUSB_SUCCESS) {
         libusbContext = nullptr;
-    if (libusbContext == nullptr)
+        logLine(LogLevel::Error, "USB cannot be used, and no device will be listed: %s",
+                libusb_error_name(result));
         return;
+    }
     registerHotplug(onHotplug);
     const bool loopRuns = libusbRunning.load();
-    libusbThread = startThread("usb-libusb", handleEvents);
+    try {
+        libusbThread = startThread("usb-libusb", handleEvents);
+    } catch (...) {
+        libusb_exit(std::exchange(libusbContext, nullptr));
+        throw;
+    }
     ConnectionRegistry::open(loopRuns);
     contextGate.open();
 }

@@ -4,6 +4,7 @@
 
 #include "core/global_state.h"
 #include "core/lib_usb.h"
+#include "core/log.h"
 
 namespace vexausb {
 
@@ -25,8 +26,16 @@ void beginUse(const LifecycleParts &parts) {
     const std::lock_guard lock(transition);
     if (initCount.load() == 0 || currentDeviceList() != nullptr)
         return;
+    readLogLevel();
     exchangeDeviceList(parts.makeDeviceList());
-    LibUSB::init(parts.onHotplug);
+    try {
+        LibUSB::init(parts.onHotplug);
+    } catch (...) {
+        exchangeDeviceList(nullptr);
+        throw;
+    }
+    libraryStarted.store(true);
+    logLine(LogLevel::Info, "started");
 }
 
 void endUse() {
@@ -35,8 +44,10 @@ void endUse() {
     const std::lock_guard lock(transition);
     if (initCount.load() != 0 || currentDeviceList() == nullptr)
         return;
+    libraryStarted.store(false);
     LibUSB::fini();
     exchangeDeviceList(nullptr);
+    logLine(LogLevel::Info, "ended");
 }
 
 } // namespace vexausb

@@ -12,12 +12,17 @@ namespace {
 
 // A thread inherits the signal mask of the one that starts it, so the mask is set around the
 // start rather than at the new thread's beginning.
+//
+// Signals that a thread's own fault raises stay unblocked: a blocked one ends the process without
+// the crash handler, or the managed runtime, that would have dealt with it.
 class BlockSignals {
 public:
     BlockSignals() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+            sigdelset(&blocked, fault);
+        pthread_sigmask(SIG_SETMASK, &blocked, &before);
     }
     ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
     BlockSignals(const BlockSignals &) = delete;

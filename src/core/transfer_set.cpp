@@ -39,18 +39,19 @@ bool TransferSet::allocate(size_t count, libusb_device_handle *handle, uint8_t e
 }
 
 // The reference is taken before libusb gets the transfer, since the completion may come first.
-bool TransferSet::submit(Slot &slot, uint8_t *buffer, int length) {
+int TransferSet::submit(Slot &slot, uint8_t *buffer, int length) {
     if (!duty)
         duty.emplace();
     slot.transfer->buffer = buffer;
     slot.transfer->length = length;
     slot.inFlight = shared_from_this();
-    if (libusb_submit_transfer(slot.transfer) == LIBUSB_SUCCESS)
-        return true;
+    const int result = libusb_submit_transfer(slot.transfer);
+    if (result == LIBUSB_SUCCESS)
+        return result;
     slot.inFlight.reset();
     if (idle())
         duty.reset();
-    return false;
+    return result;
 }
 
 void TransferSet::release(Slot &slot) {
@@ -99,12 +100,12 @@ void TransferSet::waitIdle() {
 // After the handle was closed: libusb has forgotten what was still in flight and will not call
 // back.
 void TransferSet::abandon() {
-    std::vector<std::shared_ptr<TransferSet>> references;
+    const std::shared_ptr<TransferSet> self = shared_from_this(); // outlives the unlocking
     const std::lock_guard lock(mutex);
     for (Slot &slot : slots) {
         if (slot.inFlight == nullptr)
             continue;
-        references.push_back(std::move(slot.inFlight));
+        slot.inFlight.reset();
         release(slot);
     }
 }

@@ -42,9 +42,9 @@ protected:
 
     // These are called with `mutex` held.
     virtual void completed(Slot &slot) = 0;
-    // When refused, the slot is to be released: its transfer refers to the device all the same, and
-    // must not outlive the libusb context.
-    bool submit(Slot &slot, uint8_t *buffer, int length);
+    // libusb's answer.  When refused, the slot is to be released: its transfer refers to the device
+    // all the same, and must not outlive the libusb context.
+    int submit(Slot &slot, uint8_t *buffer, int length);
     void release(Slot &slot);
     void cancelAll();
 

@@ -14,7 +14,8 @@ namespace vexausb {
  *
  * Life: made by ConnectionRegistry::connect, closed by whichever comes first of its device's
  * destruction, the last fini, and the end of transfers that nobody delivers completions for.
- * The object outlives its handle: a closed connection lets nobody in any more.
+ * The object outlives its handle: a closed connection lets nobody in any more.  Closing needs no
+ * memory.
  *
  * Threads: any.  close() first turns synchronous users away and waits for those inside (they look
  * at every piece whether somebody waits, so that takes one transfer's time limit at most), then
@@ -47,7 +48,8 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
 
 void UsbConnection::prepareClose() {
     gate.refuse();
-    for (const auto &set : attached())
+    const std::lock_guard lock(mutex);
+    for (const auto &set : transferSets)
         set->stop();
 }
 
@@ -56,7 +58,7 @@ void UsbConnection::close() {
     if (closed)
         return;
     gate.close();
-    const auto transfers = attached();
+    const auto transfers = takeTransfers();
     for (const auto &set : transfers)
         set->stop();
     if (loopRuns) {
@@ -71,9 +73,9 @@ void UsbConnection::close() {
     ConnectionRegistry::remove(this);
 }
 
-std::vector<std::shared_ptr<TransferSet>> UsbConnection::attached() {
+std::vector<std::shared_ptr<TransferSet>> UsbConnection::takeTransfers() {
     const std::lock_guard lock(mutex);
-    return transferSets;
+    return std::exchange(transferSets, {});
 }
 
 } // namespace vexausb

@@ -33,7 +33,7 @@ public:
     void close();
 
 private:
-    std::vector<std::shared_ptr<TransferSet>> attached();
+    std::vector<std::shared_ptr<TransferSet>> takeTransfers();
 
     libusb_device_handle *const deviceHandle;
     const bool loopRuns; // whether completions get delivered for as long as this is open
@@ -42,7 +42,7 @@ private:
     std::mutex closing;  // held by the thread that closes; no libusb callback takes it
     bool closed = false; // guarded by closing
 
-    std::mutex mutex; // guards transferSets
+    std::mutex mutex; // guards transferSets; a set's own is taken inside it
     std::vector<std::shared_ptr<TransferSet>> transferSets;
 };
 

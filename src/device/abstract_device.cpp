@@ -12,11 +12,13 @@ namespace vexausb {
  * reference, and turns it into a strong one only while it says that the device has gone.  So the
  * device is destroyed on the thread that closes the handle, or, when both happen at once, on the
  * thread that destroys the entry.  A call holds a reference, too, for callbacks that close from
- * within it.
+ * within it.  Nothing depends on which of them comes last: close() has given everything back by
+ * then.
  *
  * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
- * `eventQueue`, runs the caller's callback.  Destruction stops that worker without waiting for it,
- * so a callback may close its own device.
+ * `eventQueue`, runs the caller's callback.  A close stops that worker without waiting for it, so a
+ * callback may close its own device.  Of the events that are queued at the close none is delivered;
+ * the one in hand, if there is one, still is.
  */
 namespace {
 
@@ -25,7 +27,8 @@ std::atomic<uint64_t> deviceSequence{0}; // devices constructed in this process;
 } // namespace
 
 AbstractDevice::AbstractDevice(DeviceEventHandler handler)
-    : eventQueue(std::make_shared<DeviceEventQueue>(std::move(handler))) {
+    : eventQueue(std::make_shared<DeviceEventQueue>(std::move(handler))),
+      removal(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_REMOVED)) {
     eventQueue->start("usb-device" + std::to_string(deviceSequence.fetch_add(1)));
 }
 
@@ -35,13 +38,13 @@ AbstractDevice::~AbstractDevice() {
 
 void AbstractDevice::setRemoved() {
     removed.store(true, std::memory_order_release);
-    eventQueue->post(VEXA_USB_DEVICE_EVENT_REMOVED);
+    if (removal.empty())
+        eventQueue->post(VEXA_USB_DEVICE_EVENT_REMOVED);
+    else
+        eventQueue->post(removal);
 }
 
-// What the destructor does as well; here it does not depend on the list entry's holding a reference
-// at this moment, to say that the device has gone: once a close returns, no further event comes.
 void AbstractDevice::close() {
-    dataStreamStop();
     eventQueue->stop();
 }
 

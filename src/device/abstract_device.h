@@ -20,8 +20,10 @@ public:
     AbstractDevice(const AbstractDevice &) = delete;
     AbstractDevice &operator=(const AbstractDevice &) = delete;
 
-    // The handle's owner is done with the device.
-    void close();
+    // The handle's owner is done with the device: gives back what it holds of the bus before it
+    // returns, whoever else still has a reference.  Needs no memory.
+    virtual void close();
+    // Its list entry alone calls this.
     void setRemoved();
     virtual int32_t getKernelDriverVersion(_vexa_usb_version &version);
     virtual int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) = 0;
@@ -69,6 +71,7 @@ protected:
 
 private:
     std::atomic<bool> removed{false};
+    DeviceEventQueue::Prepared removal; // until setRemoved() posts it
 };
 
 } // namespace vexausb

@@ -140,6 +140,7 @@ bool DataStream::unlock() {
         return false;
     readIndex = following(readIndex);
     locked = false;
+    released.fetch_add(1, std::memory_order_relaxed);
     return true;
 }
 

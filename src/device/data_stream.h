@@ -49,6 +49,9 @@ public:
     bool lock(uint8_t *&data, uint64_t &size);
     bool unlock();
 
+    // Any thread: how many buffers the consumer has given back.
+    uint64_t buffersReleased() const { return released.load(std::memory_order_relaxed); }
+
 private:
     bool claim(uint64_t index);
     bool advance(DataStreamTransferInfo &info);
@@ -63,6 +66,7 @@ private:
     // The consumer's.
     uint64_t readIndex = 0;
     bool locked = false;
+    std::atomic<uint64_t> released{0}; // for others to read
 
     // The producer's.
     uint64_t writeIndex = 0;

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "core/connection_registry.h"
 #include "core/event_duty.h"
+#include "core/log.h"
 #include "core/status.h"
 
 namespace vexausb {
@@ -38,15 +40,22 @@ uint64_t rateMaxFor(uint16_t bcdUsb) {
     return 0;
 }
 
-void throwUnlessSuccess(int result) {
-    if (result != LIBUSB_SUCCESS)
-        throw std::runtime_error(libusb_error_name(result));
+const char *claimAdvice(int result) {
+    switch (result) {
+    case LIBUSB_ERROR_BUSY:
+        return "; another program has the device open: end it first";
+    case LIBUSB_ERROR_NO_DEVICE:
+        return "; the device has just left";
+    default:
+        return "";
+    }
 }
 
 } // namespace
 
-DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler)
-    : AbstractDevice(std::move(handler)) {
+DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler,
+                           const DeviceName &name)
+    : AbstractDevice(std::move(handler)), deviceName(name) {
     claim(handle);
     eventPipeSupported = true;
     dataStreamMemorySizeMax = kStreamMemorySizeMax;
@@ -54,19 +63,35 @@ DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler hand
     connection = ConnectionRegistry::connect(handle);
     if (connection == nullptr)
         throw std::runtime_error("the library is being finalised");
+    logLine(LogLevel::Info, "%s: opened", deviceName.text());
 }
 
 void DeviceLibUSB::claim(libusb_device_handle *handle) {
-    if (libusb_kernel_driver_active(handle, 0) == 1)
-        libusb_detach_kernel_driver(handle, 0);
-    throwUnlessSuccess(libusb_claim_interface(handle, 0));
-    throwUnlessSuccess(libusb_get_device_descriptor(libusb_get_device(handle), &descriptor));
+    if (libusb_kernel_driver_active(handle, 0) == 1) {
+        const int detached = libusb_detach_kernel_driver(handle, 0);
+        if (detached != LIBUSB_SUCCESS)
+            logLine(LogLevel::Error, "%s: cannot take interface 0 from its kernel driver: %s",
+                    deviceName.text(), libusb_error_name(detached));
+    }
+    const int claimed = libusb_claim_interface(handle, 0);
+    if (claimed != LIBUSB_SUCCESS) {
+        logLine(LogLevel::Error, "%s: cannot claim interface 0: %s%s", deviceName.text(),
+                libusb_error_name(claimed), claimAdvice(claimed));
+        throw std::runtime_error(libusb_error_name(claimed));
+    }
+    const int read = libusb_get_device_descriptor(libusb_get_device(handle), &descriptor);
+    if (read != LIBUSB_SUCCESS)
+        throw std::runtime_error(libusb_error_name(read));
 }
 
 DeviceLibUSB::~DeviceLibUSB() {
-    if (isDataStreamActive())
-        DeviceLibUSB::dataStreamStop();
+    DeviceLibUSB::close();
+}
+
+void DeviceLibUSB::close() {
+    DeviceLibUSB::dataStreamStop();
     connection->close();
+    AbstractDevice::close();
 }
 
 // bcdDevice stands in bcdUSB's place, and bMaxPacketSize0 is left as the caller had it: callers
@@ -118,8 +143,10 @@ int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t r
     const int result = libusb_control_transfer(
         connection->handle(), static_cast<uint8_t>(requestType), request, value, index, data,
         static_cast<uint16_t>(length), kTransferTimeoutMs);
-    if (result < 0)
+    if (result < 0) {
+        logFailedTransfer(0, result);
         return statusFromLibusbError(result);
+    }
     EventDuty::callSucceeded();
     if (transferred != nullptr) {
         *transferred = static_cast<uint64_t>(result);
@@ -140,8 +167,10 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
         int actual = 0;
         const int result =
             transfer(connection->handle(), endpoint, data, chunk, &actual, kTransferTimeoutMs);
-        if (result != LIBUSB_SUCCESS)
+        if (result != LIBUSB_SUCCESS) {
+            logFailedTransfer(endpoint, result);
             return statusFromLibusbError(result);
+        }
         EventDuty::callSucceeded();
         if (transferred != nullptr)
             *transferred += static_cast<uint64_t>(actual);
@@ -152,6 +181,12 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
         length -= static_cast<uint64_t>(chunk);
     }
     return VEXA_USB_STATUS_SUCCESS;
+}
+
+// At the level of details, since a driver may well ask again and again what times out.
+void DeviceLibUSB::logFailedTransfer(uint8_t endpoint, int result) const {
+    logLine(LogLevel::Debug, "%s: a transfer on endpoint 0x%02x failed: %s", deviceName.text(),
+            static_cast<unsigned>(endpoint), libusb_error_name(result));
 }
 
 int32_t DeviceLibUSB::interruptTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
@@ -193,19 +228,23 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
     const UseGate::Use use = connection->use();
     if (!use)
         return VEXA_USB_STATUS_UNKNOWN;
-    auto pipe = std::make_shared<EventPipe>(eventQueue);
-    if (!pipe->allocate(1, connection->handle(), endpoint))
+    try {
+        const auto pipe = std::make_shared<EventPipe>(eventQueue, deviceName);
+        if (!pipe->allocate(1, connection->handle(), endpoint))
+            return VEXA_USB_STATUS_NO_MEMORY;
+        const int packetSize = maxPacketSize(endpoint);
+        if (packetSize < 0)
+            return VEXA_USB_STATUS_UNKNOWN;
+        pipe->setPacketSize(packetSize);
+        connection->attach(pipe);
+        eventPipe = pipe;
+    } catch (const std::bad_alloc &) {
         return VEXA_USB_STATUS_NO_MEMORY;
-    const int packetSize = maxPacketSize(endpoint);
-    if (packetSize < 0)
-        return VEXA_USB_STATUS_UNKNOWN;
-    pipe->setPacketSize(packetSize);
-    connection->attach(pipe);
-    eventPipe = pipe;
+    }
     eventPipeActive.store(true); // before the first event, whose callback may disable the pipe
-    if (!pipe->arm()) {
+    if (!eventPipe->arm()) {
         eventPipeActive.store(false);
-        connection->detach(pipe);
+        connection->detach(eventPipe);
         return VEXA_USB_STATUS_UNKNOWN;
     }
     return VEXA_USB_STATUS_SUCCESS;
@@ -230,10 +269,12 @@ int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uin
         return VEXA_USB_STATUS_UNKNOWN;
 
     try {
-        auto session = std::make_shared<StreamSession>(
-            bufferSize, bufferCount, static_cast<uint64_t>(packetSize), eventQueue);
+        auto session = std::make_shared<StreamSession>(bufferSize, bufferCount,
+                                                       static_cast<uint64_t>(packetSize),
+                                                       wantedStreamMode(), eventQueue, deviceName);
         if (!session->allocate(kStreamTransferCount, connection->handle(), endpoint))
             return VEXA_USB_STATUS_NO_MEMORY;
+        streamStopped = DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED);
         connection->attach(session);
         stream = std::move(session);
     } catch (const std::exception &) {
@@ -252,7 +293,7 @@ int32_t DeviceLibUSB::dataStreamStop() {
     stream.reset();
     dataStreamActive.store(false);
     if (!isRemoved())
-        eventQueue->post(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED);
+        eventQueue->post(streamStopped);
     return VEXA_USB_STATUS_SUCCESS;
 }
 

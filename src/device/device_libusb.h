@@ -6,6 +6,7 @@
 
 #include <libusb.h>
 
+#include "core/device_name.h"
 #include "core/usb_connection.h"
 #include "device/abstract_device.h"
 #include "device/event_pipe.h"
@@ -19,8 +20,10 @@ inline constexpr uint64_t kTransferChunkSize = 524288;
 class DeviceLibUSB final : public AbstractDevice {
 public:
     // Takes the handle over unless it throws.
-    DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler);
+    DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler, const DeviceName &name);
     ~DeviceLibUSB() override;
+
+    void close() override;
 
     int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) override;
     int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) override;
@@ -57,6 +60,9 @@ private:
     int32_t bulkTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
                                 uint64_t *transferred);
 
+    void logFailedTransfer(uint8_t endpoint, int result) const;
+
+    const DeviceName deviceName;
     libusb_device_descriptor descriptor{}; // constant once constructed
     std::shared_ptr<UsbConnection> connection;
 
@@ -68,6 +74,7 @@ private:
     // dataStreamActive.  No libusb callback takes it.
     std::mutex streamMutex;
     std::shared_ptr<StreamSession> stream;
+    DeviceEventQueue::Prepared streamStopped; // while a stream is active
 };
 
 } // namespace vexausb

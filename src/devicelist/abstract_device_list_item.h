@@ -21,6 +21,9 @@ public:
     // Whether its device is attached there.
     virtual bool isAt(uint8_t bus, uint8_t address) const = 0;
 
+    // Tells the log what has become of the device.
+    virtual void logChange(const char *what) const = 0;
+
     // The entry is no longer listed, and cannot be opened from now on: another device may be where
     // its own was.
     void setLeft() { left.store(true); }

@@ -1,6 +1,7 @@
 #include "devicelist/device_list.h"
 
 #include <algorithm>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -8,6 +9,7 @@
 
 #include "core/global_state.h"
 #include "core/lib_usb.h"
+#include "core/log.h"
 #include "core/supported_devices.h"
 #include "devicelist/device_list_item_libusb.h"
 #include "devicelist/libusb_device_array.h"
@@ -50,6 +52,9 @@ void DeviceList::update() {
     std::optional<LibusbDeviceArray> attached; // released after the unlocking
     const std::lock_guard lock(callbacks->mutex);
     attached.emplace(libusbContext);
+    if (attached->error() != LIBUSB_SUCCESS)
+        logLine(LogLevel::Error, "the bus cannot be read: %s",
+                libusb_error_name(attached->error()));
     for (libusb_device *device : attached->devices()) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS)
@@ -59,12 +64,17 @@ void DeviceList::update() {
     }
 }
 
+// Without memory for an entry the device is not listed before the next update.
 void DeviceList::deviceArrived(libusb_device *device) {
     const std::lock_guard lock(callbacks->mutex);
-    addIfUnknown(device);
+    try {
+        addIfUnknown(device);
+    } catch (const std::bad_alloc &) {
+        logLine(LogLevel::Error, "no memory to list a device that was plugged in");
+    }
 }
 
-void DeviceList::deviceLeft(libusb_device *device) {
+void DeviceList::deviceLeft(libusb_device *device) noexcept {
     const std::lock_guard lock(callbacks->mutex);
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
@@ -90,18 +100,26 @@ DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t devi
                         [&](const auto &item) { return item->isAt(busNumber, deviceAddress); });
 }
 
+// All the memory first: an entry is listed and reported, or neither, and one that is listed can be
+// taken off again in any case.
 void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item) {
-    items.push_back(item);
-    events->post({VEXA_USB_DEVICE_LIST_EVENT_ADDED, std::move(item)});
+    auto added = events->prepare({VEXA_USB_DEVICE_LIST_EVENT_ADDED, item});
+    auto removal = events->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
+    items.push_back(std::move(item));
+    removals.splice(removals.end(), removal);
+    items.back()->logChange("plugged in");
+    events->post(added);
 }
 
 // The entry moves into the event: no reference is left here that could turn out to be the last.
-DeviceList::Items::iterator DeviceList::removeItem(Items::iterator position) {
-    std::shared_ptr<AbstractDeviceListItem> item = std::move(*position);
-    const auto following = items.erase(position);
-    item->setLeft();
-    events->post({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, std::move(item)});
-    return following;
+void DeviceList::removeItem(Items::iterator position) noexcept {
+    EventQueue<DeviceListEvent>::Prepared removal;
+    removal.splice(removal.begin(), removals, removals.begin());
+    removal.front().item = std::move(*position);
+    removal.front().item->setLeft();
+    removal.front().item->logChange("unplugged");
+    items.erase(position);
+    events->post(removal);
 }
 
 void DeviceList::addIfUnknown(libusb_device *device) {

@@ -24,7 +24,7 @@ public:
 
     void update();
     void deviceArrived(libusb_device *device);
-    void deviceLeft(libusb_device *device);
+    void deviceLeft(libusb_device *device) noexcept;
     std::vector<std::shared_ptr<AbstractDeviceListItem>> snapshot();
     void addCallback(ListCallbacks::Callback callback, uint32_t &id);
     void removeCallback(uint32_t id);
@@ -35,10 +35,12 @@ private:
     // With the mutex of `callbacks` held.
     Items::iterator findItem(uint8_t busNumber, uint8_t deviceAddress);
     void addItem(std::shared_ptr<AbstractDeviceListItem> item);
-    Items::iterator removeItem(Items::iterator position);
+    void removeItem(Items::iterator position) noexcept;
     void addIfUnknown(libusb_device *device);
 
-    Items items; // guarded by the mutex of `callbacks`, oldest first
+    // Guarded by the mutex of `callbacks`.
+    Items items;                                    // oldest first
+    EventQueue<DeviceListEvent>::Prepared removals; // one for each of items, for its departure
     const std::shared_ptr<ListCallbacks> callbacks = std::make_shared<ListCallbacks>();
     const std::shared_ptr<EventQueue<DeviceListEvent>> events;
 };

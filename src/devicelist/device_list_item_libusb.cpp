@@ -6,6 +6,7 @@
 
 #include "core/global_state.h"
 #include "core/lib_usb.h"
+#include "core/log.h"
 #include "core/status.h"
 #include "device/device_libusb.h"
 #include "devicelist/libusb_device_array.h"
@@ -38,6 +39,7 @@ int32_t DeviceListItemLibUSB::open(std::shared_ptr<AbstractDevice> &opened,
         if (isAt(libusb_get_bus_number(candidate), libusb_get_device_address(candidate)))
             return openDevice(candidate, opened, std::move(handler));
     }
+    logFailedOpen(LIBUSB_ERROR_NO_DEVICE);
     return VEXA_USB_STATUS_UNKNOWN;
 }
 
@@ -46,16 +48,35 @@ int32_t DeviceListItemLibUSB::openDevice(libusb_device *found,
                                          DeviceEventHandler handler) {
     libusb_device_handle *handle = nullptr;
     const int result = libusb_open(found, &handle);
-    if (result != LIBUSB_SUCCESS)
+    if (result != LIBUSB_SUCCESS) {
+        logFailedOpen(result);
         return statusFromLibusbError(result);
+    }
     try {
-        opened = std::make_shared<DeviceLibUSB>(handle, std::move(handler));
-    } catch (const std::exception &) {
+        opened = std::make_shared<DeviceLibUSB>(handle, std::move(handler), name());
+    } catch (const std::exception &error) {
         libusb_close(handle);
+        logLine(LogLevel::Error, "%s: cannot be opened: %s", name().text(), error.what());
         return VEXA_USB_STATUS_UNKNOWN;
     }
     setDevice(opened);
     return VEXA_USB_STATUS_SUCCESS;
+}
+
+void DeviceListItemLibUSB::logChange(const char *what) const {
+    logLine(LogLevel::Info, "%s: %s", name().text(), what);
+}
+
+void DeviceListItemLibUSB::logFailedOpen(int result) const {
+    const DeviceName named = name();
+    if (result == LIBUSB_ERROR_ACCESS)
+        logLine(LogLevel::Error,
+                "%s: cannot be opened: %s: no permission for /dev/bus/usb/%s; install the udev "
+                "rule 70-vexa-usb.rules and plug the device in again",
+                named.text(), libusb_error_name(result), named.node());
+    else
+        logLine(LogLevel::Error, "%s: cannot be opened: %s", named.text(),
+                libusb_error_name(result));
 }
 
 } // namespace vexausb

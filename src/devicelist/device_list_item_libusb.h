@@ -5,6 +5,7 @@
 
 #include <libusb.h>
 
+#include "core/device_name.h"
 #include "devicelist/abstract_device_list_item.h"
 
 namespace vexausb {
@@ -19,7 +20,11 @@ public:
         return bus == busNumber && address == deviceAddress;
     }
 
+    void logChange(const char *what) const override;
+
 private:
+    DeviceName name() const { return {vendorId, productId, busNumber, deviceAddress}; }
+    void logFailedOpen(int result) const;
     int32_t openDevice(libusb_device *found, std::shared_ptr<AbstractDevice> &opened,
                        DeviceEventHandler handler);
 

@@ -11,32 +11,37 @@ namespace vexausb {
  * progress goes on when the last fini drops the list meanwhile, and nobody waits for it.
  *
  * Threads: add, remove and clear on callers' threads; handleEvent on "usb-devicelist", which calls
- * a copy of the callbacks with no lock held.  So a callback may do anything, and one that is
+ * the callbacks of that moment with no lock held (registrations make a new map, so that neither a
+ * delivery nor the last fini needs memory).  So a callback may do anything, and one that is
  * removed during a delivery can be called once more.
  */
 void ListCallbacks::add(Callback callback, uint32_t &id) {
     const std::lock_guard lock(mutex);
+    auto changed = std::make_shared<Callbacks>(*callbacks);
+    changed->emplace(static_cast<int32_t>(nextCallbackId), std::move(callback));
+    callbacks = std::move(changed);
     id = nextCallbackId++;
-    callbacks.emplace(static_cast<int32_t>(id), std::move(callback));
 }
 
 void ListCallbacks::remove(uint32_t id) {
     const std::lock_guard lock(mutex);
-    callbacks.erase(static_cast<int32_t>(id));
+    auto changed = std::make_shared<Callbacks>(*callbacks);
+    changed->erase(static_cast<int32_t>(id));
+    callbacks = std::move(changed);
 }
 
-void ListCallbacks::clear() {
+void ListCallbacks::clear() noexcept {
     const std::lock_guard lock(mutex);
-    callbacks.clear();
+    callbacks = none;
 }
 
 void ListCallbacks::handleEvent(const DeviceListEvent &event) {
-    std::map<int32_t, Callback> current;
+    std::shared_ptr<const Callbacks> current;
     {
         const std::lock_guard lock(mutex);
         current = callbacks;
     }
-    for (const auto &[id, callback] : current)
+    for (const auto &[id, callback] : *current)
         callback(event.type, event.item);
 }
 

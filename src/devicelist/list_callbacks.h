@@ -23,7 +23,7 @@ public:
     // Writes `id` before the callback can be called.
     void add(Callback callback, uint32_t &id);
     void remove(uint32_t id);
-    void clear();
+    void clear() noexcept;
     void handleEvent(const DeviceListEvent &event);
 
     // The device list's mutex, too: it guards the list's entries as well as the members below.
@@ -31,7 +31,10 @@ public:
     std::mutex mutex;
 
 private:
-    std::map<int32_t, Callback> callbacks;
+    using Callbacks = std::map<int32_t, Callback>;
+
+    const std::shared_ptr<const Callbacks> none = std::make_shared<Callbacks>();
+    std::shared_ptr<const Callbacks> callbacks = none;
     uint32_t nextCallbackId = 0;
 };
 

@@ -42,6 +42,7 @@ TEST(Status, TextsAndMapping) {
     EXPECT_STREQ(version.suffix, "");
 }
 
+// What reports a fault of the thread itself stays deliverable, even if the caller blocks it.
 TEST(Thread, NamesAreCutAndSignalsBlocked) {
     std::string name;
     sigset_t blocked;
@@ -53,6 +54,8 @@ TEST(Thread, NamesAreCutAndSignalsBlocked) {
     }).join();
     EXPECT_EQ(name, "a-name-of-20-le");
     EXPECT_TRUE(sigismember(&blocked, SIGINT) && sigismember(&blocked, SIGALRM));
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        EXPECT_FALSE(sigismember(&blocked, fault)) << fault;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_FALSE(sigismember(&blocked, SIGINT));
 }
@@ -102,6 +105,31 @@ TEST(EventQueue, ReleasesEventsOnItsWorker) {
     handled.get_future().wait();
     EXPECT_EQ(releasedOn.get_future().get(), "releasing");
     queue->stop();
+}
+
+// The nodes are used again, and what was prepared keeps its place.
+TEST(EventQueue, KeepsItsOrderWithPreparedEvents) {
+    std::promise<void> done;
+    std::vector<int> handled;
+    const auto queue = std::make_shared<EventQueue<int>>([&](const int &event) {
+        handled.push_back(event);
+        if (event == 1000)
+            done.set_value();
+    });
+    queue->start("prepared");
+    auto prepared = EventQueue<int>::prepare(500);
+    std::vector<int> expected;
+    for (int event = 0; event <= 1000; ++event) {
+        if (event == 500)
+            queue->post(prepared);
+        else
+            queue->post(event);
+        expected.push_back(event);
+    }
+    queue->post(prepared); // posted already
+    done.get_future().wait();
+    queue->stop();
+    EXPECT_EQ(handled, expected);
 }
 
 class LifecycleTest : public test::FakeBusTest {};
@@ -155,6 +183,27 @@ TEST_F(LifecycleTest, ReinitialisedLibraryFollowsNoHotplugButUpdates) {
     EXPECT_EQ(test::Snapshot().count, 0U);
     EXPECT_EQ(vexa_usb_update_device_list(), 0);
     EXPECT_EQ(test::Snapshot().count, 1U);
+    vexa_usb_fini();
+}
+
+// A thread that comes while the first init is at work is not made to wait, nor told that all is
+// well.
+TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    int32_t updated = 0;
+    int32_t opened = 0;
+    fake::onCall("libusb_init", [&]() {
+        vexa_usb_init();
+        updated = vexa_usb_update_device_list();
+        _vexa_usb_device_list_item item{};
+        _vexa_usb_device *device = nullptr;
+        opened = vexa_usb_open(&item, test::EventLog::callback, nullptr, &device);
+        vexa_usb_fini();
+    });
+    vexa_usb_init();
+    EXPECT_EQ(updated, -3);
+    EXPECT_EQ(opened, -3);
+    EXPECT_EQ(vexa_usb_update_device_list(), 0);
     vexa_usb_fini();
 }
 

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "device/abstract_device.h"
 #include "helpers.h"
 
 namespace {
@@ -206,6 +207,21 @@ TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
 }
 
 // A callback may close its own device.
+// The list entry holds the device while it says that it has gone; a close meanwhile gives back what
+// the device holds of the bus all the same.
+TEST_F(DeviceTest, CloseGivesBackWhoeverElseHoldsTheDevice) {
+    const auto held = device->device;
+    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
+    fake::takeCalls();
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(fake::takeCalls(),
+              (std::vector<std::string>{"libusb_release_interface(0)", "libusb_close"}));
+    EXPECT_TRUE(fake::inFlight().empty());
+    held->setRemoved();
+    device = open();
+    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 0U);
+}
+
 TEST_F(DeviceTest, CloseFromItsOwnCallback) {
     struct Closer {
         _vexa_usb_device *device = nullptr;

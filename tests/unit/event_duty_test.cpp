@@ -1,4 +1,6 @@
 // Who handles libusb's events: "usb-libusb", or synchronous calls that follow one another.
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -64,12 +66,18 @@ TEST_F(FollowingCallsTest, KeepTheThreadOutForATurnOnly) {
     ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
     begin();
     bool stayedOut = false;
-    for (size_t i = 0; i < kAttempts && !stayedOut; ++i) {
+    std::array<std::chrono::steady_clock::duration, kAttempts> delays{};
+    for (auto &delay : delays) {
+        const auto notified = std::chrono::steady_clock::now();
         notifyArrival();
-        stayedOut = !isHeard(std::chrono::milliseconds(30));
+        stayedOut = !isHeard(std::chrono::milliseconds(3)) || stayedOut;
         ASSERT_TRUE(isHeard(test::kLong));
+        delay = std::chrono::steady_clock::now() - notified;
     }
     EXPECT_TRUE(stayedOut);
+    // A turn is 10 ms; some of them are longer, on a machine that has other things to do.
+    std::sort(delays.begin(), delays.end());
+    EXPECT_LT(delays[kAttempts / 2], std::chrono::milliseconds(25));
 }
 
 TEST_F(FollowingCallsTest, StreamsDoNotWaitForThem) {

@@ -148,7 +148,7 @@ TEST_F(ListEventsTest, RemovalInTheMiddleOfOpening) {
     libusb_device *const device = fake::attach(kVendor, 1);
     vexa_usb_update_device_list();
     const test::Snapshot before;
-    fake::onClaim([device]() {
+    fake::onCall("libusb_claim_interface", [device]() {
         unplug(device);
         while (test::Snapshot().count != 0)
             std::this_thread::yield();

@@ -10,6 +10,8 @@
 #include <mutex>
 #include <utility>
 
+#include "allocations.h"
+
 struct libusb_device {
     fake::Device shape;
 };
@@ -49,7 +51,7 @@ struct State {
     std::vector<libusb_device_handle *> handles;
     fake::TransferHandler transfer;
     fake::ControlHandler control;
-    std::function<void()> claim;
+    std::map<std::string, std::function<void()>> actions;
     libusb_context *context = nullptr;
     size_t transfers = 0;
     uint64_t selfCompletions = 0;
@@ -60,9 +62,25 @@ struct State {
     bool held = false;
 };
 
-std::mutex mutex;        // guards state
+// What the stand-in allocates while it is locked is not the library's.
+class ExemptMutex {
+public:
+    void lock() {
+        inner.lock();
+        ++allocations::exemptions;
+    }
+    void unlock() {
+        --allocations::exemptions;
+        inner.unlock();
+    }
+
+private:
+    std::mutex inner;
+};
+
+ExemptMutex mutex;       // guards state
 std::mutex callbackLock; // held while callbacks run; taken before mutex
-std::condition_variable changed;
+std::condition_variable_any changed;
 State state;
 
 // In libusb these are memory errors; here the program stops where they happen.
@@ -82,6 +100,19 @@ bool fails(const std::string &function, int &result) {
     return true;
 }
 
+void runAction(const std::string &function) {
+    std::function<void()> action;
+    {
+        const std::lock_guard lock(mutex);
+        const auto found = state.actions.find(function);
+        if (found == state.actions.end())
+            return;
+        action = std::move(found->second);
+        state.actions.erase(found);
+    }
+    action();
+}
+
 // Notes the call; true when it is to fail.
 bool called(const std::string &function, int &result, const std::string &argument = {}) {
     state.calls.push_back(argument.empty() ? function : function + "(" + argument + ")");
@@ -93,8 +124,11 @@ void checkHandle(const libusb_device_handle *handle) {
         violation("use of a handle that is not open");
 }
 
+// All of it unless `actual` says how much.
 void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
     std::erase(state.flying, transfer);
+    if (actual < 0)
+        actual = status == LIBUSB_TRANSFER_COMPLETED ? transfer->length : 0;
     transfer->status = status;
     transfer->actual_length = actual;
     for (int i = 0; status == LIBUSB_TRANSFER_COMPLETED && i < actual; ++i)
@@ -207,9 +241,9 @@ void onControl(ControlHandler handler) {
     state.control = std::move(handler);
 }
 
-void onClaim(std::function<void()> action) {
+void onCall(const std::string &function, std::function<void()> action) {
     const std::lock_guard lock(mutex);
-    state.claim = std::move(action);
+    state.actions[function] = std::move(action);
 }
 
 std::vector<InFlight> inFlight() {
@@ -230,12 +264,12 @@ void waitInFlight(size_t count) {
 void completeOldest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
     libusb_transfer *const transfer = state.flying.front();
-    finish(transfer, status, actual < 0 ? transfer->length : actual);
+    finish(transfer, status, actual);
 }
 
-void completeNewest(libusb_transfer_status status) {
+void completeNewest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
-    finish(state.flying.back(), status, 0);
+    finish(state.flying.back(), status, actual);
 }
 
 void completeBySelf(uint64_t count) {
@@ -286,6 +320,7 @@ bool closedInFlight() {
 // The parts of libusb that the library uses.
 
 int libusb_init(libusb_context **context) {
+    runAction("libusb_init");
     const std::lock_guard lock(mutex);
     int result = LIBUSB_SUCCESS;
     if (called("libusb_init", result))
@@ -466,11 +501,7 @@ int libusb_detach_kernel_driver(libusb_device_handle *handle, int interface) {
     return interfaceCall("libusb_detach_kernel_driver", handle, interface);
 }
 int libusb_claim_interface(libusb_device_handle *handle, int interface) {
-    std::unique_lock lock(mutex);
-    const auto action = std::exchange(state.claim, nullptr);
-    lock.unlock();
-    if (action)
-        action();
+    runAction("libusb_claim_interface");
     return interfaceCall("libusb_claim_interface", handle, interface);
 }
 int libusb_release_interface(libusb_device_handle *handle, int interface) {

@@ -53,8 +53,9 @@ struct ControlRequest {
 };
 using ControlHandler = std::function<int(const ControlRequest &request)>;
 void onControl(ControlHandler handler);
-// Called once, in the middle of the next opening.
-void onClaim(std::function<void()> action);
+// Called once, at the beginning of the next call of this function: libusb_init or
+// libusb_claim_interface.
+void onCall(const std::string &function, std::function<void()> action);
 
 // Asynchronous transfers, oldest first.
 struct InFlight {
@@ -66,7 +67,7 @@ std::vector<InFlight> inFlight();
 void waitInFlight(size_t count);
 // Ends the oldest; completed ones are filled with the bytes that follow in a counting pattern.
 void completeOldest(libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED, int actual = -1);
-void completeNewest(libusb_transfer_status status);
+void completeNewest(libusb_transfer_status status, int actual = -1);
 // Completes whatever is submitted by itself, up to that many transfers.
 void completeBySelf(uint64_t count);
 // Delivers what is due on the calling thread, as a synchronous call of libusb does.

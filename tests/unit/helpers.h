@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "allocations.h"
 #include "core/global_state.h"
 #include "fake_libusb.h"
 #include "vexa_usb.h"
@@ -30,6 +31,7 @@ public:
     }
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &log = *static_cast<EventLog *>(data);
+        const allocations::Exempt exempt;
         const std::lock_guard lock(log.mutex);
         log.events.push_back(event);
         log.changed.notify_all();
@@ -42,6 +44,11 @@ public:
     bool waitFor(uint32_t event, size_t atLeast = 1) {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, kLong, [&]() { return countLocked(event) >= atLeast; });
+    }
+    bool waitForEither(uint32_t event, size_t atLeast, uint32_t other) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(
+            lock, kLong, [&]() { return countLocked(event) >= atLeast || countLocked(other) > 0; });
     }
     std::vector<uint32_t> all() {
         const std::lock_guard lock(mutex);

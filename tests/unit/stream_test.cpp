@@ -1,5 +1,6 @@
 // Data streams through the exported functions, with transfers that end as told.
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "helpers.h"
@@ -153,6 +154,83 @@ TEST_F(StreamTest, FailedTransfersAreDroppedAlone) {
     fake::waitInFlight(0);
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(log.count(kFull), 1U);
+    EXPECT_EQ(log.count(kError), 0U);
+}
+
+class StrictStreamTest : public StreamTest {
+protected:
+    StrictStreamTest() { setenv("VEXA_USB_STREAM", "strict", 1); }
+    ~StrictStreamTest() override { unsetenv("VEXA_USB_STREAM"); }
+
+    // Has the oldest transfer bring less than it was to, and one behind it everything.
+    void expectEnd(libusb_transfer_status status, int actual) {
+        const size_t errors = log.count(kError);
+        const size_t full = log.count(kFull);
+        ASSERT_EQ(start(512, 8), 0);
+        complete();
+        fake::holdEvents(true);
+        fake::completeOldest(status, actual);
+        fake::completeOldest();
+        fake::holdEvents(false);
+        fake::waitInFlight(0);
+        ASSERT_TRUE(log.waitFor(kError, errors + 1));
+        EXPECT_EQ(lock(), 0); // what came before
+        EXPECT_EQ(unlock(), 0);
+        EXPECT_EQ(stop(), 0);
+        ASSERT_TRUE(log.waitFor(kStopped, ++stops));
+        EXPECT_EQ(log.count(kError), errors + 1);
+        EXPECT_EQ(log.count(kFull), full + 1);
+    }
+
+    size_t stops = 0;
+};
+
+TEST_F(StrictStreamTest, EndsAtTheFirstGap) {
+    for (const auto status :
+         {LIBUSB_TRANSFER_STALL, LIBUSB_TRANSFER_ERROR, LIBUSB_TRANSFER_NO_DEVICE,
+          LIBUSB_TRANSFER_OVERFLOW, LIBUSB_TRANSFER_TIMED_OUT, LIBUSB_TRANSFER_CANCELLED})
+        expectEnd(status, 512);
+    for (const int actual : {0, 1, 511})
+        expectEnd(LIBUSB_TRANSFER_COMPLETED, actual);
+}
+
+// Behind an overflow, or a stop, a transfer may still bring its data: from behind the gap.
+TEST_F(StrictStreamTest, ReportsNothingBehindItsEnd) {
+    ASSERT_EQ(start(512, 4), 0);
+    complete();
+    fake::holdEvents(true);
+    fake::completeOldest(); // needs a fifth buffer
+    fake::completeOldest();
+    fake::holdEvents(false);
+    fake::waitInFlight(0);
+    ASSERT_TRUE(log.waitFor(kError));
+    EXPECT_EQ(stop(), 0);
+    ASSERT_TRUE(log.waitFor(kStopped));
+    const auto events = log.all();
+    EXPECT_EQ(events, (std::vector<uint32_t>{kStarted, kFull, kFull, kError, kStopped}));
+
+    ASSERT_EQ(start(512, 8), 0);
+    fake::holdEvents(true);
+    fake::completeNewest(LIBUSB_TRANSFER_COMPLETED);
+    std::thread stopping([this]() { EXPECT_EQ(stop(), 0); });
+    while (!fake::inFlight().empty())
+        std::this_thread::yield();
+    fake::holdEvents(false);
+    stopping.join();
+    ASSERT_TRUE(log.waitFor(kStopped, 2));
+    EXPECT_EQ(log.count(kFull), 2U);
+}
+
+// As it is read at each start; a word that it does not know is as if it were unset.
+TEST_F(StrictStreamTest, IsForTheRunThatAskedForIt) {
+    for (const char *mode : {"", "default", "STRICT", "strict "}) {
+        setenv("VEXA_USB_STREAM", mode, 1);
+        ASSERT_EQ(start(512, 8), 0);
+        setenv("VEXA_USB_STREAM", "strict", 1);
+        fake::completeOldest(LIBUSB_TRANSFER_STALL);
+        fake::waitInFlight(2);
+        EXPECT_EQ(stop(), 0);
+    }
     EXPECT_EQ(log.count(kError), 0U);
 }
 

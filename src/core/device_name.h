@@ -1,0 +1,24 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace vexausb {
+
+// How the log calls a device: "5658:0001 at 001/004", where 001/004 is its node below /dev/bus/usb.
+class DeviceName {
+public:
+    DeviceName(uint16_t vendor, uint16_t product, uint8_t bus, uint8_t address);
+
+    const char *text() const { return name.data(); }
+    // The end of the text: bus and address as the name of the device node.
+    const char *node() const { return name.data() + kNodeOffset; }
+
+private:
+    static constexpr size_t kNodeOffset = 13;
+
+    std::array<char, 21> name{};
+};
+
+} // namespace vexausb
