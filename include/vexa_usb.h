@@ -18,7 +18,9 @@
  * **Callbacks** run on threads of the library, one at a time for each device, and under no lock of
  * the library.  They may call any function, including vexa_usb_close() on the device that they
  * report on and the last vexa_usb_fini().  They must not throw.  The library's threads block all
- * signals, so signal handlers run on the caller's own threads.
+ * signals but those that report a fault of the thread itself (SIGSEGV, SIGBUS, SIGFPE, SIGILL,
+ * SIGTRAP, SIGSYS), so other signal handlers run on the caller's own threads.  A process that is
+ * started from a callback inherits that mask: unblock the signals in it before the exec.
  *
  * **Removal.** A device that leaves the bus fails the transfers in progress with
  * #VEXA_USB_STATUS_UNKNOWN; once the library has taken notice, the device's callback gets
@@ -29,7 +31,19 @@
  * open as removed.  Their handles stay valid and are closed after a later vexa_usb_init().
  *
  * **Memory.** Functions that allocate may let a C++ exception (`std::bad_alloc`,
- * `std::system_error`) through where no status is documented for it; C programs then end.
+ * `std::system_error`) through where no status is documented for it; C programs then end.  Stopping,
+ * closing and finalising need no memory.  Without memory for an event, a stream ends with
+ * #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR, an event pipe ends, and a device that was plugged in is
+ * listed by the next update.
+ *
+ * **Environment.** Two variables change what the library does; it reads no others and no files:
+ * - `VEXA_USB_LOG`, read when the library is started: `error`, `info` or `debug` has it write to
+ *   standard error why something failed and what to do about it; unset or empty, it is silent.
+ * - `VEXA_USB_STREAM`, read at each vexa_usb_data_stream_start(): `strict` has a stream end at its
+ *   first gap; unset, empty or `default`, it goes on.
+ *
+ * **Unloading.** The library stays in memory when a program that has loaded it with dlopen() closes
+ * it: its threads may still be at work.  Loading it again finds it as it was left.
  */
 #ifndef VEXA_USB_H
 #define VEXA_USB_H
@@ -201,10 +215,11 @@ VEXA_USB_API void vexa_usb_init(void);
 
 /**
  * Ends one use of the library.  The call that balances the first vexa_usb_init() ends all
- * transfers (waiting for those of other threads for at most one synchronous transfer's time limit
- * of 1000 ms), marks open devices removed (those that a list callback is just hearing of, or has
+ * transfers and marks open devices removed (those that a list callback is just hearing of, or has
  * yet to hear of, when the callback that is running returns) and returns; callbacks in progress are
- * not waited for.
+ * not waited for.  Calls in progress on other threads are: a synchronous transfer for at most its
+ * time limit of 1000 ms, a vexa_usb_open() or vexa_usb_update_device_list() for as long as the
+ * system takes, which has no limit.
  *
  * A call too many is an error that is not detected: the library no longer works then.
  */
@@ -284,7 +299,8 @@ VEXA_USB_API int32_t vexa_usb_deregister_device_list_event_callback(uint32_t id)
  * @param[out] device receives the handle, to be closed with vexa_usb_close(); written on success
  *             only
  * @retval 0 done
- * @retval -1 the device has gone, is in use elsewhere, or may not be accessed
+ * @retval -1 the device has gone, is in use elsewhere, or may not be accessed (the log says which),
+ *         or there is no memory
  * @retval -3 library not initialised, or just being started or ended by another thread
  * @retval -5 @p entry, @p callback or @p device is null
  * @retval -13 opening timed out
@@ -295,8 +311,8 @@ VEXA_USB_API int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
 
 /**
  * Closes a device: ends its event pipe and data stream, releases interface 0 and frees the handle.
- * Events not yet delivered are dropped.  A device that does not give up its event transfer is
- * waited for, half a second at most.
+ * When it returns, another program can open the device.  Events not yet delivered are dropped.  A
+ * device that does not give up its event transfer is waited for, half a second at most.
  *
  * @param device the handle; must not be in use by another thread
  * @retval 0 done, also for a removed device
@@ -498,12 +514,22 @@ VEXA_USB_API int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device);
  * the start, before the started event.  Buffers reported full can still be drained, one for each
  * buffer-full event and no more: what further locks would give was never filled.  Nothing is ever
  * overwritten.  The stream stays active, and must be
- * stopped before another start.  A transfer that fails on the bus is dropped without an event: no
- * buffer-full event comes for a buffer that it was to complete, and when all three have failed
- * the events cease.
+ * stopped before another start.
  *
- * The stream assumes that the device fills every transfer: data that a device cuts short with a
- * short packet leave a gap of unspecified bytes.
+ * **Gaps.** By default only those ends are reported.  A transfer that fails on the bus is dropped
+ * without an event: no buffer-full event comes for a buffer that it was to complete, further locks
+ * may give buffers out of step with their events, and when all three transfers have failed the
+ * events cease.  Data that a device cuts short with a short packet leave a gap of unspecified bytes.
+ * And behind the error event one more buffer may be reported full whose data come from behind the
+ * gap: read nothing after it.
+ *
+ * With `VEXA_USB_STREAM=strict` in the environment at the start, which every new driver should set,
+ * a transfer that fails or brings less than it was to ends the stream as a refused one does, with
+ * the error event, and no buffer is reported full from there on.  What is read with one lock for
+ * each buffer-full event is then what the device sent, from the first byte on and without a gap.
+ * The device must fill every transfer for that: one that ends a stream with a short packet shows as
+ * the error event.  A device that leaves may show as the error event shortly before
+ * #VEXA_USB_DEVICE_EVENT_REMOVED.
  *
  * Buffers need not be multiples of the endpoint's packet size.  They should be above 64 KiB for
  * speed, and there should be enough of them to outlast the caller's pauses.  Three transfers are
@@ -615,8 +641,8 @@ VEXA_USB_API int32_t vexa_usb_data_stream_rate_max(_vexa_usb_device *device, uin
 
 /**
  * Called between the blocks of a download, on the thread that downloads, under no lock.  It must
- * not throw.  When it closes the device, the download goes on; interface 0 is released when
- * vexa_usb_dfu_download() returns.
+ * not throw.  When it closes the device, vexa_usb_dfu_download() answers -1, with the download
+ * incomplete.
  *
  * @param data as given to vexa_usb_dfu_download()
  * @param progress the part that is done, above 0 and up to 1

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -24,10 +25,14 @@ public:
         ++self.counts[event];
         self.changed.notify_all();
     }
-    bool wait(_vexa_usb_device_event event, uint64_t count = 1) {
+    bool wait(_vexa_usb_device_event event, uint64_t count = 1) { return wait({{event, count}}); }
+    // For any of these events to have come that often.
+    bool wait(const std::map<_vexa_usb_device_event, uint64_t> &wanted) {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(30),
-                                [&]() { return counts[event] >= count; });
+        return changed.wait_for(lock, std::chrono::seconds(30), [&]() {
+            return std::any_of(wanted.begin(), wanted.end(),
+                               [&](const auto &one) { return counts[one.first] >= one.second; });
+        });
     }
     uint64_t count(_vexa_usb_device_event event) {
         const std::lock_guard lock(mutex);

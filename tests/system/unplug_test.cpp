@@ -182,6 +182,23 @@ TEST_F(UnplugTest, InABlockingRead) {
     expectRemoved();
 }
 
+// Calls that follow one another keep "usb-libusb" out for a moment only: a driver that calls once a
+// millisecond hears soon why its calls fail.
+TEST_F(UnplugTest, IsNoticedSoonByWhoKeepsCalling) {
+    const Simulator simulator({"instrument"});
+    openOnly();
+    int failures = 0;
+    ASSERT_EQ(test::vanish(device, 0, 60000, 0, 100), 0);
+    for (int32_t status = 0; status != VEXA_USB_STATUS_DEVICE_REMOVED;) {
+        status = test::steer(device, sim::kRequestScratch);
+        failures += status == 0 ? 0 : 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_LT(failures, 10000);
+    }
+    std::printf("%d calls failed before one said that the device was removed\n", failures - 1);
+    expectRemoved();
+}
+
 TEST_F(UnplugTest, WithABufferLockedAndThePipeArmed) {
     const Simulator simulator({"instrument"});
     openOnly();
