@@ -24,10 +24,10 @@ std::optional<uint32_t> HexPlacer::take(const vexausb::HexRecordView &record) {
     case vexausb::kHexExtendedSegmentAddress:
     case vexausb::kHexExtendedLinearAddress:
         if (record.data.size() != 2)
-            throw Error(
-                Exit::DataWrong,
-                fmt::format("an extended address of {} bytes instead of two", record.data.size()),
-                kHint);
+            throw Error(Exit::DataWrong,
+                        fmt::format("the length of an extended address is {} instead of two",
+                                    record.data.size()),
+                        kHint);
         address.extend(record);
         return std::nullopt;
     case vexausb::kHexStartSegmentAddress:
