@@ -1,12 +1,12 @@
 // The command hex: checks Intel HEX files and converts them.
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -15,17 +15,20 @@
 #include "bytes.h"
 #include "commands.h"
 #include "errors.h"
-#include "firmware/hex_convert.h"
 #include "firmware_file.h"
+#include "fx2_records.h"
+#include "hex_file.h"
+#include "hex_memory.h"
+#include "hex_placer.h"
+#include "same_file.h"
 
 namespace tool {
 
 namespace {
 
 constexpr uint64_t kMostImage = 1U << 30;
-constexpr size_t kPiece = 1U << 16;
-constexpr const char *kKeepRecords =
-    "The file may be damaged; have the tool that wrote it do so again.";
+constexpr size_t kPiece = 1U << 16; // worth a system call
+constexpr size_t kMostShown = 10;
 
 struct HexOptions {
     std::string file;
@@ -33,170 +36,164 @@ struct HexOptions {
     std::string image;
 };
 
-// Bytes that lie one behind the other, in memory and in the file.
-struct Segment {
-    uint64_t address;
-    uint64_t size;
-};
-
-// Writes a file in pieces that are worth a system call; the file is there only when all is.
-class PieceWriter {
-public:
-    explicit PieceWriter(const std::string &path) : output(path, Output::Existing::Replace) {}
-
-    Bytes piece;
-
-    void flushWhenFull() {
-        if (piece.size() >= kPiece)
-            flush();
-    }
-    void close() {
-        flush();
-        output.close();
-    }
-
-private:
-    void flush() {
-        output.write(piece);
-        piece.clear();
-    }
-
-    Output output;
-};
-
-// What a file holds, and what it is converted to, as its records come.
+// What a file holds, and what it is converted to.
 class HexContents {
 public:
     explicit HexContents(const HexOptions &options);
 
-    void take(const vexausb::HexRecordView &record);
-    void closeFiles();
+    void read();
+    void writeFiles();
     void report(bool json, FILE *to) const;
 
 private:
-    void takeData(const vexausb::HexRecordView &record);
-    void takeStart() const;
-    void addToImage(uint64_t begin, std::span<const uint8_t> data);
+    void checkImage() const;
+    void writeImage();
+    nlohmann::json asJson() const;
+    void printOverlaps(FILE *to) const;
+    uint64_t size() const;
 
-    std::optional<PieceWriter> binary;
-    std::optional<PieceWriter> image;
-    vexausb::HexAddress address;
-    std::vector<Segment> segments;
+    const std::string &path;
+    // Opened before the work, so that what cannot be written is known; each is there only when all
+    // of it is.
+    std::optional<Output> binary;
+    std::optional<Output> image;
+    HexPlacer placer;
+    HexMemory memory;
+    Fx2Records fx2Records;
     size_t recordCount = 0;
-    uint64_t bytes = 0;
-    uint64_t end = 0;   // of the memory
-    bool ended = false; // by an End Of File record
 };
 
-HexContents::HexContents(const HexOptions &options) {
+HexContents::HexContents(const HexOptions &options) : path(options.file) {
     if (!options.binary.empty())
-        binary.emplace(options.binary);
+        binary.emplace(options.binary, Output::Existing::Replace);
     if (!options.image.empty())
-        image.emplace(options.image);
+        image.emplace(options.image, Output::Existing::Replace);
 }
 
-void HexContents::take(const vexausb::HexRecordView &record) {
-    ++recordCount;
-    if (binary) {
-        vexausb::appendHexRecord(binary->piece, record);
-        binary->flushWhenFull();
-    }
-    if (ended)
-        return;
-    switch (record.type) {
-    case vexausb::kHexData:
-        takeData(record);
-        break;
-    case vexausb::kHexEndOfFile:
-        ended = true;
-        break;
-    case vexausb::kHexExtendedSegmentAddress:
-    case vexausb::kHexExtendedLinearAddress:
-        if (record.data.size() < 2)
-            throw Error(Exit::DataWrong, "an extended address has less than two bytes",
-                        kKeepRecords);
-        address.extend(record);
-        break;
-    case vexausb::kHexStartSegmentAddress:
-    case vexausb::kHexStartLinearAddress:
-        takeStart();
-        break;
-    default:
-        throw Error(Exit::DataWrong, fmt::format("unknown record type {:#04x}", record.type),
-                    kKeepRecords);
-    }
+void HexContents::read() {
+    readHexFile(path, [this](const vexausb::HexRecordView &record, size_t line) {
+        ++recordCount;
+        if (const auto address = placer.take(record))
+            memory.add(*address, record.data, line);
+        if (binary)
+            fx2Records.take(record);
+    });
+    memory.arrange();
 }
 
-void HexContents::takeData(const vexausb::HexRecordView &record) {
-    const uint64_t begin = address.of(record);
-    const uint64_t size = record.data.size();
-    if (size == 0)
-        return;
-    if (segments.empty() || segments.back().address + segments.back().size != begin)
-        segments.push_back({begin, 0});
-    segments.back().size += size;
-    bytes += size;
+// Nothing is written before all is known to be right, and both files are complete before either
+// replaces what was there.
+void HexContents::writeFiles() {
+    const Bytes records = binary ? fx2Records.finish(path) : Bytes();
     if (image)
-        addToImage(begin, record.data);
-    end = std::max(end, begin + size);
-}
-
-void HexContents::addToImage(uint64_t begin, std::span<const uint8_t> data) {
-    if (begin < end)
-        throw Error(Exit::DataWrong,
-                    fmt::format("the records are not in ascending order: {:#x} comes late", begin),
-                    "Sort them first, for instance with objcopy or srec_cat.");
-    if (begin + data.size() > kMostImage)
-        throw Error(Exit::DataWrong,
-                    fmt::format("the image would reach up to {:#x}", begin + data.size()),
-                    "More than 1 GiB is hardly meant; --binary keeps the addresses.");
-    for (uint64_t gap = begin - end; gap != 0;) {
-        const uint64_t zeros = std::min<uint64_t>(gap, kPiece);
-        image->piece.insert(image->piece.end(), zeros, 0);
-        image->flushWhenFull();
-        gap -= zeros;
-    }
-    image->piece.insert(image->piece.end(), data.begin(), data.end());
-    image->flushWhenFull();
-}
-
-void HexContents::takeStart() const {
+        checkImage();
+    if (binary)
+        binary->write(records);
     if (image)
-        throw Error(Exit::DataWrong, "the file has a start address, which a flat image cannot hold",
-                    "Have the tool that wrote it leave the start address out.");
-}
-
-void HexContents::closeFiles() {
+        writeImage();
     if (binary)
         binary->close();
     if (image)
         image->close();
 }
 
+void HexContents::checkImage() const {
+    for (const HexMemory::Overlap &overlap : memory.overlaps()) {
+        if (overlap.differsAt)
+            throwWrongFile(path,
+                           fmt::format("lines {} and {} give different bytes for {:#x}",
+                                       overlap.line, overlap.otherLine, *overlap.differsAt),
+                           "Only one of them can be in an image; take the other line out.");
+    }
+    const auto &segments = memory.segments();
+    const uint64_t end = segments.empty() ? 0 : segments.back().address + segments.back().size;
+    if (end > kMostImage)
+        throwWrongFile(path, fmt::format("the image would reach up to {:#x}", end),
+                       "It begins at address 0 and ends at 1 GiB at most; 'objcopy -I ihex -O "
+                       "binary' begins at the lowest address of the file.");
+}
+
+void HexContents::writeImage() {
+    Bytes piece;
+    uint64_t done = 0;
+    const auto append = [&](std::span<const uint8_t> bytes) {
+        piece.insert(piece.end(), bytes.begin(), bytes.end());
+        done += bytes.size();
+        if (piece.size() >= kPiece) {
+            image->write(piece);
+            piece.clear();
+        }
+    };
+    const Bytes zeros(kPiece);
+    memory.visit([&](uint64_t address, std::span<const uint8_t> data) {
+        while (done < address)
+            append(std::span(zeros).first(std::min<uint64_t>(address - done, kPiece)));
+        append(data);
+    });
+    image->write(piece);
+}
+
+uint64_t HexContents::size() const {
+    uint64_t bytes = 0;
+    for (const HexMemory::Segment &segment : memory.segments())
+        bytes += segment.size;
+    return bytes;
+}
+
 void HexContents::report(bool json, FILE *to) const {
     if (json) {
-        nlohmann::json rows = nlohmann::json::array();
-        for (const Segment &segment : segments)
-            rows.push_back({{"address", segment.address}, {"size", segment.size}});
-        const nlohmann::json result{
-            {"records", recordCount}, {"bytes", bytes}, {"end_of_file", ended}, {"segments", rows}};
-        fmt::print(to, "{}\n", result.dump());
+        fmt::print(to, "{}\n", asJson().dump());
         return;
     }
-    for (const Segment &segment : segments)
+    for (const HexMemory::Segment &segment : memory.segments())
         fmt::print(to, "{:#010x} to {:#010x}  {:>9} bytes\n", segment.address,
                    segment.address + segment.size - 1, segment.size);
-    fmt::print(to, "{} records, {} bytes in {} segments{}\n", recordCount, bytes, segments.size(),
-               ended ? "" : ", no End Of File record");
+    printOverlaps(to);
+    fmt::print(to, "{} records, {} bytes in {} segments{}\n", recordCount, size(),
+               memory.segments().size(), placer.ended() ? "" : ", no End Of File record");
+}
+
+nlohmann::json HexContents::asJson() const {
+    nlohmann::json segments = nlohmann::json::array();
+    for (const HexMemory::Segment &segment : memory.segments())
+        segments.push_back({{"address", segment.address}, {"size", segment.size}});
+    nlohmann::json overlaps = nlohmann::json::array();
+    for (const HexMemory::Overlap &overlap : memory.overlaps()) {
+        overlaps.push_back({{"address", overlap.address},
+                            {"size", overlap.size},
+                            {"lines", {overlap.line, overlap.otherLine}},
+                            {"same", !overlap.differsAt}});
+        if (overlap.differsAt)
+            overlaps.back()["differs_at"] = *overlap.differsAt;
+    }
+    return {{"records", recordCount},
+            {"bytes", size()},
+            {"end_of_file", placer.ended()},
+            {"segments", segments},
+            {"overlaps", overlaps}};
+}
+
+void HexContents::printOverlaps(FILE *to) const {
+    const auto &overlaps = memory.overlaps();
+    const size_t shown = std::min(overlaps.size(), kMostShown);
+    for (const HexMemory::Overlap &overlap : std::span(overlaps).first(shown))
+        fmt::print(to, "{:#010x} to {:#010x}  given twice, {} (lines {} and {})\n", overlap.address,
+                   overlap.address + overlap.size - 1,
+                   overlap.differsAt ? fmt::format("DIFFERENT bytes at {:#x}", *overlap.differsAt)
+                                     : "the same bytes",
+                   overlap.line, overlap.otherLine);
+    if (shown < overlaps.size())
+        fmt::print(to, "and {} more that are given twice\n", overlaps.size() - shown);
 }
 
 void hex(const HexOptions &options, const CommonOptions &common) {
-    if (!options.binary.empty() && options.binary == options.image)
+    if (!options.binary.empty() && !options.image.empty() &&
+        isSameFile(options.binary, options.image))
         throw Error(Exit::Usage, "--binary and --image would write the same file",
                     "Give each a file of its own.");
     HexContents contents(options);
-    readHexFile(options.file, [&](const vexausb::HexRecordView &record) { contents.take(record); });
-    contents.closeFiles();
+    contents.read();
+    contents.writeFiles();
     const bool dataOnStdout = options.binary == "-" || options.image == "-";
     contents.report(common.json, dataOnStdout ? stderr : stdout);
 }
@@ -207,13 +204,14 @@ void defineHexCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<HexOptions>();
     command.add_option("FILE", options->file, "The file; - is standard input")->required();
     command.add_option("--binary", options->binary,
-                       "Write the records as raw bytes, the form that the library's FX2 loader "
-                       "takes, to this file");
+                       "Write the records as raw bytes, as the library's FX2 loader takes them, to "
+                       "this file");
     command.add_option("--image", options->image,
                        "Write the memory from address 0 on, zero where there are no data, to this "
                        "file");
     addJsonOption(command, common);
-    command.footer("Checks every record and prints the segments of memory that they fill.\n\n"
+    command.footer("Checks every record and prints the segments of memory that they fill, and what "
+                   "they give twice.\n\n"
                    "Examples:\n"
                    "  vexa-usb hex firmware.hex\n"
                    "  vexa-usb hex firmware.hex --binary firmware.bin");

@@ -18,9 +18,12 @@
 #include "changes.h"
 #include "commands.h"
 #include "device.h"
+#include "dfu_file.h"
 #include "ending.h"
 #include "errors.h"
-#include "firmware_file.h"
+#include "fx2_records.h"
+#include "fx3_file.h"
+#include "imx7_file.h"
 #include "progress.h"
 
 namespace tool {
@@ -35,12 +38,14 @@ struct LoadOptions {
     std::string file;
     double wait = 10;
     bool renumerate = false;
+    bool force = false;
 };
 
 // A firmware in memory, and how it gets into a device.
 struct Firmware {
     uint64_t size;
     std::function<int32_t(_vexa_usb_device *)> load;
+    const char *stayHint = ""; // why the device may not come back
 };
 
 // The firmware needs a moment before it answers requests.
@@ -58,13 +63,14 @@ int32_t renumerate(_vexa_usb_device *device) {
 
 Firmware fx2Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
     const auto image = std::make_shared<Bytes>(readFx2Image(options.file));
-    return {image->size(), [image, again = options.renumerate](_vexa_usb_device *device) {
-                const int32_t status =
-                    vexa_usb_fx2_load_firmware(device, image->data(), image->size());
-                if (status == VEXA_USB_STATUS_SUCCESS && again)
-                    check(renumerate(device), "loaded, but asking it to renumerate failed");
-                return status;
-            }};
+    const auto loadImage = [image, again = options.renumerate](_vexa_usb_device *device) {
+        const int32_t status = vexa_usb_fx2_load_firmware(device, image->data(), image->size());
+        if (status == VEXA_USB_STATUS_SUCCESS && again)
+            check(renumerate(device), "loaded, but asking it to renumerate failed");
+        return status;
+    };
+    return {image->size(), loadImage,
+            options.renumerate ? "" : " Its firmware may wait to be told so (--renumerate)."};
 }
 
 Firmware fx3Firmware(const LoadOptions &options, const CommonOptions & /*common*/) {
@@ -97,22 +103,43 @@ void makeDfuIdle(_vexa_usb_device *device) {
         dfuRequest(device, VEXA_USB_DIRECTION_OUT, kClearStatus, nullptr, 0);
 }
 
+// The device leaves DFU mode with other identifiers than it has in it, and a file may be meant for
+// either: only the user can tell.
+void refuseIfForAnother(const DfuFile &file, _vexa_usb_device *device) {
+    _vexa_usb_device_descriptor descriptor{};
+    check(vexa_usb_get_device_descriptor(device, &descriptor, sizeof(descriptor)),
+          "reading the device descriptor");
+    if (!file.isFor(descriptor.idVendor, descriptor.idProduct))
+        throw Error(Exit::DataWrong,
+                    fmt::format("the file is for {}, and the device is {}",
+                                identifierText(file.vendor, file.product),
+                                identifierText(descriptor.idVendor, descriptor.idProduct)),
+                    "Nothing was sent. If it is right all the same, load it with --force.");
+}
+
+int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, bool progressForced) {
+    makeDfuIdle(device);
+    Progress progress(progressForced, image.size(), std::nullopt);
+    struct Shown {
+        Progress &progress;
+        double size;
+    } shown{progress, static_cast<double>(image.size())};
+    return vexa_usb_dfu_download(
+        device, image.data(), image.size(),
+        [](void *data, double done) {
+            const auto &to = *static_cast<Shown *>(data);
+            to.progress.update(static_cast<uint64_t>(done * to.size));
+        },
+        &shown);
+}
+
 Firmware dfuFirmware(const LoadOptions &options, const CommonOptions &common) {
-    const auto image = std::make_shared<Bytes>(readDfuImage(options.file));
-    return {image->size(), [image, forced = common.progress](_vexa_usb_device *device) {
-                makeDfuIdle(device);
-                Progress progress(forced, image->size(), std::nullopt);
-                struct Shown {
-                    Progress &progress;
-                    double size;
-                } shown{progress, static_cast<double>(image->size())};
-                return vexa_usb_dfu_download(
-                    device, image->data(), image->size(),
-                    [](void *data, double done) {
-                        const auto &to = *static_cast<Shown *>(data);
-                        to.progress.update(static_cast<uint64_t>(done * to.size));
-                    },
-                    &shown);
+    const auto file = std::make_shared<DfuFile>(readDfuFile(options.file));
+    return {file->image.size(),
+            [file, forced = options.force, progress = common.progress](_vexa_usb_device *device) {
+                if (!forced)
+                    refuseIfForAnother(*file, device);
+                return downloadDfu(device, file->image, progress);
             }};
 }
 
@@ -195,8 +222,9 @@ void load(const LoadOptions &options, const CommonOptions &common, const Firmwar
             throw Error(Exit::Timeout,
                         fmt::format("loaded, but no supported device has come back within {} s",
                                     options.wait),
-                        "'lsusb' shows what the device is now. An FX2's firmware may wait to be "
-                        "told so (--renumerate); --wait 0 does not wait.");
+                        fmt::format("'lsusb' shows what the device is now.{} --wait 0 does not "
+                                    "wait.",
+                                    firmware.stayHint));
     }
     report(firmware.size, time, now, common.json);
 }
@@ -230,9 +258,12 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
     if (kind.read == fx2Firmware)
         command.add_flag("--renumerate", options->renumerate,
                          "Tell the firmware to leave the bus and come back");
-    if (kind.read == dfuFirmware)
+    if (kind.read == dfuFirmware) {
         command.add_flag("--progress", common.progress,
                          "Show the progress also when not on a terminal");
+        command.add_flag("--force", options->force,
+                         "Load it although the file's DFU suffix names another device");
+    }
     addJsonOption(command, common);
     command.callback(
         [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });

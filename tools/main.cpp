@@ -71,8 +71,11 @@ void throwIfUnknown(const CLI::App &app) {
         return;
     const std::string whole =
         named == &app ? std::string("vexa-usb") : "vexa-usb " + named->get_name();
+    std::string names;
+    for (const CLI::App *each : named->get_subcommands([](const CLI::App *) { return true; }))
+        names += (names.empty() ? "" : ", ") + each->get_name();
     throw Error(Exit::Usage, fmt::format("'{}' has no command '{}'", whole, words[0]),
-                fmt::format("'{} --help' lists those that it has.", whole));
+                fmt::format("It has: {}. '{} --help' tells about them.", names, whole));
 }
 
 int run(int argc, char **argv) {

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
+#include "words.h"
 
 namespace tool {
 
@@ -134,11 +135,11 @@ void defineControlCommand(CLI::App &command, CommonOptions &common) {
             ->excludes("--data")
             ->excludes("--input");
     command.add_option("--type", options->type, "standard, class or vendor (the default)")
-        ->transform(CLI::CheckedTransformer(requestTypes));
+        ->transform(oneOf(requestTypes));
     command
         .add_option("--recipient", options->recipient,
                     "device (the default), interface, endpoint or other")
-        ->transform(CLI::CheckedTransformer(recipients));
+        ->transform(oneOf(recipients));
     addOutputOption(command, *options);
     addDeviceOption(command, common);
     addJsonOption(command, common);

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "bytes.h"
+
+namespace tool {
+
+// The memory that the records of an Intel HEX file fill, in whatever order they come.
+class HexMemory {
+public:
+    // Bytes without a gap.
+    struct Segment {
+        uint64_t address;
+        uint64_t size;
+    };
+    // Bytes that are given twice.
+    struct Overlap {
+        uint64_t address;
+        uint64_t size;
+        size_t line; // the two that give the first byte that differs, or else the first byte
+        size_t otherLine;
+        std::optional<uint64_t> differsAt; // nothing: the bytes are the same
+    };
+
+    void add(uint32_t address, std::span<const uint8_t> data, size_t line);
+    // Call it when all is there; what follows is by ascending address.
+    void arrange();
+    const std::vector<Segment> &segments() const { return filled; }
+    const std::vector<Overlap> &overlaps() const { return doubles; }
+    // Gives every byte once.
+    using Visit = std::function<void(uint64_t address, std::span<const uint8_t> data)>;
+    void visit(const Visit &take) const;
+
+private:
+    // Lines in a row that continue one another, each but the last with as many bytes.
+    struct Piece {
+        uint32_t address;
+        uint32_t line;   // the first
+        uint32_t offset; // into all blocks
+        uint32_t size;
+        uint32_t bytesPerLine;
+
+        uint64_t end() const { return uint64_t{address} + size; }
+        size_t lineOf(uint64_t byte) const { return line + (byte - address) / bytesPerLine; }
+        bool isContinuedBy(const Piece &next) const;
+    };
+
+    static constexpr size_t kBlock = 1U << 20;
+
+    uint32_t store(std::span<const uint8_t> data);
+    std::span<const uint8_t> dataOf(const Piece &piece, uint64_t begin, uint64_t end) const;
+    void noteOverlap(const Piece &furthest, const Piece &piece);
+
+    std::deque<Piece> pieces; // no copy while it grows
+    std::deque<Bytes> blocks; // of kBlock bytes
+    std::vector<Segment> filled;
+    std::vector<Overlap> doubles;
+};
+
+} // namespace tool
