@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "amounts.h"
 #include "bytes.h"
 #include "changes.h"
 #include "commands.h"
@@ -225,7 +226,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
     command
         .add_option("-w,--wait", options->wait,
                     "Wait so many seconds at most for the device to come back; 0: not at all")
-        ->check(CLI::NonNegativeNumber)
+        ->check(notNegative())
         ->capture_default_str();
     if (kind.read == fx2Firmware)
         command.add_flag("--renumerate", options->renumerate,
@@ -234,6 +235,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
         command.add_flag("--progress", common.progress,
                          "Show the progress also when not on a terminal");
     addJsonOption(command, common);
+    addVerboseOption(command, common);
     command.callback(
         [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });
 }
@@ -242,6 +244,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
 
 void defineLoadCommand(CLI::App &command, CommonOptions &common) {
     command.require_subcommand(1);
+    addJsonOption(command, common);
     command.footer("Checks the file, loads it, waits until the device has come back under its new "
                    "identity,\nand says which.\n\n"
                    "Examples:\n"
