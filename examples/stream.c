@@ -1,6 +1,8 @@
 /* Streams 64 MiB from the first instrument. */
+#define _POSIX_C_SOURCE 200809L
 #include <semaphore.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <vexa_usb.h>
 
 static sem_t events;
@@ -20,6 +22,7 @@ int main(void) {
     uint8_t *data;
     uint64_t size, done = 0;
     sem_init(&events, 0, 0);
+    setenv("VEXA_USB_STREAM", "strict", 1); /* a gap in the data ends the stream */
     vexa_usb_init();
     vexa_usb_update_device_list();
     vexa_usb_get_device_list(&list, NULL);

@@ -12,10 +12,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "amounts.h"
 #include "errors.h"
+#include "progress.h"
 
 namespace tool {
 
@@ -32,6 +35,13 @@ bool isStandard(const std::string &path) {
 bool isReplaceable(const std::string &path) {
     struct stat status {};
     return !isStandard(path) && (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode));
+}
+
+[[noreturn]] void throwTooLarge(const std::string &path) {
+    throw Error(Exit::Usage,
+                fmt::format("{} holds more than {}, which is the most that is read into memory",
+                            isStandard(path) ? "standard input" : path, sizeText(kMostInMemory)),
+                "Check that it is the right file, or send it in parts.");
 }
 
 std::string dumpLine(size_t offset, std::span<const uint8_t> bytes) {
@@ -70,11 +80,9 @@ std::string hexText(std::span<const uint8_t> bytes) {
     return text;
 }
 
-std::string hexDump(std::span<const uint8_t> bytes) {
-    std::string text;
+void printHexDump(std::span<const uint8_t> bytes) {
     for (size_t i = 0; i < bytes.size(); i += kDumpWidth)
-        text += dumpLine(i, bytes.subspan(i, std::min(kDumpWidth, bytes.size() - i)));
-    return text;
+        fmt::print("{}", dumpLine(i, bytes.subspan(i, std::min(kDumpWidth, bytes.size() - i))));
 }
 
 Input::Input(const std::string &path)
@@ -105,10 +113,17 @@ size_t Input::read(std::span<uint8_t> room) {
 
 Bytes readInput(const std::string &path) {
     Input input(path);
+    if (input.size() > kMostInMemory)
+        throwTooLarge(path);
     Bytes bytes(input.size() + 1); // room to see the end of a file
+    if (input.size() == 0)
+        bytes.reserve(kMostInMemory +
+                      kReadPiece); // no copy of what grows: pages unused cost nothing
     size_t filled = 0;
     while (const size_t count = input.read(std::span(bytes).subspan(filled))) {
         filled += count;
+        if (filled > kMostInMemory)
+            throwTooLarge(path);
         if (filled == bytes.size())
             bytes.resize(filled + kReadPiece);
     }
@@ -165,6 +180,14 @@ void Output::write(std::span<const uint8_t> bytes) {
         if (count < 0)
             throwSystemError("cannot write " + name);
         bytes = bytes.subspan(static_cast<size_t>(count));
+    }
+}
+
+void Output::throwIfUnread() const {
+    pollfd state{descriptor, 0, 0};
+    if (poll(&state, 1, 0) > 0 && (state.revents & (POLLERR | POLLHUP)) != 0) {
+        errno = EPIPE;
+        throwSystemError("cannot write " + name);
     }
 }
 

@@ -14,7 +14,7 @@ using Bytes = std::vector<uint8_t>;
 Bytes parseHex(const std::string &text);
 std::string hexText(std::span<const uint8_t> bytes);
 // Sixteen bytes a line, with offsets and characters.
-std::string hexDump(std::span<const uint8_t> bytes);
+void printHexDump(std::span<const uint8_t> bytes);
 
 // Reads a file, or standard input for "-"; errors say which file and why.
 class Input {
@@ -34,7 +34,7 @@ private:
     const int descriptor;
 };
 
-// All of a file.
+// All of a file; one that is too large to be held in memory is refused, endless ones included.
 Bytes readInput(const std::string &path);
 
 // Writes to a file, or to standard output for "-"; errors say which file and why.
@@ -49,6 +49,8 @@ public:
     Output &operator=(const Output &) = delete;
 
     void write(std::span<const uint8_t> bytes);
+    // Throws as a write would when nobody is left to read what is written.
+    void throwIfUnread() const;
     // Reports what only shows when a file is closed.
     void close();
 

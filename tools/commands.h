@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -13,6 +14,7 @@ namespace tool {
 struct CommonOptions {
     std::string device; // empty: the only one
     bool json = false;
+    int64_t verbosity = 0; // how often --verbose was given
     bool progress = false;
 };
 
@@ -36,5 +38,6 @@ void addCommand(CLI::App &app, const char *name, const char *help,
 // With a name for its position, the device can also be given without the option.
 void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position = {});
 void addJsonOption(CLI::App &command, CommonOptions &common);
+void addVerboseOption(CLI::App &command, CommonOptions &common);
 
 } // namespace tool

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "errors.h"
+#include "open_failure.h"
 
 namespace tool {
 
@@ -104,13 +105,7 @@ Device::Device(const std::string &choice, EventHandler onEvent) {
     listId = item.id;
     const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle);
     if (status != VEXA_USB_STATUS_SUCCESS)
-        throw Error(Exit::CannotOpen,
-                    fmt::format("cannot open device {}: {} ({})",
-                                identifierText(item.vendor_id, item.product_id),
-                                vexa_usb_get_status_str(status), status),
-                    "Another program may have it open, or you may lack the permission: install "
-                    "the udev rule 70-vexa-usb.rules and plug the device in again, or try as "
-                    "root.");
+        throw openFailure(item.vendor_id, item.product_id, status);
 }
 
 } // namespace tool

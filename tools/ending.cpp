@@ -1,10 +1,10 @@
 #include "ending.h"
 
 #include <csignal>
-#include <cstdlib>
-#include <string>
 
 #include <CLI/CLI.hpp>
+
+#include "amounts.h"
 
 namespace tool {
 
@@ -13,16 +13,6 @@ namespace {
 volatile std::sig_atomic_t signalCame = 0;
 
 } // namespace
-
-CLI::Validator positive() {
-    return {[](const std::string &text) {
-                char *end = nullptr;
-                return std::strtod(text.c_str(), &end) > 0 && *end == '\0'
-                           ? std::string()
-                           : "'" + text + "' is no number above 0";
-            },
-            "POSITIVE"};
-}
 
 void catchInterrupts() {
     struct sigaction action {};
@@ -38,7 +28,7 @@ bool interrupted() {
 
 void Ending::addOptions(CLI::App &command) {
     command.add_option("-s,--seconds", seconds, "End after so many seconds")->check(positive());
-    command.add_option("-n,--count", count, "End after so many lines")->check(positive());
+    command.add_option("-n,--count", count, "End after so many lines")->check(positiveCount());
 }
 
 void Ending::start() {

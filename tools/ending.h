@@ -6,13 +6,9 @@
 
 namespace CLI {
 class App;
-class Validator;
 } // namespace CLI
 
 namespace tool {
-
-// Accepts a number above 0.
-CLI::Validator positive();
 
 // How often a waiting loop looks whether it should end.
 inline constexpr std::chrono::milliseconds kWaitStep{100};

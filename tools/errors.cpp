@@ -19,7 +19,9 @@ const char *hintFor(int32_t status) {
     switch (status) {
     case VEXA_USB_STATUS_UNKNOWN:
         return "The device refused the request (a stall), or it has gone. 'vexa-usb info' shows "
-               "the endpoints that it has; 'vexa-usb list' whether it is still there.";
+               "the endpoints that it has, 'vexa-usb list' whether it is still there, '-vv' what "
+               "the "
+               "system says.";
     case VEXA_USB_STATUS_NOT_SUPPORTED:
         return "Devices below USB 1.1 have no data stream.";
     case VEXA_USB_STATUS_NO_MEMORY:

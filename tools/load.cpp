@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "amounts.h"
 #include "bytes.h"
 #include "changes.h"
 #include "commands.h"
@@ -253,7 +254,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
     command
         .add_option("-w,--wait", options->wait,
                     "Wait so many seconds at most for the device to come back; 0: not at all")
-        ->check(CLI::NonNegativeNumber)
+        ->check(notNegative())
         ->capture_default_str();
     if (kind.read == fx2Firmware)
         command.add_flag("--renumerate", options->renumerate,
@@ -265,6 +266,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
                          "Load it although the file's DFU suffix names another device");
     }
     addJsonOption(command, common);
+    addVerboseOption(command, common);
     command.callback(
         [&common, options, &kind]() { load(*options, common, kind.read(*options, common)); });
 }
@@ -273,6 +275,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
 
 void defineLoadCommand(CLI::App &command, CommonOptions &common) {
     command.require_subcommand(1);
+    addJsonOption(command, common);
     command.footer("Checks the file, loads it, waits until the device has come back under its new "
                    "identity,\nand says which.\n\n"
                    "Examples:\n"

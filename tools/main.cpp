@@ -1,12 +1,18 @@
 // vexa-usb: the library's services as a command.
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
+#include <memory>
+#include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -25,6 +31,17 @@ void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string
 
 void addJsonOption(CLI::App &command, CommonOptions &common) {
     command.add_flag("--json", common.json, "Print the result as JSON");
+}
+
+void addVerboseOption(CLI::App &command, CommonOptions &common) {
+    command.add_flag_function(
+        "-v,--verbose",
+        [&common](int64_t times) {
+            common.verbosity += times;
+            setenv("VEXA_USB_LOG", common.verbosity > 1 ? "debug" : "info", 1);
+        },
+        "Let the library tell on standard error what it does and why something fails; twice: in "
+        "detail");
 }
 
 void addCommand(CLI::App &app, const char *name, const char *help,
@@ -78,23 +95,42 @@ void throwIfUnknown(const CLI::App &app) {
                 fmt::format("It has: {}. '{} --help' tells about them.", names, whole));
 }
 
-int run(int argc, char **argv) {
+int run(std::vector<std::string> words);
+
+// 'help load fx2' is 'load fx2 --help'.
+void defineHelpCommand(CLI::App &app) {
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App *command = app.add_subcommand("help", "Show the help of a command");
+    command->add_option("COMMAND", *words, "The command; without it, the help of vexa-usb");
+    command->callback([words]() {
+        words->emplace_back("--help");
+        run(*words);
+    });
+}
+
+int run(std::vector<std::string> words) {
     CommonOptions common;
-    CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n"};
+    CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n", "vexa-usb"};
     app.set_version_flag("-V,--version", versionText);
     app.require_subcommand(1);
-    app.footer(std::string("'vexa-usb COMMAND --help' tells about a command.\n") + kExitHelp);
+    app.footer(std::string("'vexa-usb help COMMAND' tells about a command.\n") + kExitHelp);
+    addJsonOption(app, common);
+    addVerboseOption(app, common);
     for (const Command &command : kCommands) {
-        addCommand(app, command.name, command.help,
-                   [&common, &command](CLI::App &named) { command.define(named, common); });
+        addCommand(app, command.name, command.help, [&common, &command](CLI::App &named) {
+            command.define(named, common);
+            addVerboseOption(named, common);
+        });
     }
+    defineHelpCommand(app);
     try {
-        app.parse(argc, argv);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-            throwSystemError("cannot write standard output");
+        std::reverse(words.begin(), words.end()); // as the parser wants them
+        app.parse(std::move(words));
         return static_cast<int>(Exit::Success);
     } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+        const int code = error.get_exit_code();
+        if (code == static_cast<int>(CLI::ExitCodes::RequiredError) ||
+            dynamic_cast<const CLI::CallForHelp *>(&error) != nullptr)
             throwIfUnknown(app);
         return app.exit(error) == 0 ? static_cast<int>(Exit::Success)
                                     : static_cast<int>(Exit::Usage);
@@ -109,12 +145,19 @@ int main(int argc, char **argv) {
     // A reader of standard output that has gone shows as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        return tool::run(argc, argv);
+        const int status = tool::run({argv + 1, argv + argc});
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            tool::throwSystemError("cannot write standard output");
+        return status;
     } catch (const tool::Error &error) {
         fmt::print(stderr, "vexa-usb: {}\n", error.what());
         if (!error.hint.empty())
             fmt::print(stderr, "  {}\n", error.hint);
         return static_cast<int>(error.exit);
+    } catch (const std::bad_alloc &) {
+        fmt::print(stderr, "vexa-usb: there is not enough memory\n"
+                           "  End other programs, or ask for less at once.\n");
+        return static_cast<int>(tool::Exit::Failed);
     } catch (const std::exception &error) {
         fmt::print(stderr, "vexa-usb: {}\n", error.what());
         return static_cast<int>(tool::Exit::Failed);

@@ -17,7 +17,7 @@ constexpr int kBarWidth = 30;
 } // namespace
 
 std::string sizeText(uint64_t bytes) {
-    constexpr std::array kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
+    constexpr std::array kUnits{"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     auto value = static_cast<double>(bytes);
     size_t unit = 0;
     for (; value >= 1024 && unit + 1 < kUnits.size(); ++unit)
@@ -30,10 +30,15 @@ Progress::Progress(bool forced, std::optional<uint64_t> bytes,
     : shown(forced || isatty(STDERR_FILENO) != 0), totalBytes(bytes), totalTime(time) {}
 
 Progress::~Progress() {
+    finish();
+}
+
+void Progress::finish() {
     if (!drawn)
         return;
     draw(lastBytes);
     fmt::print(stderr, "\n");
+    drawn = false;
 }
 
 void Progress::update(uint64_t bytesDone) {

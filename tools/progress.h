@@ -22,6 +22,8 @@ public:
     Progress &operator=(const Progress &) = delete;
 
     void update(uint64_t bytesDone);
+    // Shows the end, and leaves the line; what follows stands on one of its own.
+    void finish();
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <span>
@@ -9,6 +11,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "amounts.h"
 #include "bytes.h"
 #include "commands.h"
 #include "device.h"
@@ -38,6 +41,7 @@ struct StreamOptions {
     uint64_t bufferCount = 32;
     double silence = 5;
     bool checkPattern = false;
+    bool keepGoing = false;
 };
 
 // One run of a stream: drains the ring until enough has come.
@@ -49,6 +53,7 @@ public:
     void report() const;
 
 private:
+    void checkMemory() const;
     void begin();
     bool isFinished() const;
     void handleNext();
@@ -79,8 +84,20 @@ StreamRun::StreamRun(const StreamOptions &runOptions, const CommonOptions &commo
              [events = events](_vexa_usb_device_event event) { events->post(event); }),
       progress(common.progress, options.bytes,
                options.seconds ? std::optional<Seconds>(*options.seconds) : std::nullopt) {
+    checkMemory(); // before an existing file is emptied
     if (!options.output.empty())
         output.emplace(options.output);
+}
+
+// The system would end a program that fills more memory than there is.
+void StreamRun::checkMemory() const {
+    uint64_t most = 0;
+    check(vexa_usb_data_stream_memory_size_max(device.get(), &most), "starting the stream");
+    if (options.bufferSize > most / options.bufferCount)
+        throw Error(Exit::Usage,
+                    fmt::format("{} buffers of {} are more than the {} that the device advises",
+                                options.bufferCount, sizeText(options.bufferSize), sizeText(most)),
+                    "Give fewer or smaller buffers (--buffers, --buffer-size).");
 }
 
 // The simulated instrument's stream goes on where it was: the check wants it from the beginning.
@@ -103,6 +120,7 @@ void StreamRun::run() {
     while (!isFinished())
         handleNext();
     end = Clock::now();
+    progress.finish();
     check(vexa_usb_data_stream_stop(device.get()), "stopping the stream");
     if (output)
         output->close();
@@ -117,14 +135,17 @@ bool StreamRun::isFinished() const {
 
 void StreamRun::handleNext() {
     const auto event = events->wait(kWaitStep);
-    if (!event)
+    if (!event) {
         throwIfSilent();
-    else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)
+        if (output)
+            output->throwIfUnread();
+    } else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL) {
         handleBuffer();
-    else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+    } else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR) {
         throwLost();
-    else if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
+    } else if (*event == VEXA_USB_DEVICE_EVENT_REMOVED) {
         checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
+    }
 }
 
 void StreamRun::checkStatus(int32_t status) const {
@@ -138,13 +159,15 @@ void StreamRun::throwLost() const {
         if (events->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
             checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
     }
-    throw Error(Exit::DataWrong,
-                fmt::format("data were lost after {} bytes: no buffer was free, or the system "
-                            "refused a transfer",
-                            bytesDone),
-                "Give more or larger buffers (--buffers, --buffer-size), or write to a faster "
-                "place. With many devices at once, raise the system's limit: echo 256 > "
-                "/sys/module/usbcore/parameters/usbfs_memory_mb");
+    throw Error(
+        Exit::DataWrong,
+        fmt::format("data were lost after {} bytes: {}no buffer was free, or the system "
+                    "refused a transfer",
+                    bytesDone, options.keepGoing ? "" : "a transfer failed or came short, "),
+        "--verbose tells which it was. If no buffer was free, give more or larger ones "
+        "(--buffers, --buffer-size), or write to a faster place. If a transfer was refused, "
+        "with many devices at once, raise the system's limit: echo 256 > "
+        "/sys/module/usbcore/parameters/usbfs_memory_mb");
 }
 
 void StreamRun::handleBuffer() {
@@ -193,19 +216,23 @@ void StreamRun::report() const {
                               {"bytes_per_second", rate},
                               {"buffers", buffersDone},
                               {"buffer_size", options.bufferSize},
-                              {"loss_reported", false}};
+                              {"gaps_possible", options.keepGoing}};
+        if (!options.keepGoing)
+            result["loss_reported"] = false;
         if (options.checkPattern)
             result["pattern"] = "right";
         fmt::print(dataOnStdout ? stderr : stdout, "{}\n", result.dump());
         return;
     }
     fmt::print(dataOnStdout ? stderr : stdout,
-               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, no loss reported{}\n",
-               sizeText(bytesDone), seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
+               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, {}{}\n", sizeText(bytesDone),
+               seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
+               options.keepGoing ? "gaps possible" : "no loss reported",
                options.checkPattern ? ", every byte right" : "");
 }
 
 void stream(const StreamOptions &options, const CommonOptions &common) {
+    setenv("VEXA_USB_STREAM", options.keepGoing ? "default" : "strict", 1);
     catchInterrupts();
     StreamRun run(options, common);
     run.run();
@@ -223,26 +250,31 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     CLI::Option *bytes =
         command
             .add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
-            ->transform(CLI::AsSizeValue(false));
+            ->transform(byteCount());
     command.add_option("-s,--seconds", options->seconds, "End after so many seconds")
         ->check(positive())
         ->excludes(bytes);
     command.add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
-        ->transform(CLI::AsSizeValue(false))
+        ->transform(byteCount())
         ->capture_default_str();
     command.add_option("--buffers", options->bufferCount, "Number of buffers")
-        ->check(positive())
+        ->check(positiveCount())
         ->capture_default_str();
     command.add_option("--silence", options->silence, "Give up after so many seconds without data")
         ->check(positive())
         ->capture_default_str();
+    command.add_flag("--keep-going", options->keepGoing,
+                     "Go on after a transfer that failed or came short, which leaves a gap that "
+                     "nobody tells of; without it, that ends the stream");
     command.add_flag("--check", options->checkPattern,
                      "Check every byte of the simulated instrument's stream");
     command.add_flag("--progress", common.progress,
                      "Show the progress also when not on a terminal");
     addDeviceOption(command, common);
     addJsonOption(command, common);
-    command.footer("Without --bytes or --seconds it goes on until Ctrl-C.\n\nExamples:\n"
+    command.footer("Without --bytes or --seconds it goes on until Ctrl-C. It ends with status "
+                   "6 at the first\ngap in the data, and with status 1 when the reader of its "
+                   "output has gone.\n\nExamples:\n"
                    "  vexa-usb stream --bytes 256M --check\n"
                    "  vexa-usb stream 0x82 --seconds 10 -o run.dat\n"
                    "  vexa-usb stream -o - | consumer");

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "amounts.h"
 #include "bytes.h"
 #include "commands.h"
 #include "device.h"
@@ -44,13 +45,21 @@ Bytes dataToSend(const TransferOptions &options) {
     return options.input.empty() ? parseHex(options.data) : readInput(options.input);
 }
 
-void showRead(const TransferOptions &options, const CommonOptions &common, const Bytes &bytes) {
-    if (!options.output.empty()) {
-        Output output(options.output);
-        output.write(bytes);
-        output.close();
+// Opened before the transfer: what a device has sent cannot be had again.  A file that was there
+// stays until the transfer has succeeded.
+std::unique_ptr<Output> openOutput(const TransferOptions &options) {
+    if (options.output.empty())
+        return nullptr;
+    return std::make_unique<Output>(options.output, Output::Existing::Replace);
+}
+
+void showRead(const TransferOptions &options, const CommonOptions &common, const Bytes &bytes,
+              Output *output) {
+    if (output) {
+        output->write(bytes);
+        output->close();
     } else if (!common.json) {
-        fmt::print("{}", hexDump(bytes));
+        printHexDump(bytes);
     }
     if (common.json && options.output != "-") {
         nlohmann::json result{{"bytes", bytes.size()}};
@@ -69,13 +78,14 @@ void control(const TransferOptions &options, const CommonOptions &common) {
     const Library library;
     const Device device(common.device);
     Bytes bytes = options.in ? Bytes(options.length) : dataToSend(options);
+    const auto output = options.in ? openOutput(options) : nullptr;
     const int32_t direction = options.in ? VEXA_USB_DIRECTION_IN : VEXA_USB_DIRECTION_OUT;
     check(vexa_usb_control_transfer(device.get(), direction, options.type, options.recipient,
                                     options.request, options.value, options.index, bytes.data(),
                                     bytes.size()),
           "control transfer");
     if (options.in)
-        showRead(options, common, bytes);
+        showRead(options, common, bytes, output.get());
     else
         showWritten(common, bytes.size());
 }
@@ -84,10 +94,11 @@ void read(const TransferOptions &options, const CommonOptions &common) {
     const Library library;
     const Device device(common.device);
     Bytes bytes(options.length);
+    const auto output = openOutput(options);
     const auto transfer = options.interrupt ? vexa_usb_interrupt_read : vexa_usb_bulk_read;
     check(transfer(device.get(), options.endpoint, bytes.data(), bytes.size()),
           fmt::format("reading endpoint {:#04x}", options.endpoint));
-    showRead(options, common, bytes);
+    showRead(options, common, bytes, output.get());
 }
 
 void write(const TransferOptions &options, const CommonOptions &common) {
@@ -158,7 +169,7 @@ void defineReadCommand(CLI::App &command, CommonOptions &common) {
     command
         .add_option("LENGTH", options->length, "Number of bytes; units such as 64k are understood")
         ->required()
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(byteCountInMemory());
     addOutputOption(command, *options);
     addDeviceOption(command, common);
     addJsonOption(command, common);

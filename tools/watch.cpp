@@ -1,12 +1,14 @@
 // The commands that tell what happens: watch and events.
-#include <cstdio>
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "bytes.h"
 #include "changes.h"
 #include "commands.h"
 #include "device.h"
@@ -18,43 +20,46 @@ namespace tool {
 
 namespace {
 
-// Flushed at once: the reader hears in time, and a reader that has gone is noticed.
-void printLine(const std::string &line) {
-    fmt::print("{}\n", line);
-    if (std::fflush(stdout) != 0)
-        throwSystemError("cannot write standard output");
+// Not buffered: the reader hears in time.
+void printLine(Output &output, std::string line) {
+    line += '\n';
+    output.write(std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
 }
 
-void print(const ListChange &change, bool json) {
+void print(Output &output, const ListChange &change, bool json) {
     const char *const what = change.type == VEXA_USB_DEVICE_LIST_EVENT_ADDED ? "added" : "removed";
     const char *const kind = kindText(change.vendor, change.product);
     if (json)
-        printLine(nlohmann::json{
-            {"change", what},
-            {"id", change.id},
-            {"vendor", change.vendor},
-            {"product", change.product},
-            {"kind",
-             kind}}.dump());
+        printLine(output, nlohmann::json{{"change", what},
+                                         {"id", change.id},
+                                         {"vendor", change.vendor},
+                                         {"product", change.product},
+                                         {"kind", kind}}
+                              .dump());
     else
-        printLine(fmt::format("{:<8} {:>3}  {}  {}", what, change.id,
-                              identifierText(change.vendor, change.product), kind));
+        printLine(output, fmt::format("{:<8} {:>3}  {}  {}", what, change.id,
+                                      identifierText(change.vendor, change.product), kind));
 }
 
 // Devices that are attached already count as added.
 void watch(const CommonOptions &common, Ending &ending) {
+    Output output("-");
     const Library library;
     ListChanges changes;
     ending.start();
     for (uint64_t lines = 0; !ending.reached(lines);) {
-        if (const auto change = changes.wait(kWaitStep)) {
-            print(*change, common.json);
-            ++lines;
+        const auto change = changes.wait(kWaitStep);
+        if (!change) {
+            output.throwIfUnread();
+            continue;
         }
+        print(output, *change, common.json);
+        ++lines;
     }
 }
 
 void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
+    Output output("-");
     const auto mailbox = std::make_shared<Mailbox<_vexa_usb_device_event>>();
     const Library library;
     const Device device(common.device,
@@ -64,12 +69,14 @@ void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
     ending.start();
     for (uint64_t lines = 0; !ending.reached(lines);) {
         const auto event = mailbox->wait(kWaitStep);
-        if (!event)
+        if (!event) {
+            output.throwIfUnread();
             continue;
+        }
         if (*event == VEXA_USB_DEVICE_EVENT_REMOVED)
             check(VEXA_USB_STATUS_DEVICE_REMOVED, "listening");
-        printLine(common.json ? nlohmann::json{{"event", *event}}.dump()
-                              : fmt::format("{:#04x}", *event));
+        printLine(output, common.json ? nlohmann::json{{"event", *event}}.dump()
+                                      : fmt::format("{:#04x}", *event));
         ++lines;
     }
     vexa_usb_event_pipe_disable(device.get()); // the device may have left after the last line
@@ -82,7 +89,8 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common) {
     ending->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each supported device that comes or goes, those that are\n"
-                   "there already first; with --json an object a line. Ctrl-C ends it.\n\n"
+                   "there already first; with --json an object a line. Ctrl-C ends it, and so "
+                   "does the end of its\nreader, with exit status 1.\n\n"
                    "Examples:\n"
                    "  vexa-usb watch\n"
                    "  vexa-usb watch --json --count 1 | jq .id");
@@ -97,7 +105,7 @@ void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     ending->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "
-                   "ends it.\n\n"
+                   "ends it,\nand so does the end of its reader, with exit status 1.\n\n"
                    "Examples:\n"
                    "  vexa-usb events\n"
                    "  vexa-usb events 5658:0001 --endpoint 0x81 --count 10");

@@ -1,0 +1,109 @@
+#include "amounts.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "progress.h"
+
+namespace tool {
+
+namespace {
+
+// NaN for what is no number.
+double numberIn(const std::string &text) {
+    char *end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    const bool isNumber = !text.empty() && *end == '\0' && std::isfinite(value);
+    return isNumber ? value : std::numeric_limits<double>::quiet_NaN();
+}
+
+// k, kB and KiB are all 1024.
+std::optional<uint64_t> unitFactor(std::string unit) {
+    constexpr std::string_view kPrefixes = "KMGTPE";
+    std::transform(unit.begin(), unit.end(), unit.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
+    if (unit.empty() || unit == "B")
+        return 1;
+    const size_t prefix = kPrefixes.find(unit[0]);
+    const std::string rest = unit.substr(1);
+    if (prefix == std::string_view::npos || (!rest.empty() && rest != "B" && rest != "IB"))
+        return std::nullopt;
+    return uint64_t{1} << (10 * (prefix + 1));
+}
+
+// Puts the number of bytes in place of the text; returns what is wrong with it.
+std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMore) {
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const char *const last = text.data() + text.size();
+    uint64_t number = 0;
+    const auto [end, error] =
+        std::from_chars(text.data() + (hexadecimal ? 2 : 0), last, number, hexadecimal ? 16 : 10);
+    const auto factor = unitFactor(std::string(end, last));
+    if (error == std::errc::invalid_argument || !factor)
+        return fmt::format("'{}' is no number of bytes such as 4096, 64k or 0x1000", text);
+    if (error == std::errc::result_out_of_range || number > most / *factor)
+        return fmt::format("{} is more than {}{}", text, sizeText(most), whyNotMore);
+    if (number == 0)
+        return fmt::format("'{}' is no number above 0", text);
+    text = std::to_string(number * *factor);
+    return {};
+}
+
+} // namespace
+
+CLI::Validator positive() {
+    return {[](const std::string &text) {
+                return numberIn(text) > 0 ? std::string()
+                                          : "'" + text + "' is no finite number above 0";
+            },
+            "POSITIVE"};
+}
+
+CLI::Validator notNegative() {
+    return {[](const std::string &text) {
+                return numberIn(text) >= 0
+                           ? std::string()
+                           : "'" + text + "' is neither 0 nor a finite number above it";
+            },
+            "NONNEGATIVE"};
+}
+
+CLI::Validator positiveCount() {
+    return {[](const std::string &text) {
+                uint64_t value = 0;
+                const char *const last = text.data() + text.size();
+                const auto [end, error] = std::from_chars(text.data(), last, value);
+                return error == std::errc() && end == last && value > 0
+                           ? std::string()
+                           : "'" + text + "' is no whole number above 0 that can be counted to";
+            },
+            "POSITIVE"};
+}
+
+CLI::Validator byteCount() {
+    return {[](std::string &text) {
+                return convertBytes(text, std::numeric_limits<uint64_t>::max(), "");
+            },
+            "SIZE"};
+}
+
+CLI::Validator byteCountInMemory() {
+    return {[](std::string &text) {
+                return convertBytes(text, kMostInMemory,
+                                    ", which is the most that is held in memory; 'vexa-usb stream' "
+                                    "reads without end");
+            },
+            "SIZE"};
+}
+
+} // namespace tool
