@@ -674,6 +674,15 @@ VEXA_USB_API int32_t vexa_usb_fx2_reset(_vexa_usb_device *device);
  * without data is sent as a request without a data stage.  Records behind it are not written but
  * must be well formed.  An image of size 0 is empty.
  *
+ * The program starts with bit 1 (RENUM) of the chip's register USBCS (0xE680) set and bit 3
+ * (DISCON) clear: the loader has taken over the requests of the chip's built-in device, and neither
+ * a reset of the processor nor this function gives them back.  So from its start the program gets
+ * all requests but 0xA0 and SET_ADDRESS, while the host still knows the built-in device.  A program
+ * must not take the set bit as a sign that it has renumerated already: to be seen as the
+ * device that it makes, it has to set DISCON and RENUM, wait until the host has seen that
+ * (half a second is plenty), and clear DISCON, whatever RENUM was, by itself or when
+ * vexa_usb_fx2_renumerate() asks for it.
+ *
  * After a failure the processor runs what it ran before, is held in reset (if its lower memory
  * may be incomplete), or runs the loader; the function can be called again.
  *

@@ -1,11 +1,15 @@
 #include "attacher.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <stdexcept>
 
 #include <fmt/format.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,39 +20,60 @@ namespace {
 constexpr std::chrono::milliseconds kPollInterval{10};
 constexpr std::chrono::milliseconds kRetryInterval{200};
 constexpr int kMostFailures = 10;
+constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 
-void reportFailure(const std::string &busId, const std::string &reason) {
-    fmt::print(stderr,
-               "vexa-usb-sim: cannot attach {}: {}\n"
-               "  Attaching needs root, the package usbip, and the module vhci-hcd "
-               "(modprobe vhci-hcd).\n",
-               busId, reason);
+[[noreturn]] void fail(const std::string &reason) {
+    throw std::runtime_error("cannot attach devices: " + reason);
+}
+
+// What the client says is shown only if it does not manage.
+int openOutput() {
+    if (access(kController, F_OK) != 0)
+        fail("the kernel's virtual host controller is not there; as root: modprobe vhci-hcd");
+    if (access(kController, W_OK) != 0)
+        fail("this needs root; run vexa-usb-sim --attach as root, or without --attach and, as "
+             "root, usbip attach -r 127.0.0.1 -b 1-1");
+    return memfd_create("usbip", MFD_CLOEXEC);
 }
 
 } // namespace
 
-void Attacher::attach(const std::string &busId) {
-    waiting.push_back(busId);
+Attacher::Attacher(EventLoop &eventLoop, uint16_t serverPort)
+    : loop(eventLoop), port(serverPort), output(openOutput()) {}
+
+Attacher::~Attacher() {
+    close(output);
+}
+
+void Attacher::attach(const ExportedDevice &device) {
+    waiting.push_back(&device);
     if (waiting.size() == 1)
         startNext();
 }
 
 // The client asks this very process for the device, so it must not be waited for here.
 void Attacher::startNext() {
-    std::array<std::string, 8> words{"usbip",  "--tcp-port",   std::to_string(port),
-                                     "attach", "-r",           "127.0.0.1",
-                                     "-b",     waiting.front()};
+    std::array<std::string, 8> words{
+        "usbip",     "--tcp-port", std::to_string(port),         "attach", "-r",
+        "127.0.0.1", "-b",         waiting.front()->name().busId};
     std::array<char *, words.size() + 1> arguments{};
     for (size_t i = 0; i < words.size(); ++i)
         arguments[i] = words[i].data();
+    if (ftruncate(output, 0) != 0 || lseek(output, 0, SEEK_SET) != 0)
+        fail(std::strerror(errno));
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
     pid_t process = 0;
-    const int error = posix_spawnp(&process, "usbip", nullptr, nullptr, arguments.data(), environ);
-    if (error == 0) {
-        awaitEnd(process);
-        return;
-    }
-    reportFailure(waiting.front(), std::strerror(error));
-    finished();
+    const int error = posix_spawnp(&process, "usbip", &files, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    if (error == ENOENT)
+        fail("there is no program usbip on the PATH (mostly in /usr/sbin); install the package "
+             "usbip");
+    if (error != 0)
+        fail(fmt::format("usbip: {}", std::strerror(error)));
+    awaitEnd(process);
 }
 
 void Attacher::awaitEnd(pid_t process) {
@@ -63,13 +88,16 @@ void Attacher::awaitEnd(pid_t process) {
         retry();
 }
 
-// The client fails when it looks at a device that the kernel is just setting up or taking down.
+// The client fails when it looks at a device that the kernel is just setting up or taking down.  A
+// device that is attached all the same, or has left, needs no more.
 void Attacher::retry() {
     if (++failures < kMostFailures) {
         loop.after(kRetryInterval, [this]() { startNext(); });
         return;
     }
-    reportFailure(waiting.front(), "the usbip client failed");
+    if (waiting.front()->isAvailable())
+        fail(fmt::format("usbip did not attach {}, of {} tries the last says: {}",
+                         waiting.front()->name().busId, failures, clientsWords()));
     finished();
 }
 
@@ -78,6 +106,16 @@ void Attacher::finished() {
     waiting.pop_front();
     if (!waiting.empty())
         startNext();
+}
+
+std::string Attacher::clientsWords() const {
+    std::string text(1000, '\0');
+    const ssize_t size = pread(output, text.data(), text.size(), 0);
+    text.resize(size > 0 ? static_cast<size_t>(size) : 0);
+    while (text.ends_with('\n'))
+        text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
 }
 
 } // namespace sim

@@ -7,27 +7,34 @@
 #include <sys/types.h>
 
 #include "event_loop.h"
+#include "exported_device.h"
 
 namespace sim {
 
 // Plugs exported devices into this machine: runs the system's `usbip attach` for them, one at a
-// time, since two at once would choose the same port.
+// time, since two at once would choose the same port.  When that cannot be done, the
+// constructor or the event loop throws std::runtime_error, which says what to do.
 class Attacher {
 public:
-    Attacher(EventLoop &eventLoop, uint16_t serverPort) : loop(eventLoop), port(serverPort) {}
+    Attacher(EventLoop &eventLoop, uint16_t serverPort);
+    ~Attacher();
+    Attacher(const Attacher &) = delete;
+    Attacher &operator=(const Attacher &) = delete;
 
-    void attach(const std::string &busId);
+    void attach(const ExportedDevice &device);
 
 private:
     void startNext();
     void awaitEnd(pid_t process);
     void retry();
     void finished();
+    std::string clientsWords() const;
 
     EventLoop &loop;
     const uint16_t port;
-    std::deque<std::string> waiting; // the one being attached first
-    int failures = 0;                // in a row, of that one
+    const int output;                           // of the client
+    std::deque<const ExportedDevice *> waiting; // the one being attached first
+    int failures = 0;                           // in a row, of that one
 };
 
 } // namespace sim

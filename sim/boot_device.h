@@ -13,13 +13,14 @@ namespace sim {
 
 // What a device does wrong while it is loaded, each once; steps count its requests from 1.
 struct Steering {
-    std::optional<uint32_t> fail;          // refuses this request
-    std::optional<uint32_t> shorten;       // takes or gives a byte less
-    std::optional<uint32_t> unplug;        // leaves instead of an answer, and comes back
-    std::optional<uint32_t> badStatus;     // reports an error in the status of that number
-    std::chrono::milliseconds delay{0};    // before each answer to a request
-    std::chrono::milliseconds poll{0};     // that it asks for with each status
-    std::chrono::milliseconds linger{200}; // between its manifestation and its reset
+    std::optional<uint32_t> fail;       // refuses this request
+    std::optional<uint32_t> shorten;    // takes or gives a byte less
+    std::optional<uint32_t> unplug;     // leaves instead of an answer, and comes back
+    std::optional<uint32_t> badStatus;  // reports an error in the status of that number
+    std::chrono::milliseconds delay{0}; // before each answer to a request
+    std::chrono::milliseconds poll{0};  // that it asks for with each status
+    // Between its manifestation and its reset: dfu-util asks for the status a second later.
+    std::chrono::milliseconds linger{2000};
 };
 
 // A processor that waits for its firmware.

@@ -69,7 +69,7 @@ public:
     Answer in(uint8_t endpoint, std::span<uint8_t> room);
     Answer out(uint8_t endpoint, std::span<const uint8_t> data);
     // The host has withdrawn a request on this endpoint that was pending.
-    void withdrawn(uint8_t endpoint);
+    virtual void withdrawn(uint8_t endpoint);
 
 protected:
     // What makes a device of its kind.  Requests other than standard ones come here.

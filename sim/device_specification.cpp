@@ -36,7 +36,7 @@ const char *const kDeviceSpecificationHelp =
     "  bad-status=N   report an error in the Nth status (dfu, imx7)\n"
     "  delay=MS       answer every request that much later\n"
     "  poll=MS        need that long for each block (dfu)\n"
-    "  linger=MS      stay that long once all is written (dfu)";
+    "  linger=MS      stay that long once all is written, 2000 unless told (dfu)";
 
 namespace {
 

@@ -10,11 +10,14 @@ namespace sim {
  * The state machine of the DFU 1.1 specification, appendix A.  A request that does not belong to
  * the state is refused and leads to dfuERROR; so does one that comes while the device has asked to
  * be left alone, as it does for each block and for the manifestation.  After the latter it resets
- * itself and comes back with the new firmware.
+ * itself and comes back with the new firmware: a while after it was last asked for its status, or
+ * as soon as DFU_DETACH says.  The host's bus reset does not reach it over USB/IP, so it stays for
+ * that.
  */
 namespace {
 
 enum Request : uint8_t {
+    kDfuDetach = 0,
     kDfuDownload = 1,
     kDfuUpload = 2,
     kDfuGetStatus = 3,
@@ -61,6 +64,8 @@ Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
         state == State::Manifest)
         return refuse();
     switch (setup.request) {
+    case kDfuDetach:
+        return detach(setup);
     case kDfuDownload:
         return download(setup, data);
     case kDfuUpload:
@@ -125,6 +130,8 @@ Answer DfuDevice::getStatus(std::span<uint8_t> room) {
         beginWork(State::DownloadBusy);
     else if (state == State::ManifestSync)
         beginWork(State::Manifest);
+    else if (state == State::ManifestWaitReset)
+        startAfter(steering().linger);
     const bool busy = state == State::DownloadBusy || state == State::Manifest;
     const int64_t poll = busy ? steering().poll.count() : 0;
     const std::array<uint8_t, 6> answer{
@@ -138,10 +145,22 @@ void DfuDevice::beginWork(State work) {
     state = work;
     busyUntil = Clock::now() + steering().poll;
     if (work == State::Manifest)
-        later(steering().poll + steering().linger, [this]() {
-            if (state == State::Manifest || state == State::ManifestWaitReset)
-                start(image);
-        });
+        startAfter(steering().poll + steering().linger);
+}
+
+void DfuDevice::startAfter(std::chrono::milliseconds delay) {
+    later(delay, [this, now = ++starts]() {
+        if (now == starts)
+            start(image);
+    });
+}
+
+// The host announces its reset within that time.
+Answer DfuDevice::detach(const Setup &setup) {
+    if (state != State::ManifestWaitReset)
+        return refuse();
+    startAfter(std::chrono::milliseconds(setup.value));
+    return Answer::done(0);
 }
 
 // What has happened by itself since the last request.
@@ -172,6 +191,7 @@ Answer DfuDevice::abort() {
 }
 
 void DfuDevice::fail(Status reason) {
+    ++starts;
     state = State::Error;
     status = reason;
 }

@@ -44,8 +44,11 @@ private:
     Answer getStatus(std::span<uint8_t> room);
     Answer clearStatus();
     Answer abort();
+    Answer detach(const Setup &setup);
     void advance();
     void beginWork(State work);
+    // Starts the firmware then, unless another time is set or there is an error by then.
+    void startAfter(std::chrono::milliseconds delay);
     void fail(Status reason);
     Answer refuse();
 
@@ -56,6 +59,7 @@ private:
     uint16_t nextBlock = 0;
     size_t uploaded = 0;
     Clock::time_point busyUntil;
+    uint64_t starts = 0; // that were set or called off
 };
 
 } // namespace sim

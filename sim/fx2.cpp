@@ -8,21 +8,25 @@ namespace sim {
 /*
  * The chip as a host sees it: memory, a processor that is held in reset until it is released
  * through CPUCS, and a default device that answers standard requests until the program takes over.
- * Request 0xA0 is the chip's own: it reads and writes the lower memory, which it writes only while
- * the processor is held.  Everything else is up to the program, which finds the set-up packet and
- * endpoint 0 in the registers.
+ * Request 0xA0 is the chip's own: it reads and writes the memory on the chip, which it writes only
+ * while the processor is held.  Everything else is up to the program, which finds the set-up packet
+ * and endpoint 0 in the registers.
  *
- * A program that disconnects and connects again comes back as the instrument.  Time goes on for the
- * program until it has taken over, with each request, a moment after those, and while it is
- * disconnected; a request that it does not deal with in its time stays pending.
+ * A program that disconnects and connects again comes back as the instrument.  Each release from
+ * reset starts the clock of a program anew: time goes on until it has taken over itself, whatever
+ * the one before it did, while it is disconnected or deals with a request, and for a second after
+ * its start and each request.
  */
 namespace {
 
 constexpr size_t kMemorySize = 0x10000;
-constexpr uint32_t kOwnMemory = 0x3000; // below, the chip writes by itself
-constexpr int kInstructions = 50000;    // for a request
+constexpr size_t kMainMemory = 0x4000; // on the chip, from 0 on
+constexpr size_t kScratchMemory = 0xE000;
+constexpr size_t kScratchMemoryEnd = 0xE200;
+constexpr int kInstructions = 50000; // for a request, at once
 constexpr int kInMoment = 5000;
 constexpr std::chrono::milliseconds kMoment{1};
+constexpr std::chrono::seconds kAwake{1};
 constexpr size_t kPacketSize = 64;
 
 constexpr uint8_t kMemoryRequest = 0xA0;
@@ -44,6 +48,10 @@ constexpr uint8_t kDisconnected = 0x08;
 constexpr uint8_t kStall = 0x01;
 constexpr uint8_t kAcknowledge = 0x80;
 
+bool isOnChip(size_t first, size_t end) {
+    return end <= kMainMemory || (first >= kScratchMemory && end <= kScratchMemoryEnd);
+}
+
 } // namespace
 
 Fx2::Fx2(DeviceShape shape, const Steering &steering)
@@ -52,8 +60,14 @@ Fx2::Fx2(DeviceShape shape, const Steering &steering)
 void Fx2::plugged(Port &newPort) {
     BootDevice::plugged(newPort);
     std::fill(memory.begin(), memory.end(), uint8_t{0});
-    running = takenOver = disconnected = continues = false;
-    dealing = nullptr;
+    running = takenOver = settled = disconnected = continues = false;
+    dealing.reset();
+}
+
+void Fx2::withdrawn(uint8_t endpoint) {
+    BootDevice::withdrawn(endpoint);
+    if (endpoint == 0)
+        dealing.reset();
 }
 
 Answer Fx2::loadRequest(const Setup &setup, std::span<uint8_t> data) {
@@ -69,21 +83,19 @@ Answer Fx2::standardRequest(const Setup &setup, std::span<uint8_t> data) {
 Answer Fx2::memoryRequest(const Setup &setup, std::span<uint8_t> data) {
     if (setup.index != 0)
         return Answer::stall();
-    if (!setup.isIn() && setup.value == kCpuControl && data.size() == 1) {
-        setCpu((data[0] & 1) == 0);
-        return Answer::done(1);
-    }
-    const size_t end = setup.value + data.size();
+    const bool isCpuControl = setup.value == kCpuControl && data.size() == 1;
+    if (!isCpuControl && !isOnChip(setup.value, setup.value + data.size()))
+        return Answer::stall();
     const auto here = memory.begin() + setup.value;
     if (setup.isIn()) {
-        if (end > kMemorySize)
-            return Answer::stall();
         std::copy_n(here, data.size(), data.begin());
         return Answer::done(data.size());
     }
-    if (running || end > kOwnMemory)
+    if (running && !isCpuControl)
         return Answer::stall();
     std::copy(data.begin(), data.end(), here);
+    if (isCpuControl)
+        setCpu((data[0] & 1) == 0);
     return Answer::done(data.size());
 }
 
@@ -93,15 +105,25 @@ void Fx2::setCpu(bool released) {
     running = released;
     if (!released)
         return;
+    settled = false;
     processor.reset();
     run(kInMoment);
-    goOnLater();
+    stayAwake();
 }
 
 // Until the request in hand, if there is one, was answered.
 void Fx2::run(int instructions) {
-    for (; instructions > 0 && running && !(dealing != nullptr && dealing->answer); --instructions)
+    for (; instructions > 0 && running && !(dealing && dealing->answer); --instructions)
         processor.step();
+}
+
+void Fx2::stayAwake() {
+    awakeUntil = Clock::now() + kAwake;
+    goOnLater();
+}
+
+bool Fx2::isAwake() const {
+    return running && (disconnected || !settled || dealing || Clock::now() < awakeUntil);
 }
 
 void Fx2::goOnLater() {
@@ -109,19 +131,27 @@ void Fx2::goOnLater() {
         port().after(kMoment, [this]() {
             continues = false;
             run(kInMoment);
-            if (running && (disconnected || !takenOver))
+            if (dealing && dealing->answer)
+                port().wake({});
+            if (isAwake())
                 goOnLater();
         });
 }
 
 Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
-    Dealing request{packet.isIn(), data, 0, std::nullopt};
-    dealing = &request;
-    setup(packet);
-    run(kInstructions);
-    dealing = nullptr;
-    goOnLater();
-    return request.answer.value_or(Answer::wait());
+    if (!dealing) {
+        dealing = Dealing{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
+        setup(packet);
+        run(kInstructions);
+    }
+    stayAwake();
+    if (!dealing->answer)
+        return Answer::wait();
+    const Answer answer = *dealing->answer;
+    if (packet.isIn())
+        std::copy_n(dealing->data.begin(), answer.length, data.begin());
+    dealing.reset();
+    return answer;
 }
 
 void Fx2::setup(const Setup &packet) {
@@ -156,7 +186,7 @@ void Fx2::write(uint16_t address, uint8_t value) {
         armEndpoint(value);
         break;
     case kEndpointState:
-        if (dealing != nullptr && (value & (kStall | kAcknowledge)) != 0)
+        if (dealing && (value & (kStall | kAcknowledge)) != 0)
             dealing->answer =
                 (value & kStall) != 0 ? Answer::stall() : Answer::done(dealing->moved);
         break;
@@ -168,7 +198,7 @@ void Fx2::write(uint16_t address, uint8_t value) {
 
 void Fx2::writeUsbControl(uint8_t value) {
     memory[kUsbControl] = value;
-    takenOver = (value & kTakenOver) != 0;
+    settled = takenOver = (value & kTakenOver) != 0;
     const bool before = std::exchange(disconnected, (value & kDisconnected) != 0);
     if (disconnected && !before)
         port().unplug(std::nullopt);
@@ -180,9 +210,9 @@ void Fx2::writeUsbControl(uint8_t value) {
 
 // Lets the next packet in, or sends one.
 void Fx2::armEndpoint(uint8_t count) {
-    if (dealing == nullptr)
+    if (!dealing)
         return;
-    const std::span<uint8_t> left = dealing->data.subspan(dealing->moved);
+    const auto left = std::span(dealing->data).subspan(dealing->moved);
     const size_t length =
         std::min({left.size(), kPacketSize, dealing->in ? size_t{count} : kPacketSize});
     const auto buffer = memory.begin() + kEndpointBuffer;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -17,6 +18,7 @@ public:
     Fx2(DeviceShape shape, const Steering &steering);
 
     void plugged(Port &newPort) override;
+    void withdrawn(uint8_t endpoint) override;
 
 private:
     Answer loadRequest(const Setup &setup, std::span<uint8_t> data) override;
@@ -25,6 +27,8 @@ private:
     uint8_t read(uint16_t address) override;
     void write(uint16_t address, uint8_t value) override;
 
+    using Clock = std::chrono::steady_clock;
+
     Answer memoryRequest(const Setup &setup, std::span<uint8_t> data);
     void setCpu(bool released);
     Answer programRequest(const Setup &packet, std::span<uint8_t> data);
@@ -32,12 +36,14 @@ private:
     void writeUsbControl(uint8_t value);
     void armEndpoint(uint8_t count);
     void run(int instructions);
+    void stayAwake();
+    bool isAwake() const;
     void goOnLater();
 
-    // The control request that the program is dealing with.
+    // The control request that the program is dealing with; answered, until the host has that.
     struct Dealing {
         bool in;
-        std::span<uint8_t> data;
+        Bytes data;
         size_t moved;
         std::optional<Answer> answer;
     };
@@ -46,9 +52,11 @@ private:
     Mcs51 processor;
     bool running = false;
     bool takenOver = false; // requests go to the program
+    bool settled = false;   // it was the running program that has taken over
     bool disconnected = false;
     bool continues = false; // in a moment
-    Dealing *dealing = nullptr;
+    Clock::time_point awakeUntil;
+    std::optional<Dealing> dealing;
 };
 
 } // namespace sim

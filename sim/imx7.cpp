@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace sim {
@@ -13,6 +14,10 @@ namespace sim {
  * security mode, and report 4, a status.  The ROM reaches the on-chip memory and enters what has an
  * image vector table that names its own address; the loader, once the memory controller is set up,
  * reaches all of it and enters what has a boot-image header.  Everything else gets an error status.
+ *
+ * After a jump the chip's manual has a status only if the jump failed.  Some hosts wait for one all
+ * the same, others take any for a failure.  Those that name their file's type, as older chips want
+ * it, are of the second kind; so a file without a type gets a status, too, when it is entered.
  */
 namespace {
 
@@ -24,6 +29,7 @@ constexpr uint8_t kClassInterface = 0x21;
 constexpr uint16_t kCommandReport = 0x0201;
 constexpr uint16_t kDataReport = 0x0202;
 constexpr size_t kCommandSize = 17;
+constexpr size_t kFileType = 16; // in the command
 constexpr size_t kMostData = 1025;
 
 enum Command : uint16_t { kErrorStatus = 0x0505, kWriteFile = 0x0404, kJumpAddress = 0x0B0B };
@@ -127,6 +133,7 @@ Answer Imx7::command(std::span<const uint8_t> report) {
         break;
     case kWriteFile:
         fileAddress = address;
+        fileHasType = report[kFileType] != 0;
         file.clear();
         bytesLeft = count;
         written = false;
@@ -159,7 +166,10 @@ void Imx7::writeEnded() {
 
 void Imx7::jump(uint32_t address) {
     const bool good = written && hasEntry(address);
-    answer(good ? kDone : kEntryWrong);
+    if (good && fileHasType)
+        answer(std::nullopt);
+    else
+        answer(good ? kDone : kEntryWrong);
     if (good)
         later(100ms, [this]() { startNext(); });
     written = false; // enters it once
@@ -192,14 +202,16 @@ bool Imx7::hasEntry(uint32_t address) const {
     return header[0] == 0xD1 && littleEndian(header.subspan(20)) == address;
 }
 
-void Imx7::answer(uint32_t status) {
+void Imx7::answer(std::optional<uint32_t> status) {
     Bytes security{3};
     putBigEndian(security, kOpen);
-    Bytes result{4};
-    putBigEndian(result, status);
-    result.resize(65);
     reports.push_back(std::move(security));
-    reports.push_back(std::move(result));
+    if (status) {
+        Bytes result{4};
+        putBigEndian(result, *status);
+        result.resize(65);
+        reports.push_back(std::move(result));
+    }
     port().wake({});
 }
 

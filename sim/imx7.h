@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <span>
 
 #include "boot_device.h"
@@ -29,11 +30,13 @@ private:
     void startNext();
     bool isWritable(uint32_t address, uint32_t count) const;
     bool hasEntry(uint32_t address) const;
-    void answer(uint32_t status);
+    // With the security mode, and a status.
+    void answer(std::optional<uint32_t> status);
 
     const Stage stage;
     const Bytes earlier; // what the stages before were
     uint32_t fileAddress = 0;
+    bool fileHasType = false;
     Bytes file;
     uint32_t bytesLeft = 0;
     bool written = false;      // all of the file, in order

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -44,12 +45,12 @@ private:
     sim::EventLoop loop;
     sim::Connection::Devices devices;
     sim::Server server;
-    sim::Attacher attacher;
-    const bool attaches;
+    std::optional<sim::Attacher> attacher;
 };
 
-Simulator::Simulator(const Options &options)
-    : server(loop, devices, options.port), attacher(loop, server.port()), attaches(options.attach) {
+Simulator::Simulator(const Options &options) : server(loop, devices, options.port) {
+    if (options.attach)
+        attacher.emplace(loop, server.port());
     endOnSignal();
     for (const std::string &text : options.devices) {
         const sim::DeviceSpecification specification = sim::parseDeviceSpecification(text);
@@ -67,8 +68,8 @@ void Simulator::addDevice(const sim::DeviceSpecification &specification) {
     sim::ExportedDevice &device = devices.emplace_back(
         loop, sim::usbip::ExportedAs{fmt::format("1-{}", number), 1, number + 1},
         sim::makeDevice(specification));
-    if (attaches) {
-        device.onReturn = [this, &device]() { attacher.attach(device.name().busId); };
+    if (attacher) {
+        device.onReturn = [this, &device]() { attacher->attach(device); };
         if (specification.away.count() == 0)
             loop.after({}, device.onReturn);
     }
@@ -96,6 +97,7 @@ int main(int argc, char **argv) {
                "  vexa-usb-sim                                    then, as root:\n"
                "    modprobe vhci-hcd; usbip attach -r 127.0.0.1 -b 1-1\n"
                "  vexa-usb-sim --attach instrument,speed=super    both in one, as root\n");
+    app.set_version_flag("-V,--version", "vexa-usb-sim " VEXA_SIMULATOR_VERSION);
     app.add_option("-p,--port", options.port,
                    "TCP port on the loopback address; 0 takes a free one")
         ->capture_default_str();

@@ -85,6 +85,11 @@ uint8_t Mcs51::source(uint8_t opcode) {
     return (opcode & 0x0F) == 4 ? fetch() : operand(opcode);
 }
 
+// The EZ-USB has no port 2 that would hold the page.
+uint16_t Mcs51::pagePointer(unsigned number) {
+    return static_cast<uint16_t>(internal[kPage] << 8 | registerAt(number));
+}
+
 uint16_t Mcs51::dataPointer() const {
     return static_cast<uint16_t>(internal[kDataPointerHigh] << 8 | internal[kDataPointerLow]);
 }
@@ -432,10 +437,10 @@ void Mcs51::jumpOrBit(uint8_t opcode) {
         setBit(fetch(), true);
         break;
     case 0xE:
-        a() = bus.read(registerAt(0));
+        a() = bus.read(pagePointer(0));
         break;
     default:
-        bus.write(registerAt(0), a());
+        bus.write(pagePointer(0), a());
         break;
     }
 }
@@ -485,10 +490,10 @@ void Mcs51::logicOrPointer(uint8_t opcode) {
         setCarry(true);
         break;
     case 0xE:
-        a() = bus.read(registerAt(1));
+        a() = bus.read(pagePointer(1));
         break;
     default:
-        bus.write(registerAt(1), a());
+        bus.write(pagePointer(1), a());
         break;
     }
 }

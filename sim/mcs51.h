@@ -27,6 +27,7 @@ private:
         kStackPointer = 0x81,
         kDataPointerLow = 0x82,
         kDataPointerHigh = 0x83,
+        kPage = 0x92, // of what MOVX reaches through R0 and R1
         kProgramStatus = 0xD0,
         kAccumulator = 0xE0,
         kB = 0xF0,
@@ -42,6 +43,7 @@ private:
     uint8_t &operand(uint8_t opcode);
     uint8_t source(uint8_t opcode);
     uint8_t &a() { return internal[kAccumulator]; }
+    uint16_t pagePointer(unsigned number);
     uint16_t dataPointer() const;
     void setDataPointer(uint16_t value);
     bool bit(uint8_t address);

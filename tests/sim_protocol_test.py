@@ -1,9 +1,13 @@
 #!/usr/bin/env python3
-"""Bad input to the simulator ends that connection with a logged reason, never the server."""
+"""Bad input to the simulator ends that connection with a logged reason, never the server; and its
+version."""
 import socket
 import struct
 import subprocess
 import sys
+
+version = subprocess.run([sys.argv[1], "--version"], stdout=subprocess.PIPE, text=True, check=True)
+assert version.stdout.startswith("vexa-usb-sim 0."), version.stdout
 
 simulator = subprocess.Popen([sys.argv[1], "--port", "0"], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, text=True)

@@ -235,7 +235,9 @@ TEST_F(FirmwareTest, Fx2Boots) {
     boot(kFx2, {1, 255, 256, 0x1000}, ",delay=2");
 }
 
-// A firmware that leaves the bus with the first request that it gets.
+// A firmware that finds itself renumerated by the loader before it, so leaves that alone; writes a
+// byte by its page; and, a long while after its start and after the first request that it gets,
+// leaves the bus.  What the chip reaches by itself, it has from the chip.
 TEST_F(FirmwareTest, Fx2RenumeratesWhenTold) {
     const Simulator simulator({"fx2"});
     const Kind waiting{"fx2",
@@ -244,16 +246,29 @@ TEST_F(FirmwareTest, Fx2RenumeratesWhenTold) {
                            appendHexRecord(image, 0, 0, program);
                            return image;
                        },
-                       kFx2.load, 0};
+                       [](_vexa_usb_device *chip, const Bytes &image) {
+                           const auto poke = [&](uint16_t address) {
+                               return test::steer(chip, 0xA0, address, 0, {0x11, 0x22});
+                           };
+                           EXPECT_EQ(poke(0x3FFE), 0);
+                           EXPECT_EQ(poke(0xE000), 0);
+                           EXPECT_EQ(poke(0xE1FE), 0);
+                           for (const uint16_t refused :
+                                std::array<uint16_t, 5>{0x3FFF, 0x4000, 0xDFFF, 0xE1FF, 0xE600})
+                               EXPECT_EQ(poke(refused), VEXA_USB_STATUS_UNKNOWN) << refused;
+                           return kFx2.load(chip, image);
+                       },
+                       0x3512};
     EXPECT_EQ(load(test::listedIds().at(0), waiting,
-                   {0x90, 0xE6, 0x80, 0x74, 0x02, 0xF0, 0x90, 0xE6, 0x5D, 0xE0,
-                    0x30, 0xE0, 0xFC, 0x90, 0xE6, 0xA0, 0x74, 0x80, 0xF0, 0x90,
-                    0xE6, 0x80, 0x74, 0x0A, 0xF0, 0x74, 0x02, 0xF0, 0x80, 0xFE}),
+                   {0x75, 0x92, 0x35, 0x78, 0x12, 0x74, 0x5A, 0xF2, 0x7D, 0x04, 0xDF, 0xFE,
+                    0xDE, 0xFC, 0xDD, 0xFA, 0x90, 0xE6, 0x5D, 0xE0, 0x30, 0xE0, 0xFC, 0x90,
+                    0xE6, 0xA0, 0x74, 0x80, 0xF0, 0x7D, 0x04, 0xDF, 0xFE, 0xDE, 0xFC, 0xDD,
+                    0xFA, 0x90, 0xE6, 0x80, 0x74, 0x0A, 0xF0, 0x74, 0x02, 0xF0, 0x80, 0xFE}),
               0);
     EXPECT_EQ(instruments(0).size(), 0U);
     EXPECT_EQ(vexa_usb_fx2_renumerate(device), 0);
     EXPECT_EQ(close(), 0);
-    EXPECT_EQ(instruments(1).size(), 1U);
+    EXPECT_EQ(firmwareOf(instruments(1).at(0), waiting, 1), Bytes{0x5A});
 }
 
 TEST_F(FirmwareTest, Fx3Boots) {
@@ -262,7 +277,7 @@ TEST_F(FirmwareTest, Fx3Boots) {
 
 TEST_F(FirmwareTest, DfuBoots) {
     boot(kDfu, {1, 4096, 4097}, ",poll=3,linger=20");
-    boot(kDfu, {8U << 20});
+    boot(kDfu, {8U << 20}, ",linger=20");
 }
 
 TEST_F(FirmwareTest, Imx7BootsInTwoStages) {
@@ -298,7 +313,7 @@ TEST_F(FirmwareTest, SecondLoadAfterAFailedOne) {
     bootAfterFailure(kImx7, "bad-status=1", VEXA_USB_STATUS_UNKNOWN);
     bootAfterFailure(kImx7, "fail=4", VEXA_USB_STATUS_UNKNOWN); // in the middle of the data
     // Its error state is for the caller to clear.
-    bootAfterFailure(kDfu, "bad-status=2", VEXA_USB_STATUS_UNKNOWN, [this]() {
+    bootAfterFailure(kDfu, "bad-status=2,linger=20", VEXA_USB_STATUS_UNKNOWN, [this]() {
         EXPECT_NE(kDfu.load(device, {1}), 0);
         EXPECT_EQ(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_CLASS,
                                             VEXA_USB_RECIPIENT_INTERFACE, 4, 0, 0, nullptr, 0),
