@@ -1,5 +1,5 @@
 ; The program that the library runs on a bare Cypress EZ-USB FX2 while it writes the memory from
-; 0x3000 on, which the chip does not write by itself.  For SDCC's assembler; scripts/fx2-loader
+; 0x3000 on, which it does not leave to the chip itself.  For SDCC's assembler; scripts/fx2-loader
 ; assembles it into fx2_loader_image.cpp.
 ;
 ; It answers vendor request 0xA3 to the device (bmRequestType 0x40, wValue: address, data stage: the
