@@ -5,8 +5,11 @@
 #include <charconv>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "dfu_device.h"
 #include "fx2.h"
@@ -15,28 +18,6 @@
 #include "instrument.h"
 
 namespace sim {
-
-const char *const kDeviceSpecificationHelp =
-    "A DEVICE is a kind and, after commas, how it differs from the usual:\n"
-    "  "
-    "KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD][,away=MS]\n"
-    "away=MS plugs it in that many milliseconds after the start.\n"
-    "Numbers may be written in hexadecimal, with 0x.\n"
-    "\n"
-    "Kinds:\n"
-    "  instrument  streams, sends events, loops data back\n"
-    "  fx2         Cypress EZ-USB FX2 without firmware; executes what is loaded\n"
-    "  fx3         Cypress FX3 in its boot loader\n"
-    "  dfu         device in DFU 1.1 mode\n"
-    "  imx7        NXP i.MX7 in serial-download mode\n"
-    "All but the first become instruments once their firmware runs. What they may do wrong, once:\n"
-    "  fail=N         refuse the Nth request\n"
-    "  short=N        take a byte less of the Nth request\n"
-    "  unplug=N       leave the bus in the Nth request, and come back\n"
-    "  bad-status=N   report an error in the Nth status (dfu, imx7)\n"
-    "  delay=MS       answer every request that much later\n"
-    "  poll=MS        need that long for each block (dfu)\n"
-    "  linger=MS      stay that long once all is written, 2000 unless told (dfu)";
 
 namespace {
 
@@ -57,22 +38,35 @@ struct Kind {
     uint16_t vendor; // 0: as the instrument
     uint16_t product;
     const char *productName;
+    const char *description; // for --help
 };
 
 constexpr std::array kKinds{
-    Kind{"instrument", makeInstrument, 0, 0x0001, "Simulated instrument"},
-    Kind{"fx2", makeBootDevice<Fx2>, 0x04B4, 0x8613, "Simulated FX2"},
-    Kind{"fx3", makeBootDevice<Fx3>, 0x04B4, 0x00F3, "Simulated FX3"},
-    Kind{"dfu", makeBootDevice<DfuDevice>, 0, 0x0DF0, "Simulated DFU device"},
-    Kind{"imx7", makeBootDevice<Imx7>, 0x15A2, 0x0076, "Simulated i.MX7"},
+    Kind{"instrument", makeInstrument, 0, 0x0001, "Simulated instrument",
+         "streams, sends events, loops data back"},
+    Kind{"fx2", makeBootDevice<Fx2>, 0x04B4, 0x8613, "Simulated FX2",
+         "Cypress EZ-USB FX2 without firmware; executes what is loaded"},
+    Kind{"fx3", makeBootDevice<Fx3>, 0x04B4, 0x00F3, "Simulated FX3",
+         "Cypress FX3 in its boot loader"},
+    Kind{"dfu", makeBootDevice<DfuDevice>, 0, 0x0DF0, "Simulated DFU device",
+         "device in DFU 1.1 mode"},
+    Kind{"imx7", makeBootDevice<Imx7>, 0x15A2, 0x0076, "Simulated i.MX7",
+         "NXP i.MX7 in serial-download mode"},
 };
+
+std::string kindNames() {
+    std::vector<std::string> names;
+    for (const Kind &kind : kKinds)
+        names.emplace_back(kind.name);
+    return fmt::format("{}", fmt::join(names, ", "));
+}
 
 const Kind &findKind(const std::string &name) {
     const auto *const found = std::find_if(kKinds.begin(), kKinds.end(),
                                            [&](const Kind &kind) { return name == kind.name; });
     if (found == kKinds.end())
-        throw std::invalid_argument(fmt::format(
-            "'{}' is no kind of device; there are instrument, fx2, fx3, dfu and imx7", name));
+        throw std::invalid_argument(
+            fmt::format("'{}' is not a kind of device; there are {}", name, kindNames()));
     return *found;
 }
 
@@ -174,6 +168,29 @@ DeviceSpecification parseDeviceSpecification(const std::string &text) {
         apply(specification, word.substr(0, equals), word.substr(equals + 1));
     }
     return specification;
+}
+
+std::string deviceSpecificationHelp() {
+    std::string kinds;
+    for (const Kind &kind : kKinds)
+        kinds += fmt::format("  {:<10}  {}\n", kind.name, kind.description);
+    return "A DEVICE is a kind and, after commas, how it differs from the usual:\n"
+           "  KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
+           "[,away=MS]\n"
+           "away=MS plugs it in that many milliseconds after the start.\n"
+           "Numbers may be written in hexadecimal, with 0x.\n"
+           "\n"
+           "Kinds:\n" +
+           kinds +
+           "All but the first become instruments once their firmware runs. What they may do wrong, "
+           "once:\n"
+           "  fail=N         refuse the Nth request\n"
+           "  short=N        take a byte less of the Nth request\n"
+           "  unplug=N       leave the bus in the Nth request, and come back\n"
+           "  bad-status=N   report an error in the Nth status (dfu, imx7)\n"
+           "  delay=MS       answer every request that much later\n"
+           "  poll=MS        need that long for each block (dfu)\n"
+           "  linger=MS      stay that long once all is written, 2000 unless told (dfu)";
 }
 
 std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification) {

@@ -23,6 +23,6 @@ DeviceSpecification parseDeviceSpecification(const std::string &text);
 std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification);
 
 // For --help.
-extern const char *const kDeviceSpecificationHelp;
+std::string deviceSpecificationHelp();
 
 } // namespace sim

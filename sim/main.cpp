@@ -92,7 +92,7 @@ void Simulator::endOnSignal() {
 int main(int argc, char **argv) {
     Options options;
     CLI::App app{"Simulates USB devices, for the system's USB/IP client to plug in.\n"};
-    app.footer(std::string(sim::kDeviceSpecificationHelp) +
+    app.footer(sim::deviceSpecificationHelp() +
                "\n\nExamples:\n"
                "  vexa-usb-sim                                    then, as root:\n"
                "    modprobe vhci-hcd; usbip attach -r 127.0.0.1 -b 1-1\n"

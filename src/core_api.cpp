@@ -3,13 +3,12 @@
 
 #include "core/lifecycle.h"
 #include "core/status.h"
+#include "core/version.h"
 #include "devicelist/device_list.h"
 #include "devicelist/hotplug.h"
 #include "vexa_usb.h"
 
 namespace {
-
-const _vexa_usb_version libraryVersion{0, 8, 2, 10, ""};
 
 std::shared_ptr<vexausb::DeviceList> makeDeviceList() {
     return std::make_shared<vexausb::DeviceList>();
@@ -26,7 +25,7 @@ void vexa_usb_fini(void) {
 }
 
 const _vexa_usb_version *vexa_usb_get_version(void) {
-    return &libraryVersion;
+    return &vexausb::kVersion;
 }
 
 const char *vexa_usb_get_status_str(int32_t status) {

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "core/supported_devices.h"
 #include "errors.h"
 #include "open_failure.h"
 
@@ -65,11 +66,8 @@ std::string identifierText(uint16_t vendor, uint16_t product) {
 }
 
 const char *kindText(uint16_t vendor, uint16_t product) {
-    if (vendor == VEXA_USB_VENDOR_ID)
-        return "instrument";
-    if (vendor == 0x04B4)
-        return product == 0x00F3 ? "Cypress FX3 boot loader" : "Cypress FX2 without firmware";
-    return "NXP i.MX7 in serial-download mode";
+    const auto *const supported = vexausb::findSupportedDevice(vendor, product);
+    return supported != nullptr ? supported->kind : "unknown kind";
 }
 
 DeviceList::DeviceList() {

@@ -59,7 +59,7 @@ void DeviceList::update() {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS)
             continue;
-        if (isSupportedDevice(descriptor.idVendor, descriptor.idProduct))
+        if (findSupportedDevice(descriptor.idVendor, descriptor.idProduct) != nullptr)
             addIfUnknown(device);
     }
 }

@@ -10,6 +10,7 @@
 
 #include "core/event_queue.h"
 #include "core/status.h"
+#include "core/supported_devices.h"
 #include "core/thread.h"
 #include "helpers.h"
 
@@ -141,14 +142,13 @@ TEST_F(LifecycleTest, StartsAndStopsInOrder) {
     EXPECT_EQ(vexa_usb_update_device_list(), 0);
     vexa_usb_fini();
     EXPECT_EQ(vexa_usb_update_device_list(), -3);
-    const std::string vendor = std::to_string(VEXA_USB_VENDOR_ID);
-    EXPECT_EQ(fake::takeCalls(),
-              (std::vector<std::string>{
-                  "libusb_init", "libusb_hotplug_register_callback(" + vendor + ",-1)",
-                  "libusb_hotplug_register_callback(1204,34323)",
-                  "libusb_hotplug_register_callback(1204,243)",
-                  "libusb_hotplug_register_callback(5538,118)", "libusb_get_device_list",
-                  "libusb_interrupt_event_handler", "libusb_exit"}));
+    std::vector<std::string> expected{"libusb_init"};
+    for (const vexausb::SupportedDevice &device : vexausb::supportedDevices)
+        expected.push_back("libusb_hotplug_register_callback(" + std::to_string(device.vendor) +
+                           "," + std::to_string(device.product) + ")");
+    expected.insert(expected.end(),
+                    {"libusb_get_device_list", "libusb_interrupt_event_handler", "libusb_exit"});
+    EXPECT_EQ(fake::takeCalls(), expected);
 }
 
 TEST_F(LifecycleTest, WithoutContextTheListStaysEmpty) {

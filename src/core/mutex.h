@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+// What clang checks of locks at compile time (-Wthread-safety); other compilers pass over it.
+#if defined(__clang__)
+#define VEXA_THREAD_ANNOTATION(annotation) __attribute__((annotation))
+#else
+#define VEXA_THREAD_ANNOTATION(annotation)
+#endif
+
+#define GUARDED_BY(lock) VEXA_THREAD_ANNOTATION(guarded_by(lock))
+#define REQUIRES(...) VEXA_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) VEXA_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) VEXA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) VEXA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS VEXA_THREAD_ANNOTATION(no_thread_safety_analysis)
+
+namespace vexausb {
+
+// A std::mutex whose guarded members the compiler knows.
+class VEXA_THREAD_ANNOTATION(capability("mutex")) Mutex {
+public:
+    Mutex() = default;
+    Mutex(const Mutex &) = delete;
+    Mutex &operator=(const Mutex &) = delete;
+
+    void lock() ACQUIRE() { inner.lock(); }
+    void unlock() RELEASE() { inner.unlock(); }
+
+private:
+    friend class Condition;
+
+    std::mutex inner;
+};
+
+// Holds a mutex for as long as it lives.
+class VEXA_THREAD_ANNOTATION(scoped_lockable) MutexLock {
+public:
+    explicit MutexLock(Mutex &locked) ACQUIRE(locked) : mutex(locked) { mutex.lock(); }
+    ~MutexLock() RELEASE() { mutex.unlock(); }
+    MutexLock(const MutexLock &) = delete;
+    MutexLock &operator=(const MutexLock &) = delete;
+
+private:
+    Mutex &mutex;
+};
+
+// A condition variable for it.  A wait may end for no reason, so the caller looks again in a loop.
+class Condition {
+public:
+    void wait(Mutex &mutex) REQUIRES(mutex) {
+        std::unique_lock lock(mutex.inner, std::adopt_lock);
+        inner.wait(lock);
+        lock.release(); // still held, by the caller
+    }
+    // False once that time has come.
+    bool waitUntil(Mutex &mutex, std::chrono::steady_clock::time_point time) REQUIRES(mutex) {
+        std::unique_lock lock(mutex.inner, std::adopt_lock);
+        const bool inTime = inner.wait_until(lock, time) == std::cv_status::no_timeout;
+        lock.release();
+        return inTime;
+    }
+    void notifyOne() { inner.notify_one(); }
+    void notifyAll() { inner.notify_all(); }
+
+private:
+    std::condition_variable inner;
+};
+
+} // namespace vexausb
