@@ -16,6 +16,10 @@ pkg_check_modules(libusb REQUIRED IMPORTED_TARGET libusb-1.0>=1.0.24)
 add_library(vexa-settings INTERFACE)
 target_compile_options(vexa-settings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow $<$<BOOL:${VEXA_WERROR}>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # What is guarded by which lock; an error in any build, since it is never a matter of taste.
+    target_compile_options(vexa-settings INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
 target_link_libraries(vexa-settings INTERFACE Threads::Threads)
 
 if(VEXA_SANITIZE)

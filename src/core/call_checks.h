@@ -36,18 +36,18 @@ public:
         return require((endpoint & kEndpointIn) == 0, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     }
 
-    bool passed() const { return failure == VEXA_USB_STATUS_SUCCESS; }
-    int32_t status() const { return failure; }
+    bool passed() const { return failure_ == VEXA_USB_STATUS_SUCCESS; }
+    int32_t status() const { return failure_; }
 
 protected:
     Self &require(bool good, int32_t statusIfNot) {
         if (passed() && !good)
-            failure = statusIfNot;
+            failure_ = statusIfNot;
         return static_cast<Self &>(*this);
     }
 
 private:
-    int32_t failure = VEXA_USB_STATUS_SUCCESS;
+    int32_t failure_ = VEXA_USB_STATUS_SUCCESS;
 };
 
 class CallChecks final : public ChecksOf<CallChecks> {};

@@ -1,63 +1,56 @@
 #include "core/connection_registry.h"
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "core/mutex.h"
 #include "core/usb_connection.h"
 
-namespace vexausb {
+namespace vexausb::connection_registry {
 
-/*
- * All connections of the present libusb context, so that the last fini can close those that are
- * still open: libusb forgets the context of a handle that outlives it, and closing such a handle
- * later would use freed memory.
- *
- * A connection stays listed, and thereby alive, until it is closed or the last fini takes it over.
- */
 namespace {
 
-std::mutex mutex; // guards the members below; never held while a connection is closed
-bool accepting = false;
-bool loopRuns = false;
-std::vector<std::shared_ptr<UsbConnection>> connections;
+using Connections = std::vector<std::weak_ptr<UsbConnection>>;
 
-// Hands the connections out, so that closing them all needs no memory.
-std::vector<std::shared_ptr<UsbConnection>> stopAccepting() {
-    const std::lock_guard lock(mutex);
+Mutex mutex; // not held while a connection is closed
+bool accepting GUARDED_BY(mutex) = false;
+bool loopRuns GUARDED_BY(mutex) = false;
+Connections connections GUARDED_BY(mutex);
+
+Connections stopAccepting() {
+    const MutexLock lock(mutex);
     accepting = false;
     return std::exchange(connections, {});
 }
 
 } // namespace
 
-void ConnectionRegistry::open(bool eventLoopRuns) {
-    const std::lock_guard lock(mutex);
+void open(bool eventLoopRuns) {
+    const MutexLock lock(mutex);
     accepting = true;
     loopRuns = eventLoopRuns;
 }
 
-void ConnectionRegistry::close() {
-    const auto open = stopAccepting();
-    // All at once, so that the waiting times do not add up.
-    for (const auto &connection : open)
-        connection->prepareClose();
-    for (const auto &connection : open)
-        connection->close();
+void close() {
+    const Connections last = stopAccepting();
+    for (const auto &listed : last) {
+        if (const auto connection = listed.lock())
+            connection->prepareClose();
+    }
+    for (const auto &listed : last) {
+        if (const auto connection = listed.lock())
+            connection->close();
+    }
 }
 
-std::shared_ptr<UsbConnection> ConnectionRegistry::connect(libusb_device_handle *handle) {
-    const std::lock_guard lock(mutex);
+std::shared_ptr<UsbConnection> connect(libusb_device_handle *handle) {
+    const MutexLock lock(mutex);
     if (!accepting)
         return nullptr;
     auto connection = std::make_shared<UsbConnection>(handle, loopRuns);
+    std::erase_if(connections, [](const auto &listed) { return listed.expired(); });
     connections.push_back(connection);
     return connection;
 }
 
-void ConnectionRegistry::remove(const UsbConnection *connection) {
-    const std::lock_guard lock(mutex);
-    std::erase_if(connections, [&](const auto &listed) { return listed.get() == connection; });
-}
-
-} // namespace vexausb
+} // namespace vexausb::connection_registry

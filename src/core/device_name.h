@@ -11,14 +11,14 @@ class DeviceName {
 public:
     DeviceName(uint16_t vendor, uint16_t product, uint8_t bus, uint8_t address);
 
-    const char *text() const { return name.data(); }
+    const char *text() const { return name_.data(); }
     // The end of the text: bus and address as the name of the device node.
-    const char *node() const { return name.data() + kNodeOffset; }
+    const char *node() const { return name_.data() + kNodeOffset; }
 
 private:
     static constexpr size_t kNodeOffset = 13;
 
-    std::array<char, 21> name{};
+    std::array<char, 21> name_{};
 };
 
 } // namespace vexausb

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -13,6 +11,7 @@
 
 #include <pthread.h>
 
+#include "core/mutex.h"
 #include "core/thread.h"
 
 namespace vexausb {
@@ -31,9 +30,7 @@ namespace vexausb {
  * refused.  The nodes of events that were handled are used again, so a queue that is kept short
  * allocates nothing.
  *
- * Locks: `mutex` guards `queue`, `spare` and `stopRequested`.  It is taken inside the locks of
- * producers, and no other lock is taken while it is held.  `thread` belongs to start() and the
- * destructor.
+ * Locks: the mutex is taken inside the locks of producers, and no other lock is taken inside it.
  */
 template <typename T>
 class EventQueue : public std::enable_shared_from_this<EventQueue<T>> {
@@ -42,49 +39,51 @@ public:
     // One event that is yet to be posted, or none.
     using Prepared = std::list<T>;
 
-    explicit EventQueue(Handler eventHandler) : handler(std::move(eventHandler)) {}
+    explicit EventQueue(Handler handler) : handler_(std::move(handler)) {}
     ~EventQueue();
     EventQueue(const EventQueue &) = delete;
     EventQueue &operator=(const EventQueue &) = delete;
 
+    // Starts the worker under that name; the owner calls it, once.
     void start(std::string name);
     static Prepared prepare(T event) { return Prepared(1, event); }
     // Posts nothing when it throws.
-    void post(T event);
+    void post(T event) EXCLUDES(mutex_);
     // False, and nothing is posted, for want of memory.
-    bool tryPost(T event) noexcept;
+    bool tryPost(T event) noexcept EXCLUDES(mutex_);
     // Takes what was prepared; nothing happens when it was posted before.
-    void post(Prepared &prepared) noexcept;
-    void stop();
+    void post(Prepared &prepared) noexcept EXCLUDES(mutex_);
+    // The handler in progress goes on, and is the last.
+    void stop() EXCLUDES(mutex_);
 
 private:
     static constexpr size_t kSpareLimit = 256;
 
     void work();
-    void keepSpare(std::list<T> &handled);
+    bool takeNext(std::list<T> &inHand) EXCLUDES(mutex_);
 
-    const Handler handler;
-    std::list<T> queue;
-    std::list<T> spare; // nodes without an event
-    std::mutex mutex;
-    std::condition_variable condition;
-    bool stopRequested = false;
-    std::thread thread;
+    const Handler handler_;
+    Mutex mutex_;
+    Condition changed_;
+    std::list<T> queue_ GUARDED_BY(mutex_);
+    std::list<T> spare_ GUARDED_BY(mutex_); // nodes without an event
+    bool stopRequested_ GUARDED_BY(mutex_) = false;
+    std::thread thread_; // start()'s and the destructor's
 };
 
 template <typename T>
 void EventQueue<T>::start(std::string name) {
-    thread = startThread(std::move(name), [self = this->shared_from_this()]() { self->work(); });
+    thread_ = startThread(std::move(name), [self = this->shared_from_this()]() { self->work(); });
 }
 
 template <typename T>
 void EventQueue<T>::post(T event) {
-    const std::lock_guard lock(mutex);
-    if (spare.empty())
-        spare.emplace_front();
-    spare.front() = std::move(event);
-    queue.splice(queue.end(), spare, spare.begin());
-    condition.notify_all();
+    const MutexLock lock(mutex_);
+    if (spare_.empty())
+        spare_.emplace_front();
+    spare_.front() = std::move(event);
+    queue_.splice(queue_.end(), spare_, spare_.begin());
+    changed_.notifyAll();
 }
 
 template <typename T>
@@ -99,49 +98,51 @@ bool EventQueue<T>::tryPost(T event) noexcept {
 
 template <typename T>
 void EventQueue<T>::post(Prepared &prepared) noexcept {
-    const std::lock_guard lock(mutex);
-    queue.splice(queue.end(), prepared);
-    condition.notify_all();
+    const MutexLock lock(mutex_);
+    queue_.splice(queue_.end(), prepared);
+    changed_.notifyAll();
 }
 
 template <typename T>
 void EventQueue<T>::stop() {
-    const std::lock_guard lock(mutex);
-    stopRequested = true;
-    condition.notify_all();
+    const MutexLock lock(mutex_);
+    stopRequested_ = true;
+    changed_.notifyAll();
 }
 
-template <typename T>
-void EventQueue<T>::keepSpare(std::list<T> &handled) {
-    if (spare.size() < kSpareLimit)
-        spare.splice(spare.begin(), handled);
-    else
-        handled.clear();
-}
-
-// What an event holds is released here, after its handler, and not under `mutex`.
+// What an event holds is released here, after its handler, and not under the mutex.
 template <typename T>
 void EventQueue<T>::work() {
     std::list<T> inHand;
-    for (;;) {
-        std::unique_lock lock(mutex);
-        keepSpare(inHand);
-        condition.wait(lock, [this]() { return !queue.empty() || stopRequested; });
-        if (stopRequested)
-            return;
-        inHand.splice(inHand.begin(), queue, queue.begin());
-        lock.unlock();
-        handler(inHand.front());
+    while (takeNext(inHand)) {
+        handler_(inHand.front());
         inHand.front() = T{};
     }
 }
 
+// Exchanges the node in hand, if there is one, for the next event; false when there is none any
+// more.
+template <typename T>
+bool EventQueue<T>::takeNext(std::list<T> &inHand) {
+    const MutexLock lock(mutex_);
+    if (spare_.size() < kSpareLimit)
+        spare_.splice(spare_.begin(), inHand);
+    else
+        inHand.clear();
+    while (queue_.empty() && !stopRequested_)
+        changed_.wait(mutex_);
+    if (stopRequested_)
+        return false;
+    inHand.splice(inHand.begin(), queue_, queue_.begin());
+    return true;
+}
+
 template <typename T>
 EventQueue<T>::~EventQueue() {
-    if (pthread_equal(thread.native_handle(), pthread_self()) != 0)
-        thread.detach();
-    else if (thread.joinable())
-        thread.join();
+    if (pthread_equal(thread_.native_handle(), pthread_self()) != 0)
+        thread_.detach();
+    else if (thread_.joinable())
+        thread_.join();
 }
 
 } // namespace vexausb

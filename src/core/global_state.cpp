@@ -1,17 +1,18 @@
 #include "core/global_state.h"
 
-#include <mutex>
 #include <utility>
+
+#include "core/mutex.h"
 
 namespace vexausb {
 
 namespace {
 
-std::mutex deviceListMutex; // guards deviceList
+Mutex deviceListMutex; // held for a few instructions; nothing is locked inside it
 
 // Before libusbThread, so that at the process's end the thread's destructor runs first: a process
 // that ends without the last fini ends by std::terminate, whatever the list holds.
-std::shared_ptr<DeviceList> deviceList;
+std::shared_ptr<DeviceList> deviceList GUARDED_BY(deviceListMutex);
 
 } // namespace
 
@@ -22,12 +23,12 @@ std::thread libusbThread;
 std::atomic<bool> libusbRunning{true};
 
 std::shared_ptr<DeviceList> currentDeviceList() {
-    const std::lock_guard lock(deviceListMutex);
+    const MutexLock lock(deviceListMutex);
     return deviceList;
 }
 
 std::shared_ptr<DeviceList> exchangeDeviceList(std::shared_ptr<DeviceList> next) {
-    const std::lock_guard lock(deviceListMutex);
+    const MutexLock lock(deviceListMutex);
     return std::exchange(deviceList, std::move(next));
 }
 

@@ -11,17 +11,6 @@
 
 namespace vexausb {
 
-/*
- * The libusb side of the process-wide state: the context, the hot-plug registrations and
- * "usb-libusb", the thread that handles libusb's events unless callers do (event_duty.cpp).
- *
- * init and fini run on callers' threads, one at a time (lifecycle.cpp sees to that).  No handle
- * outlives its context: fini closes the connections first, while the event loop still delivers the
- * completions that this takes, and then waits for whoever is using the context.
- *
- * The event loop runs once in the life of a process.  After a re-initialisation its thread ends at
- * once, and connections are told so, because nobody then delivers completions.
- */
 namespace {
 
 UseGate contextGate{false};
@@ -43,7 +32,7 @@ void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
 void handleEvents() {
     while (libusbRunning.load()) {
         libusb_handle_events(libusbContext);
-        EventDuty::leaveToCalls();
+        event_duty::leaveToCalls();
     }
 }
 
@@ -51,7 +40,7 @@ void endEventLoop() {
     if (!libusbThread.joinable())
         return;
     libusbRunning.store(false);
-    EventDuty::end();
+    event_duty::end();
     libusb_interrupt_event_handler(libusbContext);
     libusbThread.join();
 }
@@ -76,12 +65,12 @@ void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
         libusb_exit(std::exchange(libusbContext, nullptr));
         throw;
     }
-    ConnectionRegistry::open(loopRuns);
+    connection_registry::open(loopRuns);
     contextGate.open();
 }
 
 void LibUSB::fini() {
-    ConnectionRegistry::close();
+    connection_registry::close();
     contextGate.close();
     endEventLoop();
     if (libusbContext != nullptr)

@@ -22,14 +22,14 @@ public:
         sigfillset(&blocked);
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
             sigdelset(&blocked, fault);
-        pthread_sigmask(SIG_SETMASK, &blocked, &before);
+        pthread_sigmask(SIG_SETMASK, &blocked, &before_);
     }
-    ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     BlockSignals(const BlockSignals &) = delete;
     BlockSignals &operator=(const BlockSignals &) = delete;
 
 private:
-    sigset_t before{};
+    sigset_t before_{};
 };
 
 } // namespace

@@ -1,65 +1,88 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include <libusb.h>
 
 #include "core/event_duty.h"
+#include "core/mutex.h"
 
 namespace vexausb {
 
+/*
+ * A fixed number of bulk transfers that complete, and are submitted again, until they are stopped.
+ * The derived class says what a completion means, owns the memory that the transfers write to, and
+ * may keep data of its own with each transfer.
+ *
+ * Life: every transfer in flight holds a reference to its set, so the set and that memory live as
+ * long as libusb may still touch them, whatever becomes of the device.  A set is stopped once, for
+ * good.
+ *
+ * Threads: stop(), waitIdle() and abandon() on any thread; completions on whichever thread handles
+ * libusb's events at that moment.  The mutex makes "look whether to stop, submit" one step against
+ * "ask to stop, cancel", so a stop misses no resubmission.  libusb's submit and cancel run no
+ * callback, so they are called under it.
+ */
 class TransferSet : public std::enable_shared_from_this<TransferSet> {
 public:
-    virtual ~TransferSet();
+    virtual ~TransferSet() = default;
     TransferSet(const TransferSet &) = delete;
     TransferSet &operator=(const TransferSet &) = delete;
 
-    // Before anything else: the transfers, of which none is in flight yet.
-    bool allocate(size_t count, libusb_device_handle *handle, uint8_t endpoint);
-    void stop();
-    void waitIdle();
-    void abandon();
+    // Cancels what is in flight; nothing is submitted any more.
+    void stop() EXCLUDES(mutex_);
+    // After stop(), and only while an event loop delivers completions: until nothing is in flight,
+    // or the patience is at its end.
+    void waitIdle() EXCLUDES(mutex_);
+    // After the handle was closed: libusb has forgotten what was still in flight and will not call
+    // back.
+    void abandon() EXCLUDES(mutex_);
 
 protected:
-    // waitIdle() gives up when the stop was that long ago; without it, never.
-    explicit TransferSet(std::optional<std::chrono::milliseconds> waitingLimit = std::nullopt)
-        : patience(waitingLimit) {}
-
     // One transfer of the set.
     struct Slot {
+        Slot() = default;
+        virtual ~Slot() { libusb_free_transfer(transfer); }
+        Slot(const Slot &) = delete;
+        Slot &operator=(const Slot &) = delete;
+
         TransferSet *set = nullptr;
-        size_t index = 0;
-        libusb_transfer *transfer = nullptr;
+        libusb_transfer *transfer = nullptr;   // null once released
         std::shared_ptr<TransferSet> inFlight; // the set itself, while libusb has the transfer
     };
+    using Slots = std::vector<std::unique_ptr<Slot>>;
 
-    // These are called with `mutex` held.
-    virtual void completed(Slot &slot) = 0;
+    // Gives each of the slots a transfer; throws std::bad_alloc when there is none.  waitIdle()
+    // gives up when the stop was longer ago than `patience`; without it, never.
+    TransferSet(Slots slots, libusb_device_handle *handle, uint8_t endpoint,
+                std::optional<std::chrono::milliseconds> patience = std::nullopt);
+
+    // The transfer has ended, and is no longer in flight.
+    virtual void completed(Slot &slot) REQUIRES(mutex_) = 0;
     // libusb's answer.  When refused, the slot is to be released: its transfer refers to the device
     // all the same, and must not outlive the libusb context.
-    int submit(Slot &slot, uint8_t *buffer, int length);
-    void release(Slot &slot);
-    void cancelAll();
+    int submit(Slot &slot, uint8_t *buffer, int length) REQUIRES(mutex_);
+    // The transfer is not needed any more.
+    void release(Slot &slot) REQUIRES(mutex_);
+    void cancelAll() REQUIRES(mutex_);
 
-    std::mutex mutex;
-    bool stopRequested = false;
-    std::vector<Slot> slots; // its size is fixed by allocate()
+    Mutex mutex_;
+    bool stopRequested_ GUARDED_BY(mutex_) = false;
+    const Slots slots_;
 
 private:
     static void LIBUSB_CALL onComplete(libusb_transfer *transfer) noexcept;
-    bool idle() const;
+    bool isIdle() const REQUIRES(mutex_);
 
-    std::optional<EventDuty::Reserved> duty; // while any is in flight; guarded by mutex
-    const std::optional<std::chrono::milliseconds> patience;
-    std::chrono::steady_clock::time_point patienceEnds; // set by stop(); guarded by mutex
-    std::condition_variable released;
+    // While any is in flight.
+    std::optional<event_duty::Reserved> duty_ GUARDED_BY(mutex_);
+    const std::optional<std::chrono::milliseconds> patience_;
+    std::chrono::steady_clock::time_point patienceEnds_ GUARDED_BY(mutex_); // set by stop()
+    Condition released_;
 };
 
 } // namespace vexausb

@@ -4,42 +4,32 @@
 
 #include <libusb.h>
 
-#include "core/connection_registry.h"
 #include "core/transfer_set.h"
 
 namespace vexausb {
 
-/*
- * One open libusb handle with interface 0 claimed, and everything that is in flight on it.
- *
- * Life: made by ConnectionRegistry::connect, closed by whichever comes first of its device's
- * destruction, the last fini, and the end of transfers that nobody delivers completions for.
- * The object outlives its handle: a closed connection lets nobody in any more.  Closing needs no
- * memory.
- *
- * Threads: any.  close() first turns synchronous users away and waits for those inside (they look
- * at every piece whether somebody waits, so that takes one transfer's time limit at most), then
- * ends the asynchronous transfers.  libusb_close takes a lock that libusb holds while it runs
- * transfer callbacks, so none of the mutexes that those take is held there.
- */
-UsbConnection::UsbConnection(libusb_device_handle *openHandle, bool eventLoopRuns)
-    : deviceHandle(openHandle), loopRuns(eventLoopRuns) {}
+UsbConnection::UsbConnection(libusb_device_handle *handle, bool eventLoopRuns)
+    : handle_(handle), loopRuns_(eventLoopRuns) {}
+
+int UsbConnection::maxPacketSize(uint8_t endpoint) const {
+    return libusb_get_max_packet_size(libusb_get_device(handle_), endpoint);
+}
 
 void UsbConnection::attach(std::shared_ptr<TransferSet> transfers) {
-    const std::lock_guard lock(mutex);
-    transferSets.push_back(std::move(transfers));
+    const MutexLock lock(mutex_);
+    transferSets_.push_back(std::move(transfers));
 }
 
 void UsbConnection::detach(const std::shared_ptr<TransferSet> &transfers) {
-    const std::lock_guard lock(mutex);
-    std::erase(transferSets, transfers);
+    const MutexLock lock(mutex_);
+    std::erase(transferSets_, transfers);
 }
 
 // Without an event loop no completion will come; libusb forgets a handle's transfers when the
 // handle is closed, so then closing is the only way to end them.
 void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
     transfers->stop();
-    if (loopRuns)
+    if (loopRuns_)
         transfers->waitIdle();
     else
         close();
@@ -47,35 +37,34 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
 }
 
 void UsbConnection::prepareClose() {
-    gate.refuse();
-    const std::lock_guard lock(mutex);
-    for (const auto &set : transferSets)
+    gate_.refuse();
+    const MutexLock lock(mutex_);
+    for (const auto &set : transferSets_)
         set->stop();
 }
 
 void UsbConnection::close() {
-    const std::lock_guard closer(closing);
-    if (closed)
+    const MutexLock closer(closing_);
+    if (closed_)
         return;
-    gate.close();
+    gate_.close();
     const auto transfers = takeTransfers();
     for (const auto &set : transfers)
         set->stop();
-    if (loopRuns) {
+    if (loopRuns_) {
         for (const auto &set : transfers)
             set->waitIdle();
     }
-    libusb_release_interface(deviceHandle, 0);
-    libusb_close(deviceHandle);
+    libusb_release_interface(handle_, 0);
+    libusb_close(handle_);
     for (const auto &set : transfers)
         set->abandon();
-    closed = true;
-    ConnectionRegistry::remove(this);
+    closed_ = true;
 }
 
 std::vector<std::shared_ptr<TransferSet>> UsbConnection::takeTransfers() {
-    const std::lock_guard lock(mutex);
-    return std::exchange(transferSets, {});
+    const MutexLock lock(mutex_);
+    return std::exchange(transferSets_, {});
 }
 
 } // namespace vexausb

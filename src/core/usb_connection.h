@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
-#include <mutex>
+#include <stdexcept>
 #include <vector>
 
+#include "core/mutex.h"
 #include "core/use_gate.h"
 
 struct libusb_device_handle;
@@ -12,38 +14,62 @@ namespace vexausb {
 
 class TransferSet;
 
+/*
+ * One open libusb handle with interface 0 claimed, and everything that is in flight on it.
+ *
+ * Life: made by connection_registry::connect, closed by whichever comes first of its device's
+ * close, the last fini, and the end of transfers that nobody delivers completions for.  The object
+ * outlives its handle: a closed connection lets nobody in any more.  Closing needs no memory.
+ *
+ * Threads: any.  close() first turns synchronous users away and waits for those inside (they look
+ * at every piece whether somebody waits, so that takes one transfer's time limit at most), then
+ * ends the asynchronous transfers.  libusb_close takes a lock that libusb holds while it runs
+ * transfer callbacks, so none of the mutexes that those take is held there.
+ */
 class UsbConnection {
 public:
-    UsbConnection(libusb_device_handle *openHandle, bool eventLoopRuns);
+    // Takes the handle over; `eventLoopRuns` says whether completions get delivered for as long as
+    // it is open.
+    UsbConnection(libusb_device_handle *handle, bool eventLoopRuns);
     UsbConnection(const UsbConnection &) = delete;
     UsbConnection &operator=(const UsbConnection &) = delete;
 
     // The handle may be used as long as the result is held; false once the connection closes.
-    UseGate::Use use() { return gate.enter(); }
-    libusb_device_handle *handle() const { return deviceHandle; }
+    UseGate::Use use() { return gate_.enter(); }
 
-    // While a Use is held: has close() end these transfers too.
-    void attach(std::shared_ptr<TransferSet> transfers);
-    void detach(const std::shared_ptr<TransferSet> &transfers);
+    // The following four are for who holds a Use.
+    libusb_device_handle *handle() const { return handle_; }
+    // An endpoint's wMaxPacketSize, or a libusb error code.
+    int maxPacketSize(uint8_t endpoint) const;
+    // Has close() end these transfers too.
+    void attach(std::shared_ptr<TransferSet> transfers) EXCLUDES(mutex_);
+    void detach(const std::shared_ptr<TransferSet> &transfers) EXCLUDES(mutex_);
+
     // Ends these transfers and forgets them; no memory of theirs is written to afterwards.
-    void end(const std::shared_ptr<TransferSet> &transfers);
-
+    void end(const std::shared_ptr<TransferSet> &transfers) EXCLUDES(mutex_, closing_);
     // Begins what close() completes, without waiting for anything.
-    void prepareClose();
-    void close();
+    void prepareClose() EXCLUDES(mutex_);
+    // Returns when the handle is closed, also when another thread is at it.
+    void close() EXCLUDES(mutex_, closing_);
 
 private:
-    std::vector<std::shared_ptr<TransferSet>> takeTransfers();
+    std::vector<std::shared_ptr<TransferSet>> takeTransfers() EXCLUDES(mutex_);
 
-    libusb_device_handle *const deviceHandle;
-    const bool loopRuns; // whether completions get delivered for as long as this is open
-    UseGate gate{true};
+    libusb_device_handle *const handle_;
+    const bool loopRuns_;
+    UseGate gate_{true};
 
-    std::mutex closing;  // held by the thread that closes; no libusb callback takes it
-    bool closed = false; // guarded by closing
+    Mutex closing_; // held by the thread that closes; no libusb callback takes it
+    bool closed_ GUARDED_BY(closing_) = false;
 
-    std::mutex mutex; // guards transferSets; a set's own is taken inside it
-    std::vector<std::shared_ptr<TransferSet>> transferSets;
+    Mutex mutex_; // a set's own is taken inside it
+    std::vector<std::shared_ptr<TransferSet>> transferSets_ GUARDED_BY(mutex_);
+};
+
+// The device has no such endpoint, or its packet size makes no sense.
+class EndpointError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
 };
 
 } // namespace vexausb

@@ -3,40 +3,41 @@
 namespace vexausb {
 
 UseGate::Use::~Use() {
-    if (gate == nullptr)
+    if (gate_ == nullptr)
         return;
-    const std::lock_guard lock(gate->mutex);
-    if (--gate->users == 0)
-        gate->left.notify_all();
+    const MutexLock lock(gate_->mutex_);
+    if (--gate_->users_ == 0)
+        gate_->left_.notifyAll();
 }
 
 bool UseGate::Use::wanted() const {
-    const std::lock_guard lock(gate->mutex);
-    return !gate->isOpen;
+    const MutexLock lock(gate_->mutex_);
+    return !gate_->isOpen_;
 }
 
 void UseGate::open() {
-    const std::lock_guard lock(mutex);
-    isOpen = true;
+    const MutexLock lock(mutex_);
+    isOpen_ = true;
 }
 
 UseGate::Use UseGate::enter() {
-    const std::lock_guard lock(mutex);
-    if (!isOpen)
+    const MutexLock lock(mutex_);
+    if (!isOpen_)
         return Use(nullptr);
-    ++users;
+    ++users_;
     return Use(this);
 }
 
 void UseGate::refuse() {
-    const std::lock_guard lock(mutex);
-    isOpen = false;
+    const MutexLock lock(mutex_);
+    isOpen_ = false;
 }
 
 void UseGate::close() {
-    refuse();
-    std::unique_lock lock(mutex);
-    left.wait(lock, [this]() { return users == 0; });
+    const MutexLock lock(mutex_);
+    isOpen_ = false;
+    while (users_ > 0)
+        left_.wait(mutex_);
 }
 
 } // namespace vexausb

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+
+#include "core/mutex.h"
 
 namespace vexausb {
 
@@ -11,40 +11,43 @@ namespace vexausb {
  * handle).  A user enters, and works only if it was let in; whoever closes the thing first closes
  * the gate.
  *
- * Lock: `mutex` guards all members; it is held for a few instructions only.
+ * Threads: any.  The mutex is held for a few instructions only.
  */
 class UseGate {
 public:
     // One user's stay; leaves when it is destroyed.
     class Use {
     public:
-        explicit Use(UseGate *entered) : gate(entered) {}
+        explicit Use(UseGate *gate) : gate_(gate) {}
         ~Use();
         Use(const Use &) = delete;
         Use &operator=(const Use &) = delete;
 
-        explicit operator bool() const { return gate != nullptr; }
+        // Whether the user was let in.
+        explicit operator bool() const { return gate_ != nullptr; }
         // Whether somebody waits for this user to leave.
         bool wanted() const;
 
     private:
-        UseGate *const gate;
+        UseGate *const gate_;
     };
 
-    explicit UseGate(bool startsOpen) : isOpen(startsOpen) {}
+    explicit UseGate(bool startsOpen) : isOpen_(startsOpen) {}
     UseGate(const UseGate &) = delete;
     UseGate &operator=(const UseGate &) = delete;
 
-    void open();
-    Use enter();
-    void refuse(); // turns new users away
-    void close();  // and waits for those inside
+    void open() EXCLUDES(mutex_);
+    Use enter() EXCLUDES(mutex_);
+    // Turns new users away.
+    void refuse() EXCLUDES(mutex_);
+    // Turns new users away and waits for those inside, of whom the caller must not be one.
+    void close() EXCLUDES(mutex_);
 
 private:
-    mutable std::mutex mutex;
-    std::condition_variable left;
-    bool isOpen;
-    uint64_t users = 0;
+    mutable Mutex mutex_;
+    Condition left_;
+    bool isOpen_ GUARDED_BY(mutex_);
+    uint64_t users_ GUARDED_BY(mutex_) = 0;
 };
 
 } // namespace vexausb

@@ -13,6 +13,21 @@ namespace vexausb {
 using DeviceEventQueue = EventQueue<_vexa_usb_device_event>;
 using DeviceEventHandler = DeviceEventQueue::Handler;
 
+/*
+ * An opened device as the exported functions see it, whatever carries it.
+ *
+ * Life: made by its list entry's open(), held by the caller's handle.  The entry keeps a weak
+ * reference, and turns it into a strong one only while it says that the device has gone.  So the
+ * device is destroyed on the thread that closes the handle, or, when both happen at once, on the
+ * thread that destroys the entry.  A call holds a reference, too, for callbacks that close from
+ * within it.  Nothing depends on which of them comes last: close() has given everything back by
+ * then.
+ *
+ * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
+ * its event queue, runs the caller's callback.  A close stops that worker without waiting for it,
+ * so a callback may close its own device.  Of the events that are queued at the close none is
+ * delivered; the one in hand, if there is one, still is.
+ */
 class AbstractDevice {
 public:
     explicit AbstractDevice(DeviceEventHandler handler);
@@ -50,28 +65,28 @@ public:
     virtual int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) = 0;
     virtual int32_t dataStreamBufferUnlock() = 0;
 
-    bool isRemoved() const { return removed.load(std::memory_order_acquire); }
-    bool hasEventPipe() const { return eventPipeSupported; }
-    bool isEventPipeActive() const { return eventPipeActive.load(); }
-    bool hasDataStream() const { return dataStreamMemorySizeMax != 0 && dataStreamRateMax != 0; }
-    bool isDataStreamActive() const { return dataStreamActive.load(); }
-    uint64_t memorySizeMax() const { return dataStreamMemorySizeMax; }
-    uint64_t rateMax() const { return dataStreamRateMax; }
+    bool isRemoved() const { return removed_.load(std::memory_order_acquire); }
+    bool hasEventPipe() const { return eventPipeSupported_; }
+    bool isEventPipeActive() const { return eventPipeActive_.load(); }
+    bool hasDataStream() const { return dataStreamMemorySizeMax_ != 0 && dataStreamRateMax_ != 0; }
+    bool isDataStreamActive() const { return dataStreamActive_.load(); }
+    uint64_t memorySizeMax() const { return dataStreamMemorySizeMax_; }
+    uint64_t rateMax() const { return dataStreamRateMax_; }
 
 protected:
-    const std::shared_ptr<DeviceEventQueue> eventQueue;
+    const std::shared_ptr<DeviceEventQueue> eventQueue_;
     // Set while the device is constructed, constant afterwards.
-    bool eventPipeSupported = false;
+    bool eventPipeSupported_ = false;
     // Written under the implementation's locks; read by any thread.
-    std::atomic<bool> eventPipeActive{false};
-    std::atomic<bool> dataStreamActive{false};
+    std::atomic<bool> eventPipeActive_{false};
+    std::atomic<bool> dataStreamActive_{false};
     // Set while the device is constructed, constant afterwards; 0 means no data stream.
-    uint64_t dataStreamMemorySizeMax = 0;
-    uint64_t dataStreamRateMax = 0;
+    uint64_t dataStreamMemorySizeMax_ = 0;
+    uint64_t dataStreamRateMax_ = 0;
 
 private:
-    std::atomic<bool> removed{false};
-    DeviceEventQueue::Prepared removal; // until setRemoved() posts it
+    std::atomic<bool> removed_{false};
+    DeviceEventQueue::Prepared removal_; // until setRemoved() posts it
 };
 
 } // namespace vexausb

@@ -8,22 +8,6 @@
 
 namespace vexausb {
 
-/*
- * The ring of buffers that bulk transfers fill and the caller drains in place.
- *
- * USB transfers should be whole packets, buffers need not be.  A buffer whose size is not a
- * multiple of the packet size has room for one packet more; the transfer that reaches its end may
- * run into that room, and what lies there is moved to the front of the next buffer once the
- * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
- * behind.
- *
- * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
- * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
- * compare-and-swap, so that a buffer is never filled while the caller may read it.
- *
- * After nextTransfer() has failed the ring must not be asked again: the next buffer's front may
- * already be claimed for bytes that never come.
- */
 namespace {
 
 uint64_t roundUp(uint64_t value, uint64_t step) {
@@ -57,56 +41,56 @@ bool DataStreamBuffer::change(DataStreamBufferState from, DataStreamBufferState 
 
 DataStream::DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize,
                        uint64_t packet)
-    : bufferSize(size),
-      packetSize(packet),
-      allocationSize(allocationSizeFor(size, packet)),
-      transferSize(transferSizeFor(size, maxTransferSize, packet)) {
-    buffers.reserve(bufferCount);
+    : bufferSize_(size),
+      packetSize_(packet),
+      allocationSize_(allocationSizeFor(size, packet)),
+      transferSize_(transferSizeFor(size, maxTransferSize, packet)) {
+    buffers_.reserve(bufferCount);
     for (uint64_t i = 0; i < bufferCount; ++i)
-        buffers.push_back(std::make_unique<DataStreamBuffer>(allocationSize));
+        buffers_.push_back(std::make_unique<DataStreamBuffer>(allocationSize_));
 }
 
 bool DataStream::claim(uint64_t index) {
-    return buffers[index]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
+    return buffers_[index]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
 }
 
 // False when the ring is full: the caller has not yet given back a buffer that is needed.
 bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
-    if (writeOffset == 0 && !claim(writeIndex))
+    if (writeOffset_ == 0 && !claim(writeIndex_))
         return false;
     info = {};
-    info.bufferIndex = writeIndex;
-    info.destination = buffers[writeIndex]->data.get() + writeOffset;
-    info.transferLength = transferSize;
-    while (writeOffset + info.transferLength > allocationSize)
-        info.transferLength -= packetSize;
-    writeOffset += info.transferLength;
+    info.bufferIndex = writeIndex_;
+    info.destination = buffers_[writeIndex_]->data.get() + writeOffset_;
+    info.transferLength = transferSize_;
+    while (writeOffset_ + info.transferLength > allocationSize_)
+        info.transferLength -= packetSize_;
+    writeOffset_ += info.transferLength;
     return advance(info);
 }
 
 // A buffer counts as full from here on, although its last transfer has only been prepared; the
 // buffer-full event says when the data are there.
 bool DataStream::advance(DataStreamTransferInfo &info) {
-    if (writeOffset < bufferSize)
+    if (writeOffset_ < bufferSize_)
         return true;
-    info.copyLength = writeOffset - bufferSize;
-    info.completedBuffers = writeOffset / bufferSize;
-    writeOffset %= bufferSize;
-    buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
+    info.copyLength = writeOffset_ - bufferSize_;
+    info.completedBuffers = writeOffset_ / bufferSize_;
+    writeOffset_ %= bufferSize_;
+    buffers_[writeIndex_]->state.store(DataStreamBufferState::Full, std::memory_order_release);
 
     // The buffers that the overshoot reaches, before any of them is called full.
-    const uint64_t reached = info.completedBuffers - (writeOffset == 0 ? 1 : 0);
-    uint64_t index = writeIndex;
+    const uint64_t reached = info.completedBuffers - (writeOffset_ == 0 ? 1 : 0);
+    uint64_t index = writeIndex_;
     for (uint64_t i = 0; i < reached; ++i) {
         index = following(index);
         if (!claim(index))
             return false;
     }
     for (uint64_t i = 1; i < info.completedBuffers; ++i) {
-        writeIndex = following(writeIndex);
-        buffers[writeIndex]->state.store(DataStreamBufferState::Full, std::memory_order_release);
+        writeIndex_ = following(writeIndex_);
+        buffers_[writeIndex_]->state.store(DataStreamBufferState::Full, std::memory_order_release);
     }
-    writeIndex = following(writeIndex);
+    writeIndex_ = following(writeIndex_);
     return true;
 }
 
@@ -115,32 +99,33 @@ uint64_t DataStream::transferCompleted(const DataStreamTransferInfo &info) {
     uint64_t overshoot = info.copyLength;
     while (overshoot != 0) {
         const uint64_t next = following(index);
-        std::memcpy(buffers[next]->data.get(), buffers[index]->data.get() + bufferSize, overshoot);
-        overshoot -= std::min(overshoot, bufferSize);
+        std::memcpy(buffers_[next]->data.get(), buffers_[index]->data.get() + bufferSize_,
+                    overshoot);
+        overshoot -= std::min(overshoot, bufferSize_);
         index = next;
     }
     return info.completedBuffers;
 }
 
 bool DataStream::lock(uint8_t *&data, uint64_t &size) {
-    if (locked)
+    if (locked_)
         return false;
-    DataStreamBuffer &buffer = *buffers[readIndex];
+    DataStreamBuffer &buffer = *buffers_[readIndex_];
     if (!buffer.change(DataStreamBufferState::Full, DataStreamBufferState::Locked))
         return false;
     data = buffer.data.get();
-    size = bufferSize;
-    locked = true;
+    size = bufferSize_;
+    locked_ = true;
     return true;
 }
 
 bool DataStream::unlock() {
-    if (!locked ||
-        !buffers[readIndex]->change(DataStreamBufferState::Locked, DataStreamBufferState::Free))
+    if (!locked_ ||
+        !buffers_[readIndex_]->change(DataStreamBufferState::Locked, DataStreamBufferState::Free))
         return false;
-    readIndex = following(readIndex);
-    locked = false;
-    released.fetch_add(1, std::memory_order_relaxed);
+    readIndex_ = following(readIndex_);
+    locked_ = false;
+    released_.fetch_add(1, std::memory_order_relaxed);
     return true;
 }
 

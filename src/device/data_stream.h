@@ -34,6 +34,22 @@ struct DataStreamTransferInfo {
     uint64_t copyLength = 0;
 };
 
+/*
+ * The ring of buffers that bulk transfers fill and the caller drains in place.
+ *
+ * USB transfers should be whole packets, buffers need not be.  A buffer whose size is not a
+ * multiple of the packet size has room for one packet more; the transfer that reaches its end may
+ * run into that room, and what lies there is moved to the front of the next buffer once the
+ * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
+ * behind.
+ *
+ * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
+ * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
+ * compare-and-swap, so that a buffer is never filled while the caller may read it.
+ *
+ * After nextTransfer() has failed the ring must not be asked again: the next buffer's front may
+ * already be claimed for bytes that never come.
+ */
 class DataStream {
 public:
     DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize, uint64_t packet);
@@ -50,27 +66,29 @@ public:
     bool unlock();
 
     // Any thread: how many buffers the consumer has given back.
-    uint64_t buffersReleased() const { return released.load(std::memory_order_relaxed); }
+    uint64_t buffersReleased() const { return released_.load(std::memory_order_relaxed); }
 
 private:
     bool claim(uint64_t index);
     bool advance(DataStreamTransferInfo &info);
-    uint64_t following(uint64_t index) const { return index + 1 == buffers.size() ? 0 : index + 1; }
+    uint64_t following(uint64_t index) const {
+        return index + 1 == buffers_.size() ? 0 : index + 1;
+    }
 
-    const uint64_t bufferSize;
-    const uint64_t packetSize;
-    const uint64_t allocationSize;
-    const uint64_t transferSize;
-    std::vector<std::unique_ptr<DataStreamBuffer>> buffers;
+    const uint64_t bufferSize_;
+    const uint64_t packetSize_;
+    const uint64_t allocationSize_;
+    const uint64_t transferSize_;
+    std::vector<std::unique_ptr<DataStreamBuffer>> buffers_;
 
     // The consumer's.
-    uint64_t readIndex = 0;
-    bool locked = false;
-    std::atomic<uint64_t> released{0}; // for others to read
+    uint64_t readIndex_ = 0;
+    bool locked_ = false;
+    std::atomic<uint64_t> released_{0}; // for others to read
 
     // The producer's.
-    uint64_t writeIndex = 0;
-    uint64_t writeOffset = 0;
+    uint64_t writeIndex_ = 0;
+    uint64_t writeOffset_ = 0;
 };
 
 } // namespace vexausb

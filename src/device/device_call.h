@@ -14,11 +14,11 @@ namespace vexausb {
  */
 class DeviceCall final : public ChecksOf<DeviceCall> {
 public:
-    explicit DeviceCall(const _vexa_usb_device *caller) : handle(caller) {}
+    explicit DeviceCall(const _vexa_usb_device *handle) : handle_(handle) {}
 
     // The handle, and whatever else the function requires.
     DeviceCall &parameters(bool good = true) {
-        return ChecksOf::parameters(handle != nullptr && good);
+        return ChecksOf::parameters(handle_ != nullptr && good);
     }
     DeviceCall &eventPipeSupported() {
         return state(&AbstractDevice::hasEventPipe, true, VEXA_USB_STATUS_NOT_SUPPORTED);
@@ -51,18 +51,18 @@ public:
     int32_t then(Call call) {
         if (!passed())
             return status();
-        const std::shared_ptr<AbstractDevice> device = handle->device;
+        const std::shared_ptr<AbstractDevice> device = handle_->device;
         return call(*device);
     }
 
 private:
     DeviceCall &state(bool (AbstractDevice::*query)() const, bool wanted, int32_t statusIfNot) {
         if (passed())
-            require((handle->device.get()->*query)() == wanted, statusIfNot);
+            require((handle_->device.get()->*query)() == wanted, statusIfNot);
         return *this;
     }
 
-    const _vexa_usb_device *const handle;
+    const _vexa_usb_device *const handle_;
 };
 
 } // namespace vexausb

@@ -13,15 +13,6 @@
 
 namespace vexausb {
 
-/*
- * An opened device reached through libusb; it uses interface 0 alone.
- *
- * Life: takes over an open libusb handle as a UsbConnection.  The last fini closes that
- * connection; the device then lives on, answering errors, until its handle is dropped.  Every use
- * of the libusb handle therefore goes through the connection's gate.
- *
- * Threads: any caller's; the library does not serialise transfers on one device.
- */
 namespace {
 
 struct RateLimit {
@@ -55,15 +46,15 @@ const char *claimAdvice(int result) {
 
 DeviceLibUSB::DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler,
                            const DeviceName &name)
-    : AbstractDevice(std::move(handler)), deviceName(name) {
+    : AbstractDevice(std::move(handler)), deviceName_(name) {
     claim(handle);
-    eventPipeSupported = true;
-    dataStreamMemorySizeMax = kStreamMemorySizeMax;
-    dataStreamRateMax = rateMaxFor(descriptor.bcdUSB);
-    connection = ConnectionRegistry::connect(handle);
-    if (connection == nullptr)
+    eventPipeSupported_ = true;
+    dataStreamMemorySizeMax_ = kStreamMemorySizeMax;
+    dataStreamRateMax_ = rateMaxFor(descriptor_.bcdUSB);
+    connection_ = connection_registry::connect(handle);
+    if (connection_ == nullptr)
         throw std::runtime_error("the library is being finalised");
-    logLine(LogLevel::Info, "%s: opened", deviceName.text());
+    logLine(LogLevel::Info, "%s: opened", deviceName_.text());
 }
 
 void DeviceLibUSB::claim(libusb_device_handle *handle) {
@@ -71,15 +62,15 @@ void DeviceLibUSB::claim(libusb_device_handle *handle) {
         const int detached = libusb_detach_kernel_driver(handle, 0);
         if (detached != LIBUSB_SUCCESS)
             logLine(LogLevel::Error, "%s: cannot take interface 0 from its kernel driver: %s",
-                    deviceName.text(), libusb_error_name(detached));
+                    deviceName_.text(), libusb_error_name(detached));
     }
     const int claimed = libusb_claim_interface(handle, 0);
     if (claimed != LIBUSB_SUCCESS) {
-        logLine(LogLevel::Error, "%s: cannot claim interface 0: %s%s", deviceName.text(),
+        logLine(LogLevel::Error, "%s: cannot claim interface 0: %s%s", deviceName_.text(),
                 libusb_error_name(claimed), claimAdvice(claimed));
         throw std::runtime_error(libusb_error_name(claimed));
     }
-    const int read = libusb_get_device_descriptor(libusb_get_device(handle), &descriptor);
+    const int read = libusb_get_device_descriptor(libusb_get_device(handle), &descriptor_);
     if (read != LIBUSB_SUCCESS)
         throw std::runtime_error(libusb_error_name(read));
 }
@@ -90,32 +81,32 @@ DeviceLibUSB::~DeviceLibUSB() {
 
 void DeviceLibUSB::close() {
     DeviceLibUSB::dataStreamStop();
-    connection->close();
+    connection_->close();
     AbstractDevice::close();
 }
 
 // bcdDevice stands in bcdUSB's place, and bMaxPacketSize0 is left as the caller had it: callers
 // of this record rely on both.
 int32_t DeviceLibUSB::getDeviceDescriptor(_vexa_usb_device_descriptor &record) {
-    record.bcdUSB = descriptor.bcdDevice;
-    record.bDeviceClass = descriptor.bDeviceClass;
-    record.bDeviceSubClass = descriptor.bDeviceSubClass;
-    record.bDeviceProtocol = descriptor.bDeviceProtocol;
-    record.idVendor = descriptor.idVendor;
-    record.idProduct = descriptor.idProduct;
-    record.bcdDevice = descriptor.bcdDevice;
-    record.iManufacturer = descriptor.iManufacturer;
-    record.iProduct = descriptor.iProduct;
-    record.iSerialNumber = descriptor.iSerialNumber;
-    record.bNumConfigurations = descriptor.bNumConfigurations;
+    record.bcdUSB = descriptor_.bcdDevice;
+    record.bDeviceClass = descriptor_.bDeviceClass;
+    record.bDeviceSubClass = descriptor_.bDeviceSubClass;
+    record.bDeviceProtocol = descriptor_.bDeviceProtocol;
+    record.idVendor = descriptor_.idVendor;
+    record.idProduct = descriptor_.idProduct;
+    record.bcdDevice = descriptor_.bcdDevice;
+    record.iManufacturer = descriptor_.iManufacturer;
+    record.iProduct = descriptor_.iProduct;
+    record.iSerialNumber = descriptor_.iSerialNumber;
+    record.bNumConfigurations = descriptor_.bNumConfigurations;
     return VEXA_USB_STATUS_SUCCESS;
 }
 
 int DeviceLibUSB::maxPacketSize(uint8_t endpoint) {
-    const UseGate::Use use = connection->use();
+    const UseGate::Use use = connection_->use();
     if (!use)
         return LIBUSB_ERROR_NO_DEVICE;
-    return libusb_get_max_packet_size(libusb_get_device(connection->handle()), endpoint);
+    return connection_->maxPacketSize(endpoint);
 }
 
 int32_t DeviceLibUSB::getMaxPacketSize(uint8_t endpoint, uint16_t &size) {
@@ -134,20 +125,20 @@ int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t r
                                       uint8_t *data, uint64_t length, uint64_t *transferred) {
     if (length > UINT16_MAX)
         return VEXA_USB_STATUS_UNKNOWN;
-    const UseGate::Use use = connection->use();
+    const UseGate::Use use = connection_->use();
     if (!use)
         return VEXA_USB_STATUS_UNKNOWN;
     const uint32_t requestType = (static_cast<uint32_t>(direction) << 7) |
                                  (static_cast<uint32_t>(type) << 5) |
                                  static_cast<uint32_t>(recipient);
     const int result = libusb_control_transfer(
-        connection->handle(), static_cast<uint8_t>(requestType), request, value, index, data,
+        connection_->handle(), static_cast<uint8_t>(requestType), request, value, index, data,
         static_cast<uint16_t>(length), kTransferTimeoutMs);
     if (result < 0) {
         logFailedTransfer(0, result);
         return statusFromLibusbError(result);
     }
-    EventDuty::callSucceeded();
+    event_duty::callSucceeded();
     if (transferred != nullptr) {
         *transferred = static_cast<uint64_t>(result);
         return VEXA_USB_STATUS_SUCCESS;
@@ -159,19 +150,19 @@ int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t r
 // A short piece ends the transfer: quietly for a caller that counts, else as an error.
 int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endpoint, uint8_t *data,
                                       uint64_t length, uint64_t *transferred) {
-    const UseGate::Use use = connection->use();
+    const UseGate::Use use = connection_->use();
     while (length > 0) {
         if (!use || use.wanted())
             return VEXA_USB_STATUS_UNKNOWN;
         const auto chunk = static_cast<int>(std::min(length, kTransferChunkSize));
         int actual = 0;
         const int result =
-            transfer(connection->handle(), endpoint, data, chunk, &actual, kTransferTimeoutMs);
+            transfer(connection_->handle(), endpoint, data, chunk, &actual, kTransferTimeoutMs);
         if (result != LIBUSB_SUCCESS) {
             logFailedTransfer(endpoint, result);
             return statusFromLibusbError(result);
         }
-        EventDuty::callSucceeded();
+        event_duty::callSucceeded();
         if (transferred != nullptr)
             *transferred += static_cast<uint64_t>(actual);
         if (actual != chunk)
@@ -185,7 +176,7 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
 
 // At the level of details, since a driver may well ask again and again what times out.
 void DeviceLibUSB::logFailedTransfer(uint8_t endpoint, int result) const {
-    logLine(LogLevel::Debug, "%s: a transfer on endpoint 0x%02x failed: %s", deviceName.text(),
+    logLine(LogLevel::Debug, "%s: a transfer on endpoint 0x%02x failed: %s", deviceName_.text(),
             static_cast<unsigned>(endpoint), libusb_error_name(result));
 }
 
@@ -222,29 +213,23 @@ int32_t DeviceLibUSB::bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t 
 
 // Once enabled the pipe counts as active for the rest of the device's life, disabled or not.
 int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
-    const std::lock_guard lock(eventPipeMutex);
+    const MutexLock lock(eventPipeMutex_);
     if (isEventPipeActive())
         return VEXA_USB_STATUS_EVENT_PIPE_ACTIVE;
-    const UseGate::Use use = connection->use();
+    const UseGate::Use use = connection_->use();
     if (!use)
         return VEXA_USB_STATUS_UNKNOWN;
     try {
-        const auto pipe = std::make_shared<EventPipe>(eventQueue, deviceName);
-        if (!pipe->allocate(1, connection->handle(), endpoint))
-            return VEXA_USB_STATUS_NO_MEMORY;
-        const int packetSize = maxPacketSize(endpoint);
-        if (packetSize < 0)
-            return VEXA_USB_STATUS_UNKNOWN;
-        pipe->setPacketSize(packetSize);
-        connection->attach(pipe);
-        eventPipe = pipe;
+        eventPipe_ = EventPipe::make(*connection_, endpoint, eventQueue_, deviceName_);
     } catch (const std::bad_alloc &) {
         return VEXA_USB_STATUS_NO_MEMORY;
+    } catch (const EndpointError &) {
+        return VEXA_USB_STATUS_UNKNOWN;
     }
-    eventPipeActive.store(true); // before the first event, whose callback may disable the pipe
-    if (!eventPipe->arm()) {
-        eventPipeActive.store(false);
-        connection->detach(eventPipe);
+    eventPipeActive_.store(true); // before the first event, whose callback may disable the pipe
+    if (!eventPipe_->arm()) {
+        eventPipeActive_.store(false);
+        connection_->detach(eventPipe_);
         return VEXA_USB_STATUS_UNKNOWN;
     }
     return VEXA_USB_STATUS_SUCCESS;
@@ -252,64 +237,60 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
 
 // The cancelled transfer ends by itself; events queued before are still delivered.
 int32_t DeviceLibUSB::eventPipeDisable() {
-    const std::lock_guard lock(eventPipeMutex);
+    const MutexLock lock(eventPipeMutex_);
     if (!isEventPipeActive())
         return VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE;
-    eventPipe->stop();
+    eventPipe_->stop();
     return VEXA_USB_STATUS_SUCCESS;
 }
 
 int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) {
-    const std::lock_guard lock(streamMutex);
+    const MutexLock lock(streamMutex_);
     if (isDataStreamActive())
         return VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE;
-    const UseGate::Use use = connection->use();
-    const int packetSize = maxPacketSize(endpoint);
-    if (!use || packetSize <= 0)
+    const UseGate::Use use = connection_->use();
+    if (!use)
         return VEXA_USB_STATUS_UNKNOWN;
-
     try {
-        auto session = std::make_shared<StreamSession>(bufferSize, bufferCount,
-                                                       static_cast<uint64_t>(packetSize),
-                                                       wantedStreamMode(), eventQueue, deviceName);
-        if (!session->allocate(kStreamTransferCount, connection->handle(), endpoint))
-            return VEXA_USB_STATUS_NO_MEMORY;
-        streamStopped = DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED);
-        connection->attach(session);
-        stream = std::move(session);
+        streamStopped_ = DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED);
+        stream_ = StreamSession::make(*connection_,
+                                      {endpoint, bufferSize, bufferCount, wantedStreamMode()},
+                                      eventQueue_, deviceName_);
+    } catch (const EndpointError &) {
+        return VEXA_USB_STATUS_UNKNOWN;
     } catch (const std::exception &) {
         return VEXA_USB_STATUS_NO_MEMORY;
     }
-    dataStreamActive.store(true);
-    stream->begin();
+    dataStreamActive_.store(true);
+    stream_->begin();
     return VEXA_USB_STATUS_SUCCESS;
 }
 
 int32_t DeviceLibUSB::dataStreamStop() {
-    const std::lock_guard lock(streamMutex);
+    const MutexLock lock(streamMutex_);
     if (!isDataStreamActive())
         return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
-    connection->end(stream);
-    stream.reset();
-    dataStreamActive.store(false);
+    connection_->end(stream_);
+    stream_.reset();
+    dataStreamActive_.store(false);
     if (!isRemoved())
-        eventQueue->post(streamStopped);
+        eventQueue_->post(streamStopped_);
     return VEXA_USB_STATUS_SUCCESS;
 }
 
 int32_t DeviceLibUSB::dataStreamBufferLock(uint8_t *&data, uint64_t &size) {
-    const std::lock_guard lock(streamMutex);
+    const MutexLock lock(streamMutex_);
     if (!isDataStreamActive())
         return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
-    return stream->lockBuffer(data, size) ? VEXA_USB_STATUS_SUCCESS
-                                          : VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY;
+    return stream_->lockBuffer(data, size) ? VEXA_USB_STATUS_SUCCESS
+                                           : VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY;
 }
 
 int32_t DeviceLibUSB::dataStreamBufferUnlock() {
-    const std::lock_guard lock(streamMutex);
+    const MutexLock lock(streamMutex_);
     if (!isDataStreamActive())
         return VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE;
-    return stream->unlockBuffer() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
+    return stream_->unlockBuffer() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
 }
 
 } // namespace vexausb

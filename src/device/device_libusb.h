@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include <libusb.h>
 
 #include "core/device_name.h"
+#include "core/mutex.h"
 #include "core/usb_connection.h"
 #include "device/abstract_device.h"
 #include "device/event_pipe.h"
@@ -17,6 +17,15 @@ namespace vexausb {
 inline constexpr unsigned kTransferTimeoutMs = 1000;
 inline constexpr uint64_t kTransferChunkSize = 524288;
 
+/*
+ * An opened device reached through libusb; it uses interface 0 alone.
+ *
+ * Life: takes over an open libusb handle as a UsbConnection.  The last fini closes that
+ * connection; the device then lives on, answering errors, until its handle is dropped.  Every use
+ * of the libusb handle therefore goes through the connection's gate.
+ *
+ * Threads: any caller's; the library does not serialise transfers on one device.
+ */
 class DeviceLibUSB final : public AbstractDevice {
 public:
     // Takes the handle over unless it throws.
@@ -62,19 +71,22 @@ private:
 
     void logFailedTransfer(uint8_t endpoint, int result) const;
 
-    const DeviceName deviceName;
-    libusb_device_descriptor descriptor{}; // constant once constructed
-    std::shared_ptr<UsbConnection> connection;
+    const DeviceName deviceName_;
+    libusb_device_descriptor descriptor_{}; // constant once constructed
+    std::shared_ptr<UsbConnection> connection_;
 
-    // Guards eventPipe and the writing of eventPipeActive.  No libusb callback takes it.
-    std::mutex eventPipeMutex;
-    std::shared_ptr<EventPipe> eventPipe; // once enabled, for the rest of the device's life
+    // Lets one thread at a time enable or disable; under it eventPipeActive_ is written.  No libusb
+    // callback takes it.
+    Mutex eventPipeMutex_;
+    // Once enabled, for the rest of the device's life.
+    std::shared_ptr<EventPipe> eventPipe_ GUARDED_BY(eventPipeMutex_);
 
-    // Lets one thread at a time start, stop, lock or unlock; guards stream and the writing of
-    // dataStreamActive.  No libusb callback takes it.
-    std::mutex streamMutex;
-    std::shared_ptr<StreamSession> stream;
-    DeviceEventQueue::Prepared streamStopped; // while a stream is active
+    // Lets one thread at a time start, stop, lock or unlock; under it dataStreamActive_ is written.
+    // No libusb callback takes it.
+    Mutex streamMutex_;
+    std::shared_ptr<StreamSession> stream_ GUARDED_BY(streamMutex_);
+    // While a stream is active.
+    DeviceEventQueue::Prepared streamStopped_ GUARDED_BY(streamMutex_);
 };
 
 } // namespace vexausb

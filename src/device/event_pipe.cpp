@@ -1,44 +1,55 @@
 #include "device/event_pipe.h"
 
 #include <chrono>
+#include <cstddef>
 #include <utility>
 
 #include "core/log.h"
 #include "core/transfer_status.h"
+#include "core/usb_connection.h"
 
 namespace vexausb {
 
-/*
- * Keeps one IN transfer armed and turns every byte of every packet into a device event.
- *
- * Life: held by its device and by the transfer while that is in flight; it knows the device's event
- * queue, not the device, so a completion after the device's end finds valid memory and posts to a
- * queue that delivers nothing any more.  A pipe is armed once and ends for good, by stop() or when
- * its transfer ends with an error, which the log alone tells.
- *
- * Threads: arm() on the caller's thread, completed() on whichever thread handles libusb's events,
- * both under `mutex`: of a completion and a stop, the one that comes second ends the transfer.
- *
- * The transfer is a bulk transfer whatever the endpoint's own type; the kernel sees to the latter.
- */
 namespace {
 
 constexpr std::chrono::milliseconds kPatience{500};
 
+size_t packetSizeOf(const UsbConnection &connection, uint8_t endpoint) {
+    const int size = connection.maxPacketSize(endpoint);
+    if (size < 0)
+        throw EndpointError(libusb_error_name(size));
+    return static_cast<size_t>(size);
+}
+
 } // namespace
 
-EventPipe::EventPipe(std::shared_ptr<DeviceEventQueue> deviceEvents, const DeviceName &name)
-    : TransferSet(kPatience), events(std::move(deviceEvents)), deviceName(name) {}
+std::shared_ptr<EventPipe> EventPipe::make(UsbConnection &connection, uint8_t endpoint,
+                                           std::shared_ptr<DeviceEventQueue> events,
+                                           const DeviceName &name) {
+    auto pipe = std::make_shared<EventPipe>(connection, endpoint, std::move(events), name);
+    connection.attach(pipe);
+    return pipe;
+}
 
-void EventPipe::setPacketSize(int packetSize) {
-    eventBuffer.resize(static_cast<size_t>(packetSize));
+EventPipe::EventPipe(const UsbConnection &connection, uint8_t endpoint,
+                     std::shared_ptr<DeviceEventQueue> events, const DeviceName &name)
+    : TransferSet(makeSlots(), connection.handle(), endpoint, kPatience),
+      events_(std::move(events)),
+      deviceName_(name),
+      buffer_(packetSizeOf(connection, endpoint)) {}
+
+TransferSet::Slots EventPipe::makeSlots() {
+    Slots slots;
+    slots.push_back(std::make_unique<Slot>());
+    return slots;
 }
 
 bool EventPipe::arm() {
-    const std::lock_guard lock(mutex);
-    if (submitNext(slots.front()))
+    const MutexLock lock(mutex_);
+    Slot &slot = *slots_.front();
+    if (submitNext(slot))
         return true;
-    release(slots.front());
+    release(slot);
     return false;
 }
 
@@ -53,9 +64,9 @@ void EventPipe::completed(Slot &slot) {
 }
 
 bool EventPipe::submitNext(Slot &slot) {
-    if (stopRequested)
+    if (stopRequested_)
         return false;
-    const int result = submit(slot, eventBuffer.data(), static_cast<int>(eventBuffer.size()));
+    const int result = submit(slot, buffer_.data(), static_cast<int>(buffer_.size()));
     if (result != LIBUSB_SUCCESS)
         logEnd(slot, libusb_error_name(result));
     return result == LIBUSB_SUCCESS;
@@ -63,7 +74,7 @@ bool EventPipe::submitNext(Slot &slot) {
 
 bool EventPipe::postBytes(const Slot &slot) {
     for (int i = 0; i < slot.transfer->actual_length; ++i) {
-        if (!events->tryPost(slot.transfer->buffer[i]))
+        if (!events_->tryPost(slot.transfer->buffer[i]))
             return false;
     }
     return true;
@@ -71,11 +82,11 @@ bool EventPipe::postBytes(const Slot &slot) {
 
 // An end that was asked for is no news.
 void EventPipe::logEnd(const Slot &slot, const char *reason) const {
-    if (!stopRequested)
+    if (!stopRequested_)
         logLine(LogLevel::Error,
                 "%s: the event pipe on endpoint 0x%02x has ended: %s; close the device and open it "
                 "again to get events",
-                deviceName.text(), static_cast<unsigned>(slot.transfer->endpoint), reason);
+                deviceName_.text(), static_cast<unsigned>(slot.transfer->endpoint), reason);
 }
 
 } // namespace vexausb

@@ -1,107 +1,115 @@
 #include "device/stream_session.h"
 
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <utility>
 
 #include "core/log.h"
 #include "core/transfer_status.h"
+#include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
 
 namespace vexausb {
 
-/*
- * One run of a data stream, from start to stop: the ring and the transfers that fill it.
- *
- * Life: held by its device and by every transfer in flight, so the ring outlives the last write
- * to it.  A run that failed stays failed; the next start makes another session.
- *
- * Threads: begin() on the caller's thread, completed() on the thread that handles libusb's events,
- * both under `mutex`.  "Look whether to go on, take the next piece, submit it" is thereby one step,
- * so that pieces reach libusb in ring order and the started event precedes every buffer-full one.
- * Events are posted under `mutex`; the queue's own lock is taken inside it.
- *
- * Modes: by default, a transfer that brings less than it was to leaves a gap that nobody is told
- * of, and one behind the gap still counts.  A strict run ends at its first gap: no buffer is
- * reported from there on.
- */
-StreamSession::StreamSession(uint64_t bufferSize, uint64_t bufferCount, uint64_t packetSize,
-                             StreamMode streamMode, std::shared_ptr<DeviceEventQueue> deviceEvents,
+std::shared_ptr<StreamSession> StreamSession::make(UsbConnection &connection, const Shape &shape,
+                                                   std::shared_ptr<DeviceEventQueue> events,
+                                                   const DeviceName &name) {
+    const int packetSize = connection.maxPacketSize(shape.endpoint);
+    if (packetSize <= 0)
+        throw EndpointError("the endpoint has no packet size");
+    auto session = std::make_shared<StreamSession>(
+        connection, shape, static_cast<uint64_t>(packetSize), std::move(events), name);
+    connection.attach(session);
+    return session;
+}
+
+StreamSession::StreamSession(const UsbConnection &connection, const Shape &shape,
+                             uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
-    : ring(bufferSize, bufferCount, kStreamMaxTransferSize, packetSize),
-      mode(streamMode),
-      events(std::move(deviceEvents)),
-      deviceName(name),
-      started(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED)),
-      error(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)) {}
+    : TransferSet(makeSlots(), connection.handle(), shape.endpoint),
+      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize),
+      mode_(shape.mode),
+      events_(std::move(events)),
+      deviceName_(name),
+      started_(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED)),
+      error_(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)) {}
+
+TransferSet::Slots StreamSession::makeSlots() {
+    Slots slots(kStreamTransferCount);
+    for (auto &slot : slots)
+        slot = std::make_unique<Piece>();
+    return slots;
+}
 
 void StreamSession::begin() {
-    const std::lock_guard lock(mutex);
-    logLine(LogLevel::Info, "%s: stream on endpoint 0x%02x started%s", deviceName.text(),
-            static_cast<unsigned>(slots.front().transfer->endpoint),
-            mode == StreamMode::Strict ? ", strict" : "");
-    for (Slot &slot : slots) {
-        if (failed || stopRequested)
-            release(slot);
+    const MutexLock lock(mutex_);
+    logLine(LogLevel::Info, "%s: stream on endpoint 0x%02x started%s", deviceName_.text(),
+            static_cast<unsigned>(slots_.front()->transfer->endpoint),
+            mode_ == StreamMode::Strict ? ", strict" : "");
+    for (const auto &slot : slots_) {
+        if (failed_ || stopRequested_)
+            release(*slot);
         else
-            submitNext(slot);
+            submitNext(static_cast<Piece &>(*slot));
     }
-    events->post(started);
+    events_->post(started_);
 }
 
 void StreamSession::completed(Slot &slot) {
-    if (mayGoOnAfter(slot))
-        submitNext(slot);
+    auto &piece = static_cast<Piece &>(slot);
+    if (mayGoOnAfter(piece))
+        submitNext(piece);
     else
-        release(slot);
+        release(piece);
 }
 
 // Deals with what the transfer brought, and tells whether it is to be submitted again.
-bool StreamSession::mayGoOnAfter(const Slot &slot) {
-    const libusb_transfer &transfer = *slot.transfer;
-    const bool ended = failed || stopRequested;
+bool StreamSession::mayGoOnAfter(const Piece &piece) {
+    const libusb_transfer &transfer = *piece.transfer;
+    const bool ended = failed_ || stopRequested_;
     const bool completed = transfer.status == LIBUSB_TRANSFER_COMPLETED;
     const bool whole = completed && transfer.actual_length == transfer.length;
     if (!whole && !ended)
         logBadTransfer(transfer);
-    if (mode == StreamMode::Strict && (ended || !whole)) {
+    if (mode_ == StreamMode::Strict && (ended || !whole)) {
         if (!ended)
             fail();
         return false;
     }
     if (!completed)
         return false;
-    bytesReceived += static_cast<uint64_t>(transfer.actual_length);
-    return postFull(ring.transferCompleted(infos[slot.index])) && !ended;
+    bytesReceived_ += static_cast<uint64_t>(transfer.actual_length);
+    return postFull(ring_.transferCompleted(piece.info)) && !ended;
 }
 
 bool StreamSession::postFull(uint64_t buffers) {
     for (; buffers > 0; --buffers) {
-        if (!events->tryPost(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)) {
+        if (!events_->tryPost(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)) {
             logLine(LogLevel::Error, "%s: no memory for an event of the stream, which ends",
-                    deviceName.text());
+                    deviceName_.text());
             fail();
             return false;
         }
-        ++buffersReported;
+        ++buffersReported_;
     }
     return true;
 }
 
-void StreamSession::submitNext(Slot &slot) {
-    if (submitPiece(slot))
+void StreamSession::submitNext(Piece &piece) {
+    if (submitPiece(piece))
         return;
-    release(slot);
+    release(piece);
     fail();
 }
 
-bool StreamSession::submitPiece(Slot &slot) {
-    DataStreamTransferInfo &info = infos[slot.index];
-    if (!ring.nextTransfer(info)) {
+bool StreamSession::submitPiece(Piece &piece) {
+    if (!ring_.nextTransfer(piece.info)) {
         logFullRing();
         return false;
     }
-    const int result = submit(slot, info.destination, static_cast<int>(info.transferLength));
+    const int result =
+        submit(piece, piece.info.destination, static_cast<int>(piece.info.transferLength));
     if (result != LIBUSB_SUCCESS)
         logRefusedTransfer(result);
     return result == LIBUSB_SUCCESS;
@@ -109,17 +117,17 @@ bool StreamSession::submitPiece(Slot &slot) {
 
 // Ends the run: what is in flight is cancelled, so that nothing gets written behind the gap.
 void StreamSession::fail() {
-    failed = true;
+    failed_ = true;
     cancelAll();
-    events->post(error);
+    events_->post(error_);
 }
 
 void StreamSession::logBadTransfer(const libusb_transfer &transfer) const {
     logLine(LogLevel::Error,
             "%s: stream on endpoint 0x%02x, after %" PRIu64 " bytes: %s with %d of %d bytes; %s",
-            deviceName.text(), static_cast<unsigned>(transfer.endpoint), bytesReceived,
+            deviceName_.text(), static_cast<unsigned>(transfer.endpoint), bytesReceived_,
             transferStatusName(transfer.status), transfer.actual_length, transfer.length,
-            mode == StreamMode::Strict
+            mode_ == StreamMode::Strict
                 ? "the stream ends"
                 : "the rest is missing from the stream (VEXA_USB_STREAM=strict ends it here)");
 }
@@ -129,7 +137,7 @@ void StreamSession::logFullRing() const {
             "%s: the stream ends after %" PRIu64
             " bytes: no buffer is free, the caller holds %" PRIu64
             " that were reported full; give buffers back sooner, or start with more of them",
-            deviceName.text(), bytesReceived, buffersReported - ring.buffersReleased());
+            deviceName_.text(), bytesReceived_, buffersReported_ - ring_.buffersReleased());
 }
 
 void StreamSession::logRefusedTransfer(int result) const {
@@ -144,7 +152,7 @@ void StreamSession::logRefusedTransfer(int result) const {
     }
     logLine(LogLevel::Error,
             "%s: the stream ends after %" PRIu64 " bytes: a transfer was refused: %s%s",
-            deviceName.text(), bytesReceived, libusb_error_name(result), advice.data());
+            deviceName_.text(), bytesReceived_, libusb_error_name(result), advice.data());
 }
 
 } // namespace vexausb

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -13,44 +12,80 @@
 
 namespace vexausb {
 
+class UsbConnection;
+
 inline constexpr size_t kStreamTransferCount = 3;
 inline constexpr uint64_t kStreamMaxTransferSize = 524288;
 
+/*
+ * One run of a data stream, from start to stop: the ring and the transfers that fill it.
+ *
+ * Life: held by its device, by the connection that is to end it, and by every transfer in flight,
+ * so the ring outlives the last write to it.  A run that failed stays failed; the next start makes
+ * another session.
+ *
+ * Threads: begin() on the caller's thread, completed() on the thread that handles libusb's events.
+ * "Look whether to go on, take the next piece, submit it" is one step under the mutex, so that
+ * pieces reach libusb in ring order and the started event precedes every buffer-full one.  Events
+ * are posted under it; the queue's own lock is taken inside it.  The consumer's side is not under
+ * the mutex: the device's stream mutex lets one thread at a time come there.
+ *
+ * Modes: by default, a transfer that brings less than it was to leaves a gap that nobody is told
+ * of, and one behind the gap still counts.  A strict run ends at its first gap: no buffer is
+ * reported from there on.
+ */
 class StreamSession final : public TransferSet {
 public:
-    StreamSession(uint64_t bufferSize, uint64_t bufferCount, uint64_t packetSize,
-                  StreamMode streamMode, std::shared_ptr<DeviceEventQueue> deviceEvents,
-                  const DeviceName &name);
+    struct Shape {
+        uint8_t endpoint;
+        uint64_t bufferSize;
+        uint64_t bufferCount;
+        StreamMode mode;
+    };
 
-    void begin();
+    // A run that is ready to begin and that the connection ends when it closes.  The caller holds a
+    // Use of the connection.  Throws EndpointError where the device has no such endpoint or its
+    // packets have no size, and other exceptions for want of memory.
+    static std::shared_ptr<StreamSession> make(UsbConnection &connection, const Shape &shape,
+                                               std::shared_ptr<DeviceEventQueue> events,
+                                               const DeviceName &name);
 
-    // The consumer's side; the device's lock lets one thread at a time come here.
-    bool lockBuffer(uint8_t *&data, uint64_t &size) { return ring.lock(data, size); }
-    bool unlockBuffer() { return ring.unlock(); }
+    // For make().
+    StreamSession(const UsbConnection &connection, const Shape &shape, uint64_t packetSize,
+                  std::shared_ptr<DeviceEventQueue> events, const DeviceName &name);
+
+    void begin() EXCLUDES(mutex_);
+
+    // The consumer's side.
+    bool lockBuffer(uint8_t *&data, uint64_t &size) { return ring_.lock(data, size); }
+    bool unlockBuffer() { return ring_.unlock(); }
 
 private:
-    void completed(Slot &slot) override;
-    bool mayGoOnAfter(const Slot &slot);
-    bool postFull(uint64_t buffers);
-    void submitNext(Slot &slot);
-    bool submitPiece(Slot &slot);
-    void fail();
-    void logBadTransfer(const libusb_transfer &transfer) const;
-    void logFullRing() const;
-    void logRefusedTransfer(int result) const;
+    // A transfer, and what it does to the ring.
+    struct Piece final : Slot {
+        DataStreamTransferInfo info;
+    };
 
-    DataStream ring;
-    const StreamMode mode;
-    const std::shared_ptr<DeviceEventQueue> events;
-    const DeviceName deviceName;
+    static Slots makeSlots();
+    void completed(Slot &slot) override REQUIRES(mutex_);
+    bool mayGoOnAfter(const Piece &piece) REQUIRES(mutex_);
+    bool postFull(uint64_t buffers) REQUIRES(mutex_);
+    void submitNext(Piece &piece) REQUIRES(mutex_);
+    bool submitPiece(Piece &piece) REQUIRES(mutex_);
+    void fail() REQUIRES(mutex_);
+    void logBadTransfer(const libusb_transfer &transfer) const REQUIRES(mutex_);
+    void logFullRing() const REQUIRES(mutex_);
+    void logRefusedTransfer(int result) const REQUIRES(mutex_);
 
-    // The members below are guarded by mutex.
-    std::array<DataStreamTransferInfo, kStreamTransferCount> infos; // one a slot
-    DeviceEventQueue::Prepared started;
-    DeviceEventQueue::Prepared error; // until the run has failed
-    bool failed = false;
-    uint64_t bytesReceived = 0;
-    uint64_t buffersReported = 0;
+    DataStream ring_; // the producer's side under the mutex
+    const StreamMode mode_;
+    const std::shared_ptr<DeviceEventQueue> events_;
+    const DeviceName deviceName_;
+    DeviceEventQueue::Prepared started_ GUARDED_BY(mutex_);
+    DeviceEventQueue::Prepared error_ GUARDED_BY(mutex_); // until the run has failed
+    bool failed_ GUARDED_BY(mutex_) = false;
+    uint64_t bytesReceived_ GUARDED_BY(mutex_) = 0;
+    uint64_t buffersReported_ GUARDED_BY(mutex_) = 0;
 };
 
 } // namespace vexausb

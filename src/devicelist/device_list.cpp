@@ -17,29 +17,16 @@
 
 namespace vexausb {
 
-/*
- * The supported devices that are attached.  Entries come in by hot-plug arrivals and by update(),
- * and leave by hot-plug departures or with the whole list.
- *
- * Life: made by the first initialisation, dropped by the last fini; a call on another thread that
- * is still at work then keeps the list until it is done.
- *
- * Threads: update() and snapshot() on callers' threads, arrivals and departures on whichever
- * thread handles libusb's events.  "usb-devicelist", owned by `events`, calls the caller's
- * callbacks for each change, and then releases an entry that has left, which tells the device
- * opened from it: so that happens under no lock, and neither the last fini nor the bus waits for
- * it.
- */
 DeviceList::DeviceList()
-    : events(std::make_shared<EventQueue<DeviceListEvent>>(
-          [shared = callbacks](const DeviceListEvent &event) { shared->handleEvent(event); })) {
-    events->start("usb-devicelist");
+    : events_(std::make_shared<Queue>(
+          [shared = callbacks_](const DeviceListEvent &event) { shared->handleEvent(event); })) {
+    events_->start("usb-devicelist");
 }
 
 DeviceList::~DeviceList() {
-    callbacks->clear();
-    events->stop();
-    for (const auto &item : items)
+    callbacks_->clear();
+    events_->stop();
+    for (const auto &item : items_)
         item->setLeft();
 }
 
@@ -50,7 +37,7 @@ void DeviceList::update() {
     if (!use)
         return;
     std::optional<LibusbDeviceArray> attached; // released after the unlocking
-    const std::lock_guard lock(callbacks->mutex);
+    const MutexLock lock(mutex_);
     attached.emplace(libusbContext);
     if (attached->error() != LIBUSB_SUCCESS)
         logLine(LogLevel::Error, "the bus cannot be read: %s",
@@ -66,7 +53,7 @@ void DeviceList::update() {
 
 // Without memory for an entry the device is not listed before the next update.
 void DeviceList::deviceArrived(libusb_device *device) {
-    const std::lock_guard lock(callbacks->mutex);
+    const MutexLock lock(mutex_);
     try {
         addIfUnknown(device);
     } catch (const std::bad_alloc &) {
@@ -75,57 +62,57 @@ void DeviceList::deviceArrived(libusb_device *device) {
 }
 
 void DeviceList::deviceLeft(libusb_device *device) noexcept {
-    const std::lock_guard lock(callbacks->mutex);
+    const MutexLock lock(mutex_);
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
-    if (position != items.end())
+    if (position != items_.end())
         removeItem(position);
 }
 
 std::vector<std::shared_ptr<AbstractDeviceListItem>> DeviceList::snapshot() {
-    const std::lock_guard lock(callbacks->mutex);
-    return {items.begin(), items.end()};
+    const MutexLock lock(mutex_);
+    return {items_.begin(), items_.end()};
 }
 
 void DeviceList::addCallback(ListCallbacks::Callback callback, uint32_t &id) {
-    callbacks->add(std::move(callback), id);
+    callbacks_->add(std::move(callback), id);
 }
 
 void DeviceList::removeCallback(uint32_t id) {
-    callbacks->remove(id);
+    callbacks_->remove(id);
 }
 
 DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t deviceAddress) {
-    return std::find_if(items.begin(), items.end(),
+    return std::find_if(items_.begin(), items_.end(),
                         [&](const auto &item) { return item->isAt(busNumber, deviceAddress); });
 }
 
 // All the memory first: an entry is listed and reported, or neither, and one that is listed can be
 // taken off again in any case.
 void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item) {
-    auto added = events->prepare({VEXA_USB_DEVICE_LIST_EVENT_ADDED, item});
-    auto removal = events->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
-    items.push_back(std::move(item));
-    removals.splice(removals.end(), removal);
-    items.back()->logChange("plugged in");
-    events->post(added);
+    auto added = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_ADDED, item});
+    auto removal = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
+    items_.push_back(std::move(item));
+    removals_.splice(removals_.end(), removal);
+    items_.back()->logChange("plugged in");
+    events_->post(added);
 }
 
 // The entry moves into the event: no reference is left here that could turn out to be the last.
 void DeviceList::removeItem(Items::iterator position) noexcept {
-    EventQueue<DeviceListEvent>::Prepared removal;
-    removal.splice(removal.begin(), removals, removals.begin());
+    Queue::Prepared removal;
+    removal.splice(removal.begin(), removals_, removals_.begin());
     removal.front().item = std::move(*position);
     removal.front().item->setLeft();
     removal.front().item->logChange("unplugged");
-    items.erase(position);
-    events->post(removal);
+    items_.erase(position);
+    events_->post(removal);
 }
 
 void DeviceList::addIfUnknown(libusb_device *device) {
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
-    if (position == items.end())
+    if (position == items_.end())
         addItem(std::make_shared<DeviceListItemLibUSB>(device));
 }
 

@@ -13,13 +13,9 @@
 
 namespace vexausb {
 
-/*
- * An entry for a device that libusb sees.  Bus number and device address are its only link to the
- * bus; it holds no libusb object, so it may live on after the libusb context.
- */
 DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
-    : busNumber(libusb_get_bus_number(attached)),
-      deviceAddress(libusb_get_device_address(attached)) {
+    : busNumber_(libusb_get_bus_number(attached)),
+      deviceAddress_(libusb_get_device_address(attached)) {
     libusb_device_descriptor descriptor{};
     if (libusb_get_device_descriptor(attached, &descriptor) != LIBUSB_SUCCESS)
         throw std::runtime_error("libusb_get_device_descriptor() failed");

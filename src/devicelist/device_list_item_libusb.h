@@ -10,6 +10,10 @@
 
 namespace vexausb {
 
+/*
+ * An entry for a device that libusb sees.  Bus number and device address are its only link to the
+ * bus; it holds no libusb object, so it may live on after the libusb context.
+ */
 class DeviceListItemLibUSB final : public AbstractDeviceListItem {
 public:
     explicit DeviceListItemLibUSB(libusb_device *attached);
@@ -17,19 +21,19 @@ public:
     int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) override;
 
     bool isAt(uint8_t bus, uint8_t address) const override {
-        return bus == busNumber && address == deviceAddress;
+        return bus == busNumber_ && address == deviceAddress_;
     }
 
     void logChange(const char *what) const override;
 
 private:
-    DeviceName name() const { return {vendorId, productId, busNumber, deviceAddress}; }
+    DeviceName name() const { return {vendorId, productId, busNumber_, deviceAddress_}; }
     void logFailedOpen(int result) const;
     int32_t openDevice(libusb_device *found, std::shared_ptr<AbstractDevice> &opened,
                        DeviceEventHandler handler);
 
-    const uint8_t busNumber;
-    const uint8_t deviceAddress;
+    const uint8_t busNumber_;
+    const uint8_t deviceAddress_;
 };
 
 } // namespace vexausb

@@ -22,8 +22,8 @@ public:
     std::span<libusb_device *const> devices() const;
 
 private:
-    libusb_device **list = nullptr;
-    const ssize_t count;
+    libusb_device **list_ = nullptr;
+    const ssize_t count_;
 };
 
 } // namespace vexausb

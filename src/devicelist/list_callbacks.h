@@ -4,8 +4,8 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "core/mutex.h"
 #include "devicelist/abstract_device_list_item.h"
 
 namespace vexausb {
@@ -15,27 +15,35 @@ struct DeviceListEvent {
     std::shared_ptr<AbstractDeviceListItem> item;
 };
 
+/*
+ * The caller's device-list callbacks, and the delivery of the list's changes to them.
+ *
+ * Life: shared by the device list and by the handler of its event queue, so that a delivery in
+ * progress goes on when the last fini drops the list meanwhile, and nobody waits for it.
+ *
+ * Threads: add, remove and clear on callers' threads; handleEvent on "usb-devicelist", which calls
+ * the callbacks of that moment with no lock held (registrations make a new map, so that neither a
+ * delivery nor the last fini needs memory).  So a callback may do anything, and one that is
+ * removed during a delivery can be called once more.
+ */
 class ListCallbacks {
 public:
     using Callback =
         std::function<void(uint32_t type, const std::shared_ptr<AbstractDeviceListItem> &item)>;
 
     // Writes `id` before the callback can be called.
-    void add(Callback callback, uint32_t &id);
-    void remove(uint32_t id);
-    void clear() noexcept;
-    void handleEvent(const DeviceListEvent &event);
-
-    // The device list's mutex, too: it guards the list's entries as well as the members below.
-    // Taken before the mutex of the list's event queue, never the other way round.
-    std::mutex mutex;
+    void add(Callback callback, uint32_t &id) EXCLUDES(mutex_);
+    void remove(uint32_t id) EXCLUDES(mutex_);
+    void clear() noexcept EXCLUDES(mutex_);
+    void handleEvent(const DeviceListEvent &event) EXCLUDES(mutex_);
 
 private:
     using Callbacks = std::map<int32_t, Callback>;
 
-    const std::shared_ptr<const Callbacks> none = std::make_shared<Callbacks>();
-    std::shared_ptr<const Callbacks> callbacks = none;
-    uint32_t nextCallbackId = 0;
+    const std::shared_ptr<const Callbacks> none_ = std::make_shared<Callbacks>();
+    Mutex mutex_;
+    std::shared_ptr<const Callbacks> callbacks_ GUARDED_BY(mutex_) = none_;
+    uint32_t nextCallbackId_ GUARDED_BY(mutex_) = 0;
 };
 
 } // namespace vexausb

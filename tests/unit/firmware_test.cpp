@@ -318,7 +318,7 @@ TEST_F(Imx7Test, RetriesCommandsOnly) {
 }
 
 TEST_F(Imx7Test, LooksAtTheHeaders) {
-    for (const size_t wrong : {0, 12, 15}) {
+    for (const size_t wrong : std::initializer_list<size_t>{0, 12, 15}) {
         ++spl[wrong];
         EXPECT_EQ(load(), -1);
         --spl[wrong];
