@@ -31,16 +31,18 @@
  * open as removed.  Their handles stay valid and are closed after a later vexa_usb_init().
  *
  * **Memory.** Functions that allocate may let a C++ exception (`std::bad_alloc`,
- * `std::system_error`) through where no status is documented for it; C programs then end.  Stopping,
+ * `std::system_error`) through where no status is documented for it; C programs then end. Stopping,
  * closing and finalising need no memory.  Without memory for an event, a stream ends with
  * #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR, an event pipe ends, and a device that was plugged in is
  * listed by the next update.
  *
- * **Environment.** Two variables change what the library does; it reads no others and no files:
+ * **Environment.** Two variables change what the library does:
  * - `VEXA_USB_LOG`, read when the library is started: `error`, `info` or `debug` has it write to
- *   standard error why something failed and what to do about it; unset or empty, it is silent.
+ *   standard error why something failed and what to do about it; unset or empty, it is silent; any
+ *   other word is taken for `error`.  Lines are written where things happen, so standard error has
+ *   to be drained: while it blocks, the library does.
  * - `VEXA_USB_STREAM`, read at each vexa_usb_data_stream_start(): `strict` has a stream end at its
- *   first gap; unset, empty or `default`, it goes on.
+ *   first gap; unset, empty, `default` or any other word, it goes on.
  *
  * **Unloading.** The library stays in memory when a program that has loaded it with dlopen() closes
  * it: its threads may still be at work.  Loading it again finds it as it was left.
@@ -219,7 +221,8 @@ VEXA_USB_API void vexa_usb_init(void);
  * yet to hear of, when the callback that is running returns) and returns; callbacks in progress are
  * not waited for.  Calls in progress on other threads are: a synchronous transfer for at most its
  * time limit of 1000 ms, a vexa_usb_open() or vexa_usb_update_device_list() for as long as the
- * system takes, which has no limit.
+ * system takes, which has no limit.  Devices that do not give up their event transfers are waited
+ * for, half a second at most for all together.
  *
  * A call too many is an error that is not detected: the library no longer works then.
  */
@@ -469,7 +472,7 @@ VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpo
  * One transfer of the endpoint's packet size is kept armed.  The pipe can be enabled once for each
  * opened device: close and open the device to enable it again, also after a
  * vexa_usb_event_pipe_disable(), and after the transfer has ended by itself because of an error,
- * which is not reported.
+ * which only the log tells.
  *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 set; interrupt or bulk
@@ -513,15 +516,14 @@ VEXA_USB_API int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device);
  * refuses a transfer, reports #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR once; when that is during
  * the start, before the started event.  Buffers reported full can still be drained, one for each
  * buffer-full event and no more: what further locks would give was never filled.  Nothing is ever
- * overwritten.  The stream stays active, and must be
- * stopped before another start.
+ * overwritten.  The stream stays active, and must be stopped before another start.
  *
  * **Gaps.** By default only those ends are reported.  A transfer that fails on the bus is dropped
  * without an event: no buffer-full event comes for a buffer that it was to complete, further locks
  * may give buffers out of step with their events, and when all three transfers have failed the
- * events cease.  Data that a device cuts short with a short packet leave a gap of unspecified bytes.
- * And behind the error event one more buffer may be reported full whose data come from behind the
- * gap: read nothing after it.
+ * events cease.  Data that a device cuts short with a short packet leave a gap of unspecified
+ * bytes.  And behind the error event buffers may be reported full whose data come from behind the
+ * gap: drain what was reported before it, and nothing that is reported behind it.
  *
  * With `VEXA_USB_STREAM=strict` in the environment at the start, which every new driver should set,
  * a transfer that fails or brings less than it was to ends the stream as a refused one does, with

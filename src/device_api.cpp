@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 
+#include "core/log.h"
 #include "device/abstract_device.h"
 #include "device/device_call.h"
 #include "devicelist/list_record.h"
@@ -67,8 +68,11 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
     if (!checks.passed())
         return checks.status();
     const std::shared_ptr<AbstractDeviceListItem> item = recordItem(*entry).lock();
-    if (item == nullptr)
+    if (item == nullptr) {
+        logLine(LogLevel::Error, "%04x:%04x: cannot be opened: it has left; get a new list",
+                static_cast<unsigned>(entry->vendor_id), static_cast<unsigned>(entry->product_id));
         return VEXA_USB_STATUS_UNKNOWN;
+    }
     try {
         auto handle = std::make_unique<_vexa_usb_device>();
         const int32_t status =
@@ -79,6 +83,7 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
             *device = handle.release();
         return status;
     } catch (const std::bad_alloc &) {
+        logLine(LogLevel::Error, "no memory to open a device");
         return VEXA_USB_STATUS_UNKNOWN;
     }
 }

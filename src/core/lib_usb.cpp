@@ -24,8 +24,9 @@ void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
             libusb_hotplug_register_callback(libusbContext, events, 0, device.vendor, product,
                                              LIBUSB_HOTPLUG_MATCH_ANY, onHotplug, nullptr, nullptr);
         if (result != LIBUSB_SUCCESS)
-            logLine(LogLevel::Error, "devices of vendor %04x are not followed: %s",
-                    static_cast<unsigned>(device.vendor), libusb_error_name(result));
+            logLine(LogLevel::Error,
+                    "the bus is not followed for the kind %s: %s; updates list it all the same",
+                    device.kind, libusb_error_name(result));
     }
 }
 
@@ -53,8 +54,11 @@ void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
     const int result = libusb_init(&libusbContext);
     if (result != LIBUSB_SUCCESS) {
         libusbContext = nullptr;
-        logLine(LogLevel::Error, "USB cannot be used, and no device will be listed: %s",
-                libusb_error_name(result));
+        logLine(
+            LogLevel::Error,
+            "USB cannot be used, and no device will be listed: %s; is /dev/bus/usb there, and may "
+            "this user read it?",
+            libusb_error_name(result));
         return;
     }
     registerHotplug(onHotplug);

@@ -27,7 +27,7 @@ std::atomic<LogLevel> currentLevel{LogLevel::Silent};
 void writeWhole(const char *line, size_t length) {
     while (length > 0) {
         const ssize_t written = write(STDERR_FILENO, line, length);
-        if (written < 0 && errno != EINTR)
+        if (written == 0 || (written < 0 && errno != EINTR))
             return;
         const auto done = static_cast<size_t>(std::max<ssize_t>(written, 0));
         line += done;

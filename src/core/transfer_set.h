@@ -69,6 +69,8 @@ protected:
     // The transfer is not needed any more.
     void release(Slot &slot) REQUIRES(mutex_);
     void cancelAll() REQUIRES(mutex_);
+    // Whether nothing is in flight.
+    bool isIdle() const REQUIRES(mutex_);
 
     Mutex mutex_;
     bool stopRequested_ GUARDED_BY(mutex_) = false;
@@ -76,7 +78,6 @@ protected:
 
 private:
     static void LIBUSB_CALL onComplete(libusb_transfer *transfer) noexcept;
-    bool isIdle() const REQUIRES(mutex_);
 
     // While any is in flight.
     std::optional<event_duty::Reserved> duty_ GUARDED_BY(mutex_);

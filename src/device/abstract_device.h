@@ -25,8 +25,8 @@ using DeviceEventHandler = DeviceEventQueue::Handler;
  *
  * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
  * its event queue, runs the caller's callback.  A close stops that worker without waiting for it,
- * so a callback may close its own device.  Of the events that are queued at the close none is
- * delivered; the one in hand, if there is one, still is.
+ * so a callback may close its own device.  Of the events that are still queued when it returns
+ * none is delivered; the one in hand, if there is one, still is.
  */
 class AbstractDevice {
 public:
@@ -35,9 +35,6 @@ public:
     AbstractDevice(const AbstractDevice &) = delete;
     AbstractDevice &operator=(const AbstractDevice &) = delete;
 
-    // The handle's owner is done with the device: gives back what it holds of the bus before it
-    // returns, whoever else still has a reference.  Needs no memory.
-    virtual void close();
     // Its list entry alone calls this.
     void setRemoved();
     virtual int32_t getKernelDriverVersion(_vexa_usb_version &version);
@@ -64,6 +61,10 @@ public:
     virtual int32_t dataStreamStop() = 0;
     virtual int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) = 0;
     virtual int32_t dataStreamBufferUnlock() = 0;
+
+    // The handle's owner is done with the device: gives back what it holds of the bus before it
+    // returns, whoever else still has a reference.  Needs no memory.
+    virtual void close();
 
     bool isRemoved() const { return removed_.load(std::memory_order_acquire); }
     bool hasEventPipe() const { return eventPipeSupported_; }

@@ -22,6 +22,7 @@ struct RateLimit {
 
 constexpr RateLimit kRateLimits[] = {{0x0300, 400000000}, {0x0200, 40000000}, {0x0110, 1000000}};
 constexpr uint64_t kStreamMemorySizeMax = 268435456;
+constexpr const char *kNoMemory = "no memory; use fewer or smaller buffers";
 
 uint64_t rateMaxFor(uint16_t bcdUsb) {
     for (const RateLimit &limit : kRateLimits) {
@@ -34,11 +35,11 @@ uint64_t rateMaxFor(uint16_t bcdUsb) {
 const char *claimAdvice(int result) {
     switch (result) {
     case LIBUSB_ERROR_BUSY:
-        return "; another program has the device open: end it first";
+        return "; another program, a kernel driver or another handle of this program has it";
     case LIBUSB_ERROR_NO_DEVICE:
         return "; the device has just left";
     default:
-        return "";
+        return "; plug the device in again";
     }
 }
 
@@ -61,7 +62,8 @@ void DeviceLibUSB::claim(libusb_device_handle *handle) {
     if (libusb_kernel_driver_active(handle, 0) == 1) {
         const int detached = libusb_detach_kernel_driver(handle, 0);
         if (detached != LIBUSB_SUCCESS)
-            logLine(LogLevel::Error, "%s: cannot take interface 0 from its kernel driver: %s",
+            logLine(LogLevel::Error,
+                    "%s: cannot take interface 0 from its kernel driver: %s; unload that driver",
                     deviceName_.text(), libusb_error_name(detached));
     }
     const int claimed = libusb_claim_interface(handle, 0);
@@ -180,6 +182,13 @@ void DeviceLibUSB::logFailedTransfer(uint8_t endpoint, int result) const {
             static_cast<unsigned>(endpoint), libusb_error_name(result));
 }
 
+int32_t DeviceLibUSB::logRefusedEndpoint(uint8_t endpoint, const char *reason,
+                                         int32_t status) const {
+    logLine(LogLevel::Error, "%s: endpoint 0x%02x cannot be used: %s", deviceName_.text(),
+            static_cast<unsigned>(endpoint), reason);
+    return status;
+}
+
 int32_t DeviceLibUSB::interruptTransferChunked(uint8_t endpoint, uint8_t *data, uint64_t length,
                                                uint64_t *transferred) {
     return transferChunked(libusb_interrupt_transfer, endpoint, data, length, transferred);
@@ -221,10 +230,10 @@ int32_t DeviceLibUSB::eventPipeEnable(uint8_t endpoint) {
         return VEXA_USB_STATUS_UNKNOWN;
     try {
         eventPipe_ = EventPipe::make(*connection_, endpoint, eventQueue_, deviceName_);
+    } catch (const EndpointError &error) {
+        return logRefusedEndpoint(endpoint, error.what(), VEXA_USB_STATUS_UNKNOWN);
     } catch (const std::bad_alloc &) {
-        return VEXA_USB_STATUS_NO_MEMORY;
-    } catch (const EndpointError &) {
-        return VEXA_USB_STATUS_UNKNOWN;
+        return logRefusedEndpoint(endpoint, kNoMemory, VEXA_USB_STATUS_NO_MEMORY);
     }
     eventPipeActive_.store(true); // before the first event, whose callback may disable the pipe
     if (!eventPipe_->arm()) {
@@ -256,10 +265,10 @@ int32_t DeviceLibUSB::dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uin
         stream_ = StreamSession::make(*connection_,
                                       {endpoint, bufferSize, bufferCount, wantedStreamMode()},
                                       eventQueue_, deviceName_);
-    } catch (const EndpointError &) {
-        return VEXA_USB_STATUS_UNKNOWN;
+    } catch (const EndpointError &error) {
+        return logRefusedEndpoint(endpoint, error.what(), VEXA_USB_STATUS_UNKNOWN);
     } catch (const std::exception &) {
-        return VEXA_USB_STATUS_NO_MEMORY;
+        return logRefusedEndpoint(endpoint, kNoMemory, VEXA_USB_STATUS_NO_MEMORY);
     }
     dataStreamActive_.store(true);
     stream_->begin();

@@ -70,6 +70,8 @@ private:
                                 uint64_t *transferred);
 
     void logFailedTransfer(uint8_t endpoint, int result) const;
+    // Answers `status`.
+    int32_t logRefusedEndpoint(uint8_t endpoint, const char *reason, int32_t status) const;
 
     const DeviceName deviceName_;
     libusb_device_descriptor descriptor_{}; // constant once constructed

@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/transfer_status.h"
 #include "core/usb_connection.h"
+#include "core/usbfs_limit.h"
 
 namespace vexausb {
 
@@ -47,8 +48,12 @@ TransferSet::Slots EventPipe::makeSlots() {
 bool EventPipe::arm() {
     const MutexLock lock(mutex_);
     Slot &slot = *slots_.front();
-    if (submitNext(slot))
+    const int result = stopRequested_ ? LIBUSB_ERROR_NO_DEVICE : submit(slot);
+    if (result == LIBUSB_SUCCESS)
         return true;
+    logLine(LogLevel::Error, "%s: endpoint 0x%02x sends no events: its transfer was refused: %s%s",
+            deviceName_.text(), static_cast<unsigned>(slot.transfer->endpoint),
+            libusb_error_name(result), refusalAdvice(result).text.data());
     release(slot);
     return false;
 }
@@ -63,10 +68,14 @@ void EventPipe::completed(Slot &slot) {
     release(slot);
 }
 
+int EventPipe::submit(Slot &slot) {
+    return TransferSet::submit(slot, buffer_.data(), static_cast<int>(buffer_.size()));
+}
+
 bool EventPipe::submitNext(Slot &slot) {
     if (stopRequested_)
         return false;
-    const int result = submit(slot, buffer_.data(), static_cast<int>(buffer_.size()));
+    const int result = submit(slot);
     if (result != LIBUSB_SUCCESS)
         logEnd(slot, libusb_error_name(result));
     return result == LIBUSB_SUCCESS;

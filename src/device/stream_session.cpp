@@ -1,8 +1,6 @@
 #include "device/stream_session.h"
 
-#include <array>
 #include <cinttypes>
-#include <cstdio>
 #include <utility>
 
 #include "core/log.h"
@@ -58,10 +56,13 @@ void StreamSession::begin() {
 
 void StreamSession::completed(Slot &slot) {
     auto &piece = static_cast<Piece &>(slot);
-    if (mayGoOnAfter(piece))
+    if (mayGoOnAfter(piece)) {
         submitNext(piece);
-    else
-        release(piece);
+        return;
+    }
+    release(piece);
+    if (isIdle() && !failed_ && !stopRequested_)
+        logSilentEnd();
 }
 
 // Deals with what the transfer brought, and tells whether it is to be submitted again.
@@ -123,36 +124,42 @@ void StreamSession::fail() {
 }
 
 void StreamSession::logBadTransfer(const libusb_transfer &transfer) const {
+    const char *consequence = "the rest of it is missing from the stream";
+    if (mode_ == StreamMode::Strict)
+        consequence = "the stream ends; stop it, and start it again";
+    else if (transfer.status != LIBUSB_TRANSFER_COMPLETED)
+        consequence = "its piece is missing from the stream, and one transfer fewer goes on";
     logLine(LogLevel::Error,
-            "%s: stream on endpoint 0x%02x, after %" PRIu64 " bytes: %s with %d of %d bytes; %s",
+            "%s: stream on endpoint 0x%02x, after %" PRIu64 " bytes: %s with %d of %d bytes; %s%s",
             deviceName_.text(), static_cast<unsigned>(transfer.endpoint), bytesReceived_,
             transferStatusName(transfer.status), transfer.actual_length, transfer.length,
-            mode_ == StreamMode::Strict
-                ? "the stream ends"
-                : "the rest is missing from the stream (VEXA_USB_STREAM=strict ends it here)");
+            consequence,
+            mode_ == StreamMode::Strict ? "" : " (VEXA_USB_STREAM=strict ends it here)");
+}
+
+// Where the last transfer has failed by itself, no event tells of the end.
+void StreamSession::logSilentEnd() const {
+    logLine(LogLevel::Error,
+            "%s: the stream has ended after %" PRIu64
+            " bytes: no transfer is left, and no event will come; stop it, and start it again",
+            deviceName_.text(), bytesReceived_);
 }
 
 void StreamSession::logFullRing() const {
+    const uint64_t released = ring_.buffersReleased();
     logLine(LogLevel::Error,
             "%s: the stream ends after %" PRIu64
             " bytes: no buffer is free, the caller holds %" PRIu64
             " that were reported full; give buffers back sooner, or start with more of them",
-            deviceName_.text(), bytesReceived_, buffersReported_ - ring_.buffersReleased());
+            deviceName_.text(), bytesReceived_,
+            buffersReported_ > released ? buffersReported_ - released : 0);
 }
 
 void StreamSession::logRefusedTransfer(int result) const {
-    std::array<char, 160> advice{};
-    if (result == LIBUSB_ERROR_NO_MEM && logs(LogLevel::Error)) {
-        const auto limit = usbfsMemoryLimit();
-        std::snprintf(advice.data(), advice.size(),
-                      "; the system allows all programs together %" PRIu64
-                      " MiB for USB transfers: echo 256 > "
-                      "/sys/module/usbcore/parameters/usbfs_memory_mb",
-                      limit.value_or(0));
-    }
     logLine(LogLevel::Error,
             "%s: the stream ends after %" PRIu64 " bytes: a transfer was refused: %s%s",
-            deviceName_.text(), bytesReceived_, libusb_error_name(result), advice.data());
+            deviceName_.text(), bytesReceived_, libusb_error_name(result),
+            refusalAdvice(result).text.data());
 }
 
 } // namespace vexausb

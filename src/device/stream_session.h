@@ -74,6 +74,7 @@ private:
     bool submitPiece(Piece &piece) REQUIRES(mutex_);
     void fail() REQUIRES(mutex_);
     void logBadTransfer(const libusb_transfer &transfer) const REQUIRES(mutex_);
+    void logSilentEnd() const REQUIRES(mutex_);
     void logFullRing() const REQUIRES(mutex_);
     void logRefusedTransfer(int result) const REQUIRES(mutex_);
 

@@ -40,14 +40,14 @@ void DeviceList::update() {
     const MutexLock lock(mutex_);
     attached.emplace(libusbContext);
     if (attached->error() != LIBUSB_SUCCESS)
-        logLine(LogLevel::Error, "the bus cannot be read: %s",
+        logLine(LogLevel::Error, "the bus cannot be read: %s; 'lsusb' shows what the system sees",
                 libusb_error_name(attached->error()));
     for (libusb_device *device : attached->devices()) {
         libusb_device_descriptor descriptor{};
         if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS)
             continue;
         if (findSupportedDevice(descriptor.idVendor, descriptor.idProduct) != nullptr)
-            addIfUnknown(device);
+            addIfUnknown(device, "listed");
     }
 }
 
@@ -55,9 +55,10 @@ void DeviceList::update() {
 void DeviceList::deviceArrived(libusb_device *device) {
     const MutexLock lock(mutex_);
     try {
-        addIfUnknown(device);
+        addIfUnknown(device, "plugged in");
     } catch (const std::bad_alloc &) {
-        logLine(LogLevel::Error, "no memory to list a device that was plugged in");
+        logLine(LogLevel::Error, "no memory to list a device that was plugged in: "
+                                 "vexa_usb_update_device_list() will do so");
     }
 }
 
@@ -89,12 +90,12 @@ DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t devi
 
 // All the memory first: an entry is listed and reported, or neither, and one that is listed can be
 // taken off again in any case.
-void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item) {
+void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *news) {
     auto added = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_ADDED, item});
     auto removal = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
     items_.push_back(std::move(item));
     removals_.splice(removals_.end(), removal);
-    items_.back()->logChange("plugged in");
+    items_.back()->logChange(news);
     events_->post(added);
 }
 
@@ -109,11 +110,11 @@ void DeviceList::removeItem(Items::iterator position) noexcept {
     events_->post(removal);
 }
 
-void DeviceList::addIfUnknown(libusb_device *device) {
+void DeviceList::addIfUnknown(libusb_device *device, const char *news) {
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
     if (position == items_.end())
-        addItem(std::make_shared<DeviceListItemLibUSB>(device));
+        addItem(std::make_shared<DeviceListItemLibUSB>(device), news);
 }
 
 } // namespace vexausb

@@ -50,9 +50,10 @@ private:
     using Queue = EventQueue<DeviceListEvent>;
 
     Items::iterator findItem(uint8_t busNumber, uint8_t deviceAddress) REQUIRES(mutex_);
-    void addItem(std::shared_ptr<AbstractDeviceListItem> item) REQUIRES(mutex_);
+    void addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *news) REQUIRES(mutex_);
     void removeItem(Items::iterator position) noexcept REQUIRES(mutex_);
-    void addIfUnknown(libusb_device *device) REQUIRES(mutex_);
+    // `news` is for the log.
+    void addIfUnknown(libusb_device *device, const char *news) REQUIRES(mutex_);
 
     Mutex mutex_;
     Items items_ GUARDED_BY(mutex_);              // oldest first

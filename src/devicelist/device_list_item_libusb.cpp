@@ -13,6 +13,22 @@
 
 namespace vexausb {
 
+namespace {
+
+const char *openAdvice(int result) {
+    switch (result) {
+    case LIBUSB_ERROR_ACCESS:
+        return "no permission; install the udev rule 70-vexa-usb.rules, be in the group plugdev or "
+               "at the machine's own seat, and plug the device in again";
+    case LIBUSB_ERROR_NO_DEVICE:
+        return "the device has left; open the one that comes back from a new list";
+    default:
+        return "'lsusb' shows whether the system still sees it; plug it in again";
+    }
+}
+
+} // namespace
+
 DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
     : busNumber_(libusb_get_bus_number(attached)),
       deviceAddress_(libusb_get_device_address(attached)) {
@@ -26,11 +42,15 @@ DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
 int32_t DeviceListItemLibUSB::open(std::shared_ptr<AbstractDevice> &opened,
                                    DeviceEventHandler handler) {
     const UseGate::Use use = LibUSB::useContext();
-    if (!use || hasLeft())
+    if (!use || hasLeft()) {
+        logFailedOpen(LIBUSB_ERROR_NO_DEVICE);
         return VEXA_USB_STATUS_UNKNOWN;
+    }
     const LibusbDeviceArray attached(libusbContext);
-    if (attached.error() != LIBUSB_SUCCESS)
+    if (attached.error() != LIBUSB_SUCCESS) {
+        logFailedOpen(attached.error());
         return statusFromLibusbError(attached.error());
+    }
     for (libusb_device *candidate : attached.devices()) {
         if (isAt(libusb_get_bus_number(candidate), libusb_get_device_address(candidate)))
             return openDevice(candidate, opened, std::move(handler));
@@ -65,14 +85,8 @@ void DeviceListItemLibUSB::logChange(const char *what) const {
 
 void DeviceListItemLibUSB::logFailedOpen(int result) const {
     const DeviceName named = name();
-    if (result == LIBUSB_ERROR_ACCESS)
-        logLine(LogLevel::Error,
-                "%s: cannot be opened: %s: no permission for /dev/bus/usb/%s; install the udev "
-                "rule 70-vexa-usb.rules and plug the device in again",
-                named.text(), libusb_error_name(result), named.node());
-    else
-        logLine(LogLevel::Error, "%s: cannot be opened: %s", named.text(),
-                libusb_error_name(result));
+    logLine(LogLevel::Error, "%s: /dev/bus/usb/%s cannot be opened: %s: %s", named.text(),
+            named.node(), libusb_error_name(result), openAdvice(result));
 }
 
 } // namespace vexausb

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -22,9 +23,9 @@ struct DeviceListEvent {
  * progress goes on when the last fini drops the list meanwhile, and nobody waits for it.
  *
  * Threads: add, remove and clear on callers' threads; handleEvent on "usb-devicelist", which calls
- * the callbacks of that moment with no lock held (registrations make a new map, so that neither a
- * delivery nor the last fini needs memory).  So a callback may do anything, and one that is
- * removed during a delivery can be called once more.
+ * the callbacks of the moment when it began, with no lock held.  So a callback may do anything, and
+ * one that is removed during a delivery can be called once more.  A registration makes a new map,
+ * so that nothing but a registration needs memory.
  */
 class ListCallbacks {
 public:
@@ -33,17 +34,23 @@ public:
 
     // Writes `id` before the callback can be called.
     void add(Callback callback, uint32_t &id) EXCLUDES(mutex_);
-    void remove(uint32_t id) EXCLUDES(mutex_);
+    void remove(uint32_t id) noexcept EXCLUDES(mutex_);
     void clear() noexcept EXCLUDES(mutex_);
     void handleEvent(const DeviceListEvent &event) EXCLUDES(mutex_);
 
 private:
-    using Callbacks = std::map<int32_t, Callback>;
+    struct Registration {
+        Callback callback;
+        std::atomic<uint64_t> lastDelivery{UINT64_MAX}; // the last for which it is called
+    };
+    using Callbacks = std::map<int32_t, std::shared_ptr<Registration>>;
 
     const std::shared_ptr<const Callbacks> none_ = std::make_shared<Callbacks>();
     Mutex mutex_;
+    // Those that were removed stay in it until the next registration.
     std::shared_ptr<const Callbacks> callbacks_ GUARDED_BY(mutex_) = none_;
     uint32_t nextCallbackId_ GUARDED_BY(mutex_) = 0;
+    uint64_t deliveries_ GUARDED_BY(mutex_) = 0; // that have begun
 };
 
 } // namespace vexausb

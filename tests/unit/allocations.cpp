@@ -15,7 +15,8 @@ std::atomic<bool> failed{false};
 
 bool mustFail() {
     const Plan now = plan.load();
-    if (now == Plan::None || allocations::exemptions > 0 || (now == Plan::One && left.fetch_sub(1) != 0))
+    if (now == Plan::None || allocations::exemptions > 0 ||
+        (now == Plan::One && left.fetch_sub(1) != 0))
         return false;
     failed.store(true);
     return true;

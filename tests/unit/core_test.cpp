@@ -47,6 +47,10 @@ TEST(Status, TextsAndMapping) {
 TEST(Thread, NamesAreCutAndSignalsBlocked) {
     std::string name;
     sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGSEGV);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
     vexausb::startThread("a-name-of-20-letters", [&]() {
         name = currentThreadName();
         vexausb::setThreadName("");
@@ -59,6 +63,8 @@ TEST(Thread, NamesAreCutAndSignalsBlocked) {
         EXPECT_FALSE(sigismember(&blocked, fault)) << fault;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     EXPECT_FALSE(sigismember(&blocked, SIGINT));
+    EXPECT_TRUE(sigismember(&blocked, SIGSEGV));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 // The handler in hand finishes, what is queued behind it is dropped, and nobody is waited for.

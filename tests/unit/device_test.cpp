@@ -206,7 +206,6 @@ TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
         vexa_usb_close(each);
 }
 
-// A callback may close its own device.
 // The list entry holds the device while it says that it has gone; a close meanwhile gives back what
 // the device holds of the bus all the same.
 TEST_F(DeviceTest, CloseGivesBackWhoeverElseHoldsTheDevice) {
@@ -222,6 +221,7 @@ TEST_F(DeviceTest, CloseGivesBackWhoeverElseHoldsTheDevice) {
     EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 0U);
 }
 
+// A callback may close its own device.
 TEST_F(DeviceTest, CloseFromItsOwnCallback) {
     struct Closer {
         _vexa_usb_device *device = nullptr;

@@ -267,6 +267,17 @@ void completeOldest(libusb_transfer_status status, int actual) {
     finish(transfer, status, actual);
 }
 
+bool completeOn(uint8_t endpoint) {
+    const std::lock_guard lock(mutex);
+    const auto found =
+        std::find_if(state.flying.begin(), state.flying.end(),
+                     [&](const libusb_transfer *flying) { return flying->endpoint == endpoint; });
+    if (found == state.flying.end())
+        return false;
+    finish(*found, LIBUSB_TRANSFER_COMPLETED, -1);
+    return true;
+}
+
 void completeNewest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
     finish(state.flying.back(), status, actual);

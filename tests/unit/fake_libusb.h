@@ -67,6 +67,8 @@ std::vector<InFlight> inFlight();
 void waitInFlight(size_t count);
 // Ends the oldest; completed ones are filled with the bytes that follow in a counting pattern.
 void completeOldest(libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED, int actual = -1);
+// Ends the oldest on that endpoint, with all its data; false when there is none.
+bool completeOn(uint8_t endpoint);
 void completeNewest(libusb_transfer_status status, int actual = -1);
 // Completes whatever is submitted by itself, up to that many transfers.
 void completeBySelf(uint64_t count);

@@ -53,17 +53,69 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
 }
 
 TEST_F(LogTest, AFailedOpenSaysWhy) {
-    const auto failing = [this](const char *function, int result) {
+    const test::Snapshot snapshot;
+    const auto tryOpening = [&]() {
+        _vexa_usb_device *opened = nullptr;
+        EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+    };
+    const auto failing = [&](const char *function, int result) {
         return logOf("error", [&]() {
             fake::failCall(function, result);
-            const test::Snapshot snapshot;
-            _vexa_usb_device *opened = nullptr;
-            EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+            tryOpening();
         });
     };
-    EXPECT_TRUE(says(failing("libusb_open", LIBUSB_ERROR_ACCESS),
-                     "no permission for /dev/bus/usb/001/001; install the udev rule"));
+    EXPECT_TRUE(says(failing("libusb_open", LIBUSB_ERROR_ACCESS), "udev rule 70-vexa-usb.rules"));
+    EXPECT_TRUE(says(failing("libusb_open", LIBUSB_ERROR_IO), "/dev/bus/usb/001/001 cannot be"));
     EXPECT_TRUE(says(failing("libusb_claim_interface", LIBUSB_ERROR_BUSY), "another program"));
+    EXPECT_TRUE(says(failing("libusb_get_device_list", LIBUSB_ERROR_OTHER), "cannot be opened"));
+    EXPECT_TRUE(says(failing("libusb_get_device_descriptor", LIBUSB_ERROR_IO), "cannot be opened"));
+    remove();
+    EXPECT_TRUE(says(logOf("error", tryOpening), "it has left"));
+}
+
+TEST_F(LogTest, AFailedDetachIsTold) {
+    EXPECT_TRUE(says(logOf("error",
+                           [this]() {
+                               close();
+                               fake::failCall("libusb_kernel_driver_active", 1);
+                               fake::failCall("libusb_detach_kernel_driver");
+                               device = open();
+                           }),
+                     "kernel driver: LIBUSB_ERROR; unload"));
+}
+
+TEST_F(LogTest, TellsWhoComesAndGoes) {
+    libusb_device *const other = fake::attach(VEXA_USB_VENDOR_ID, 7);
+    const auto comeAndGo = [&](const std::function<void()> &action) {
+        return logOf("info", [&]() {
+            action();
+            fake::deliverEvents();
+        });
+    };
+    EXPECT_TRUE(
+        says(comeAndGo([&]() { fake::notifyArrival(other); }), "5658:0007 at 001/002: plug"));
+    EXPECT_TRUE(says(comeAndGo([&]() { fake::notifyDeparture(other); }), "001/002: unplugged"));
+    EXPECT_TRUE(says(comeAndGo([]() { vexa_usb_update_device_list(); }), "001/002: listed"));
+    const std::string ends = logOf("info", [this]() {
+        close();
+        reinitialise();
+    });
+    EXPECT_TRUE(says(ends, ": ended\n") && says(ends, ": started\n"));
+}
+
+TEST_F(LogTest, AnEndpointThatCannotBeUsedIsTold) {
+    const auto refused = [&](const std::function<int32_t()> &call, int32_t status) {
+        return logOf("error", [&]() { EXPECT_EQ(call(), status); });
+    };
+    const auto stream = [this]() { return vexa_usb_data_stream_start(device, 0x8F, 512, 4); };
+    const auto pipe = [this]() { return vexa_usb_event_pipe_enable(device, 0x8F); };
+    EXPECT_TRUE(says(refused(stream, -1), "endpoint 0x8f cannot be used"));
+    EXPECT_TRUE(says(refused(pipe, -1), "endpoint 0x8f cannot be used"));
+    fake::failCall("libusb_alloc_transfer", 0);
+    EXPECT_TRUE(says(refused([this]() { return start(); }, -4), "no memory"));
+    fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_IO);
+    EXPECT_TRUE(says(refused([this]() { return vexa_usb_event_pipe_enable(device, 0x81); }, -1),
+                     "its transfer was refused"));
 }
 
 TEST_F(LogTest, AStreamThatEndsSaysWhy) {
@@ -78,21 +130,21 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
         return said;
     };
     EXPECT_TRUE(says(run([]() { fake::completeOldest(); }), "the caller holds 1 that"));
-    EXPECT_TRUE(says(run([]() { fake::completeOldest(LIBUSB_TRANSFER_STALL, 100); }),
-                     "after 0 bytes: LIBUSB_TRANSFER_STALL with 100 of 512 bytes; the rest is "
-                     "missing"));
-    const std::string refused = run([this]() {
-        fake::completeOldest();
-        fake::deliverEvents();
-        uint8_t *data = nullptr;
-        uint64_t size = 0;
-        ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+    EXPECT_TRUE(says(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
+                     "after 0 bytes: LIBUSB_TRANSFER_COMPLETED with 100 of 512 bytes; the rest"));
+    const std::string allFailed = run([]() {
+        for (int i = 0; i < 3; ++i)
+            fake::completeOldest(LIBUSB_TRANSFER_STALL);
     });
-    EXPECT_TRUE(says(refused, "after 512 bytes"));
+    EXPECT_TRUE(says(allFailed, "LIBUSB_TRANSFER_STALL with 0 of 512 bytes; its piece is missing"));
+    EXPECT_TRUE(says(allFailed, "no transfer is left"));
     fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM);
     EXPECT_TRUE(says(run([]() {}), "after 0 bytes: a transfer was refused"));
     // What a stop cancels is no news.
     EXPECT_FALSE(says(run([]() {}), " error: "));
+    setenv("VEXA_USB_STREAM", "none", 1);
+    EXPECT_TRUE(says(run([]() {}), "VEXA_USB_STREAM is 'none'"));
+    unsetenv("VEXA_USB_STREAM");
 }
 
 TEST_F(LogTest, AnEventPipeThatEndsSaysWhy) {

@@ -44,7 +44,7 @@ protected:
             EXPECT_EQ(vexa_usb_update_device_list(), -3);
         return started;
     }
-    int32_t open(_vexa_usb_device *&device) {
+    static int32_t open(_vexa_usb_device *&device, test::EventLog &events) {
         _vexa_usb_device_list_item **list = nullptr;
         uint64_t count = 0;
         if (statusOf([&]() { return vexa_usb_get_device_list(&list, &count); }, -4) != 0) {
@@ -53,12 +53,12 @@ protected:
             EXPECT_EQ(vexa_usb_get_device_list(&list, &count), 0);
         }
         EXPECT_EQ(count, 1U);
-        const int32_t status = vexa_usb_open(list[0], test::EventLog::callback, &log, &device);
+        const int32_t status = vexa_usb_open(list[0], test::EventLog::callback, &events, &device);
         vexa_usb_free_device_list(list);
         return status;
     }
-    void openAndStart(_vexa_usb_device *&device) {
-        twiceAtMost([&]() { return open(device); }, -1);
+    static void openAndStart(_vexa_usb_device *&device, test::EventLog &events) {
+        twiceAtMost([&]() { return open(device, events); }, -1);
         twiceAtMost([&]() { return vexa_usb_data_stream_start(device, 0x82, 512, 8); }, -4);
         twiceAtMost([&]() { return vexa_usb_event_pipe_enable(device, 0x81); }, -4);
     }
@@ -75,14 +75,14 @@ protected:
             },
             -4);
         EXPECT_EQ(id, 0U);
-        openAndStart(closed);
-        fake::completeNewest(LIBUSB_TRANSFER_COMPLETED); // 64 events
-        for (size_t i = 1; i <= 3 && log.count(kError) == 0; ++i) {
+        openAndStart(closed, *log);
+        fake::completeNewest(LIBUSB_TRANSFER_COMPLETED, 3); // the events 0, 1 and 2
+        for (size_t i = 1; i <= 5 && log->count(kError) == 0; ++i) {
             fake::completeOldest();
             fake::deliverEvents();
-            ASSERT_TRUE(log.waitForEither(kFull, i, kError));
+            ASSERT_TRUE(log->waitForEither(kFull, i, kError));
         }
-        openAndStart(leftOpen);
+        openAndStart(leftOpen, *leftLog);
         // What cannot be listed for want of memory is listed by the next update.
         libusb_device *const second = fake::attach(VEXA_USB_VENDOR_ID, 2);
         fake::notifyArrival(second);
@@ -92,13 +92,23 @@ protected:
         fake::notifyDeparture(second);
         fake::deliverEvents();
     }
+    // Neither what tells of an end nor the end itself needs memory.
     void end() {
         allocations::failAll();
+        // Both streams come to their ends: no memory for a buffer-full event, or no free buffer.
+        while (fake::completeOn(0x82))
+            fake::deliverEvents();
+        EXPECT_TRUE(log->waitFor(kError));
+        EXPECT_TRUE(leftLog->waitFor(kError));
+        fake::detach(usbDevice);
+        fake::notifyDeparture(usbDevice);
+        fake::deliverEvents();
+        EXPECT_TRUE(leftLog->waitFor(VEXA_USB_DEVICE_EVENT_REMOVED)); // the one opened last
         EXPECT_EQ(vexa_usb_data_stream_stop(closed), 0);
         EXPECT_EQ(vexa_usb_close(closed), 0);
+        EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(0), 0);
         vexa_usb_fini();
-        EXPECT_FALSE(allocations::restore());
-        EXPECT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+        allocations::restore();
     }
     void closeLeftOpen() {
         vexa_usb_init();
@@ -107,7 +117,10 @@ protected:
         vexausb::libusbRunning.store(true);
     }
 
-    test::EventLog &log = test::EventLog::make();
+    // Of the session, one a device.
+    test::EventLog *log = nullptr;
+    test::EventLog *leftLog = nullptr;
+    libusb_device *usbDevice = nullptr;
     _vexa_usb_device *closed = nullptr;
     _vexa_usb_device *leftOpen = nullptr;
 };
@@ -117,7 +130,9 @@ TEST_F(MemoryTest, EachAllocationMayFail) {
     for (bool failed = true; failed; ++skip) {
         SCOPED_TRACE(skip);
         ASSERT_LT(skip, 10000U);
-        fake::attach(VEXA_USB_VENDOR_ID, 1);
+        usbDevice = fake::attach(VEXA_USB_VENDOR_ID, 1);
+        log = &test::EventLog::make();
+        leftLog = &test::EventLog::make();
         allocations::failOne(skip);
         if (begin()) {
             use();
