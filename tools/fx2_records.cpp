@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "errors.h"
-#include "firmware/hex_convert.h"
+#include "firmware/formats/hex_convert.h"
 #include "firmware_file.h"
 #include "hex_file.h"
 

@@ -11,7 +11,7 @@
 
 #include "bytes.h"
 #include "errors.h"
-#include "firmware/hex_parser.h"
+#include "firmware/formats/hex_parser.h"
 #include "firmware_file.h"
 
 namespace tool {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "firmware/hex_convert.h"
-#include "firmware/hex_record.h"
+#include "firmware/formats/hex_convert.h"
+#include "firmware/formats/hex_record.h"
 
 namespace tool {
 

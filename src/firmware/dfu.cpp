@@ -10,11 +10,6 @@
 
 namespace vexausb {
 
-/*
- * USB Device Firmware Upgrade 1.1, download only.  The device decides how long it takes: it is
- * polled for as long as it asks for that.  An error state is neither looked for before the first
- * block nor cleared after a failure.
- */
 namespace {
 
 constexpr uint64_t kMaxBlock = 4096;
