@@ -45,7 +45,7 @@ int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
     return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
 }
 
-// Until the device has dealt with the block.
+// Returns once the device has taken the block, or refused it.
 int32_t poll(AbstractDevice &device, DfuStatus &status) {
     for (;;) {
         const int32_t result = readStatus(device, status);
@@ -65,7 +65,7 @@ int32_t writeBlock(AbstractDevice &device, uint16_t number, const uint8_t *data,
     return status.isOk() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
 }
 
-// The caller's callback is done with when this returns.
+// Takes the callback over, so that it is destroyed before the last requests are sent.
 int32_t writeImage(AbstractDevice &device, const uint8_t *data, uint64_t size, DfuProgress progress,
                    uint16_t &number) {
     for (uint64_t sent = 0; sent < size; ++number) {
