@@ -17,7 +17,7 @@ class Fx2 final : public BootDevice, private Mcs51::Bus {
 public:
     Fx2(DeviceShape shape, const Steering &steering);
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
     void withdrawn(uint8_t endpoint) override;
 
 private:
@@ -48,15 +48,15 @@ private:
         std::optional<Answer> answer;
     };
 
-    std::vector<uint8_t> memory;
-    Mcs51 processor;
-    bool running = false;
-    bool takenOver = false; // requests go to the program
-    bool settled = false;   // it was the running program that has taken over
-    bool disconnected = false;
-    bool continues = false; // in a moment
-    Clock::time_point awakeUntil;
-    std::optional<Dealing> dealing;
+    std::vector<uint8_t> memory_;
+    Mcs51 processor_;
+    bool running_ = false;
+    bool takenOver_ = false; // requests go to the program
+    bool settled_ = false;   // it was the running program that has taken over
+    bool disconnected_ = false;
+    bool continues_ = false; // in a moment
+    Clock::time_point awakeUntil_;
+    std::optional<Dealing> dealing_;
 };
 
 } // namespace sim

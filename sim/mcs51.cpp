@@ -25,9 +25,9 @@ uint8_t byteOfBit(uint8_t address) {
 } // namespace
 
 void Mcs51::reset() {
-    programCounter = 0;
-    internal.fill(0);
-    internal[kStackPointer] = 7;
+    programCounter_ = 0;
+    internal_.fill(0);
+    internal_[kStackPointer] = 7;
 }
 
 void Mcs51::step() {
@@ -62,15 +62,15 @@ uint16_t Mcs51::fetchWord() {
 void Mcs51::jumpIf(bool condition) {
     const auto distance = static_cast<int8_t>(fetch());
     if (condition)
-        programCounter = static_cast<uint16_t>(programCounter + distance);
+        programCounter_ = static_cast<uint16_t>(programCounter_ + distance);
 }
 
 uint8_t &Mcs51::indirect(uint8_t address) {
-    return address < 0x80 ? internal[address] : upper[address - 0x80U];
+    return address < 0x80 ? internal_[address] : upper_[address - 0x80U];
 }
 
 uint8_t &Mcs51::registerAt(unsigned number) {
-    return internal[(internal[kProgramStatus] & kBankMask) + number];
+    return internal_[(internal_[kProgramStatus] & kBankMask) + number];
 }
 
 // What the columns from 5 on name.
@@ -87,62 +87,62 @@ uint8_t Mcs51::source(uint8_t opcode) {
 
 // The EZ-USB has no port 2 that would hold the page.
 uint16_t Mcs51::pagePointer(unsigned number) {
-    return static_cast<uint16_t>(internal[kPage] << 8 | registerAt(number));
+    return static_cast<uint16_t>(internal_[kPage] << 8 | registerAt(number));
 }
 
 uint16_t Mcs51::dataPointer() const {
-    return static_cast<uint16_t>(internal[kDataPointerHigh] << 8 | internal[kDataPointerLow]);
+    return static_cast<uint16_t>(internal_[kDataPointerHigh] << 8 | internal_[kDataPointerLow]);
 }
 
 void Mcs51::setDataPointer(uint16_t value) {
-    internal[kDataPointerHigh] = static_cast<uint8_t>(value >> 8);
-    internal[kDataPointerLow] = static_cast<uint8_t>(value);
+    internal_[kDataPointerHigh] = static_cast<uint8_t>(value >> 8);
+    internal_[kDataPointerLow] = static_cast<uint8_t>(value);
 }
 
 bool Mcs51::bit(uint8_t address) {
-    return (internal[byteOfBit(address)] >> (address & 7) & 1) != 0;
+    return (internal_[byteOfBit(address)] >> (address & 7) & 1) != 0;
 }
 
 void Mcs51::setBit(uint8_t address, bool value) {
     const auto mask = static_cast<uint8_t>(1U << (address & 7));
-    uint8_t &byte = internal[byteOfBit(address)];
+    uint8_t &byte = internal_[byteOfBit(address)];
     byte = static_cast<uint8_t>(value ? byte | mask : byte & ~mask);
 }
 
 bool Mcs51::carry() const {
-    return (internal[kProgramStatus] & kCarryFlag) != 0;
+    return (internal_[kProgramStatus] & kCarryFlag) != 0;
 }
 
 void Mcs51::setCarry(bool value) {
-    uint8_t &status = internal[kProgramStatus];
+    uint8_t &status = internal_[kProgramStatus];
     status = static_cast<uint8_t>(value ? status | kCarryFlag : status & ~kCarryFlag);
 }
 
 void Mcs51::setFlags(bool carryOut, bool halfCarry, bool overflow) {
     constexpr int kArithmetic = kCarryFlag | kHalfCarryFlag | kOverflowFlag;
-    uint8_t &status = internal[kProgramStatus];
+    uint8_t &status = internal_[kProgramStatus];
     status =
         static_cast<uint8_t>((status & ~kArithmetic) | (carryOut ? kCarryFlag : 0) |
                              (halfCarry ? kHalfCarryFlag : 0) | (overflow ? kOverflowFlag : 0));
 }
 
 void Mcs51::push(uint8_t value) {
-    indirect(++internal[kStackPointer]) = value;
+    indirect(++internal_[kStackPointer]) = value;
 }
 
 uint8_t Mcs51::pop() {
-    return indirect(internal[kStackPointer]--);
+    return indirect(internal_[kStackPointer]--);
 }
 
 void Mcs51::call(uint16_t target) {
-    push(static_cast<uint8_t>(programCounter));
-    push(static_cast<uint8_t>(programCounter >> 8));
-    programCounter = target;
+    push(static_cast<uint8_t>(programCounter_));
+    push(static_cast<uint8_t>(programCounter_ >> 8));
+    programCounter_ = target;
 }
 
 void Mcs51::returnFromCall() {
     const uint8_t high = pop();
-    programCounter = static_cast<uint16_t>(high << 8 | pop());
+    programCounter_ = static_cast<uint16_t>(high << 8 | pop());
 }
 
 void Mcs51::add(uint8_t value, bool carryIn) {
@@ -163,24 +163,24 @@ void Mcs51::subtract(uint8_t value) {
 }
 
 void Mcs51::multiply() {
-    const unsigned product = static_cast<unsigned>(a()) * internal[kB];
+    const unsigned product = static_cast<unsigned>(a()) * internal_[kB];
     a() = static_cast<uint8_t>(product);
-    internal[kB] = static_cast<uint8_t>(product >> 8);
-    setFlags(false, (internal[kProgramStatus] & kHalfCarryFlag) != 0, product > 0xFF);
+    internal_[kB] = static_cast<uint8_t>(product >> 8);
+    setFlags(false, (internal_[kProgramStatus] & kHalfCarryFlag) != 0, product > 0xFF);
 }
 
 void Mcs51::divide() {
-    const uint8_t divisor = internal[kB];
-    setFlags(false, (internal[kProgramStatus] & kHalfCarryFlag) != 0, divisor == 0);
+    const uint8_t divisor = internal_[kB];
+    setFlags(false, (internal_[kProgramStatus] & kHalfCarryFlag) != 0, divisor == 0);
     if (divisor == 0)
         return;
-    internal[kB] = a() % divisor;
+    internal_[kB] = a() % divisor;
     a() = a() / divisor;
 }
 
 void Mcs51::decimalAdjust() {
     int value = a();
-    if ((value & 0x0F) > 9 || (internal[kProgramStatus] & kHalfCarryFlag) != 0)
+    if ((value & 0x0F) > 9 || (internal_[kProgramStatus] & kHalfCarryFlag) != 0)
         value += 0x06;
     if (value > 0x9F || carry())
         value += 0x60;
@@ -216,11 +216,11 @@ void Mcs51::decrementAndJump(uint8_t opcode) {
 void Mcs51::pageJump(uint8_t opcode) {
     const uint8_t low = fetch();
     const auto target =
-        static_cast<uint16_t>((programCounter & 0xF800) | (opcode & 0xE0) << 3 | low);
+        static_cast<uint16_t>((programCounter_ & 0xF800) | (opcode & 0xE0) << 3 | low);
     if ((opcode & 0x10) != 0)
         call(target);
     else
-        programCounter = target;
+        programCounter_ = target;
 }
 
 void Mcs51::operateOnAccumulator(uint8_t opcode) {
@@ -380,10 +380,10 @@ void Mcs51::branchOrMove(uint8_t opcode) {
         break;
     }
     case 0xE:
-        a() = bus.read(dataPointer());
+        a() = bus_.read(dataPointer());
         break;
     default:
-        bus.write(dataPointer(), a());
+        bus_.write(dataPointer(), a());
         break;
     }
 }
@@ -391,7 +391,7 @@ void Mcs51::branchOrMove(uint8_t opcode) {
 void Mcs51::jumpOrBit(uint8_t opcode) {
     switch (opcode >> 4) {
     case 0x0:
-        programCounter = fetchWord();
+        programCounter_ = fetchWord();
         break;
     case 0x1:
         call(fetchWord());
@@ -437,10 +437,10 @@ void Mcs51::jumpOrBit(uint8_t opcode) {
         setBit(fetch(), true);
         break;
     case 0xE:
-        a() = bus.read(pagePointer(0));
+        a() = bus_.read(pagePointer(0));
         break;
     default:
-        bus.write(pagePointer(0), a());
+        bus_.write(pagePointer(0), a());
         break;
     }
 }
@@ -469,13 +469,13 @@ void Mcs51::logicOrPointer(uint8_t opcode) {
         break;
     }
     case 0x7:
-        programCounter = static_cast<uint16_t>(dataPointer() + a());
+        programCounter_ = static_cast<uint16_t>(dataPointer() + a());
         break;
     case 0x8:
-        a() = bus.read(static_cast<uint16_t>(programCounter + a()));
+        a() = bus_.read(static_cast<uint16_t>(programCounter_ + a()));
         break;
     case 0x9:
-        a() = bus.read(static_cast<uint16_t>(dataPointer() + a()));
+        a() = bus_.read(static_cast<uint16_t>(dataPointer() + a()));
         break;
     case 0xA:
         setDataPointer(static_cast<uint16_t>(dataPointer() + 1));
@@ -490,10 +490,10 @@ void Mcs51::logicOrPointer(uint8_t opcode) {
         setCarry(true);
         break;
     case 0xE:
-        a() = bus.read(pagePointer(1));
+        a() = bus_.read(pagePointer(1));
         break;
     default:
-        bus.write(pagePointer(1), a());
+        bus_.write(pagePointer(1), a());
         break;
     }
 }

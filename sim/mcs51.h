@@ -16,7 +16,7 @@ public:
         virtual void write(uint16_t address, uint8_t value) = 0;
     };
 
-    explicit Mcs51(Bus &memoryBus) : bus(memoryBus) {}
+    explicit Mcs51(Bus &bus) : bus_(bus) {}
 
     void reset();
     // Executes one instruction.
@@ -33,16 +33,16 @@ private:
         kB = 0xF0,
     };
 
-    uint8_t fetch() { return bus.read(programCounter++); }
+    uint8_t fetch() { return bus_.read(programCounter_++); }
     uint16_t fetchWord();
     void jumpIf(bool condition);
 
-    uint8_t &direct(uint8_t address) { return internal[address]; }
+    uint8_t &direct(uint8_t address) { return internal_[address]; }
     uint8_t &indirect(uint8_t address);
     uint8_t &registerAt(unsigned number);
     uint8_t &operand(uint8_t opcode);
     uint8_t source(uint8_t opcode);
-    uint8_t &a() { return internal[kAccumulator]; }
+    uint8_t &a() { return internal_[kAccumulator]; }
     uint16_t pagePointer(unsigned number);
     uint16_t dataPointer() const;
     void setDataPointer(uint16_t value);
@@ -72,10 +72,10 @@ private:
     void jumpOrBit(uint8_t opcode);
     void logicOrPointer(uint8_t opcode);
 
-    Bus &bus;
-    uint16_t programCounter = 0;
-    std::array<uint8_t, 256> internal{}; // lower memory, and the special registers
-    std::array<uint8_t, 128> upper{};    // reached indirectly only
+    Bus &bus_;
+    uint16_t programCounter_ = 0;
+    std::array<uint8_t, 256> internal_{}; // lower memory, and the special registers
+    std::array<uint8_t, 128> upper_{};    // reached indirectly only
 };
 
 } // namespace sim

@@ -73,14 +73,14 @@ const char *kindText(uint16_t vendor, uint16_t product) {
 DeviceList::DeviceList() {
     check(vexa_usb_update_device_list(), "reading the device list");
     uint64_t count = 0;
-    check(vexa_usb_get_device_list(&list, &count), "reading the device list");
-    entries.assign(list, list + count);
+    check(vexa_usb_get_device_list(&list_, &count), "reading the device list");
+    items_.assign(list_, list_ + count);
 }
 
 const Item &DeviceList::choose(const std::string &choice) const {
     const std::string wanted = normalised(choice);
     const Item *chosen = nullptr;
-    for (const Item *item : entries) {
+    for (const Item *item : items_) {
         if (!matches(*item, wanted))
             continue;
         if (chosen != nullptr)
@@ -100,8 +100,8 @@ const Item &DeviceList::choose(const std::string &choice) const {
 Device::Device(const std::string &choice, EventHandler onEvent) {
     const DeviceList list;
     const Item &item = list.choose(choice);
-    listId = item.id;
-    const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle);
+    id_ = item.id;
+    const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle_);
     if (status != VEXA_USB_STATUS_SUCCESS)
         throw openFailure(item.vendor_id, item.product_id, status);
 }

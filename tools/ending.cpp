@@ -27,18 +27,18 @@ bool interrupted() {
 }
 
 void Ending::addOptions(CLI::App &command) {
-    command.add_option("-s,--seconds", seconds, "End after so many seconds")->check(positive());
-    command.add_option("-n,--count", count, "End after so many lines")->check(positiveCount());
+    command.add_option("-s,--seconds", seconds_, "End after so many seconds")->check(positive());
+    command.add_option("-n,--count", count_, "End after so many lines")->check(positiveCount());
 }
 
 void Ending::start() {
     catchInterrupts();
-    begin = std::chrono::steady_clock::now();
+    begin_ = std::chrono::steady_clock::now();
 }
 
 bool Ending::reached(uint64_t done) const {
-    return interrupted() || (count && done >= *count) ||
-           (seconds && std::chrono::steady_clock::now() - begin >= Seconds(*seconds));
+    return interrupted() || (count_ && done >= *count_) ||
+           (seconds_ && std::chrono::steady_clock::now() - begin_ >= Seconds(*seconds_));
 }
 
 } // namespace tool

@@ -17,10 +17,10 @@ class HexAddress {
 public:
     // Takes an extended-address record of either kind.
     void extend(const HexRecordView &record);
-    uint32_t of(const HexRecordView &record) const { return base + record.address; }
+    uint32_t of(const HexRecordView &record) const { return base_ + record.address; }
 
 private:
-    uint32_t base = 0;
+    uint32_t base_ = 0;
 };
 
 // The memory from address 0 on, as of the records up to the End Of File record.
