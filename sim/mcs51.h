@@ -23,6 +23,8 @@ public:
     void step();
 
 private:
+    struct Instructions;
+
     enum SpecialRegister : uint8_t {
         kStackPointer = 0x81,
         kDataPointerLow = 0x82,
@@ -41,8 +43,8 @@ private:
     uint8_t &indirect(uint8_t address);
     uint8_t &registerAt(unsigned number);
     uint8_t &operand(uint8_t opcode);
-    uint8_t source(uint8_t opcode);
     uint8_t &a() { return internal_[kAccumulator]; }
+    uint16_t behind(uint16_t base); // by as many bytes as the accumulator holds
     uint16_t pagePointer(unsigned number);
     uint16_t dataPointer() const;
     void setDataPointer(uint16_t value);
@@ -63,14 +65,10 @@ private:
     void divide();
     void decimalAdjust();
     void rotate(uint8_t opcode);
-    void compareAndJump(uint8_t opcode);
-    void decrementAndJump(uint8_t opcode);
+    void compareAndJump(uint8_t first, uint8_t second);
+    void exchangeLowHalves(uint8_t &other);
+    bool takeBit(uint8_t address); // and clears it
     void pageJump(uint8_t opcode);
-    void operate(uint8_t opcode);
-    void operateOnAccumulator(uint8_t opcode);
-    void branchOrMove(uint8_t opcode);
-    void jumpOrBit(uint8_t opcode);
-    void logicOrPointer(uint8_t opcode);
 
     Bus &bus_;
     uint16_t programCounter_ = 0;
