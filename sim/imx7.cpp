@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <utility>
+
+#include <endian.h>
 
 namespace sim {
 
@@ -41,16 +44,22 @@ constexpr uint32_t kWriteFailed = 0x33333333;
 constexpr uint32_t kEntryWrong = 0x00333333;
 
 uint32_t bigEndian(std::span<const uint8_t> bytes) {
-    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data(), sizeof(value));
+    return be32toh(value);
 }
 
 uint32_t littleEndian(std::span<const uint8_t> bytes) {
-    return uint32_t{bytes[3]} << 24 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[1]} << 8 | bytes[0];
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data(), sizeof(value));
+    return le32toh(value);
 }
 
 void putBigEndian(Bytes &to, uint32_t value) {
-    for (unsigned shift = 32; shift != 0; shift -= 8)
-        to.push_back(static_cast<uint8_t>(value >> (shift - 8)));
+    const uint32_t inOrder = htobe32(value);
+    const size_t start = to.size();
+    to.resize(start + sizeof(inOrder));
+    std::memcpy(&to[start], &inOrder, sizeof(inOrder));
 }
 
 // Vendor-defined reports: 1 and 2 out (16 and 1024 bytes), 3 and 4 in (4 and 64 bytes).

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstring>
+
+#include <endian.h>
 
 #include "firmware/imx7_image.h"
 #include "firmware/requests.h"
@@ -41,8 +44,8 @@ using SecurityReport = std::array<uint8_t, 5>;
 using StatusReport = std::array<uint8_t, 65>;
 
 void putBigEndian(uint8_t *field, uint32_t value) {
-    for (unsigned shift = 24; shift < 32; shift -= 8)
-        *field++ = static_cast<uint8_t>(value >> shift);
+    const uint32_t inOrder = htobe32(value);
+    std::memcpy(field, &inOrder, sizeof(inOrder));
 }
 
 template <typename Attempt>
