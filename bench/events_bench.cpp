@@ -56,10 +56,10 @@ private:
     size_t filled_ = 0;
 };
 
-// One way to receive events.
-class Way {
+// One source to receive events.
+class EventSource {
 public:
-    virtual ~Way() = default;
+    virtual ~EventSource() = default;
     virtual void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) = 0;
     virtual void arm() = 0;
     virtual void waitFor(uint64_t events) = 0;
@@ -67,7 +67,7 @@ public:
     Receiver receiver;
 };
 
-class Bare final : public Way {
+class Bare final : public EventSource {
 public:
     ~Bare() override {
         libusb_cancel_transfer(transfer_);
@@ -109,7 +109,7 @@ private:
 };
 
 // Lives for ever, since callbacks can come late.
-class Library final : public Way {
+class Library final : public EventSource {
 public:
     void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
         require(vexa_usb_control_transfer(device_, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
@@ -147,22 +147,22 @@ private:
 };
 
 // The packets wait in the simulator, so that nothing but the pipe is measured.
-void measure(Way &way) {
+void measure(EventSource &source) {
     const std::vector<uint8_t> packet(kPacketSize, 0x5A);
     for (size_t i = 0; i < kPackets; ++i)
-        way.request(sim::kRequestSendEvents, 0, packet);
+        source.request(sim::kRequestSendEvents, 0, packet);
     const auto start = Clock::now();
-    way.arm();
+    source.arm();
     uint64_t events = kPackets * kPacketSize;
-    way.waitFor(events);
+    source.waitFor(events);
     const std::chrono::duration<double> time = Clock::now() - start;
 
-    way.receiver.takesTimes = true;
+    source.receiver.takesTimes = true;
     for (size_t i = 0; i < kTimes; ++i) {
-        way.request(sim::kRequestSendTimes, 1, {});
-        way.waitFor(events += sizeof(int64_t));
+        source.request(sim::kRequestSendTimes, 1, {});
+        source.waitFor(events += sizeof(int64_t));
     }
-    std::vector<double> &latencies = way.receiver.latencies;
+    std::vector<double> &latencies = source.receiver.latencies;
     std::sort(latencies.begin(), latencies.end());
     std::printf("%f %f %f\n", static_cast<double>(kPackets * kPacketSize) / time.count(),
                 latencies[latencies.size() / 2], latencies[latencies.size() * 99 / 100]);

@@ -29,7 +29,7 @@ constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 // What the client says is shown only if it does not manage.
 int openOutput() {
     if (access(kController, F_OK) != 0)
-        fail("the kernel's virtual host controller is not there; as root: modprobe vhci-hcd");
+        fail("the kernel's virtual host controller is unavailable; as root: modprobe vhci-hcd");
     if (access(kController, W_OK) != 0)
         fail("this needs root; run vexa-usb-sim --attach as root, or without --attach and, as "
              "root, usbip attach -r 127.0.0.1 -b 1-1");

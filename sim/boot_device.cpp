@@ -21,8 +21,8 @@ constexpr std::chrono::milliseconds kAway{300}; // between two lives
 
 } // namespace
 
-BootDevice::BootDevice(DeviceShape shape, const Steering &steering)
-    : DeviceModel(std::move(shape)), faults_(steering) {}
+BootDevice::BootDevice(DeviceShape shape, const LoadBehaviour &behaviour)
+    : DeviceModel(std::move(shape)), faults_(behaviour) {}
 
 void BootDevice::plugged(Port &port) {
     DeviceModel::plugged(port);

@@ -46,8 +46,8 @@ DeviceShape inDfuMode(DeviceShape shape) {
 
 } // namespace
 
-DfuDevice::DfuDevice(DeviceShape shape, const Steering &steering)
-    : BootDevice(inDfuMode(std::move(shape)), steering) {}
+DfuDevice::DfuDevice(DeviceShape shape, const LoadBehaviour &behaviour)
+    : BootDevice(inDfuMode(std::move(shape)), behaviour) {}
 
 void DfuDevice::plugged(Port &port) {
     BootDevice::plugged(port);
@@ -124,16 +124,16 @@ Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
 Answer DfuDevice::getStatus(std::span<uint8_t> room) {
     if (statusIsBad())
         fail(Status::WriteFailed);
-    if (state_ == State::DownloadSync && (isWritten_ || steering().poll.count() == 0))
+    if (state_ == State::DownloadSync && (isWritten_ || behaviour().poll.count() == 0))
         state_ = State::DownloadIdle;
     else if (state_ == State::DownloadSync)
         beginWork(State::DownloadBusy);
     else if (state_ == State::ManifestSync)
         beginWork(State::Manifest);
     else if (state_ == State::ManifestWaitReset)
-        startAfter(steering().linger);
+        startAfter(behaviour().linger);
     const bool busy = state_ == State::DownloadBusy || state_ == State::Manifest;
-    const int64_t poll = busy ? steering().poll.count() : 0;
+    const int64_t poll = busy ? behaviour().poll.count() : 0;
     const std::array<uint8_t, 6> answer{
         static_cast<uint8_t>(status_),   static_cast<uint8_t>(poll),
         static_cast<uint8_t>(poll >> 8), static_cast<uint8_t>(poll >> 16),
@@ -143,9 +143,9 @@ Answer DfuDevice::getStatus(std::span<uint8_t> room) {
 
 void DfuDevice::beginWork(State work) {
     state_ = work;
-    busyUntil_ = Clock::now() + steering().poll;
+    busyUntil_ = Clock::now() + behaviour().poll;
     if (work == State::Manifest)
-        startAfter(steering().poll + steering().linger);
+        startAfter(behaviour().poll + behaviour().linger);
 }
 
 void DfuDevice::startAfter(std::chrono::milliseconds delay) {

@@ -11,7 +11,7 @@ namespace sim {
 // A device in DFU mode (USB Device Firmware Upgrade 1.1).
 class DfuDevice final : public BootDevice {
 public:
-    DfuDevice(DeviceShape shape, const Steering &steering);
+    DfuDevice(DeviceShape shape, const LoadBehaviour &behaviour);
 
     void plugged(Port &port) override;
 

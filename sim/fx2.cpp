@@ -54,20 +54,20 @@ bool isOnChip(size_t first, size_t end) {
 
 } // namespace
 
-Fx2::Fx2(DeviceShape shape, const Steering &steering)
-    : BootDevice(std::move(shape), steering), memory_(kMemorySize), processor_(*this) {}
+Fx2::Fx2(DeviceShape shape, const LoadBehaviour &behaviour)
+    : BootDevice(std::move(shape), behaviour), memory_(kMemorySize), processor_(*this) {}
 
 void Fx2::plugged(Port &port) {
     BootDevice::plugged(port);
     std::fill(memory_.begin(), memory_.end(), uint8_t{0});
     running_ = takenOver_ = settled_ = disconnected_ = continues_ = false;
-    dealing_.reset();
+    pendingRequest_.reset();
 }
 
 void Fx2::withdrawn(uint8_t endpoint) {
     BootDevice::withdrawn(endpoint);
     if (endpoint == 0)
-        dealing_.reset();
+        pendingRequest_.reset();
 }
 
 Answer Fx2::loadRequest(const Setup &setup, std::span<uint8_t> data) {
@@ -113,7 +113,8 @@ void Fx2::setCpu(bool released) {
 
 // Until the request in hand, if there is one, was answered.
 void Fx2::run(int instructions) {
-    for (; instructions > 0 && running_ && !(dealing_ && dealing_->answer); --instructions)
+    for (; instructions > 0 && running_ && !(pendingRequest_ && pendingRequest_->answer);
+         --instructions)
         processor_.step();
 }
 
@@ -123,7 +124,8 @@ void Fx2::stayAwake() {
 }
 
 bool Fx2::isAwake() const {
-    return running_ && (disconnected_ || !settled_ || dealing_ || Clock::now() < awakeUntil_);
+    return running_ &&
+           (disconnected_ || !settled_ || pendingRequest_ || Clock::now() < awakeUntil_);
 }
 
 void Fx2::goOnLater() {
@@ -131,7 +133,7 @@ void Fx2::goOnLater() {
         port().after(kMoment, [this]() {
             continues_ = false;
             run(kInMoment);
-            if (dealing_ && dealing_->answer)
+            if (pendingRequest_ && pendingRequest_->answer)
                 port().wake({});
             if (isAwake())
                 goOnLater();
@@ -139,18 +141,19 @@ void Fx2::goOnLater() {
 }
 
 Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
-    if (!dealing_) {
-        dealing_ = Dealing{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
+    if (!pendingRequest_) {
+        pendingRequest_ =
+            PendingRequest{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
         setup(packet);
         run(kInstructions);
     }
     stayAwake();
-    if (!dealing_->answer)
+    if (!pendingRequest_->answer)
         return Answer::wait();
-    const Answer answer = *dealing_->answer;
+    const Answer answer = *pendingRequest_->answer;
     if (packet.isIn())
-        std::copy_n(dealing_->data.begin(), answer.length, data.begin());
-    dealing_.reset();
+        std::copy_n(pendingRequest_->data.begin(), answer.length, data.begin());
+    pendingRequest_.reset();
     return answer;
 }
 
@@ -186,9 +189,9 @@ void Fx2::write(uint16_t address, uint8_t value) {
         armEndpoint(value);
         break;
     case kEndpointState:
-        if (dealing_ && (value & (kStall | kAcknowledge)) != 0)
-            dealing_->answer =
-                (value & kStall) != 0 ? Answer::stall() : Answer::done(dealing_->moved);
+        if (pendingRequest_ && (value & (kStall | kAcknowledge)) != 0)
+            pendingRequest_->answer =
+                (value & kStall) != 0 ? Answer::stall() : Answer::done(pendingRequest_->moved);
         break;
     default:
         memory_[address] = value;
@@ -210,17 +213,17 @@ void Fx2::writeUsbControl(uint8_t value) {
 
 // Lets the next packet in, or sends one.
 void Fx2::armEndpoint(uint8_t count) {
-    if (!dealing_)
+    if (!pendingRequest_)
         return;
-    const auto left = std::span(dealing_->data).subspan(dealing_->moved);
+    const auto left = std::span(pendingRequest_->data).subspan(pendingRequest_->moved);
     const size_t length =
-        std::min({left.size(), kPacketSize, dealing_->in ? size_t{count} : kPacketSize});
+        std::min({left.size(), kPacketSize, pendingRequest_->in ? size_t{count} : kPacketSize});
     const auto buffer = memory_.begin() + kEndpointBuffer;
-    if (dealing_->in)
+    if (pendingRequest_->in)
         std::copy_n(buffer, length, left.begin());
     else
         std::copy_n(left.begin(), length, buffer);
-    dealing_->moved += length;
+    pendingRequest_->moved += length;
     memory_[kCountLow] = static_cast<uint8_t>(length);
 }
 

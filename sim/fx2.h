@@ -15,7 +15,7 @@ namespace sim {
 // A bare Cypress EZ-USB FX2 that executes what is loaded into it.
 class Fx2 final : public BootDevice, private Mcs51::Bus {
 public:
-    Fx2(DeviceShape shape, const Steering &steering);
+    Fx2(DeviceShape shape, const LoadBehaviour &behaviour);
 
     void plugged(Port &port) override;
     void withdrawn(uint8_t endpoint) override;
@@ -40,8 +40,9 @@ private:
     bool isAwake() const;
     void goOnLater();
 
-    // The control request that the program is dealing with; answered, until the host has that.
-    struct Dealing {
+    // The control request that the program works on; once answered, kept until the host has the
+    // answer.
+    struct PendingRequest {
         bool in;
         Bytes data;
         size_t moved;
@@ -56,7 +57,7 @@ private:
     bool disconnected_ = false;
     bool continues_ = false; // in a moment
     Clock::time_point awakeUntil_;
-    std::optional<Dealing> dealing_;
+    std::optional<PendingRequest> pendingRequest_;
 };
 
 } // namespace sim

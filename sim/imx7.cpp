@@ -105,8 +105,8 @@ DeviceShape asHid(DeviceShape shape) {
 
 } // namespace
 
-Imx7::Imx7(DeviceShape shape, const Steering &steering, Stage stage, Bytes earlier)
-    : BootDevice(asHid(std::move(shape)), steering), stage_(stage), earlier_(std::move(earlier)) {}
+Imx7::Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage, Bytes earlier)
+    : BootDevice(asHid(std::move(shape)), behaviour), stage_(stage), earlier_(std::move(earlier)) {}
 
 void Imx7::plugged(Port &port) {
     BootDevice::plugged(port);
@@ -190,7 +190,7 @@ void Imx7::startNext() {
     if (stage_ == Stage::Loader)
         start(std::move(all));
     else
-        startAs(std::make_unique<Imx7>(shape(), steering(), Stage::Loader, std::move(all)));
+        startAs(std::make_unique<Imx7>(shape(), behaviour(), Stage::Loader, std::move(all)));
 }
 
 bool Imx7::isWritable(uint32_t address, uint32_t count) const {

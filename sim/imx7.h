@@ -14,7 +14,8 @@ class Imx7 final : public BootDevice {
 public:
     enum class Stage : uint8_t { Rom, Loader };
 
-    Imx7(DeviceShape shape, const Steering &steering, Stage stage = Stage::Rom, Bytes earlier = {});
+    Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage = Stage::Rom,
+         Bytes earlier = {});
 
     void plugged(Port &port) override;
 

@@ -12,7 +12,7 @@ namespace sim {
 /*
  * The simulated instrument: an interrupt endpoint that sends what it was told to, a bulk endpoint
  * that streams for ever, two pairs of endpoints that return what was written to them, and vendor
- * requests that steer all this.
+ * requests that applyBehaviour all this.
  */
 namespace {
 

@@ -102,7 +102,7 @@ int main(int argc, char **argv) {
                    "TCP port on the loopback address; 0 takes a free one")
         ->capture_default_str();
     app.add_flag("-a,--attach", options.attach, "Plug the devices into this machine (needs root)");
-    app.add_option("-n,--count", options.count, "So many of each device")
+    app.add_option("-n,--count", options.count, "Simulate N of each device")
         ->check(CLI::Range(1U, kMaxDevices))
         ->capture_default_str();
     app.add_option("DEVICE", options.devices, "What to simulate")->capture_default_str();

@@ -23,7 +23,7 @@ bool matches(const Item &item, const std::string &choice) {
 }
 
 [[noreturn]] void throwNoName(const std::string &text, const char *what) {
-    throw Error(Exit::Usage, fmt::format("'{}' is no {}", text, what),
+    throw Error(Exit::Usage, fmt::format("'{}' is not {}", text, what),
                 "Name a device by its id or as VENDOR:PRODUCT, for instance 5658:0001.");
 }
 
@@ -33,7 +33,7 @@ std::string normalised(const std::string &choice) {
         return choice;
     const size_t colon = choice.find(':');
     if (colon == std::string::npos)
-        throwNoName(choice, "name of a device");
+        throwNoName(choice, "a name of a device");
     const auto part = [](std::string text) {
         if (text.starts_with("0x") || text.starts_with("0X"))
             text.erase(0, 2);
@@ -41,7 +41,7 @@ std::string normalised(const std::string &choice) {
         const auto [end, error] =
             std::from_chars(text.data(), text.data() + text.size(), value, 16);
         if (error != std::errc() || end != text.data() + text.size())
-            throwNoName(text, "hexadecimal identifier");
+            throwNoName(text, "a hexadecimal identifier");
         return value;
     };
     return identifierText(part(choice.substr(0, colon)), part(choice.substr(colon + 1)));

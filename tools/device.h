@@ -29,7 +29,7 @@ public:
     const std::vector<const _vexa_usb_device_list_item *> &items() const { return items_; }
 
     // The device that `choice` names: its id, VENDOR:PRODUCT in hexadecimal, or nothing when
-    // there is only one.  Throws when that is no name, or names none or several.
+    // there is only one.  Throws when that is not a name, or when no device or several match.
     const _vexa_usb_device_list_item &choose(const std::string &choice) const;
 
 private:

@@ -15,11 +15,11 @@
 #include "bytes.h"
 #include "commands.h"
 #include "device.h"
-#include "ending.h"
 #include "errors.h"
 #include "instrument_protocol.h"
 #include "mailbox.h"
 #include "progress.h"
+#include "stop_condition.h"
 #include "stream_pattern.h"
 
 namespace tool {
@@ -249,10 +249,9 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");
     CLI::Option *bytes =
-        command
-            .add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
+        command.add_option("-b,--bytes", options->bytes, "End after N bytes, for instance 256M")
             ->transform(byteCount());
-    command.add_option("-s,--seconds", options->seconds, "End after so many seconds")
+    command.add_option("-s,--seconds", options->seconds, "End after N seconds")
         ->check(positive())
         ->excludes(bytes);
     command.add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
@@ -261,7 +260,7 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     command.add_option("--buffers", options->bufferCount, "Number of buffers")
         ->check(positiveCount())
         ->capture_default_str();
-    command.add_option("--silence", options->silence, "Give up after so many seconds without data")
+    command.add_option("--silence", options->silence, "Give up after N seconds without data")
         ->check(positive())
         ->capture_default_str();
     command.add_flag("--keep-going", options->keepGoing,

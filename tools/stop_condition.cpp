@@ -1,4 +1,4 @@
-#include "ending.h"
+#include "stop_condition.h"
 
 #include <csignal>
 
@@ -26,17 +26,17 @@ bool interrupted() {
     return signalCame != 0;
 }
 
-void Ending::addOptions(CLI::App &command) {
-    command.add_option("-s,--seconds", seconds_, "End after so many seconds")->check(positive());
-    command.add_option("-n,--count", count_, "End after so many lines")->check(positiveCount());
+void StopCondition::addOptions(CLI::App &command) {
+    command.add_option("-s,--seconds", seconds_, "End after N seconds")->check(positive());
+    command.add_option("-n,--count", count_, "End after N lines")->check(positiveCount());
 }
 
-void Ending::start() {
+void StopCondition::start() {
     catchInterrupts();
     begin_ = std::chrono::steady_clock::now();
 }
 
-bool Ending::reached(uint64_t done) const {
+bool StopCondition::reached(uint64_t done) const {
     return interrupted() || (count_ && done >= *count_) ||
            (seconds_ && std::chrono::steady_clock::now() - begin_ >= Seconds(*seconds_));
 }

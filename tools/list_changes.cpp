@@ -1,4 +1,4 @@
-#include "changes.h"
+#include "list_changes.h"
 
 #include "errors.h"
 #include "vexa_usb.h"

@@ -18,7 +18,7 @@ void catchInterrupts();
 bool interrupted();
 
 // When a command that goes on by itself ends: after a time, a number of things, or an interrupt.
-class Ending {
+class StopCondition {
 public:
     using Seconds = std::chrono::duration<double>;
 
