@@ -4,7 +4,7 @@
 #include <string>
 
 #include "core/log.h"
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 

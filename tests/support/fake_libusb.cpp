@@ -1,4 +1,4 @@
-#include "fake_libusb.h"
+#include "support/fake_libusb.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,7 +10,7 @@
 #include <mutex>
 #include <utility>
 
-#include "allocations.h"
+#include "support/allocations.h"
 
 struct libusb_device {
     fake::Device shape;
