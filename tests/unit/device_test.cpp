@@ -1,4 +1,5 @@
 // Opened devices: checks, queries, synchronous transfers, removal.
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <future>
@@ -50,11 +51,9 @@ TEST_F(DeviceTest, DescriptorKeepsItsOddities) {
     EXPECT_EQ(vexa_usb_get_device_descriptor(device, &record, 15), -5);
     EXPECT_EQ(record.idVendor, 0x5A5A);
     EXPECT_EQ(vexa_usb_get_device_descriptor(device, &record, 17), 0);
-    EXPECT_EQ(record.bcdUSB, 0x0123);
-    EXPECT_EQ(record.bcdDevice, 0x0123);
-    EXPECT_EQ(record.bMaxPacketSize0, 0x5A);
-    EXPECT_EQ(record.idVendor, VEXA_USB_VENDOR_ID);
-    EXPECT_EQ(record.bNumConfigurations, 1);
+    const std::array<uint8_t, 16> expected{0x23, 0x01, 0x11, 0x22, 0x33, 0x5A, 0x58, 0x56,
+                                           0x01, 0x00, 0x23, 0x01, 0x55, 0x66, 0x77, 0x88};
+    EXPECT_EQ(std::memcmp(&record, expected.data(), sizeof(record)), 0);
 }
 
 TEST_F(DeviceTest, PacketSizes) {
