@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "unit/fake_libusb.h"
+#include "support/fake_libusb.h"
 #include "vexa_usb.h"
 
 namespace {

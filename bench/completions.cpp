@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "unit/fake_libusb.h"
+#include "support/fake_libusb.h"
 #include "vexa_usb.h"
 
 namespace {

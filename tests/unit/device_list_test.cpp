@@ -1,7 +1,7 @@
 // The device list and its entries, and opening from them.
 #include <thread>
 
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <stop_token>
 #include <thread>
 
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 

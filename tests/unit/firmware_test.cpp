@@ -3,10 +3,12 @@
 #include <stdexcept>
 
 #include "firmware/fx2_loader_image.h"
-#include "helpers.h"
+#include "support/device_fixtures.h"
+#include "support/hex_record_builder.h"
 
 namespace {
 
+using test::hexRecord;
 using Bytes = std::vector<uint8_t>;
 
 struct Request {
@@ -73,17 +75,6 @@ protected:
     size_t failAt = SIZE_MAX;
     int failure = LIBUSB_ERROR_TIMEOUT;
 };
-
-Bytes hexRecord(uint16_t address, uint8_t type, const Bytes &data) {
-    Bytes record{static_cast<uint8_t>(data.size()), static_cast<uint8_t>(address >> 8),
-                 static_cast<uint8_t>(address), type};
-    record = record + data;
-    uint8_t sum = 0;
-    for (const uint8_t byte : record)
-        sum = static_cast<uint8_t>(sum + byte);
-    record.push_back(static_cast<uint8_t>(-sum));
-    return record;
-}
 
 constexpr size_t kLoaderRequests = 60; // hold, 58 records, release
 

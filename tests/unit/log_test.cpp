@@ -4,7 +4,7 @@
 #include <string>
 
 #include "core/log.h"
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 
@@ -81,7 +81,7 @@ TEST_F(LogTest, AFailedDetachIsTold) {
                                fake::failCall("libusb_detach_kernel_driver");
                                device = open();
                            }),
-                     "kernel driver: LIBUSB_ERROR; unload"));
+                     "kernel driver: LIBUSB_ERROR_IO; unload"));
 }
 
 TEST_F(LogTest, TellsWhoComesAndGoes) {
@@ -163,7 +163,7 @@ TEST_F(LogTest, AnEventPipeThatEndsSaysWhy) {
                          fake::failCall("libusb_submit_transfer");
                          fake::completeOldest();
                      }),
-                     "has ended: LIBUSB_ERROR"));
+                     "has ended: LIBUSB_ERROR_IO; close"));
     EXPECT_EQ(ending([this]() { EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0); }), "");
 }
 

@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "helpers.h"
+#include "support/device_fixtures.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "fake_libusb.h"
+#include "support/fake_libusb.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,7 +10,7 @@
 #include <mutex>
 #include <utility>
 
-#include "allocations.h"
+#include "support/allocations.h"
 
 struct libusb_device {
     fake::Device shape;
@@ -46,14 +46,16 @@ struct State {
     std::vector<std::string> calls;
     std::vector<Registration> registrations;
     std::deque<Notice> notices;
+    std::vector<libusb_transfer *> allocated;
     std::vector<libusb_transfer *> flying;
     std::deque<libusb_transfer *> done;
     std::vector<libusb_device_handle *> handles;
+    std::vector<libusb_device **> lists; // whose devices hold references
     fake::TransferHandler transfer;
     fake::ControlHandler control;
-    std::map<std::string, std::function<void()>> actions;
+    std::map<std::string, std::function<void()>, std::less<>> actions;
     libusb_context *context = nullptr;
-    size_t transfers = 0;
+    size_t handling = 0; // threads inside libusb_handle_events
     uint64_t selfCompletions = 0;
     uint8_t nextByte = 0;
     uint8_t nextAddress = 1;
@@ -83,6 +85,11 @@ std::mutex callbackLock; // held while callbacks run; taken before mutex
 std::condition_variable_any changed;
 State state;
 
+template <typename Container, typename Element>
+bool contains(const Container &container, Element element) {
+    return std::find(container.begin(), container.end(), element) != container.end();
+}
+
 // In libusb these are memory errors; here the program stops where they happen.
 void violation(const char *what) {
     std::fprintf(stderr, "libusb contract violated: %s\n", what);
@@ -100,17 +107,18 @@ bool fails(const std::string &function, int &result) {
     return true;
 }
 
-void runAction(const std::string &function) {
-    std::function<void()> action;
-    {
-        const std::lock_guard lock(mutex);
-        const auto found = state.actions.find(function);
-        if (found == state.actions.end())
-            return;
-        action = std::move(found->second);
-        state.actions.erase(found);
-    }
+// A lock for a call of that function, which begins with what onCall() has asked for.
+std::unique_lock<ExemptMutex> enter(const char *function) {
+    std::unique_lock lock(mutex);
+    const auto found = state.actions.find(function);
+    if (found == state.actions.end())
+        return lock;
+    const auto action = std::move(found->second);
+    state.actions.erase(found);
+    lock.unlock();
     action();
+    lock.lock();
+    return lock;
 }
 
 // Notes the call; true when it is to fail.
@@ -120,8 +128,31 @@ bool called(const std::string &function, int &result, const std::string &argumen
 }
 
 void checkHandle(const libusb_device_handle *handle) {
-    if (std::find(state.handles.begin(), state.handles.end(), handle) == state.handles.end())
+    if (!contains(state.handles, handle))
         violation("use of a handle that is not open");
+}
+
+void checkContext(const libusb_context *context) {
+    if (context == nullptr || context != state.context)
+        violation("use of a context that is not there");
+}
+
+void checkAllocated(const libusb_transfer *transfer) {
+    if (!contains(state.allocated, transfer))
+        violation("use of a transfer that is not there");
+}
+
+bool isWithLibusb(const libusb_transfer *transfer) {
+    return contains(state.flying, transfer) || contains(state.done, transfer);
+}
+
+void checkNothingIsLeft() {
+    if (!state.handles.empty())
+        violation("a handle outlives its context");
+    if (!state.allocated.empty())
+        violation("a transfer outlives its context");
+    if (!state.lists.empty())
+        violation("a device list outlives its context");
 }
 
 // All of it unless `actual` says how much.
@@ -170,8 +201,9 @@ namespace fake {
 
 void reset() {
     const std::lock_guard lock(mutex);
-    if (state.transfers != 0 || !state.handles.empty() || state.context != nullptr)
-        violation("a transfer, handle or context was left behind");
+    checkNothingIsLeft();
+    if (state.context != nullptr)
+        violation("a context was left behind");
     state = State{};
 }
 
@@ -182,8 +214,15 @@ libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb) {
     descriptor.idVendor = vendor;
     descriptor.idProduct = product;
     descriptor.bcdUSB = bcdUsb;
+    descriptor.bDeviceClass = 0x11;
+    descriptor.bDeviceSubClass = 0x22;
+    descriptor.bDeviceProtocol = 0x33;
+    descriptor.bMaxPacketSize0 = 0x44;
     descriptor.bcdDevice = 0x0123;
-    descriptor.bNumConfigurations = 1;
+    descriptor.iManufacturer = 0x55;
+    descriptor.iProduct = 0x66;
+    descriptor.iSerialNumber = 0x77;
+    descriptor.bNumConfigurations = 0x88;
     device->shape.address = state.nextAddress++;
     state.attached.push_back(device.get());
     state.allDevices.push_back(std::move(device));
@@ -331,8 +370,7 @@ bool closedInFlight() {
 // The parts of libusb that the library uses.
 
 int libusb_init(libusb_context **context) {
-    runAction("libusb_init");
-    const std::lock_guard lock(mutex);
+    const auto lock = enter("libusb_init");
     int result = LIBUSB_SUCCESS;
     if (called("libusb_init", result))
         return result;
@@ -344,22 +382,20 @@ int libusb_init(libusb_context **context) {
 }
 
 void libusb_exit(libusb_context *context) {
-    const std::lock_guard lock(mutex);
+    const auto lock = enter("libusb_exit");
     int result = 0;
     called("libusb_exit", result);
-    if (context == nullptr || context != state.context)
-        violation("exit of another context");
-    if (!state.handles.empty())
-        violation("a handle outlives its context");
-    if (state.transfers != 0)
-        violation("a transfer outlives its context");
+    checkContext(context);
+    checkNothingIsLeft();
+    if (state.handling != 0)
+        violation("a context ends while its events are handled");
     state.registrations.clear();
     state.context = nullptr;
     delete context;
 }
 
-int libusb_hotplug_register_callback(libusb_context * /*context*/, int events, int flags,
-                                     int vendor, int product, int deviceClass,
+int libusb_hotplug_register_callback(libusb_context *context, int events, int flags, int vendor,
+                                     int product, int deviceClass,
                                      libusb_hotplug_callback_fn callback, void *data,
                                      libusb_hotplug_callback_handle *handle) {
     const std::lock_guard lock(mutex);
@@ -367,6 +403,7 @@ int libusb_hotplug_register_callback(libusb_context * /*context*/, int events, i
     if (called("libusb_hotplug_register_callback", result,
                std::to_string(vendor) + "," + std::to_string(product)))
         return result;
+    checkContext(context);
     if (events != 3 || flags != 0 || deviceClass != LIBUSB_HOTPLUG_MATCH_ANY || data != nullptr ||
         handle != nullptr)
         violation("unexpected hot-plug registration");
@@ -377,8 +414,8 @@ int libusb_hotplug_register_callback(libusb_context * /*context*/, int events, i
 int libusb_handle_events(libusb_context *context) {
     {
         std::unique_lock lock(mutex);
-        if (context == nullptr || context != state.context)
-            violation("events of another context");
+        checkContext(context);
+        ++state.handling;
         changed.wait(lock, []() {
             if (state.held)
                 return state.interrupted;
@@ -388,11 +425,14 @@ int libusb_handle_events(libusb_context *context) {
         state.interrupted = false;
     }
     fake::deliverEvents();
+    const std::lock_guard lock(mutex);
+    --state.handling;
     return LIBUSB_SUCCESS;
 }
 
-void libusb_interrupt_event_handler(libusb_context * /*context*/) {
+void libusb_interrupt_event_handler(libusb_context *context) {
     const std::lock_guard lock(mutex);
+    checkContext(context);
     int result = 0;
     called("libusb_interrupt_event_handler", result);
     state.interrupted = true;
@@ -404,15 +444,22 @@ ssize_t libusb_get_device_list(libusb_context *context, libusb_device ***list) {
     int result = 0;
     if (called("libusb_get_device_list", result))
         return result;
-    if (context == nullptr || context != state.context)
-        violation("devices of another context");
+    checkContext(context);
     *list = static_cast<libusb_device **>(
         std::calloc(state.attached.size() + 1, sizeof(libusb_device *)));
     std::copy(state.attached.begin(), state.attached.end(), *list);
+    state.lists.push_back(*list);
     return static_cast<ssize_t>(state.attached.size());
 }
 
-void libusb_free_device_list(libusb_device **list, int /*unref*/) {
+void libusb_free_device_list(libusb_device **list, int unref) {
+    if (list == nullptr)
+        return;
+    const std::lock_guard lock(mutex);
+    if (unref == 0)
+        violation("references to devices are left behind");
+    if (std::erase(state.lists, list) != 1)
+        violation("a device list freed twice");
     std::free(list);
 }
 
@@ -432,11 +479,13 @@ uint8_t libusb_get_device_address(libusb_device *device) {
     return device->shape.address;
 }
 libusb_device *libusb_get_device(libusb_device_handle *handle) {
+    const std::lock_guard lock(mutex);
+    checkHandle(handle);
     return handle->device;
 }
 
 int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
-    const std::lock_guard lock(mutex);
+    const auto lock = enter("libusb_get_max_packet_size");
     int result = 0;
     if (called("libusb_get_max_packet_size", result))
         return result;
@@ -448,6 +497,8 @@ int libusb_open(libusb_device *device, libusb_device_handle **handle) {
     const std::lock_guard callbacks(callbackLock);
     const std::lock_guard lock(mutex);
     int result = 0;
+    if (state.lists.empty())
+        violation("use of a device whose list was freed");
     if (called("libusb_open", result))
         return result;
     *handle = new libusb_device_handle{device};
@@ -461,8 +512,6 @@ void libusb_close(libusb_device_handle *handle) {
     int result = 0;
     called("libusb_close", result);
     checkHandle(handle);
-    if (state.context == nullptr)
-        violation("a handle closed after its context");
     const auto isOf = [&](const libusb_transfer *transfer) {
         return transfer->dev_handle == handle;
     };
@@ -475,7 +524,7 @@ void libusb_close(libusb_device_handle *handle) {
 namespace {
 
 int interfaceCall(const char *function, libusb_device_handle *handle, int interface) {
-    const std::lock_guard lock(mutex);
+    const auto lock = enter(function);
     int result = LIBUSB_SUCCESS;
     called(function, result, std::to_string(interface));
     checkHandle(handle);
@@ -512,7 +561,6 @@ int libusb_detach_kernel_driver(libusb_device_handle *handle, int interface) {
     return interfaceCall("libusb_detach_kernel_driver", handle, interface);
 }
 int libusb_claim_interface(libusb_device_handle *handle, int interface) {
-    runAction("libusb_claim_interface");
     return interfaceCall("libusb_claim_interface", handle, interface);
 }
 int libusb_release_interface(libusb_device_handle *handle, int interface) {
@@ -548,32 +596,40 @@ int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, u
 }
 
 libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
-    const std::lock_guard lock(mutex);
+    const auto lock = enter("libusb_alloc_transfer");
     int result = 0;
     if (called("libusb_alloc_transfer", result) || isochronousPackets != 0)
         return nullptr;
-    ++state.transfers;
-    return static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
+    auto *const transfer = static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
+    state.allocated.push_back(transfer);
+    return transfer;
 }
 
 void libusb_free_transfer(libusb_transfer *transfer) {
     if (transfer == nullptr)
         return;
     const std::lock_guard lock(mutex);
-    if (std::count(state.flying.begin(), state.flying.end(), transfer) +
-            std::count(state.done.begin(), state.done.end(), transfer) !=
-        0)
+    checkAllocated(transfer);
+    if (isWithLibusb(transfer))
         violation("a transfer freed in flight");
-    --state.transfers;
+    std::erase(state.allocated, transfer);
     std::free(transfer);
 }
 
 int libusb_submit_transfer(libusb_transfer *transfer) {
-    const std::lock_guard lock(mutex);
+    const auto lock = enter("libusb_submit_transfer");
+    checkAllocated(transfer);
+    checkHandle(transfer->dev_handle);
+    if (isWithLibusb(transfer))
+        violation("a transfer submitted twice");
+    if (transfer->timeout != 0 || transfer->type != LIBUSB_TRANSFER_TYPE_BULK ||
+        transfer->flags != 0)
+        violation("a transfer with a time limit, or of another kind");
+    if (transfer->callback == nullptr || transfer->buffer == nullptr || transfer->length <= 0)
+        violation("a transfer without memory or callback");
     int result = 0;
     if (fails("libusb_submit_transfer", result))
         return result;
-    checkHandle(transfer->dev_handle);
     state.flying.push_back(transfer);
     changed.notify_all();
     return LIBUSB_SUCCESS;
@@ -581,12 +637,27 @@ int libusb_submit_transfer(libusb_transfer *transfer) {
 
 int libusb_cancel_transfer(libusb_transfer *transfer) {
     const std::lock_guard lock(mutex);
-    if (std::count(state.flying.begin(), state.flying.end(), transfer) == 0)
+    checkAllocated(transfer);
+    checkHandle(transfer->dev_handle);
+    if (!contains(state.flying, transfer))
         return LIBUSB_ERROR_NOT_FOUND;
     finish(transfer, LIBUSB_TRANSFER_CANCELLED, 0);
     return LIBUSB_SUCCESS;
 }
 
-const char *libusb_error_name(int /*error*/) {
-    return "LIBUSB_ERROR";
+const char *libusb_error_name(int error) {
+    static const std::map<int, const char *> names{
+        {LIBUSB_SUCCESS, "LIBUSB_SUCCESS"},
+        {LIBUSB_ERROR_IO, "LIBUSB_ERROR_IO"},
+        {LIBUSB_ERROR_INVALID_PARAM, "LIBUSB_ERROR_INVALID_PARAM"},
+        {LIBUSB_ERROR_ACCESS, "LIBUSB_ERROR_ACCESS"},
+        {LIBUSB_ERROR_NO_DEVICE, "LIBUSB_ERROR_NO_DEVICE"},
+        {LIBUSB_ERROR_NOT_FOUND, "LIBUSB_ERROR_NOT_FOUND"},
+        {LIBUSB_ERROR_BUSY, "LIBUSB_ERROR_BUSY"},
+        {LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT"},
+        {LIBUSB_ERROR_PIPE, "LIBUSB_ERROR_PIPE"},
+        {LIBUSB_ERROR_NO_MEM, "LIBUSB_ERROR_NO_MEM"},
+    };
+    const auto found = names.find(error);
+    return found == names.end() ? "LIBUSB_ERROR_OTHER" : found->second;
 }

@@ -11,8 +11,10 @@
 
 // A libusb that does what it is told, for what no device does on demand.  It keeps libusb's rules:
 // callbacks run one at a time on whichever thread handles events, under a lock that libusb_open
-// and libusb_close take too; closing a handle forgets its transfers; what breaks libusb's
-// contract (a handle that outlives its context, a transfer freed in flight) is a violation.
+// and libusb_close take too; closing a handle forgets its transfers.  What breaks libusb's contract
+// ends the program with a message: a handle, transfer or device list that outlives its context, a
+// transfer that is submitted twice, freed in flight or has a time limit, events that are handled
+// while the context ends, and use of whatever is not there.
 namespace fake {
 
 struct Device {
@@ -53,8 +55,8 @@ struct ControlRequest {
 };
 using ControlHandler = std::function<int(const ControlRequest &request)>;
 void onControl(ControlHandler handler);
-// Called once, at the beginning of the next call of this function: libusb_init or
-// libusb_claim_interface.
+// Called once, at the beginning of the next call of this function: of those that begin, end or
+// claim something, allocate or submit a transfer, or tell a packet size.
 void onCall(const std::string &function, std::function<void()> action);
 
 // Asynchronous transfers, oldest first.

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "core/global_state.h"
+#include "support/device_list_snapshot.h"
+#include "support/event_log.h"
+#include "support/fake_libusb.h"
+#include "vexa_usb.h"
+
+namespace test {
+
+// Each test starts as a new process does, on an empty bus.
+class FakeBusTest : public ::testing::Test {
+protected:
+    FakeBusTest() {
+        fake::reset();
+        vexausb::libusbRunning.store(true);
+    }
+    ~FakeBusTest() override { fake::reset(); }
+};
+
+// The library initialised, with one instrument attached and opened.
+class DeviceTest : public FakeBusTest {
+protected:
+    explicit DeviceTest(uint16_t bcdUsb = 0x0200)
+        : usbDevice(fake::attach(VEXA_USB_VENDOR_ID, 1, bcdUsb)) {
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        device = open();
+        fake::takeCalls();
+    }
+    ~DeviceTest() override {
+        if (device != nullptr)
+            vexa_usb_close(device);
+        vexa_usb_fini();
+    }
+
+    _vexa_usb_device *open() {
+        _vexa_usb_device *opened = nullptr;
+        EXPECT_EQ(openFirst(log, opened), 0);
+        return opened;
+    }
+    int32_t close() { return vexa_usb_close(std::exchange(device, nullptr)); }
+    void remove() {
+        fake::detach(usbDevice);
+        fake::notifyDeparture(usbDevice);
+        ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+    }
+    // What happens to devices that are still open at the last fini, and a new beginning.
+    void reinitialise() {
+        vexa_usb_fini();
+        vexa_usb_init();
+    }
+
+    EventLog &log = EventLog::make();
+    libusb_device *const usbDevice;
+    _vexa_usb_device *device = nullptr;
+};
+
+} // namespace test

@@ -1,0 +1,175 @@
+// The event pipe.
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "support/device_fixtures.h"
+
+namespace {
+
+class EventPipeTest : public test::DeviceTest {
+protected:
+    int32_t enable(uint8_t endpoint = 0x81) { return vexa_usb_event_pipe_enable(device, endpoint); }
+    int32_t disable() { return vexa_usb_event_pipe_disable(device); }
+};
+
+TEST_F(EventPipeTest, BytesBecomeEventsInOrder) {
+    EXPECT_EQ(disable(), -6);
+    EXPECT_EQ(enable(0x01), -11);
+    ASSERT_EQ(enable(), 0);
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(fake::inFlight().at(0).length, 64);
+    const uint8_t *const buffer = fake::inFlight()[0].buffer;
+    size_t bytes = 0;
+    for (const int length : {3, 0, 64, 1, 0, 17}) {
+        fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, length); // counting bytes
+        fake::waitInFlight(1);
+        EXPECT_EQ(fake::inFlight()[0].buffer, buffer);
+        bytes += static_cast<size_t>(length);
+    }
+    ASSERT_TRUE(log.waitFor(84));
+    EXPECT_EQ(disable(), 0);
+    EXPECT_EQ(disable(), 0);
+    EXPECT_EQ(enable(), -7);
+    fake::waitInFlight(0);
+    const auto events = log.all();
+    ASSERT_EQ(events.size(), bytes);
+    for (size_t i = 0; i < bytes; ++i)
+        EXPECT_EQ(events[i], i);
+    remove();
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(disable(), -12);
+}
+
+// What came before a disable is delivered, however late the callback gets to it.
+TEST_F(EventPipeTest, EventsBeforeADisableArrive) {
+    close();
+    struct Slow {
+        std::promise<void> go;
+        std::shared_future<void> gone = go.get_future().share();
+        std::atomic<int> events = 0;
+    };
+    static auto &slow = *new Slow; // callbacks may come late
+    const test::Snapshot snapshot;
+    ASSERT_EQ(vexa_usb_open(
+                  snapshot.list[0],
+                  [](_vexa_usb_device_event, void *) {
+                      slow.gone.wait();
+                      ++slow.events;
+                  },
+                  nullptr, &device),
+              0);
+    ASSERT_EQ(enable(), 0);
+    fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 10);
+    fake::waitInFlight(1);
+    EXPECT_EQ(disable(), 0);
+    slow.go.set_value();
+    for (const auto end = std::chrono::steady_clock::now() + test::kLong;
+         slow.events < 10 && std::chrono::steady_clock::now() < end;)
+        std::this_thread::yield();
+    EXPECT_EQ(slow.events, 10);
+}
+
+TEST_F(EventPipeTest, FailedEnableCanBeRetried) {
+    fake::failCall("libusb_alloc_transfer");
+    EXPECT_EQ(enable(), -4);
+    EXPECT_EQ(enable(0x8F), -1); // no such endpoint
+    fake::failCall("libusb_get_max_packet_size", LIBUSB_ERROR_OTHER);
+    EXPECT_EQ(enable(), -1);
+    fake::failCall("libusb_submit_transfer");
+    EXPECT_EQ(enable(), -1);
+    EXPECT_EQ(disable(), -6);
+    EXPECT_EQ(enable(), 0);
+    close();
+    device = open();
+    fake::failCall("libusb_submit_transfer");
+    EXPECT_EQ(enable(), -1);
+    reinitialise(); // the device is still open, but nothing of libusb's is left with it
+}
+
+TEST_F(EventPipeTest, EndsSilentlyByItself) {
+    ASSERT_EQ(enable(), 0);
+    fake::completeOldest(LIBUSB_TRANSFER_STALL);
+    fake::waitInFlight(0);
+    EXPECT_EQ(enable(), -7);
+    EXPECT_EQ(disable(), 0);
+    close();
+    device = open();
+    ASSERT_EQ(enable(), 0);
+    fake::failCall("libusb_submit_transfer");
+    fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 1);
+    fake::waitInFlight(0);
+    EXPECT_TRUE(log.waitFor(0));
+    EXPECT_EQ(log.all().size(), 1U);
+}
+
+// Pipes whose transfers nobody completes hold a close up for half a second, not for ever, and the
+// last fini no longer for many of them than for one.
+TEST_F(EventPipeTest, EndsThoughNothingCompletes) {
+    constexpr size_t kOthers = 39;
+    std::vector<_vexa_usb_device *> others;
+    for (size_t i = 0; i < kOthers; ++i) {
+        others.push_back(open());
+        ASSERT_EQ(vexa_usb_event_pipe_enable(others.back(), 0x81), 0);
+    }
+    ASSERT_EQ(enable(), 0);
+    fake::holdEvents(true);
+    const auto timed = [](const std::function<void()> &action) {
+        const auto before = std::chrono::steady_clock::now();
+        action();
+        return std::chrono::steady_clock::now() - before;
+    };
+    const auto closing = timed([&]() { EXPECT_EQ(close(), 0); });
+    EXPECT_GE(closing, std::chrono::milliseconds(450));
+    EXPECT_LT(closing, std::chrono::seconds(15));
+    EXPECT_TRUE(fake::closedInFlight());
+    EXPECT_LT(timed(vexa_usb_fini), std::chrono::seconds(15));
+    fake::holdEvents(false);
+    vexa_usb_init();
+    for (_vexa_usb_device *const other : others)
+        EXPECT_EQ(vexa_usb_close(other), 0);
+}
+
+TEST_F(EventPipeTest, EndsWithoutEventLoop) {
+    close();
+    reinitialise();
+    vexa_usb_update_device_list();
+    for (int round = 0; round < 2; ++round) {
+        device = open();
+        ASSERT_EQ(enable(), 0);
+        EXPECT_EQ(disable(), 0);
+        EXPECT_EQ(close(), 0);
+        device = open();
+        ASSERT_EQ(enable(), 0);
+        if (round == 0) { // in the second round the last fini finds it
+            EXPECT_EQ(close(), 0);
+        }
+    }
+}
+
+// Disable and close against completions on two threads.
+TEST_F(EventPipeTest, EndsWhilePacketsArrive) {
+    std::atomic<bool> ended = false;
+    std::thread events([&]() {
+        while (!ended)
+            fake::deliverEvents();
+    });
+    for (int round = 0; round < 300; ++round) {
+        fake::completeBySelf(1U << 30);
+        ASSERT_EQ(enable(), 0);
+        if (round % 2 == 0) {
+            ASSERT_EQ(disable(), 0);
+        }
+        if (round % 4 == 0)
+            fake::waitInFlight(0);
+        ASSERT_EQ(close(), 0);
+        fake::completeBySelf(0);
+        device = open();
+    }
+    ended = true;
+    events.join();
+    EXPECT_FALSE(fake::closedInFlight());
+}
+
+} // namespace
