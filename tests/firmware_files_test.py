@@ -133,7 +133,7 @@ with open("firmware", "wb") as file:
     file.truncate(5 << 30)
 os.mkfifo("endless")
 for kind in "fx2", "fx3", "dfu", "spl", "uboot":
-    run(6, "firmware: this is more than 128 MiB", "load", kind, "1:2", "firmware")
+    run(6, "firmware: more than 128 MiB", "load", kind, "1:2", "firmware")
     writer = subprocess.Popen(["sh", "-c", "yes '' >endless"], stderr=subprocess.DEVNULL)
     run(6, "endless: this is more than 128 MiB", "load", kind, "1:2", "endless")
     writer.wait()
