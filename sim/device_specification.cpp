@@ -56,6 +56,7 @@ constexpr std::array kKinds{
 
 std::string kindNames() {
     std::vector<std::string> names;
+    names.reserve(kKinds.size());
     for (const Kind &kind : kKinds)
         names.emplace_back(kind.name);
     return fmt::format("{}", fmt::join(names, ", "));
