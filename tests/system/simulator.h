@@ -55,6 +55,8 @@ bool eventually(Condition condition) {
 }
 
 size_t openDescriptors();
+// Mappings of devices' files into this process.
+size_t sharedMappings();
 
 // Whether the system comes to list that many devices with that name, "VENDOR:PRODUCT", of which a
 // half may be missing.

@@ -407,6 +407,7 @@ TEST_F(UnplugTest, PlugCycles) {
     }
     ASSERT_TRUE(changes.reach(cycles + 1, cycles));
     EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(test::sharedMappings(), 0U);
     EXPECT_LE(allocatedBytes(), memory + (32U << 10));
     EXPECT_GT(client.buffers, 0U);
     EXPECT_GT(client.eventBytes, 0U);
