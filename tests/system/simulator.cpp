@@ -146,6 +146,10 @@ bool systemLists(const std::string &name, size_t count) {
     return shellSays("[ $(lsusb -d " + name + " | wc -l) -eq " + std::to_string(count) + " ]");
 }
 
+void limitTransfers(const std::string &mebibytes) {
+    std::ofstream("/sys/module/usbcore/parameters/usbfs_memory_mb") << mebibytes;
+}
+
 size_t openDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));

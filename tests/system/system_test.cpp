@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <initializer_list>
 #include <mutex>
 #include <random>
@@ -261,11 +260,8 @@ TEST_F(SystemTest, SharedRingsTakeNothingFromOthers) {
     const std::string devices = wanted == nullptr ? "44" : wanted;
     const Simulator simulator({"--count", devices}, std::stoul(devices));
     const auto ids = test::listedIds();
-    const auto limit = [](const std::string &mebibytes) {
-        std::ofstream("/sys/module/usbcore/parameters/usbfs_memory_mb") << mebibytes;
-    };
-    for (const char *const mebibytes : {"16", "64", "128", "256", "0"}) {
-        limit(mebibytes);
+    for (const char *const mebibytes : {"16", "64", "128"}) {
+        test::limitTransfers(mebibytes);
         ASSERT_EQ(setenv("VEXA_USB_RING", "private", 1), 0);
         const size_t before = runningStreams(ids);
         ASSERT_EQ(unsetenv("VEXA_USB_RING"), 0);
@@ -274,7 +270,7 @@ TEST_F(SystemTest, SharedRingsTakeNothingFromOthers) {
                     ids.size(), before, shared);
         EXPECT_EQ(shared, before);
     }
-    limit("256");
+    test::limitTransfers("256");
 }
 
 // A hundred packets of random lengths arrive byte for byte while a stream runs on the device.

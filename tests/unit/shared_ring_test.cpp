@@ -1,8 +1,10 @@
 // Rings in memory that the kernel fills itself, and the room for it that is everybody's.
 #include <cstdlib>
 #include <set>
+#include <string>
 #include <vector>
 
+#include "core/log.h"
 #include "core/shared_memory_budget.h"
 #include "support/device_fixtures.h"
 #include "support/fake_shared_memory.h"
@@ -85,13 +87,60 @@ TEST_F(SharedRingTest, WhatIsRefusedIsOrdinaryMemory) {
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
 
-TEST_F(SharedRingTest, PrivateWhenAskedFor) {
-    setenv("VEXA_USB_RING", "private", 1);
+// What is not shared, and what the log says of it.
+TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
+    struct Case {
+        const char *ring;
+        const char *limit;
+        uint64_t bufferSize;
+        const char *said;
+    };
+    const Case cases[] = {
+        {"", "256", 1000, "fill 16 of the ring's 16 buffers of 1512 bytes itself\n"},
+        {"shared", "64", 1 << 21,
+         "fill 8 of the ring's 16 buffers of 2097152 bytes itself, and "
+         "copies to the others: no more can be taken"},
+        {"private", "256", 1000,
+         "fill 0 of the ring's 16 buffers of 1512 bytes itself, and copies "
+         "to the others: VEXA_USB_RING is private\n"},
+        {"", "16", 1000, "copies to the others: the system's limit for USB transfers (usbfs_"},
+        {"", "?", 1000, "copies to the others: the system's limit for USB transfers cannot be"},
+        {"own", "256", 1000, "VEXA_USB_RING is 'own': treated as shared"},
+    };
+    setenv("VEXA_USB_LOG", "info", 1);
+    vexausb::readLogLevel();
+    for (const Case &test : cases) {
+        setenv("VEXA_USB_RING", test.ring, 1);
+        fake::limitTransfers(test.limit);
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(start(test.bufferSize, 16), 0);
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(test.said), std::string::npos) << said;
+        EXPECT_EQ(fake::sharedBlocks() == 0, said.find("fill 0 of") != std::string::npos) << said;
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    }
+    fake::shareMemory(fake::Sharing::None);
+    testing::internal::CaptureStderr();
     ASSERT_EQ(start(1000, 16), 0);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.find("the kernel refused"), said.rfind("the kernel refused")) << said;
+    EXPECT_NE(said.find("the kernel refused to share a buffer of 1512 bytes"), std::string::npos);
     unsetenv("VEXA_USB_RING");
-    receive();
-    EXPECT_FALSE(fake::isShared(data));
-    EXPECT_EQ(fake::toldToOthers(), 0);
+    unsetenv("VEXA_USB_LOG");
+    vexausb::readLogLevel();
+}
+
+TEST_F(SharedRingTest, StartThatFailsHalfWayKeepsNothing) {
+    for (const int skip : {0, 1, 2}) {
+        fake::failCall("libusb_alloc_transfer", 0, skip);
+        EXPECT_EQ(start(1000, 16), -4);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+        fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM, skip);
+        EXPECT_EQ(start(1000, 16), 0);
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        EXPECT_EQ(fake::sharedBlocks(), 0U);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+    }
 }
 
 // What the caller is reading stays readable, although the device's handle closes; nothing else
