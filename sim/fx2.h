@@ -24,7 +24,7 @@ namespace sim {
  * A program that disconnects and connects again comes back as the instrument.
  *
  * The processor runs in slices of a few thousand instructions: always until the program has taken
- * over (anew after each reset), while the program is disconnected or handles a request, and for a
+ * over (again after each reset), while the program is disconnected or handles a request, and for a
  * second after its start and after each request.
  */
 class Fx2 final : public BootDevice, private Mcs51::Bus {
