@@ -8,6 +8,7 @@
 #include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
 #include "device/endpoint_error.h"
+#include "device/shared_buffers.h"
 
 namespace vexausb {
 
@@ -27,7 +28,10 @@ StreamSession::StreamSession(const UsbConnection &connection, const Shape &shape
                              uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), shape.endpoint),
-      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize),
+      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize,
+            SharedBuffers::make(connection,
+                                DataStream::allocationSizeFor(shape.bufferSize, packetSize),
+                                shape.bufferCount, name)),
       mode_(shape.mode),
       events_(std::move(events)),
       deviceName_(name),
