@@ -169,14 +169,14 @@ def instructions(build):
     show("  instructions elsewhere on its behalf", cost["behalf"])
     show("  instructions, both", cost["own"] + cost["behalf"], 1500)
     show("  allocations", cost["allocations"], 0.1)
-    cost = per_unit(build, 100, 1100, "changes", "events")
+    cost = per_unit(build, 100, 1100, "callbacks", "events")
     print("Event pipe against the stand-in, per event byte (packets of 64):")
     show("  instructions in the library", cost["own"] / 64)
     show("  instructions, with what is done on its behalf", (cost["own"] + cost["behalf"]) / 64, 600)
     print("One plug and unplug, instructions with what is done on the library's behalf:")
     changes = {}
     for entries in (1, 10, 100):
-        cost = per_unit(build, 50, 550, "changes", "list", entries)
+        cost = per_unit(build, 50, 550, "callbacks", "list", entries)
         changes[entries] = cost["own"] + cost["behalf"]
         show(f"  with {entries} listed", changes[entries])
     show("  with 100 / with 1", changes[100] / changes[1], 2)

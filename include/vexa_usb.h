@@ -39,7 +39,7 @@
  * **Environment.** Three variables change what the library does:
  * - `VEXA_USB_LOG`, read when the library is started: `error`, `info` or `debug` has it write to
  *   standard error why something failed and what to do about it; unset or empty, it is silent; any
- *   other word is taken for `error`.  Lines are written where things happen, so standard error has
+ *   other word is treated as `error`.  Lines are written where things happen, so standard error has
  *   to be drained: while it blocks, the library does.
  * - `VEXA_USB_STREAM`, read at each vexa_usb_data_stream_start(): `strict` has a stream end at its
  *   first gap; unset, empty, `default` or any other word, it goes on.

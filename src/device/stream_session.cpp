@@ -7,6 +7,7 @@
 #include "core/transfer_status.h"
 #include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
+#include "device/endpoint_error.h"
 #include "device/shared_buffers.h"
 
 namespace vexausb {
