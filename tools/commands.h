@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "device_list.h"
+
 namespace CLI {
 class App;
 }
@@ -12,7 +14,7 @@ namespace tool {
 
 // What every command takes.
 struct CommonOptions {
-    std::string device; // empty: the only one
+    DeviceChoice device;
     bool json = false;
     int64_t verbosity = 0; // how often --verbose was given
     bool progress = false;
@@ -30,13 +32,16 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common);
 void defineEventsCommand(CLI::App &command, CommonOptions &common);
 void defineLoadCommand(CLI::App &command, CommonOptions &common);
 void defineHexCommand(CLI::App &command, CommonOptions &common);
+void defineDoctorCommand(CLI::App &command, CommonOptions &common);
 
 // Adds a command that is defined only once it has been named, so that the others cost nothing.
 void addCommand(CLI::App &app, const char *name, const char *help,
                 std::function<void(CLI::App &)> define);
 
-// With a name for its position, the device can also be given without the option.
-void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position = {});
+// The options that choose a device; with a name for its position, it can also be given without.
+void addDeviceOptions(CLI::App &command, CommonOptions &common, const std::string &position = {});
+// --serial and --path alone.
+void addPlaceOptions(CLI::App &command, CommonOptions &common);
 void addJsonOption(CLI::App &command, CommonOptions &common);
 void addVerboseOption(CLI::App &command, CommonOptions &common);
 

@@ -34,8 +34,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
+// The library's loads cannot be stopped between two blocks.
+constexpr const char *kLoadGoesOn =
+    "\nvexa-usb: this ends once the load is complete; a second Ctrl-C ends it now, and leaves the "
+    "device with half a firmware:\n  plug it in again then, before the next load\n";
+
 struct LoadOptions {
-    std::string device;
     std::string file;
     double wait = 10;
     bool renumerate = false;
@@ -201,8 +205,9 @@ void load(const LoadOptions &options, const CommonOptions &common, const Firmwar
     Seconds time{};
     uint64_t id = 0;
     {
-        const Device device(options.device);
+        const Device device(common.device);
         id = device.id();
+        const InterruptNotice notice(kLoadGoesOn);
         const Clock::time_point begin = Clock::now();
         const int32_t status = firmware.load(device.get());
         time = Clock::now() - begin;
@@ -248,8 +253,9 @@ constexpr std::array kKinds{
 
 void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) {
     const auto options = std::make_shared<LoadOptions>();
-    command.add_option("DEVICE", options->device, "The device: its id or VENDOR:PRODUCT")
+    command.add_option("DEVICE", common.device.device, "The device: its id or VENDOR:PRODUCT")
         ->required();
+    addPlaceOptions(command, common);
     command.add_option("FILE", options->file, "The firmware; - is standard input")->required();
     command
         .add_option("-w,--wait", options->wait,

@@ -23,10 +23,17 @@
 
 namespace tool {
 
-void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position) {
+void addDeviceOptions(CLI::App &command, CommonOptions &common, const std::string &position) {
     command.add_option("-d,--device" + (position.empty() ? position : "," + position),
-                       common.device,
+                       common.device.device,
                        "The device: its id or VENDOR:PRODUCT; not needed when there is one only");
+    addPlaceOptions(command, common);
+}
+
+void addPlaceOptions(CLI::App &command, CommonOptions &common) {
+    command.add_option("--serial", common.device.serial, "The device with this serial number");
+    command.add_option("--path", common.device.busPath,
+                       "The device at this place on the bus, for instance 1-2.3");
 }
 
 void addJsonOption(CLI::App &command, CommonOptions &common) {
@@ -70,6 +77,8 @@ constexpr std::array kCommands{
     Command{"events", "Print the bytes that an endpoint sends", defineEventsCommand},
     Command{"load", "Boot a device from a firmware file", defineLoadCommand},
     Command{"hex", "Check and convert an Intel HEX file", defineHexCommand},
+    Command{"doctor", "Tell what keeps the devices from working, and how to mend it",
+            defineDoctorCommand},
 };
 
 std::string versionText() {

@@ -17,6 +17,16 @@ inline constexpr std::chrono::milliseconds kWaitStep{100};
 void catchInterrupts();
 bool interrupted();
 
+// While this lives, the first such signal is answered at once, with a text on standard error.
+class InterruptNotice {
+public:
+    // `text` must live on.
+    explicit InterruptNotice(const char *text);
+    ~InterruptNotice();
+    InterruptNotice(const InterruptNotice &) = delete;
+    InterruptNotice &operator=(const InterruptNotice &) = delete;
+};
+
 // When a command that goes on by itself ends: after a time, a number of things, or an interrupt.
 class StopCondition {
 public:

@@ -270,7 +270,7 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
                      "Check every byte of the simulated instrument's stream");
     command.add_flag("--progress", common.progress,
                      "Show the progress also when not on a terminal");
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.footer("Without --bytes or --seconds it goes on until Ctrl-C. It ends with status "
                    "6 at the first\ngap in the data, and with status 1 when the reader of its "

@@ -152,7 +152,7 @@ void defineControlCommand(CLI::App &command, CommonOptions &common) {
                     "device (the default), interface, endpoint or other")
         ->transform(oneOf(recipients));
     addOutputOption(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.footer("Examples:\n"
                    "  vexa-usb control 6 0x0100 --type standard --in 18    the device descriptor\n"
@@ -171,7 +171,7 @@ void defineReadCommand(CLI::App &command, CommonOptions &common) {
         ->required()
         ->transform(byteCountInMemory());
     addOutputOption(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.callback([&common, options]() { read(*options, common); });
 }
@@ -180,7 +180,7 @@ void defineWriteCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
     addEndpointOptions(command, *options);
     addDataOptions(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.callback([&common, options]() { write(*options, common); });
 }

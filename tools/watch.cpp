@@ -100,7 +100,7 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common) {
 void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto stop = std::make_shared<StopCondition>();
-    addDeviceOption(command, common, "DEVICE");
+    addDeviceOptions(command, common, "DEVICE");
     command.add_option("-e,--endpoint", *endpoint, "Endpoint address")->default_str("0x81");
     stop->addOptions(command);
     addJsonOption(command, common);
