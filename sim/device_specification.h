@@ -14,6 +14,7 @@ struct DeviceSpecification {
     std::string kind;
     DeviceShape shape;
     LoadBehaviour behaviour;
+    std::string recording;             // the file that an instrument streams; empty: the pattern
     std::chrono::milliseconds away{0}; // before it is plugged in for the first time
 };
 
