@@ -51,7 +51,7 @@ bool isMember(gid_t id) {
     return id == getegid() || group_member(id) != 0;
 }
 
-// Who logged in before being put into a group is not in it yet.
+// A session that is older than the membership in the group does not have it yet.
 bool isListed(const group &entry) {
     const std::string name = userName();
     for (char *const *member = entry.gr_mem; *member != nullptr; ++member) {
@@ -79,18 +79,18 @@ std::string groupRemedy() {
     const group *const entry = getgrnam(kGroup);
     if (entry == nullptr)
         return fmt::format("sudo groupadd --system {0} && sudo usermod -aG {0} {1}   # then log in "
-                           "anew",
+                           "again",
                            kGroup, userName());
     if (isListed(*entry))
-        return fmt::format("Log in anew: {} is in the group {}, but this session is older.",
+        return fmt::format("Log in again: {} is in the group {}, but this session is older.",
                            userName(), kGroup);
     const char *const seat = std::getenv("XDG_SEAT");
-    return fmt::format("sudo usermod -aG {} {}   # then log in anew; {}", kGroup, userName(),
+    return fmt::format("sudo usermod -aG {} {}   # then log in again; {}", kGroup, userName(),
                        seat != nullptr ? "or make this the seat's active session"
                                        : "only a session at the machine's own seat needs no group");
 }
 
-// The rule sets the group, so a node that has another has not been through it.
+// The rule sets the group of the node: any other group means that the rule was not applied.
 Finding refused(const UsbDevice &device, const struct stat &node) {
     const std::string rule = installedRule();
     const std::string apply =
@@ -115,7 +115,7 @@ Finding refused(const UsbDevice &device, const struct stat &node) {
 
 } // namespace
 
-// Opening tells more than the mode does: a container may forbid what the mode allows.
+// Opens the node, since a container may forbid what the mode of the node allows.
 Finding checkPermission(const UsbDevice &device) {
     struct stat node {};
     const bool isThere = stat(device.node.c_str(), &node) == 0;

@@ -20,8 +20,8 @@ struct CommonOptions {
     bool progress = false;
 };
 
-// Each defines its command's options; the command runs when it was parsed, and throws an Error when
-// it fails.
+// Each defines the options of its command. The command runs after it has been parsed, and throws an
+// Error when it fails.
 void defineListCommand(CLI::App &command, CommonOptions &common);
 void defineInfoCommand(CLI::App &command, CommonOptions &common);
 void defineControlCommand(CLI::App &command, CommonOptions &common);
@@ -34,11 +34,11 @@ void defineLoadCommand(CLI::App &command, CommonOptions &common);
 void defineHexCommand(CLI::App &command, CommonOptions &common);
 void defineDoctorCommand(CLI::App &command, CommonOptions &common);
 
-// Adds a command that is defined only once it has been named, so that the others cost nothing.
+// Adds a command whose options are defined only when it is named: the others cost no time.
 void addCommand(CLI::App &app, const char *name, const char *help,
                 std::function<void(CLI::App &)> define);
 
-// The options that choose a device; with a name for its position, it can also be given without.
+// --device, --serial and --path. With a `position`, the device can also be a positional argument.
 void addDeviceOptions(CLI::App &command, CommonOptions &common, const std::string &position = {});
 // --serial and --path alone.
 void addPlaceOptions(CLI::App &command, CommonOptions &common);

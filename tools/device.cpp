@@ -11,7 +11,7 @@ namespace tool {
 
 namespace {
 
-// Closing a device waits for no callback, so handlers are kept for the life of the process.
+// A callback may still run after its device was closed, so handlers are never freed.
 Device::EventHandler *keepHandler(Device::EventHandler handler) {
     static auto *const handlers = new std::deque<Device::EventHandler>;
     return &handlers->emplace_back(std::move(handler));
@@ -37,7 +37,7 @@ Device::Device(const DeviceChoice &choice, EventHandler onEvent) {
         throw openFailure(wanted, status);
 }
 
-// Leaves it open only if it is the one that is wanted.
+// Closes the device again if it is not the wanted one.
 int32_t Device::open(const _vexa_usb_device_list_item &item, EventHandler *onEvent) {
     const int32_t status = vexa_usb_open(&item, deliver, onEvent, &handle_);
     id_ = item.id;
@@ -46,7 +46,7 @@ int32_t Device::open(const _vexa_usb_device_list_item &item, EventHandler *onEve
     return status;
 }
 
-// The ids of equal devices may be in another order than expected.
+// For when the ids of equal devices are not in the expected order (device_list.cpp).
 void Device::openEqual(const DeviceList &list, const ListedDevice &wanted, EventHandler *onEvent) {
     for (const ListedDevice &other : list.devices()) {
         const bool isEqual = other.item->vendor_id == wanted.item->vendor_id &&

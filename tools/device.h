@@ -10,7 +10,7 @@
 
 namespace tool {
 
-// The library, for as long as this lives.
+// Keeps the library initialised while it lives.
 class Library {
 public:
     Library() { vexa_usb_init(); }
@@ -19,8 +19,8 @@ public:
     Library &operator=(const Library &) = delete;
 };
 
-// An opened device.  `onEvent` runs on a thread of the library, perhaps a last time while or after
-// this is destroyed: what it needs, it must own.
+// An opened device. `onEvent` runs on a thread of the library and may be called once more during or
+// after the destruction of this object, so it must own everything that it uses.
 class Device {
 public:
     using EventHandler = std::function<void(_vexa_usb_device_event)>;
@@ -32,7 +32,7 @@ public:
 
     _vexa_usb_device *get() const { return handle_; }
     uint64_t id() const { return id_; }
-    // Nothing where the kernel does not show it.
+    // Empty when the device is not found in /sys.
     const std::optional<UsbDevice> &attached() const { return attached_; }
 
 private:

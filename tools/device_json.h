@@ -6,7 +6,7 @@
 
 namespace tool {
 
-// A device's strings need not be right UTF-8, which JSON is.
+// For dump(): a device's strings may be invalid UTF-8, which JSON does not allow.
 inline constexpr auto kReplaceWrongText = nlohmann::json::error_handler_t::replace;
 
 // What is known of a device without opening it.

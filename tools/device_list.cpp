@@ -19,7 +19,7 @@ namespace {
                 "and --path choose among equal ones.");
 }
 
-// Upper and lower case and a leading 0x are all the same to the user.
+// Users may write identifiers in either case and with a leading 0x.
 std::string normalised(const std::string &choice) {
     if (choice.find_first_not_of("0123456789") == std::string::npos)
         return choice;
@@ -59,7 +59,7 @@ std::string textOf(const DeviceChoice &choice) {
     return text;
 }
 
-// As options that choose it.
+// The options that choose this device.
 std::string lineFor(const ListedDevice &listed) {
     std::string line = fmt::format("\n    --device {}  {}", listed.item->id,
                                    identifierText(listed.item->vendor_id, listed.item->product_id));
@@ -108,9 +108,9 @@ const char *kindText(uint16_t vendor, uint16_t product) {
 }
 
 /*
- * The library does not say where a device is, and equal ones are told apart by that alone.  So ids
- * of equal devices are dealt out by their places on the bus, from the last to the first, which is
- * the order in which libusb mostly gives them; Device makes sure of it.
+ * The library does not say where on the bus a device is. The ids of equal devices are therefore
+ * assigned to their places from the last place to the first, the order in which libusb usually
+ * lists devices. Device checks after opening that it has the right one.
  */
 DeviceList::DeviceList() {
     check(vexa_usb_update_device_list(), "reading the device list");

@@ -10,7 +10,7 @@
 
 namespace tool {
 
-// Which device the user wants; what is empty is all the same.
+// Which device the user wants. An empty field matches every device.
 struct DeviceChoice {
     std::string device; // its id, or VENDOR:PRODUCT in hexadecimal
     std::string serial;
@@ -19,10 +19,10 @@ struct DeviceChoice {
 
 struct ListedDevice {
     const _vexa_usb_device_list_item *item;
-    std::optional<UsbDevice> attached; // nothing: the kernel does not show it
+    std::optional<UsbDevice> attached; // empty: not found in /sys
 };
 
-// A snapshot of the library's device list, brought up to date, with what the kernel tells of each.
+// A snapshot of the library's updated device list, with what /sys says about each device.
 class DeviceList {
 public:
     DeviceList();

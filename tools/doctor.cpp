@@ -1,4 +1,4 @@
-// The command doctor: what stands between this user and the devices, and how to mend it.
+// The command doctor: checks what keeps this user from working with the devices.
 #include <algorithm>
 #include <iterator>
 #include <string>
@@ -24,7 +24,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// What was found at one device, or at the machine as a whole.
+// The findings about one device, or about the machine.
 struct Group {
     Json about;
     std::string title;

@@ -6,9 +6,9 @@
 
 namespace tool {
 
-// What one look at the machine has found: all is well, or something is in the way.
+// The result of one check of the machine: all is well, or something is in the way.
 struct Finding {
-    std::string subject; // what was looked at, in a word
+    std::string subject; // what was checked, in one word
     std::string text;
     std::string remedy = {}; // the command that mends it, or what else to do
     Exit exit = Exit::Success;

@@ -23,7 +23,7 @@ using Json = nlohmann::json;
 constexpr uint8_t kEndpointIn = 0x80;
 constexpr uint8_t kHighestEndpoint = 15;
 
-// The library names no endpoints, but it knows the packet size of those that there are.
+// The library has no list of endpoints, but it knows the packet size of each that exists.
 Json endpoints(const Device &device) {
     Json rows = Json::array();
     for (uint8_t number = 1; number <= kHighestEndpoint; ++number) {

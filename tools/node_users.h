@@ -5,10 +5,10 @@
 
 namespace tool {
 
-// Whether a process, by its name in /proc, has a device's node open.
+// Whether a process has a device's node open; `process` is its directory in /proc, such as self.
 bool hasNodeOpen(const std::string &process, const std::string &node);
 
-// The other processes that have it open, as far as this user may see, such as "4711 (recorder)".
+// The other processes that have it open, such as "4711 (recorder)". Root sees those of all users.
 std::vector<std::string> otherUsersOf(const std::string &node);
 
 } // namespace tool

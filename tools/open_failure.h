@@ -7,8 +7,8 @@
 
 namespace tool {
 
-// Why a device could not be opened: no permission, or someone else has it.  `status` is what the
-// library said.
+// The error for a device that could not be opened: no permission, or a driver or another program
+// uses it. `status` is the result of the library's call.
 Error openFailure(const ListedDevice &device, int32_t status);
 
 } // namespace tool

@@ -14,7 +14,7 @@ namespace tool {
 namespace {
 
 volatile std::sig_atomic_t signalCame = 0;
-std::atomic<const char *> notice{nullptr}; // to be written by the handler
+std::atomic<const char *> notice{nullptr}; // what the handler writes
 
 void onSignal(int /*number*/) {
     signalCame = 1;

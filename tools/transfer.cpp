@@ -12,6 +12,9 @@
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
+#include "hex_text.h"
+#include "input.h"
+#include "output.h"
 #include "words.h"
 
 namespace tool {
@@ -45,8 +48,8 @@ Bytes dataToSend(const TransferOptions &options) {
     return options.input.empty() ? parseHex(options.data) : readInput(options.input);
 }
 
-// Opened before the transfer: what a device has sent cannot be had again.  A file that was there
-// stays until the transfer has succeeded.
+// Opened before the transfer, because data that a device has sent cannot be read again. An existing
+// file is replaced only after the transfer has succeeded.
 std::unique_ptr<Output> openOutput(const TransferOptions &options) {
     if (options.output.empty())
         return nullptr;

@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a device says of itself must not steer the terminal.
+// The strings of a device must not send control characters to the terminal.
 std::string firstLine(const fs::path &file) {
     std::ifstream input(file);
     std::string line;

@@ -8,19 +8,19 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "bytes.h"
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
 #include "list_changes.h"
 #include "mailbox.h"
+#include "output.h"
 #include "stop_condition.h"
 
 namespace tool {
 
 namespace {
 
-// Not buffered: the reader hears in time.
+// Not buffered, so that a reader gets each line at once.
 void printLine(Output &output, std::string line) {
     line += '\n';
     output.write(std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
