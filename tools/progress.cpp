@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace tool {
@@ -14,11 +15,17 @@ namespace {
 
 constexpr std::chrono::milliseconds kBarInterval{100};
 constexpr std::chrono::seconds kLineInterval{1};
-constexpr int kBarWidth = 30;
+constexpr int kBarWidth = 14;
 
 std::string barText(double part) {
     return fmt::format("[{:-<{}}] ", std::string(static_cast<size_t>(part * kBarWidth), '#'),
                        kBarWidth);
+}
+
+// A line that does not fit would be broken, and could not be overwritten.
+size_t terminalWidth() {
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
 std::string timeText(double seconds) {
@@ -77,7 +84,8 @@ void Progress::show() {
     shown_ = true;
     if (form_ == Form::Bar) {
         const auto done = part(elapsed);
-        const std::string line = (done ? barText(*done) : "") + text(elapsed);
+        const std::string line =
+            ((done ? barText(*done) : "") + text(elapsed)).substr(0, terminalWidth() - 1);
         width_ = std::max(width_, line.size());
         fmt::print(stderr, "\r{:<{}}", line, width_);
         std::fflush(stderr);

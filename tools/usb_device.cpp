@@ -81,8 +81,7 @@ std::string UsbDevice::endpointType(uint8_t address) const {
     for (const fs::directory_entry &entry : fs::directory_iterator(directory, error)) {
         if (!entry.path().filename().string().starts_with(busPath + ":"))
             continue;
-        const std::string type =
-            firstLine(entry.path() / fmt::format("ep_{:02x}", address) / "type");
+        std::string type = firstLine(entry.path() / fmt::format("ep_{:02x}", address) / "type");
         if (!type.empty())
             return type;
     }
