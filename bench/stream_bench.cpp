@@ -26,8 +26,8 @@ using bench::require;
 
 constexpr int kTransferSize = 524288;
 constexpr int kTransferCount = 3;
-constexpr uint64_t kBufferSize = 4194304;
-constexpr uint64_t kBufferCount = 3;
+uint64_t bufferSize = 4194304;
+uint64_t bufferCount = 3;
 
 // (a): three transfers, resubmitted as they complete; nobody looks at the data.
 struct BareLoop {
@@ -71,9 +71,9 @@ public:
     void run(uint64_t bytes) {
         device_ = bench::openFirst(callback, this);
         left_ = bytes;
-        require(vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, kBufferSize,
-                                           kBufferCount) == 0,
-                "start");
+        require(
+            vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, bufferSize, bufferCount) == 0,
+            "start");
         {
             std::unique_lock lock(mutex_);
             done_.wait(lock, [this]() { return left_ == 0; });
@@ -134,9 +134,14 @@ double processorSeconds() {
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s bare|library|blocking BYTES\n", argv[0]);
+    if (argc != 3 && argc != 5) {
+        std::fprintf(stderr, "usage: %s bare|library|blocking BYTES [BUFFER_SIZE BUFFER_COUNT]\n",
+                     argv[0]);
         return 2;
+    }
+    if (argc == 5) {
+        bufferSize = std::strtoull(argv[3], nullptr, 10);
+        bufferCount = std::strtoull(argv[4], nullptr, 10);
     }
     const std::string mode = argv[1];
     const uint64_t bytes = std::strtoull(argv[2], nullptr, 10);

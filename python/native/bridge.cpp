@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -286,11 +289,13 @@ void Device::post(_vexa_usb_device_event event) {
 
 int64_t Device::takeEvent() {
     const std::lock_guard lock(events_);
+    if (queue_.empty() && ended_)
+        return kBridgeClosed;
     if (queue_.empty())
-        return ended_ ? kBridgeClosed : kBridgeEmpty;
+        return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : kBridgeEmpty;
     const _vexa_usb_device_event event = queue_.front();
     queue_.pop_front();
-    if (queue_.empty() && !ended_)
+    if (queue_.empty() && !ended_ && !removed_)
         signals_[kBridgeEvents].clear();
     return event;
 }
@@ -369,8 +374,8 @@ int32_t Device::streamStart(uint8_t endpoint, uint64_t size, uint64_t count, boo
         const char *const present = std::getenv("VEXA_USB_STREAM");
         if (present == nullptr || std::string(present) != wanted)
             setenv("VEXA_USB_STREAM", wanted, 1);
-        status = shielded(
-            [&]() { return vexa_usb_data_stream_start(handle_, endpoint, size, count); });
+        status =
+            shielded([&]() { return vexa_usb_data_stream_start(handle_, endpoint, size, count); });
     }
     streaming_ = status == VEXA_USB_STATUS_SUCCESS;
     stopWanted_ = false;
@@ -511,6 +516,18 @@ Result with(uint64_t id, Result otherwise, Call call) {
     return source == nullptr ? otherwise : call(*source);
 }
 
+namespace {
+
+std::atomic<bool> isLeaving = false;
+pthread_t leavingThread;
+
+} // namespace
+
+Departure::~Departure() {
+    while (isLeaving && pthread_equal(pthread_self(), leavingThread) == 0)
+        pause();
+}
+
 DeviceCall::DeviceCall(uint64_t device) : device_(sources().find<Device>(device)) {
     handle_ = device_ == nullptr ? nullptr : device_->enter();
 }
@@ -528,16 +545,33 @@ const char *bridgeException(void) {
     return exceptionText.c_str();
 }
 
+void bridgeLeave(void) {
+    leavingThread = pthread_self();
+    isLeaving = true;
+}
+
+void bridgeForked(void) {
+    // Instead of the library's destructors, which would end the process by std::terminate.
+    on_exit(
+        [](int status, void *) {
+            std::fflush(nullptr);
+            _exit(status);
+        },
+        nullptr);
+}
+
 uint64_t bridgeDeviceNew(void) {
     return shielded([]() { return sources().add(std::make_shared<Device>()); });
 }
 
 int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record) {
+    const Departure departure;
     return with<Device>(device, int32_t{VEXA_USB_STATUS_NO_MEMORY},
                         [&](Device &found) { return found.open(device, record); });
 }
 
 int32_t bridgeClose(uint64_t device, uint32_t timeoutMs) {
+    const Departure departure;
     return with<Device>(device, int32_t{VEXA_USB_STATUS_SUCCESS},
                         [&](Device &found) { return found.close(timeoutMs); });
 }
@@ -548,22 +582,28 @@ int32_t bridgeIsRemoved(uint64_t device, uint32_t timeoutMs) {
 }
 
 int64_t bridgeTakeEvent(uint64_t device) {
+    const Departure departure;
     return with<Device>(device, int64_t{kBridgeClosed},
                         [](Device &found) { return found.takeEvent(); });
 }
 
 int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize,
                           uint64_t bufferCount, int32_t strict) {
+    const Departure departure;
     const DeviceCall call(device);
-    return call.handle() == nullptr ? kBridgeClosed : call.device().streamStart(endpoint, bufferSize, bufferCount, strict != 0);
+    return call.handle() == nullptr
+               ? kBridgeClosed
+               : call.device().streamStart(endpoint, bufferSize, bufferCount, strict != 0);
 }
 
 int32_t bridgeStreamStop(uint64_t device) {
+    const Departure departure;
     const DeviceCall call(device);
     return call.handle() == nullptr ? kBridgeClosed : call.device().streamStop();
 }
 
 int32_t bridgeStreamNext(uint64_t device, uint8_t **data, uint64_t *size) {
+    const Departure departure;
     const DeviceCall call(device);
     return call.handle() == nullptr ? kBridgeClosed : call.device().streamNext(data, size);
 }
@@ -582,6 +622,7 @@ void bridgeViewGone(void *data) {
 }
 
 int32_t bridgeDfuDownload(uint64_t device, const uint8_t *data, uint64_t size) {
+    const Departure departure;
     const DeviceCall call(device);
     return call.handle() == nullptr ? kBridgeClosed
                                     : call.device().download(call.handle(), data, size);
@@ -609,11 +650,13 @@ uint64_t bridgeWatchNew(int32_t *status) {
 }
 
 int32_t bridgeTakeChange(uint64_t watch, BridgeChange *change) {
+    const Departure departure;
     return with<Watch>(watch, int32_t{kBridgeClosed},
                        [&](Watch &found) { return found.take(change); });
 }
 
 int32_t bridgeWait(uint64_t id, int32_t what, int32_t timeoutMs) {
+    const Departure departure;
     const std::shared_ptr<Source> source = sources().find<Source>(id);
     const Signal *const signal = source == nullptr ? nullptr : source->signal(what);
     if (signal == nullptr)

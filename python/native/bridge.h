@@ -35,6 +35,11 @@ typedef struct BridgeChange {
 /* The text of the C++ exception that ended this thread's last call, or an empty one. */
 const char *bridgeException(void);
 
+/* The interpreter ends, on this thread: others that are inside a call do not come back from it. */
+void bridgeLeave(void);
+/* In a process that was forked, where the library's threads are not: it will leave without them. */
+void bridgeForked(void);
+
 uint64_t bridgeDeviceNew(void);
 int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record);
 /*
@@ -44,7 +49,7 @@ int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record);
  */
 int32_t bridgeClose(uint64_t device, uint32_t timeoutMs);
 int32_t bridgeIsRemoved(uint64_t device, uint32_t timeoutMs);
-/* The next event, kBridgeEmpty or kBridgeClosed. */
+/* The next event; without one kBridgeEmpty, DEVICE_REMOVED or kBridgeClosed. */
 int64_t bridgeTakeEvent(uint64_t device);
 
 int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize,

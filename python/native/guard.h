@@ -38,6 +38,16 @@ auto shielded(Call call) noexcept -> decltype(call()) {
         return Result();
 }
 
+// The beginning of a call from Python, and its end: a thread that would go on in an interpreter
+// that is being taken apart, and could only fail there, stays where it is.
+class Departure {
+public:
+    Departure() = default;
+    ~Departure();
+    Departure(const Departure &) = delete;
+    Departure &operator=(const Departure &) = delete;
+};
+
 class Device;
 
 // A call on a device in progress; keeps it open.
@@ -60,6 +70,7 @@ private:
 template <typename... Rest>
 int32_t guarded(int32_t (*function)(_vexa_usb_device *, Rest...), _vexa_usb_device *number,
                 std::type_identity_t<Rest>... rest) noexcept {
+    const Departure departure;
     const DeviceCall call(reinterpret_cast<uint64_t>(number));
     if (call.handle() == nullptr)
         return kBridgeClosed;
@@ -69,6 +80,7 @@ int32_t guarded(int32_t (*function)(_vexa_usb_device *, Rest...), _vexa_usb_devi
 template <typename Result, typename... Arguments>
 Result guarded(Result (*function)(Arguments...),
                std::type_identity_t<Arguments>... arguments) noexcept {
+    const Departure departure;
     return shielded([&]() { return function(arguments...); });
 }
 

@@ -2,8 +2,10 @@
 from __future__ import annotations
 
 import enum
+import gc
 import threading
 import warnings
+import weakref
 from collections.abc import Callable
 from dataclasses import dataclass
 from types import TracebackType
@@ -15,6 +17,20 @@ from ._native import ffi, lib
 from ._stream import Stream
 
 Progress = Callable[[float], object]
+
+
+# What keeps devices open that were closed with arrays about, by their info's id.
+_held: dict[int, list[weakref.ref[Any]]] = {}
+
+
+def _is_held(info: DeviceInfo) -> bool:
+    if info.id not in _held:
+        return False
+    gc.collect()  # arrays that nobody can reach any more
+    if any(memory() is not None for memory in _held[info.id]):
+        return True
+    del _held[info.id]
+    return False
 
 
 class RequestType(enum.IntEnum):
@@ -60,6 +76,9 @@ class Device:
         self._stream: Stream | None = None
         self._number = lib.bridgeDeviceNew()
         self._handle = ffi.cast("_vexa_usb_device *", self._number)
+        if _is_held(info):
+            raise BufferError(f"an array still refers to a stream of {info}, which stays open until "
+                              "it goes; delete or copy it first")
         check(lib.bridgeOpen(self._number, record), f"open {info}")
         self._opened = True
 
@@ -89,7 +108,8 @@ class Device:
         self._closed = True
         while True:
             status = lib.bridgeClose(self._number, 100)
-            if status == lib.kBridgeViewed:
+            if status == lib.kBridgeViewed and self._stream is not None:
+                _held[self.info.id] = self._stream.viewed
                 warnings.warn("an array still refers to the stream's buffers: the device stays "
                               "open until it goes", ResourceWarning, stacklevel=2)
             if status != lib.kBridgeBusy:
@@ -300,12 +320,14 @@ class Device:
 
         lib.bridgeProgress(self._number)  # of an earlier load
         threading.Thread(target=work, name="vexa-usb-load", daemon=True).start()
+        done = 0.0
         try:
             while not results:
                 # Also returns on a signal, whose handler Python calls before it goes on.
                 if lib.bridgeWait(self._number, lib.kBridgeLoad, -1) == lib.kBridgeReady:
-                    done = lib.bridgeProgress(self._number)
+                    heard = lib.bridgeProgress(self._number)
                     if progress is not None and not results:
+                        done = heard
                         progress(done)
         except BaseException as error:
             error.add_note(f"{what}: the load was ended and the device closed; it may need to be "
@@ -315,5 +337,5 @@ class Device:
         if isinstance(results[0], BaseException):
             raise results[0]
         check(results[0], what)
-        if progress is not None:
+        if progress is not None and done < 1:
             progress(1.0)

@@ -6,7 +6,7 @@ from dataclasses import dataclass
 from types import TracebackType
 from typing import TYPE_CHECKING
 
-from ._errors import Closed, DeviceRemoved, check
+from ._errors import DeviceRemoved, check
 from ._native import ffi, lib
 from ._source import Source
 
@@ -51,11 +51,9 @@ class Events(Source[int]):
     def _take(self) -> int | None:
         event = lib.bridgeTakeEvent(self._number)
         if event == lib.kBridgeEmpty:
-            if lib.bridgeIsRemoved(self._number, 0):
-                raise DeviceRemoved("events")
             return None
-        if event == lib.kBridgeClosed:
-            raise Closed("the device")
+        if event < 0:
+            check(event, "events of the device")
         return _NAMED.get(event, int(event))
 
 

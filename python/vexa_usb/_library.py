@@ -55,6 +55,7 @@ class _Process:
             if self._started_in == 0:
                 self._started_in = os.getpid()
                 atexit.register(self._end)
+                os.register_at_fork(after_in_child=lib.bridgeForked)
                 lib.vexa_usb_init()
                 reason = ffi.string(lib.bridgeException()).decode()
                 if reason:
@@ -65,6 +66,7 @@ class _Process:
             self._ended = True
             # The threads of the library are not there in a process that was forked.
             if self._started_in == os.getpid():
+                lib.bridgeLeave()
                 lib.vexa_usb_fini()
 
 

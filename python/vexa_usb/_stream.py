@@ -41,7 +41,7 @@ class Stream(Source[memoryview]):
         self._lock = threading.Lock()
         self._closed = False
         self._view: memoryview | None = None
-        self._shown: list[weakref.ref[Any]] = []  # what keeps each view's memory, oldest first
+        self.viewed: list[weakref.ref[Any]] = []  # what keeps each view's memory, oldest first
         self._data = ffi.new("uint8_t **")
         self._size = ffi.new("uint64_t *")
         arguments = (device._number, endpoint, buffer_size, buffer_count, strict)
@@ -80,14 +80,14 @@ class Stream(Source[memoryview]):
             except BufferError:
                 pass  # an array keeps the memory
             self._view = None
-        self._shown = [shown for shown in self._shown if shown() is not None]
+        self.viewed = [memory for memory in self.viewed if memory() is not None]
 
     def _take(self) -> memoryview | None:
         with self._lock:
             if self._closed:
                 raise Closed(self._name)
             self._let_go()
-            if len(self._shown) > 1:
+            if len(self.viewed) > 1:
                 raise BufferError("an array still refers to a buffer that was given back a step "
                                   "ago; copy what you keep")
             status = lib.bridgeStreamNext(self._number, self._data, self._size)
@@ -104,7 +104,7 @@ class Stream(Source[memoryview]):
         memory = ffi.gc(self._data[0], lib.bridgeViewGone)
         view = self._view = memoryview(ffi.buffer(memory, self._size[0])).toreadonly()
         lib.bridgeStreamViewed(self._number)
-        self._shown.append(weakref.ref(memory))
+        self.viewed.append(weakref.ref(memory))
         return view
 
     def _failure(self) -> Exception:

@@ -1,15 +1,17 @@
 """The Python package on a real kernel: run by tests/python/run inside the virtual machine."""
 import asyncio
-import gc
+import atexit
+import json
 import os
+import pathlib
 import re
 import signal
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
-import warnings
 
 import numpy
 import pytest
@@ -17,20 +19,25 @@ import pytest
 import vexa_usb
 from vexa_usb._native import lib
 
-TOP = os.path.dirname(os.path.abspath(__file__)) + "/../.."
-sys.path.append(TOP + "/tests/system")
+TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(TOP / "tests/system"))
 from firmware_images import fx3  # noqa: E402
 from imx7_image import spl  # noqa: E402
 
 STREAM, EVENTS, SCRATCH, SEEK, SEND, STALL, SHORT, SILENCE, VANISH = 0x82, 0x81, 1, 2, 3, 4, 5, 6, 8
-SIMULATOR = os.environ["VEXA_BUILD_DIR"] + "/release/vexa-usb-sim"
+BUILD = os.environ["VEXA_BUILD_DIR"] + "/release"
+FORKS, PLOTTER = (subprocess.Popen([sys.executable, TOP / "tests/python/forks.py", "vexa_usb", name],
+                                   text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                  for name in ("asyncio", "matplotlib.pyplot"))
+atexit.register(FORKS.communicate)
+atexit.register(PLOTTER.communicate)
 pytestmark = pytest.mark.filterwarnings("error")
 
 
 class Simulator:
     def __init__(self, library, *devices):
         self.library = library
-        self.process = subprocess.Popen([SIMULATOR, "--port", "0", "--attach", *devices],
+        self.process = subprocess.Popen([f"{BUILD}/vexa-usb-sim", "--port", "0", "--attach", *devices],
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.wait(len(devices))
 
@@ -47,6 +54,39 @@ class Simulator:
         while len(self.library.devices()) != count:
             assert time.monotonic() < deadline, self.library.devices()
             time.sleep(0.02)
+
+
+class Program:
+    def __init__(self, code, *arguments, forks=FORKS):
+        self.forks = forks
+        with tempfile.NamedTemporaryFile(delete=False) as file:
+            self.output = pathlib.Path(file.name)
+        self.number = self.ask(code=code, argv=[*arguments] or ["program"], output=file.name)
+
+    def ask(self, **request):
+        self.forks.stdin.write(json.dumps(request) + "\n")
+        self.forks.stdin.flush()
+        return int(self.forks.stdout.readline())
+
+    def ended(self):
+        watchdog = threading.Timer(40, os.kill, (self.number, signal.SIGKILL))
+        watchdog.start()
+        try:
+            return self.ask(wait=self.number), self.output.read_text()
+        finally:
+            watchdog.cancel()
+            self.output.unlink()
+
+
+def example(language, name, *arguments, forks=FORKS):
+    """Runs an example; its exit status and what it said."""
+    if language == "python":
+        path = f"{TOP}/examples/python/{name}.py"
+        with open(path) as file:
+            return Program(file.read(), path, *arguments, forks=forks).ended()
+    done = subprocess.run([f"{BUILD}/examples/example-{name}", *arguments], timeout=20, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    return done.returncode, done.stdout
 
 
 @pytest.fixture(scope="module")
@@ -75,17 +115,46 @@ def pattern(position, size):
 
 
 def test_nothing_of_the_library_is_left_out():
-    with open(TOP + "/include/vexa_usb.h") as file:
-        functions = re.findall(r"(?m)^VEXA_USB_API [^;(]*?(\w+)\(", file.read())
-    sources = "".join(open(f"{TOP}/python/{name}").read() for name in (
-        "native/bridge.cpp", "vexa_usb/_device.py", "vexa_usb/_errors.py", "vexa_usb/_library.py"))
-    assert len(functions) == 35
-    assert [name for name in functions if name + "(" not in sources and "lib." + name not in sources
-            ] == []
+    functions = {name for name in dir(lib) if name.startswith("vexa_usb_")}
+    sources = "".join(path.read_text() for path in (TOP / "python").glob("*/*.[cp][py]*"))
+    assert len(functions) == 35 and functions <= set(re.findall(r"\bvexa_usb_\w+", sources))
     statuses = {getattr(lib, name) for name in dir(lib) if name.startswith("VEXA_USB_STATUS_")}
     kinds = [kind for kind in vars(vexa_usb).values()
              if isinstance(kind, type) and issubclass(kind, vexa_usb.Error)]
     assert statuses - {kind.status for kind in kinds} == {0}
+
+
+# The first that starts a simulator: the instrument stays for the others.
+def test_firmware(library):
+    image = os.urandom(200000)
+    heard = []
+    with Simulator(library, "dfu,linger=60000", "dfu,product=0x0df1,poll=200", "fx2"):
+        with library.open(product_id=0x0DF0) as device:
+            device.dfu_download(image, heard.append)
+        assert heard == sorted(heard) and len(heard) > 10 and heard[-1] == 1
+
+        device = library.open(product_id=0x0DF1)
+        threading.Timer(0.5, os.kill, (os.getpid(), signal.SIGINT)).start()
+        with pytest.raises(KeyboardInterrupt) as raised:
+            device.dfu_download(image)
+        assert "plugged in" in raised.value.__notes__[0]
+        with pytest.raises(vexa_usb.Closed):
+            device.descriptor()
+        with open(TOP / "examples/fx2_renumerate.hex") as file:
+            records = b"".join(bytes.fromhex(line[1:]) for line in file.read().split())
+        with library.open(vendor_id=0x04B4) as device:
+            for wrong in (records[:-1], b"\1\0\0\0\0\0"):
+                with pytest.raises(vexa_usb.InvalidParameters):
+                    device.fx2_load(wrong)
+            device.fx2_load(records, heard.append)
+    for language, device, kind, image in (("c", "fx3", "fx3", fx3()),
+                                          ("python", "imx7", "spl", spl(2000))):
+        path = pathlib.Path(f"/dev/shm/{kind}")
+        path.write_bytes(image)
+        with Simulator(library, device):
+            status, said = example(language, "load", kind, str(path))
+            assert status == 0 and f"{len(image)} bytes loaded" in said, said
+            assert example(language, "load", kind, "/none")[0] != 0
 
 
 def test_transfers(device):
@@ -130,7 +199,7 @@ def test_transfers(device):
 
 def test_stream_in_place(device):
     position = 0
-    with device.stream(STREAM, 1000000, 8) as stream:
+    with device.stream(STREAM, 1000000, 64) as stream:
         with pytest.raises(vexa_usb.StreamBufferActive):
             device.stream(STREAM)
         for view in stream:
@@ -170,6 +239,8 @@ def test_memory_outlives_the_stream_for_an_array(library, device):
         with pytest.raises(vexa_usb.Closed):
             next(stream)
         assert (array == before).all()
+    with pytest.raises(BufferError, match="delete or copy"):
+        library.open()
     del array
     with library.open() as device, device.stream(STREAM) as stream:
         assert len(next(stream)) == 1 << 20
@@ -234,7 +305,7 @@ def test_asyncio(library, instrument):
                 await changes.aget(0.01)
             position = 0
             device.control_out(SEEK, data=bytes(8))
-            with device.stream(STREAM, 1 << 18, 8) as stream:
+            with device.stream(STREAM, 1 << 18, 64) as stream:
                 async for view in stream:
                     assert bytes(view[:8]) == pattern(position, 8).tobytes()
                     position += len(view)
@@ -253,51 +324,18 @@ def test_asyncio(library, instrument):
     asyncio.run(main())
 
 
-def test_firmware(library):
-    with Simulator(library, "dfu,linger=60000"):
-        image = os.urandom(200000)
-        heard = []
-        with library.open() as device:
-            device.dfu_download(image, heard.append)
-        assert heard == sorted(heard) and len(heard) > 10 and heard[-1] == 1
-    with Simulator(library, "dfu"):
-        def fail(done):
-            if done > 0.5:
-                raise RuntimeError("enough")
-        device = library.open()
-        with pytest.raises(RuntimeError, match="enough") as raised:
-            device.dfu_download(image, fail)
-        assert "plugged in" in raised.value.__notes__[0]
-        with pytest.raises(vexa_usb.Closed):
-            device.descriptor()
-    with open(TOP + "/examples/fx2_renumerate.hex") as file:
-        records = b"".join(bytes.fromhex(line[1:]) for line in file.read().split())
-    with Simulator(library, "fx2"):
-        with library.open() as device:
-            for wrong in (records[:-1], b"\1\0\0\0\0\0"):
-                with pytest.raises(vexa_usb.InvalidParameters):
-                    device.fx2_load(wrong)
-            device.fx2_load(records, heard.append)
-    for kind, load, image in (("fx3", vexa_usb.Device.fx3_load, fx3()),
-                              ("imx7", vexa_usb.Device.imx7_load_spl, spl(2000))):
-        with Simulator(library, kind):
-            with library.open() as device:
-                load(device, image)
-
-
-START = """
-import vexa_usb, threading, time, sys, numpy, os
+START = """import threading, sys, asyncio, vexa_usb
 library = vexa_usb.Library()
 device = library.open()
-print("ready", flush=True)
 """
 ENDLESS = {
-    "stream": "device.control_out(6, 1, 0x82)\nfor view in device.stream(0x82): pass",
-    "full speed": "for view in device.stream(0x82): numpy.frombuffer(view).sum()",
+    "silent": "device.control_out(6, 1, 0x82)\nfor view in device.stream(0x82): pass",
+    "full speed": "import numpy\ndevice.control_out(6, 0, 0x82)\n"
+                  "for view in device.stream(0x82, 1 << 20, 64): numpy.frombuffer(view)[0]",
     "events": "for event in device.events(): pass",
     "watch": "for change in library.watch(): pass",
     "read": "while True:\n  try: device.bulk_read(0x83, 1)\n  except vexa_usb.Timeout: pass",
-    "asyncio": "import asyncio\nasync def main():\n  async for e in device.events(): pass\n"
+    "asyncio": "async def main():\n  async for event in device.events(): pass\n"
                "asyncio.run(main())"}
 
 
@@ -305,14 +343,45 @@ ENDLESS = {
 def test_control_c_and_exit(instrument, what):
     """Each endless wait, ended by Ctrl-C; then as a daemon thread of an interpreter that ends."""
     instrument.wait(1)
-    program = subprocess.Popen([sys.executable, "-c", START + ENDLESS[what]], text=True,
-                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    program.stdout.readline()
-    time.sleep(0.5)
-    program.send_signal(signal.SIGINT)
-    errors = program.communicate(timeout=10)[1]
-    assert program.returncode == -signal.SIGINT and "KeyboardInterrupt" in errors, errors
-    script = START + f"threading.Thread(target=exec, args=({ENDLESS[what]!r}, globals()), " \
-        "daemon=True).start()\ntime.sleep(0.5)\nsys.exit(7)"
-    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=20)
-    assert done.returncode == 7 and "terminate" not in done.stderr, done
+    program = Program(START + "print(flush=True)\n" + ENDLESS[what])
+    while not program.output.stat().st_size:
+        time.sleep(0.05)
+    time.sleep(0.3)
+    os.kill(program.number, signal.SIGINT)
+    status, said = program.ended()
+    assert status == -signal.SIGINT and "KeyboardInterrupt" in said, said
+    status, said = Program(START + "threading.Thread(target=exec, daemon=True, args=("
+                           f"{ENDLESS[what]!r}, globals())).start()\nthreading.Event().wait(0.5)\n"
+                           "sys.exit(7)").ended()
+    assert status == 7 and not said, said
+
+
+def test_a_forked_process_can_leave(instrument):
+    assert Program(START + "import os\nchild = os.fork()\nif child == 0: sys.exit(3)\n"
+                   "sys.exit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))").ended() == (3, "")
+
+
+@pytest.mark.parametrize("language", ("c", "python"))
+def test_examples(library, instrument, language):
+    instrument.wait(1)
+    with library.open() as device:
+        device.control_out(SILENCE, 0, STREAM)
+        device.control_out(SEND, data=b"\x10\x00\xff")
+        device.control_out(SEEK, data=bytes(8))
+    for name, arguments, pattern_of_output in (
+            ("list", (), f"sees 1 devices\ndevice \\d+: {vexa_usb.VENDOR_ID:04x}:0001"),
+            ("events", ("3",), "^0x10\n0x00\n0xff\n$"),
+            ("record", ("/dev/shm/recorded", "3000000"), "^$"),
+            ("control", (), "Hello, instrument"),
+            ("bulk", (), "100000 bytes went and came\none more: .*timed out")):
+        status, said = example(language, name, *arguments)
+        assert status == 0 and re.search(pattern_of_output, said), (name, said)
+    assert pathlib.Path("/dev/shm/recorded").read_bytes() == pattern(0, 3000000).tobytes()
+    assert example(language, "record", "/dev/full", "1")[0] not in (0, -signal.SIGABRT)
+
+
+def test_scope_draws(instrument):
+    picture = pathlib.Path(BUILD) / "scope.png"
+    picture.unlink(missing_ok=True)
+    status, said = example("python", "scope", "--png", str(picture), forks=PLOTTER)
+    assert status == 0 and picture.read_bytes().startswith(b"\x89PNG"), said
