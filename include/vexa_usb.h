@@ -56,6 +56,7 @@
 
 #include "vexa_usb_config.h"
 
+/** Marks a function that the library exports; of no meaning to its callers. */
 #if defined(__GNUC__)
 #define VEXA_USB_API __attribute__((visibility("default")))
 #else

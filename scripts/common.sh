@@ -35,10 +35,12 @@ asRoot() {
     fi
 }
 
-# Installs the packages of scripts/packages that are missing; prints nothing if there are none.
+# installPackages [PACKAGE...]: installs what is missing of these, or else of scripts/packages; prints
+# nothing if nothing is.
 installPackages() {
-    local wanted missing
-    wanted=$(grep -v '^#' "$vexaRoot/scripts/packages")
+    local wanted=$* missing
+    [ $# -gt 0 ] || wanted=$(grep -v '^#' "$vexaRoot/scripts/packages")
+    wanted=${wanted// /$'\n'}
     # shellcheck disable=SC2086
     missing=$(comm -23 <(sort <<<"$wanted") \
         <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' $wanted 2>/dev/null |
