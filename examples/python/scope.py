@@ -9,14 +9,14 @@ import numpy
 import numpy.typing
 import vexa_usb
 
-SHOWN = 4096  # samples
+TRACE, WINDOW = 400, 4096  # samples
 
 
 def spectrum(samples: numpy.typing.NDArray[numpy.int16]) -> numpy.typing.NDArray[numpy.float64]:
-    """Power of each frequency, in dB below full scale, averaged over windows of SHOWN samples."""
-    windows = samples[:len(samples) // SHOWN * SHOWN].reshape(-1, SHOWN) / 32768
-    power = numpy.abs(numpy.fft.rfft(windows * numpy.hanning(SHOWN))) ** 2
-    full_scale = (SHOWN / 4) ** 2
+    """Power of each frequency, in dB below full scale, averaged over windows."""
+    windows = samples[:len(samples) // WINDOW * WINDOW].reshape(-1, WINDOW) / 32768
+    power = numpy.abs(numpy.fft.rfft(windows * numpy.hanning(WINDOW))) ** 2
+    full_scale = (WINDOW / 4) ** 2
     decibel: numpy.typing.NDArray[numpy.float64] = 10 * numpy.log10(
         power.mean(axis=0) / full_scale + 1e-20)
     return decibel
@@ -26,18 +26,22 @@ class Scope:
     def __init__(self, rate: float) -> None:
         from matplotlib import pyplot
         self.figure, (above, below) = pyplot.subplots(2, 1, figsize=(9, 6), layout="constrained")
-        milliseconds = numpy.arange(SHOWN) / rate * 1000
-        self.trace, = above.plot(milliseconds, numpy.zeros(SHOWN), linewidth=0.8)
+        milliseconds = numpy.arange(TRACE) / rate * 1000
+        self.trace, = above.plot(milliseconds, numpy.zeros(TRACE), linewidth=0.8)
         above.set(xlabel="ms", ylabel="sample", ylim=(-32768, 32767), xlim=(0, milliseconds[-1]))
-        frequencies = numpy.fft.rfftfreq(SHOWN, 1 / rate) / 1000
+        frequencies = numpy.fft.rfftfreq(WINDOW, 1 / rate) / 1000
         self.spectrum, = below.plot(frequencies, numpy.zeros(len(frequencies)), linewidth=0.8)
         below.set(xlabel="kHz", ylabel="dB of full scale", ylim=(-120, 0),
                   xlim=(0, frequencies[-1]))
         for axes in (above, below):
             axes.grid(alpha=0.3)
 
+    def is_open(self) -> bool:
+        from matplotlib import pyplot
+        return bool(pyplot.fignum_exists(self.figure.number))
+
     def show(self, samples: numpy.typing.NDArray[numpy.int16], title: str) -> None:
-        self.trace.set_ydata(samples[:SHOWN].copy())  # the buffer is given back
+        self.trace.set_ydata(samples[:TRACE].copy())  # the buffer is given back
         self.spectrum.set_ydata(spectrum(samples))
         self.figure.suptitle(title)
 
@@ -50,6 +54,8 @@ if arguments.png:
     import matplotlib
     matplotlib.use("agg")
 scope = Scope(arguments.rate)
+if not arguments.png:
+    scope.figure.show()
 with vexa_usb.Library() as library, library.open() as device, \
         device.stream(0x82, 1 << 20, 64, timeout=5) as stream:
     drawn = begun = time.monotonic()
@@ -65,6 +71,7 @@ with vexa_usb.Library() as library, library.open() as device, \
             break
         scope.figure.canvas.draw_idle()
         scope.figure.canvas.flush_events()
-        scope.figure.show()
+        if not scope.is_open():
+            break
 if arguments.png:
     scope.figure.savefig(arguments.png, dpi=120)

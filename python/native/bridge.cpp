@@ -109,7 +109,7 @@ Sources &sources() {
 }
 
 void *asData(uint64_t id) {
-    return reinterpret_cast<void *>(id);
+    return reinterpret_cast<void *>(id); // NOLINT(performance-no-int-to-ptr): only ever cast back
 }
 
 // An opened device: its handle with the calls in progress, its stream with the views of the ring,
@@ -237,7 +237,7 @@ public:
         const auto found = views_.find(data);
         if (found == views_.end())
             return nullptr;
-        const std::shared_ptr<Device> device = std::move(found->second);
+        std::shared_ptr<Device> device = std::move(found->second);
         views_.erase(found);
         return device;
     }
@@ -292,7 +292,7 @@ int64_t Device::takeEvent() {
     if (queue_.empty() && ended_)
         return kBridgeClosed;
     if (queue_.empty())
-        return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : kBridgeEmpty;
+        return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : int64_t{kBridgeEmpty};
     const _vexa_usb_device_event event = queue_.front();
     queue_.pop_front();
     if (queue_.empty() && !ended_ && !removed_)
@@ -518,6 +518,7 @@ Result with(uint64_t id, Result otherwise, Call call) {
 
 namespace {
 
+std::atomic<bool> isForked = false;
 std::atomic<bool> isLeaving = false;
 pthread_t leavingThread;
 
@@ -551,6 +552,7 @@ void bridgeLeave(void) {
 }
 
 void bridgeForked(void) {
+    isForked = true;
     // Instead of the library's destructors, which would end the process by std::terminate.
     on_exit(
         [](int status, void *) {
@@ -571,6 +573,8 @@ int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record) {
 }
 
 int32_t bridgeClose(uint64_t device, uint32_t timeoutMs) {
+    if (isForked)
+        return VEXA_USB_STATUS_SUCCESS;
     const Departure departure;
     return with<Device>(device, int32_t{VEXA_USB_STATUS_SUCCESS},
                         [&](Device &found) { return found.close(timeoutMs); });
@@ -597,6 +601,8 @@ int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize
 }
 
 int32_t bridgeStreamStop(uint64_t device) {
+    if (isForked)
+        return VEXA_USB_STATUS_SUCCESS;
     const Departure departure;
     const DeviceCall call(device);
     return call.handle() == nullptr ? kBridgeClosed : call.device().streamStop();
@@ -616,6 +622,8 @@ void bridgeStreamViewed(uint64_t device) {
 }
 
 void bridgeViewGone(void *data) {
+    if (isForked)
+        return;
     const std::shared_ptr<Device> device = views().take(data);
     if (device != nullptr)
         device->viewGone();
@@ -675,6 +683,8 @@ int32_t bridgeDuplicate(uint64_t id, int32_t what) {
 }
 
 void bridgeFree(uint64_t id) {
+    if (isForked)
+        return;
     const std::shared_ptr<Source> source = sources().find<Source>(id);
     if (source == nullptr)
         return;

@@ -37,7 +37,8 @@ const char *bridgeException(void);
 
 /* The interpreter ends, on this thread: others that are inside a call do not come back from it. */
 void bridgeLeave(void);
-/* In a process that was forked, where the library's threads are not: it will leave without them. */
+/* In a process that was forked, where the library's threads are not: nothing is closed any more,
+ * and it will leave without them. */
 void bridgeForked(void);
 
 uint64_t bridgeDeviceNew(void);

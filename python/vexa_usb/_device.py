@@ -73,7 +73,8 @@ class Device:
         self.info = info
         self._closed = False
         self._loading = threading.Lock()
-        self._stream: Stream | None = None
+        self._stream: Callable[[], Stream | None] = lambda: None
+        self._viewed: list[weakref.ref[Any]] = []  # by its last stream
         self._number = lib.bridgeDeviceNew()
         self._handle = ffi.cast("_vexa_usb_device *", self._number)
         if _is_held(info):
@@ -103,13 +104,14 @@ class Device:
         Calls of other threads that are in progress are waited for, new ones raise Closed; a firmware
         download ends at its next block.
         """
-        if self._stream is not None:
-            self._stream.close()
+        stream = self._stream()
+        if stream is not None:
+            stream.close()
         self._closed = True
         while True:
             status = lib.bridgeClose(self._number, 100)
-            if status == lib.kBridgeViewed and self._stream is not None:
-                _held[self.info.id] = self._stream.viewed
+            if status == lib.kBridgeViewed and self.info.id not in _held:
+                _held[self.info.id] = self._viewed
                 warnings.warn("an array still refers to the stream's buffers: the device stays "
                               "open until it goes", ResourceWarning, stacklevel=2)
             if status != lib.kBridgeBusy:
@@ -255,8 +257,10 @@ class Device:
         on the bus leave a gap that nobody is told of.  With a timeout, a device that is silent for
         that long raises Timeout.
         """
-        self._stream = Stream(self, endpoint, buffer_size, buffer_count, strict, timeout)
-        return self._stream
+        stream = Stream(self, endpoint, buffer_size, buffer_count, strict, timeout)
+        self._stream = weakref.ref(stream)
+        self._viewed = stream.viewed
+        return stream
 
     # Firmware
 

@@ -1,7 +1,6 @@
 """A data stream, read in place."""
 from __future__ import annotations
 
-import asyncio
 import gc
 import threading
 import warnings
@@ -36,10 +35,9 @@ class Stream(Source[memoryview]):
     def __init__(self, device: Device, endpoint: int, buffer_size: int, buffer_count: int,
                  strict: bool, timeout: float | None) -> None:
         super().__init__(device._number, timeout)
-        self._device = device
+        self._device = device  # not closed while its stream is used
         self._name = f"stream from {endpoint:#x}"
         self._lock = threading.Lock()
-        self._closed = False
         self._view: memoryview | None = None
         self.viewed: list[weakref.ref[Any]] = []  # what keeps each view's memory, oldest first
         self._data = ffi.new("uint8_t **")
@@ -53,6 +51,12 @@ class Stream(Source[memoryview]):
             raise BufferError("an array still refers to the buffers of the stream before this one; "
                               "delete or copy it first")
         check(status, self._name)
+        self._closed = False
+
+    _closed = True
+
+    def __del__(self) -> None:
+        self.close()
 
     def __enter__(self) -> Stream:
         return self
@@ -62,7 +66,9 @@ class Stream(Source[memoryview]):
         self.close()
 
     def close(self) -> None:
-        """Stops the stream.  Harmless when that was done."""
+        """Stops the stream.  Harmless when that was done; also done when nothing refers to it."""
+        if self._closed:
+            return
         with self._lock:
             if self._closed:
                 return
@@ -80,7 +86,7 @@ class Stream(Source[memoryview]):
             except BufferError:
                 pass  # an array keeps the memory
             self._view = None
-        self.viewed = [memory for memory in self.viewed if memory() is not None]
+        self.viewed[:] = [memory for memory in self.viewed if memory() is not None]
 
     def _take(self) -> memoryview | None:
         with self._lock:

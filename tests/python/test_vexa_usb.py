@@ -50,7 +50,7 @@ class Simulator:
         self.wait(0)
 
     def wait(self, count):
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + 60
         while len(self.library.devices()) != count:
             assert time.monotonic() < deadline, self.library.devices()
             time.sleep(0.02)
@@ -69,7 +69,7 @@ class Program:
         return int(self.forks.stdout.readline())
 
     def ended(self):
-        watchdog = threading.Timer(40, os.kill, (self.number, signal.SIGKILL))
+        watchdog = threading.Timer(120, os.kill, (self.number, signal.SIGKILL))
         watchdog.start()
         try:
             return self.ask(wait=self.number), self.output.read_text()
@@ -84,7 +84,7 @@ def example(language, name, *arguments, forks=FORKS):
         path = f"{TOP}/examples/python/{name}.py"
         with open(path) as file:
             return Program(file.read(), path, *arguments, forks=forks).ended()
-    done = subprocess.run([f"{BUILD}/examples/example-{name}", *arguments], timeout=20, text=True,
+    done = subprocess.run([f"{BUILD}/examples/example-{name}", *arguments], timeout=120, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.returncode, done.stdout
 
