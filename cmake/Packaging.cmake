@@ -52,6 +52,18 @@ if(VEXA_BUILD_TOOLS)
     install(TARGETS vexa-usb-tool
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
     install(FILES docs/man/vexa-usb.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    # Where the shells look; Debian's zsh looks below /usr for what packages bring elsewhere.
+    if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set(zshFunctions vendor-completions)
+    else()
+        set(zshFunctions site-functions)
+    endif()
+    install(FILES tools/completions/vexa-usb.bash RENAME vexa-usb
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+    install(FILES tools/completions/vexa-usb.zsh RENAME _vexa-usb
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zshFunctions} COMPONENT tool)
+    install(FILES tools/completions/vexa-usb.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
 endif()
 if(VEXA_BUILD_SIM)
     install(TARGETS vexa-usb-sim

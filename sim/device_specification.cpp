@@ -29,16 +29,18 @@ std::unique_ptr<DeviceModel> makeBootDevice(const DeviceSpecification &specifica
 }
 
 std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specification) {
+    if (!specification.recording.empty())
+        return std::make_unique<Instrument>(specification.shape, specification.recording);
     return std::make_unique<Instrument>(specification.shape);
 }
 
 struct Kind {
     const char *name;
     std::unique_ptr<DeviceModel> (*make)(const DeviceSpecification &);
-    uint16_t vendor; // 0: as the instrument
+    uint16_t vendor; // 0: that of the instrument
     uint16_t product;
     const char *productName;
-    const char *description; // for --help
+    const char *description; // in --help
 };
 
 constexpr std::array kKinds{
@@ -71,15 +73,15 @@ const Kind &findKind(const std::string &name) {
     return *found;
 }
 
-uint32_t parseNumber(const std::string &key, const std::string &text, uint32_t most) {
+uint32_t parseNumber(const std::string &key, const std::string &text, uint32_t max) {
     const bool isHex = text.starts_with("0x");
     const char *const first = text.data() + (isHex ? 2 : 0);
     const char *const last = text.data() + text.size();
     uint32_t value = 0;
     const auto [end, error] = std::from_chars(first, last, value, isHex ? 16 : 10);
-    if (error != std::errc() || end != last || value > most)
+    if (error != std::errc() || end != last || value > max)
         throw std::invalid_argument(
-            fmt::format("{}={} is not a number from 0 to {}", key, text, most));
+            fmt::format("{}={} is not a number from 0 to {}", key, text, max));
     return value;
 }
 
@@ -97,7 +99,7 @@ std::chrono::milliseconds parseTime(const std::string &key, const std::string &t
     return std::chrono::milliseconds(parseNumber(key, text, kDay));
 }
 
-// Whether the property was part of the behaviour.
+// False when the behaviour has no such property.
 bool applyBehaviour(LoadBehaviour &behaviour, const std::string &key, const std::string &value) {
     const auto step = [&]() {
         const uint32_t number = parseNumber(key, value, UINT32_MAX);
@@ -141,6 +143,8 @@ void apply(DeviceSpecification &specification, const std::string &key, const std
         shape.serial = value;
     else if (key == "away")
         specification.away = parseTime(key, value);
+    else if (key == "file" && specification.kind == "instrument")
+        specification.recording = value;
     else if (specification.kind == "instrument" ||
              !applyBehaviour(specification.behaviour, key, value))
         throw std::invalid_argument(
@@ -180,6 +184,7 @@ std::string deviceSpecificationHelp() {
            "  KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
            "[,away=MS]\n"
            "away=MS plugs it in that many milliseconds after the start.\n"
+           "An instrument with file=PATH streams what is in that file, over and over.\n"
            "Numbers may be written in hexadecimal, with 0x.\n"
            "\n"
            "Kinds:\n" +

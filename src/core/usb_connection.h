@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 #include "core/mutex.h"
@@ -37,8 +36,10 @@ public:
     // The handle may be used as long as the result is held; false once the connection closes.
     UseGate::Use use() { return gate_.enter(); }
 
-    // The following four are for who holds a Use.
+    // The following five are for who holds a Use.
     libusb_device_handle *handle() const { return handle_; }
+    // Whether completions get delivered.
+    bool eventLoopRuns() const { return loopRuns_; }
     // An endpoint's wMaxPacketSize, or a libusb error code.
     int maxPacketSize(uint8_t endpoint) const;
     // Has close() end these transfers too.
@@ -64,12 +65,6 @@ private:
 
     Mutex mutex_; // a set's own is taken inside it
     std::vector<std::shared_ptr<TransferSet>> transferSets_ GUARDED_BY(mutex_);
-};
-
-// The device has no such endpoint, or its packet size makes no sense.
-class EndpointError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
 };
 
 } // namespace vexausb

@@ -5,6 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include "core/transfer_set.h"
+#include "device/shared_buffers.h"
+
 namespace vexausb {
 
 enum class DataStreamBufferState : uint32_t {
@@ -12,15 +15,24 @@ enum class DataStreamBufferState : uint32_t {
     Filling = 1, // transfers are being prepared into it
     Full = 2,    // the transfer that reaches its end has been prepared
     Locked = 3,  // the caller holds it
+    Closed = 4,  // its memory has gone
 };
 
 struct DataStreamBuffer {
     explicit DataStreamBuffer(uint64_t allocationSize);
 
     bool change(DataStreamBufferState from, DataStreamBufferState to);
+    // Nobody gets it any more; false when the caller holds it.
+    bool closeUnlessLocked();
+
+    bool isShared() const { return data != ordinary.get(); }
 
     std::atomic<DataStreamBufferState> state{DataStreamBufferState::Free};
-    const std::unique_ptr<uint8_t[]> data;
+    // Always there, and not touched while shared memory stands in for it.
+    const std::unique_ptr<uint8_t[]> ordinary;
+    // The rest is the producer's.
+    uint8_t *data; // here, or shared with the kernel; the consumer may read it of a locked buffer
+    uint64_t pendingTransfers = 0; // prepared, and not completed
 };
 
 // What one prepared transfer does, kept by that transfer until it completes.
@@ -43,6 +55,11 @@ struct DataStreamTransferInfo {
  * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
  * behind.
  *
+ * A buffer that is claimed gets a block of memory that the kernel fills itself, where there is one
+ * (SharedBuffers); else its own ordinary memory does.  The blocks of buffers that the caller has
+ * given back are used again first.  So a start does not wait for the whole ring to be mapped, and a
+ * caller that keeps up has a few blocks go round that stay in the processor's caches.
+ *
  * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
  * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
  * compare-and-swap, so that a buffer is never filled while the caller may read it.
@@ -52,24 +69,39 @@ struct DataStreamTransferInfo {
  */
 class DataStream {
 public:
-    DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize, uint64_t packet);
+    DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTransferSize,
+               uint64_t packetSize, std::unique_ptr<SharedBuffers> shared = nullptr);
+    ~DataStream();
     DataStream(const DataStream &) = delete;
     DataStream &operator=(const DataStream &) = delete;
 
-    // Producer.
+    // The bytes that each buffer takes; throws std::length_error when that is too much.
+    static uint64_t allocationSizeFor(uint64_t bufferSize, uint64_t packetSize);
+
+    // Producer.  Claims the next piece of the ring for a transfer; false when the ring is full: the
+    // caller has not yet given back a buffer that is needed.
     bool nextTransfer(DataStreamTransferInfo &info);
+    // In the order in which the transfers were prepared; each is taken to have filled its length.
     // The number of buffers that hold all their data now.
     uint64_t transferCompleted(const DataStreamTransferInfo &info);
 
-    // Consumer.
+    // Consumer.  Gives the oldest full buffer, which stays as it is until unlock(); false when none
+    // is full or one is locked.
     bool lock(uint8_t *&data, uint64_t &size);
+    // False when none is locked.
     bool unlock();
+
+    // Once nothing is in flight, and before the device's handle is closed: gives back all shared
+    // memory but, if so wished, that of the buffer that the caller has locked.
+    void releaseShared(CallerMemory callers);
 
     // Any thread: how many buffers the consumer has given back.
     uint64_t buffersReleased() const { return released_.load(std::memory_order_relaxed); }
 
 private:
     bool claim(uint64_t index);
+    void collectShared();
+    void makeOrdinary(DataStreamBuffer &buffer);
     bool advance(DataStreamTransferInfo &info);
     uint64_t following(uint64_t index) const {
         return index + 1 == buffers_.size() ? 0 : index + 1;
@@ -80,6 +112,7 @@ private:
     const uint64_t allocationSize_;
     const uint64_t transferSize_;
     std::vector<std::unique_ptr<DataStreamBuffer>> buffers_;
+    const std::unique_ptr<SharedBuffers> shared_; // the producer's; null when nothing may be shared
 
     // The consumer's.
     uint64_t readIndex_ = 0;
@@ -89,6 +122,7 @@ private:
     // The producer's.
     uint64_t writeIndex_ = 0;
     uint64_t writeOffset_ = 0;
+    uint64_t collectIndex_ = 0; // the oldest buffer whose shared memory may come back
 };
 
 } // namespace vexausb

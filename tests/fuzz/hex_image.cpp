@@ -22,8 +22,8 @@ vexausb::HexRecords recordsOf(const uint8_t *data, size_t size) {
     vexausb::HexRecords records;
     while (size >= 4) {
         const size_t count = std::min<size_t>(data[3], size - 4);
-        records.emplace_back(static_cast<uint16_t>(data[1] << 8 | data[2]), data[0],
-                             std::vector<uint8_t>(data + 4, data + 4 + count), uint8_t{0});
+        records.push_back({static_cast<uint16_t>(data[1] << 8 | data[2]), data[0],
+                           std::vector<uint8_t>(data + 4, data + 4 + count), 0});
         if (isFar(records.back()))
             records.pop_back();
         data += 4 + count;

@@ -54,7 +54,11 @@ bool eventually(Condition condition) {
     return true;
 }
 
+// The memory that the system allows for the transfers of all programs.
+void limitTransfers(const std::string &mebibytes);
 size_t openDescriptors();
+// Mappings of devices' files into this process.
+size_t sharedMappings();
 
 // Whether the system comes to list that many devices with that name, "VENDOR:PRODUCT", of which a
 // half may be missing.

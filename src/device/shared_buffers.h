@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core/device_name.h"
+
+struct libusb_device_handle;
+
+namespace vexausb {
+
+class UsbConnection;
+
+/*
+ * Blocks of memory, each for a buffer of one ring, that the kernel fills itself
+ * (libusb_dev_mem_alloc), where that is safe and fast; what arrives there is not copied once more.
+ *
+ * It belongs to the device's open file, which therefore stays open for as long as any of it is
+ * mapped.  So it is given back through the handle before that is closed; only what the caller is
+ * still reading at that moment stays, and is unmapped without the handle later.
+ *
+ * Life: owned by its ring, which gives every buffer back before it ends.
+ *
+ * Threads: whichever produces into the ring; its session's mutex lets one at a time come here.
+ */
+class SharedBuffers {
+public:
+    // For `count` buffers of `size` bytes, or null where none may be shared.  The caller holds a
+    // Use of the connection.
+    static std::unique_ptr<SharedBuffers> make(const UsbConnection &connection, uint64_t size,
+                                               uint64_t count, const DeviceName &name);
+    ~SharedBuffers();
+    SharedBuffers(const SharedBuffers &) = delete;
+    SharedBuffers &operator=(const SharedBuffers &) = delete;
+
+    // The block that was given back last, or a new one, zeroed by the kernel; null when no more may
+    // be shared or the kernel refuses.
+    uint8_t *take();
+    // Kept for the next take(), unless other devices need the room.
+    void giveBack(uint8_t *block);
+    // Nothing is taken from here on.  What is still out gets unmapped when it is given back.
+    void handleCloses();
+
+private:
+    SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
+                  const DeviceName &name);
+    uint8_t *allocate();
+    void release(uint8_t *block);
+    void askNoMore();
+
+    libusb_device_handle *handle_; // null once it closes
+    const uint64_t size_;
+    uint64_t left_;                // blocks that may still be asked for
+    std::vector<uint8_t *> spare_; // given back; has room for all
+    const DeviceName deviceName_;
+    bool refused_ = false;
+};
+
+} // namespace vexausb
