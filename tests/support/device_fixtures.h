@@ -50,6 +50,11 @@ protected:
         fake::notifyDeparture(usbDevice);
         ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
     }
+    // Whether the last fini has begun to close this device.
+    static bool isTurnedAway(_vexa_usb_device *closing) {
+        uint16_t size = 0;
+        return vexa_usb_get_max_packet_size(closing, 0x82, &size) < 0;
+    }
     // What happens to devices that are still open at the last fini, and a new beginning.
     void reinitialise() {
         vexa_usb_fini();

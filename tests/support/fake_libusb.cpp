@@ -357,7 +357,7 @@ void holdEvents(bool held) {
 
 bool eventsPending() {
     const std::lock_guard lock(mutex);
-    return !state.notices.empty();
+    return !state.notices.empty() || !state.done.empty();
 }
 
 bool closedInFlight() {

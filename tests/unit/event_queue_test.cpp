@@ -1,5 +1,6 @@
 // Threads and the event queue.
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -76,6 +77,20 @@ TEST(EventQueue, StopDropsWhatIsQueued) {
     while (!watch.expired())
         std::this_thread::yield();
     EXPECT_EQ(shared->handled, (std::vector<int>{1, 2}));
+}
+
+// A worker that has nothing to do hears of the stop, and ends.
+TEST(EventQueue, StopsIdle) {
+    auto queue = std::make_shared<EventQueue<int>>([](const int &) {});
+    const std::weak_ptr<EventQueue<int>> watch = queue;
+    queue->start("idle");
+    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // time to become idle
+    queue->stop();
+    queue.reset();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!watch.expired() && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+    EXPECT_TRUE(watch.expired());
 }
 
 // What an event holds is released by the worker, after the handler, and nowhere else.

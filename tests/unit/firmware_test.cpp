@@ -333,39 +333,4 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     EXPECT_EQ(Bytes(&sent[4].data[3], &sent[4].data[7]), (Bytes{0x87, 0x7F, 0xFF, 0xC0}));
 }
 
-TEST_F(FirmwareTest, ChecksInOrder) {
-    const uint8_t byte = 0;
-    const uint32_t word = 0;
-    using Call = std::function<int32_t(_vexa_usb_device *, bool)>;
-    const std::vector<Call> calls{
-        [&](auto *handle, bool good) {
-            return vexa_usb_dfu_download(handle, &byte, good ? 1 : 0, nullptr, nullptr);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_imx7_load_firmware_spl(handle, good ? &byte : nullptr, 1);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_imx7_load_firmware_uboot(handle, &byte, good ? 1 : 0);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_fx3_load_firmware(handle, good ? &word : nullptr, 1);
-        },
-        [](auto *handle, bool good) { return vexa_usb_fx2_reset(good ? handle : nullptr); },
-        [](auto *handle, bool good) { return vexa_usb_fx2_renumerate(good ? handle : nullptr); },
-        [](auto *handle, bool good) {
-            return vexa_usb_fx2_load_firmware(good ? handle : nullptr, nullptr, 0);
-        },
-    };
-    remove();
-    for (const Call &call : calls) {
-        EXPECT_EQ(call(nullptr, true), VEXA_USB_STATUS_INVALID_PARAMETERS);
-        EXPECT_EQ(call(device, false), VEXA_USB_STATUS_INVALID_PARAMETERS);
-        EXPECT_EQ(call(device, true), VEXA_USB_STATUS_DEVICE_REMOVED);
-    }
-    // The removal does not matter where there is nothing to do.
-    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 1), VEXA_USB_STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 0), VEXA_USB_STATUS_INVALID_PARAMETERS);
-    EXPECT_TRUE(sent.empty());
-}
-
 } // namespace

@@ -1,9 +1,13 @@
 // Start-up and shut-down.
+#include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "core/supported_devices.h"
+#include "support/allocations.h"
 #include "support/device_fixtures.h"
 
 namespace {
@@ -80,6 +84,131 @@ TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
     EXPECT_EQ(opened, -3);
     EXPECT_EQ(vexa_usb_update_device_list(), 0);
     vexa_usb_fini();
+}
+
+// The new start waits for the end, and is whole.
+TEST_F(LifecycleTest, InitDuringATearDown) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    vexa_usb_init();
+    std::thread starting;
+    fake::onCall("libusb_exit", [&]() {
+        starting = std::thread(vexa_usb_init);
+        while (vexausb::initCount.load() == 0)
+            std::this_thread::yield();
+        EXPECT_EQ(vexa_usb_update_device_list(), -3);
+    });
+    vexa_usb_fini();
+    starting.join();
+    EXPECT_EQ(fake::countCalls("libusb_init"), 2U);
+    EXPECT_EQ(vexa_usb_update_device_list(), 0);
+    EXPECT_EQ(test::Snapshot().count, 1U);
+    vexa_usb_fini();
+}
+
+size_t threadCount() {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(threads), end(threads)));
+}
+
+// No thread, connection or ring is left, whichever way a device was closed.
+TEST_F(LifecycleTest, NothingAccumulates) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    constexpr uint64_t kBufferSize = 65536;
+    const size_t threads = threadCount();
+    const uint64_t memory = allocations::inUse();
+    for (int round = 0; round < 100; ++round) {
+        test::EventLog &log = test::EventLog::make();
+        vexausb::libusbRunning.store(true);
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        _vexa_usb_device *device = nullptr;
+        ASSERT_EQ(test::openFirst(log, device), 0);
+        for (int run = 0; run < 2; ++run) {
+            ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, kBufferSize, 4), 0);
+            if (run == 0) {
+                ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
+            }
+        }
+        ASSERT_EQ(vexa_usb_event_pipe_enable(device, 0x81), 0);
+        if (round % 2 == 0) {
+            vexa_usb_fini();
+            vexa_usb_init();
+        }
+        ASSERT_EQ(vexa_usb_close(device), 0);
+        vexa_usb_fini();
+    }
+    EXPECT_EQ(fake::countCalls("libusb_close"), 100U);
+    EXPECT_FALSE(fake::closedInFlight());
+    const auto end = std::chrono::steady_clock::now() + test::kLong;
+    while (threadCount() > threads && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+    EXPECT_LE(threadCount(), threads);
+    EXPECT_LT(allocations::inUse(), memory + 10 * kBufferSize);
+}
+
+class TearDownTest : public test::DeviceTest {
+protected:
+    // Has the last fini begin on a thread of its own, at the next call of that function, and go as
+    // far as turning the device's callers away.
+    void finiAt(const char *function) {
+        fake::onCall(function, [this]() {
+            finishing = std::thread(vexa_usb_fini);
+            while (!isTurnedAway(device))
+                std::this_thread::yield();
+        });
+    }
+    void expectTornDown() {
+        finishing.join();
+        EXPECT_TRUE(fake::inFlight().empty());
+        EXPECT_FALSE(fake::closedInFlight());
+        vexausb::libusbRunning.store(true);
+        vexa_usb_init();
+        EXPECT_EQ(close(), 0);
+        vexa_usb_update_device_list();
+        device = open();
+    }
+
+    std::thread finishing;
+};
+
+TEST_F(TearDownTest, OpenDuringTheLastFini) {
+    const test::Snapshot snapshot;
+    _vexa_usb_device *opened = nullptr;
+    finiAt("libusb_claim_interface");
+    EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+    EXPECT_EQ(opened, nullptr);
+    expectTornDown();
+}
+
+TEST_F(TearDownTest, StartDuringTheLastFini) {
+    for (const char *point :
+         {"libusb_get_max_packet_size", "libusb_alloc_transfer", "libusb_submit_transfer"}) {
+        SCOPED_TRACE(point);
+        finiAt(point);
+        EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 8), 0);
+        expectTornDown();
+        finiAt(point);
+        vexa_usb_event_pipe_enable(device, 0x81); // armed, or refused
+        expectTornDown();
+    }
+}
+
+// Both wait for the same transfers; one of them closes.
+TEST_F(TearDownTest, CloseDuringTheLastFini) {
+    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 8), 0);
+    fake::holdEvents(true);
+    std::thread closing([this]() { EXPECT_EQ(close(), 0); });
+    while (!fake::inFlight().empty())
+        std::this_thread::yield();
+    std::thread fini(vexa_usb_fini);
+    while (vexa_usb_update_device_list() == 0)
+        std::this_thread::yield();
+    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
+    fake::holdEvents(false);
+    closing.join();
+    fini.join();
+    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
+    vexa_usb_init();
 }
 
 // Everything at once: the fake stops the program when a context is used or doubled wrongly.

@@ -1,7 +1,10 @@
 // Data streams through the exported functions, with transfers that end as told.
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <thread>
+#include <vector>
 
 #include "support/device_fixtures.h"
 
@@ -89,16 +92,76 @@ TEST_F(StreamTest, SlowCallerFailsTheRunAndLosesNothingBefore) {
     EXPECT_EQ(stop(), 0);
 }
 
-// After a failed overshoot the ring must not be asked again, although buffers get free.
+// After a failed overshoot the ring is not asked again, neither by the start nor by a transfer that
+// brings its data all the same.
 TEST_F(StreamTest, RingFailureIsFinal) {
-    ASSERT_EQ(start(1000, 2), 0); // the third piece's overshoot needs a buffer that is full
-    EXPECT_TRUE(log.waitFor(kError));
+    ASSERT_EQ(start(1000, 2), 0); // the second piece's overshoot needs a buffer that is full
+    EXPECT_TRUE(log.waitFor(kStarted));
     fake::waitInFlight(0);
+    EXPECT_EQ(stop(), 0);
+    ASSERT_TRUE(log.waitFor(kStopped));
+    ASSERT_EQ(start(1000, 5), 0);
+    complete();
+    fake::holdEvents(true);
+    fake::completeOldest(); // the fifth piece's overshoot needs the first buffer
+    fake::completeOldest();
+    fake::holdEvents(false);
+    fake::waitInFlight(0);
+    ASSERT_TRUE(log.waitFor(kFull, 3));
     EXPECT_EQ(lock(), 0);
     EXPECT_EQ(unlock(), 0);
-    EXPECT_EQ(log.count(kError), 1U);
     EXPECT_EQ(stop(), 0);
-    EXPECT_EQ(log.count(kFull), 0U);
+    ASSERT_TRUE(log.waitFor(kStopped, 2));
+    EXPECT_EQ(log.all(), (std::vector<uint32_t>{kError, kStarted, kStopped, kStarted, kFull, kFull,
+                                                kError, kFull, kStopped}));
+}
+
+// Of a completion that is due and a stop, the data count.
+TEST_F(StreamTest, CompletionPendingAtAStop) {
+    ASSERT_EQ(start(512, 8), 0);
+    fake::holdEvents(true);
+    fake::completeOldest();
+    std::thread stopping([this]() { EXPECT_EQ(stop(), 0); });
+    while (!fake::inFlight().empty())
+        std::this_thread::yield();
+    fake::holdEvents(false);
+    stopping.join();
+    ASSERT_TRUE(log.waitFor(kStopped));
+    EXPECT_EQ(log.all(), (std::vector<uint32_t>{kStarted, kFull, kStopped}));
+}
+
+// The first transfer has its data before the start is through.
+TEST_F(StreamTest, CompletionDuringTheStart) {
+    fake::onCall("libusb_submit_transfer", []() {
+        fake::onCall("libusb_submit_transfer", []() {
+            fake::completeOldest();
+            while (fake::eventsPending())
+                std::this_thread::yield();
+        });
+    });
+    ASSERT_EQ(start(512, 8), 0);
+    ASSERT_TRUE(log.waitFor(kFull));
+    fake::waitInFlight(3);
+    EXPECT_EQ(log.all(), (std::vector<uint32_t>{kStarted, kFull}));
+}
+
+// Of two threads that start, or enable, one does.
+TEST_F(StreamTest, TwoThreadsStart) {
+    const auto both = [](const std::function<int32_t()> &begin) {
+        int32_t other = 1;
+        std::thread second;
+        fake::onCall("libusb_alloc_transfer", [&]() {
+            second = std::thread([&]() { other = begin(); });
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(20)); // time to come in, if it can
+        });
+        EXPECT_EQ(begin(), 0);
+        second.join();
+        return other;
+    };
+    EXPECT_EQ(both([this]() { return start(512, 4); }), -8);
+    EXPECT_EQ(both([this]() { return vexa_usb_event_pipe_enable(device, 0x81); }), -7);
+    EXPECT_EQ(fake::inFlight().size(), 4U);
 }
 
 TEST_F(StreamTest, RefusedSubmissions) {
@@ -115,6 +178,9 @@ TEST_F(StreamTest, RefusedSubmissions) {
     EXPECT_TRUE(log.waitFor(kError, 4));
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(log.count(kError), 4U);
+    fake::failCall("libusb_submit_transfer");
+    ASSERT_EQ(start(512, 8), 0);
+    reinitialise(); // nothing of libusb's is left with the device
 }
 
 TEST_F(StreamTest, StartThatCannotBegin) {
@@ -258,7 +324,11 @@ TEST_F(StreamTest, EndsWithoutEventLoop) {
     EXPECT_EQ(stop(), 0);
     EXPECT_TRUE(fake::closedInFlight());
     uint8_t byte = 0;
+    uint16_t packetSize = 0;
     EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, &byte, 1), -1);
+    EXPECT_EQ(vexa_usb_control_transfer(device, 1, 0, 0, 6, 0, 0, &byte, 1), -1);
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &packetSize), -1);
+    EXPECT_EQ(vexa_usb_event_pipe_enable(device, 0x81), -1);
     EXPECT_EQ(start(512, 4), -1);
     EXPECT_EQ(close(), 0);
     device = open();
