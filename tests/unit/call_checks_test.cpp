@@ -110,7 +110,10 @@ int32_t freeList(bool good) {
     _vexa_usb_device_list_item *end = nullptr; // an empty list that no call may free
     _vexa_usb_device_list_item **list = &end;
     vexa_usb_get_device_list(&list, nullptr);
-    return vexa_usb_free_device_list(good ? list : nullptr);
+    const int32_t status = vexa_usb_free_device_list(good ? list : nullptr);
+    if (!good)
+        vexa_usb_free_device_list(list);
+    return status;
 }
 
 int32_t open(const Arguments &arguments) {

@@ -142,6 +142,20 @@ TEST_F(ListEventsTest, SlowCallbackSeesEveryChange) {
     }
 }
 
+// Registrations that come and go meanwhile keep no change from the one that stays.
+TEST_F(ListEventsTest, RegistrationsDuringDeliveries) {
+    constexpr int kRounds = 100;
+    Listener &staying = Listener::add();
+    std::thread changes([]() {
+        for (int round = 0; round < kRounds; ++round)
+            unplug(plug());
+    });
+    for (int round = 0; round < kRounds; ++round)
+        EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(Listener::add().id), 0);
+    changes.join();
+    EXPECT_TRUE(staying.waitFor(2 * kRounds));
+}
+
 // A device that leaves too late for the opening to fail: its user hears of it all the same.
 TEST_F(ListEventsTest, RemovalInTheMiddleOfOpening) {
     libusb_device *const device = fake::attach(kVendor, 1);
