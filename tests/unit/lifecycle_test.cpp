@@ -12,9 +12,12 @@
 
 namespace {
 
+const bool loopRunsAtFirst = vexausb::libusbRunning.load(); // before any test has set it
+
 class LifecycleTest : public test::FakeBusTest {};
 
 TEST_F(LifecycleTest, StartsAndStopsInOrder) {
+    EXPECT_TRUE(loopRunsAtFirst);
     vexa_usb_init();
     vexa_usb_init();
     vexa_usb_fini();

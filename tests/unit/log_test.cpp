@@ -69,6 +69,10 @@ TEST_F(LogTest, AFailedOpenSaysWhy) {
     EXPECT_TRUE(says(failing("libusb_claim_interface", LIBUSB_ERROR_BUSY), "another program"));
     EXPECT_TRUE(says(failing("libusb_get_device_list", LIBUSB_ERROR_OTHER), "cannot be opened"));
     EXPECT_TRUE(says(failing("libusb_get_device_descriptor", LIBUSB_ERROR_IO), "cannot be opened"));
+    EXPECT_TRUE(says(failing("libusb_claim_interface", LIBUSB_ERROR_NO_DEVICE), "has just left"));
+    EXPECT_TRUE(says(failing("libusb_claim_interface", LIBUSB_ERROR_IO), "plug the device in"));
+    fake::detach(usbDevice); // without a notice yet
+    EXPECT_TRUE(says(logOf("error", tryOpening), "LIBUSB_ERROR_NO_DEVICE: the device has left"));
     remove();
     EXPECT_TRUE(says(logOf("error", tryOpening), "it has left"));
 }
