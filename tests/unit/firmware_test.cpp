@@ -214,6 +214,7 @@ TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
                                         {0x21, 1, 2, 0, {}},
                                         status};
     EXPECT_EQ(sent, expected);
+    EXPECT_EQ(fake::countCalls("libusb_control_transfer(161,3,0,0,6)"), 5U);
     EXPECT_EQ(progress, (std::vector<double>{4096.0 / 4097, 1}));
     answers = {idle};
     EXPECT_EQ(download(4096), 0);
