@@ -38,12 +38,12 @@ public:
         ++count;
         if (!takesTimes)
             return;
-        time[filled++] = byte;
-        if (filled < sizeof(time))
+        time_[filled_++] = byte;
+        if (filled_ < sizeof(time_))
             return;
-        filled = 0;
+        filled_ = 0;
         int64_t sent = 0;
-        std::memcpy(&sent, time, sizeof(sent));
+        std::memcpy(&sent, time_, sizeof(sent));
         const int64_t now = Clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
         latencies.push_back(static_cast<double>(now - sent) / 1e3);
     }
@@ -52,14 +52,14 @@ public:
     std::vector<double> latencies;
 
 private:
-    uint8_t time[8] = {};
-    size_t filled = 0;
+    uint8_t time_[8] = {};
+    size_t filled_ = 0;
 };
 
-// One way to receive events.
-class Way {
+// One source to receive events.
+class EventSource {
 public:
-    virtual ~Way() = default;
+    virtual ~EventSource() = default;
     virtual void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) = 0;
     virtual void arm() = 0;
     virtual void waitFor(uint64_t events) = 0;
@@ -67,102 +67,102 @@ public:
     Receiver receiver;
 };
 
-class Bare final : public Way {
+class Bare final : public EventSource {
 public:
     ~Bare() override {
-        libusb_cancel_transfer(transfer);
-        while (armed)
-            libusb_handle_events(device.context);
-        libusb_free_transfer(transfer);
+        libusb_cancel_transfer(transfer_);
+        while (armed_)
+            libusb_handle_events(device_.context);
+        libusb_free_transfer(transfer_);
     }
     void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
-        require(libusb_control_transfer(device.handle, kVendorOut, request, value, 0, data.data(),
+        require(libusb_control_transfer(device_.handle, kVendorOut, request, value, 0, data.data(),
                                         static_cast<uint16_t>(data.size()), 1000) >= 0,
                 "request");
     }
     void arm() override {
-        libusb_fill_interrupt_transfer(transfer, device.handle, sim::kEventEndpoint, buffer,
+        libusb_fill_interrupt_transfer(transfer_, device_.handle, sim::kEventEndpoint, buffer_,
                                        kPacketSize, completed, this, 0);
-        require(libusb_submit_transfer(transfer) == 0, "submit");
-        armed = true;
+        require(libusb_submit_transfer(transfer_) == 0, "submit");
+        armed_ = true;
     }
     void waitFor(uint64_t events) override {
         while (receiver.count < events)
-            libusb_handle_events(device.context);
+            libusb_handle_events(device_.context);
     }
 
 private:
     static void LIBUSB_CALL completed(libusb_transfer *transfer) {
         auto &self = *static_cast<Bare *>(transfer->user_data);
-        self.armed = transfer->status == LIBUSB_TRANSFER_COMPLETED;
-        if (!self.armed)
+        self.armed_ = transfer->status == LIBUSB_TRANSFER_COMPLETED;
+        if (!self.armed_)
             return;
         for (int i = 0; i < transfer->actual_length; ++i)
             self.receiver.event(transfer->buffer[i]);
         require(libusb_submit_transfer(transfer) == 0, "submit");
     }
 
-    bench::BareDevice device;
-    libusb_transfer *const transfer = libusb_alloc_transfer(0);
-    uint8_t buffer[kPacketSize] = {};
-    bool armed = false;
+    bench::BareDevice device_;
+    libusb_transfer *const transfer_ = libusb_alloc_transfer(0);
+    uint8_t buffer_[kPacketSize] = {};
+    bool armed_ = false;
 };
 
 // Lives for ever, since callbacks can come late.
-class Library final : public Way {
+class Library final : public EventSource {
 public:
     void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
-        require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+        require(vexa_usb_control_transfer(device_, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
                                           VEXA_USB_RECIPIENT_DEVICE, request, value, 0, data.data(),
                                           data.size()) == 0,
                 "request");
     }
     void arm() override {
-        require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "enable");
+        require(vexa_usb_event_pipe_enable(device_, sim::kEventEndpoint) == 0, "enable");
     }
     void waitFor(uint64_t events) override {
-        std::unique_lock lock(mutex);
-        wanted = events;
-        reached.wait(lock, [&]() { return receiver.count >= events; });
+        std::unique_lock lock(mutex_);
+        wanted_ = events;
+        reached_.wait(lock, [&]() { return receiver.count >= events; });
     }
     void end() {
-        vexa_usb_close(device);
+        vexa_usb_close(device_);
         vexa_usb_fini();
     }
 
 private:
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &self = *static_cast<Library *>(data);
-        const std::lock_guard lock(self.mutex);
+        const std::lock_guard lock(self.mutex_);
         self.receiver.event(static_cast<uint8_t>(event));
-        if (self.receiver.count == self.wanted)
-            self.reached.notify_all();
+        if (self.receiver.count == self.wanted_)
+            self.reached_.notify_all();
     }
 
-    std::mutex mutex;
-    std::condition_variable reached;
-    uint64_t wanted = 0;
+    std::mutex mutex_;
+    std::condition_variable reached_;
+    uint64_t wanted_ = 0;
     // Last: callbacks may come from here on.
-    _vexa_usb_device *const device = bench::openFirst(callback, this);
+    _vexa_usb_device *const device_ = bench::openFirst(callback, this);
 };
 
 // The packets wait in the simulator, so that nothing but the pipe is measured.
-void measure(Way &way) {
+void measure(EventSource &source) {
     const std::vector<uint8_t> packet(kPacketSize, 0x5A);
     for (size_t i = 0; i < kPackets; ++i)
-        way.request(sim::kRequestSendEvents, 0, packet);
+        source.request(sim::kRequestSendEvents, 0, packet);
     const auto start = Clock::now();
-    way.arm();
+    source.arm();
     uint64_t events = kPackets * kPacketSize;
-    way.waitFor(events);
+    source.waitFor(events);
     const std::chrono::duration<double> time = Clock::now() - start;
 
-    way.receiver.takesTimes = true;
+    source.receiver.takesTimes = true;
     for (size_t i = 0; i < kTimes; ++i) {
-        way.request(sim::kRequestSendTimes, 1, {});
-        way.waitFor(events += sizeof(int64_t));
+        source.request(sim::kRequestSendTimes, 1, {});
+        source.waitFor(events += sizeof(int64_t));
     }
-    std::vector<double> &latencies = way.receiver.latencies;
+    std::vector<double> &latencies = source.receiver.latencies;
     std::sort(latencies.begin(), latencies.end());
     std::printf("%f %f %f\n", static_cast<double>(kPackets * kPacketSize) / time.count(),
                 latencies[latencies.size() / 2], latencies[latencies.size() * 99 / 100]);

@@ -69,16 +69,16 @@ struct BareLoop {
 class LibraryStream {
 public:
     void run(uint64_t bytes) {
-        device = bench::openFirst(callback, this);
-        left = bytes;
-        require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, kBufferSize,
+        device_ = bench::openFirst(callback, this);
+        left_ = bytes;
+        require(vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, kBufferSize,
                                            kBufferCount) == 0,
                 "start");
         {
-            std::unique_lock lock(mutex);
-            done.wait(lock, [this]() { return left == 0; });
+            std::unique_lock lock(mutex_);
+            done_.wait(lock, [this]() { return left_ == 0; });
         }
-        vexa_usb_close(device);
+        vexa_usb_close(device_);
         vexa_usb_fini();
     }
 
@@ -92,21 +92,21 @@ private:
     }
     // Under the mutex, so that the device is not closed meanwhile.
     void take() {
-        const std::lock_guard lock(mutex);
+        const std::lock_guard lock(mutex_);
         uint8_t *data = nullptr;
         uint64_t size = 0;
-        if (left == 0 || vexa_usb_data_stream_buffer_lock(device, &data, &size) != 0)
+        if (left_ == 0 || vexa_usb_data_stream_buffer_lock(device_, &data, &size) != 0)
             return;
-        vexa_usb_data_stream_buffer_unlock(device);
-        left -= size < left ? size : left;
-        if (left == 0)
-            done.notify_all();
+        vexa_usb_data_stream_buffer_unlock(device_);
+        left_ -= size < left_ ? size : left_;
+        if (left_ == 0)
+            done_.notify_all();
     }
 
-    _vexa_usb_device *device = nullptr;
-    std::mutex mutex;
-    std::condition_variable done;
-    uint64_t left = 0;
+    _vexa_usb_device *device_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable done_;
+    uint64_t left_ = 0;
 };
 
 // (c): one blocking read after the other.

@@ -11,7 +11,19 @@ die() {
     exit 1
 }
 
-step() { printf '\n== %s (%s s)\n' "$*" "$SECONDS"; }
+# Says what comes now, and keeps it in `stepName` for when it fails.
+step() {
+    stepName=$*
+    printf '\n== %s (%s s)\n' "$stepName" "$SECONDS"
+}
+
+# sources PATTERN...: the files of the project that match and are there, new ones too.
+sources() {
+    git -C "$vexaRoot" ls-files -co --exclude-standard --deduplicate -- "$@" |
+        while read -r file; do
+            [ ! -e "$vexaRoot/$file" ] || echo "$file"
+        done
+}
 
 asRoot() {
     if [ "$(id -u)" -eq 0 ]; then

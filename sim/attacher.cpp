@@ -29,7 +29,7 @@ constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 // What the client says is shown only if it does not manage.
 int openOutput() {
     if (access(kController, F_OK) != 0)
-        fail("the kernel's virtual host controller is not there; as root: modprobe vhci-hcd");
+        fail("the kernel's virtual host controller is unavailable; as root: modprobe vhci-hcd");
     if (access(kController, W_OK) != 0)
         fail("this needs root; run vexa-usb-sim --attach as root, or without --attach and, as "
              "root, usbip attach -r 127.0.0.1 -b 1-1");
@@ -38,33 +38,33 @@ int openOutput() {
 
 } // namespace
 
-Attacher::Attacher(EventLoop &eventLoop, uint16_t serverPort)
-    : loop(eventLoop), port(serverPort), output(openOutput()) {}
+Attacher::Attacher(EventLoop &loop, uint16_t port)
+    : loop_(loop), port_(port), output_(openOutput()) {}
 
 Attacher::~Attacher() {
-    close(output);
+    close(output_);
 }
 
 void Attacher::attach(const ExportedDevice &device) {
-    waiting.push_back(&device);
-    if (waiting.size() == 1)
+    waiting_.push_back(&device);
+    if (waiting_.size() == 1)
         startNext();
 }
 
 // The client asks this very process for the device, so it must not be waited for here.
 void Attacher::startNext() {
     std::array<std::string, 8> words{
-        "usbip",     "--tcp-port", std::to_string(port),         "attach", "-r",
-        "127.0.0.1", "-b",         waiting.front()->name().busId};
+        "usbip",     "--tcp-port", std::to_string(port_),         "attach", "-r",
+        "127.0.0.1", "-b",         waiting_.front()->name().busId};
     std::array<char *, words.size() + 1> arguments{};
     for (size_t i = 0; i < words.size(); ++i)
         arguments[i] = words[i].data();
-    if (ftruncate(output, 0) != 0 || lseek(output, 0, SEEK_SET) != 0)
+    if (ftruncate(output_, 0) != 0 || lseek(output_, 0, SEEK_SET) != 0)
         fail(std::strerror(errno));
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&files, output_, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&files, output_, STDERR_FILENO);
     pid_t process = 0;
     const int error = posix_spawnp(&process, "usbip", &files, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&files);
@@ -79,7 +79,7 @@ void Attacher::startNext() {
 void Attacher::awaitEnd(pid_t process) {
     int status = 0;
     if (waitpid(process, &status, WNOHANG) == 0) {
-        loop.after(kPollInterval, [this, process]() { awaitEnd(process); });
+        loop_.after(kPollInterval, [this, process]() { awaitEnd(process); });
         return;
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
@@ -91,26 +91,26 @@ void Attacher::awaitEnd(pid_t process) {
 // The client fails when it looks at a device that the kernel is just setting up or taking down.  A
 // device that is attached all the same, or has left, needs no more.
 void Attacher::retry() {
-    if (++failures < kMostFailures) {
-        loop.after(kRetryInterval, [this]() { startNext(); });
+    if (++failures_ < kMostFailures) {
+        loop_.after(kRetryInterval, [this]() { startNext(); });
         return;
     }
-    if (waiting.front()->isAvailable())
+    if (waiting_.front()->isAvailable())
         fail(fmt::format("usbip did not attach {}, of {} tries the last says: {}",
-                         waiting.front()->name().busId, failures, clientsWords()));
+                         waiting_.front()->name().busId, failures_, clientsWords()));
     finished();
 }
 
 void Attacher::finished() {
-    failures = 0;
-    waiting.pop_front();
-    if (!waiting.empty())
+    failures_ = 0;
+    waiting_.pop_front();
+    if (!waiting_.empty())
         startNext();
 }
 
 std::string Attacher::clientsWords() const {
     std::string text(1000, '\0');
-    const ssize_t size = pread(output, text.data(), text.size(), 0);
+    const ssize_t size = pread(output_, text.data(), text.size(), 0);
     text.resize(size > 0 ? static_cast<size_t>(size) : 0);
     while (text.ends_with('\n'))
         text.pop_back();

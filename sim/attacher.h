@@ -16,7 +16,7 @@ namespace sim {
 // constructor or the event loop throws std::runtime_error, which says what to do.
 class Attacher {
 public:
-    Attacher(EventLoop &eventLoop, uint16_t serverPort);
+    Attacher(EventLoop &loop, uint16_t port);
     ~Attacher();
     Attacher(const Attacher &) = delete;
     Attacher &operator=(const Attacher &) = delete;
@@ -30,11 +30,11 @@ private:
     void finished();
     std::string clientsWords() const;
 
-    EventLoop &loop;
-    const uint16_t port;
-    const int output;                           // of the client
-    std::deque<const ExportedDevice *> waiting; // the one being attached first
-    int failures = 0;                           // in a row, of that one
+    EventLoop &loop_;
+    const uint16_t port_;
+    const int output_;                           // of the client
+    std::deque<const ExportedDevice *> waiting_; // the one being attached first
+    int failures_ = 0;                           // in a row, of that one
 };
 
 } // namespace sim

@@ -21,49 +21,49 @@ constexpr std::chrono::milliseconds kAway{300}; // between two lives
 
 } // namespace
 
-BootDevice::BootDevice(DeviceShape shape, const Steering &steering)
-    : DeviceModel(std::move(shape)), faults(steering) {}
+BootDevice::BootDevice(DeviceShape shape, const LoadBehaviour &behaviour)
+    : DeviceModel(std::move(shape)), faults_(behaviour) {}
 
-void BootDevice::plugged(Port &newPort) {
-    DeviceModel::plugged(newPort);
-    setDelay(0, faults.delay);
-    requests = 0;
-    ++life;
+void BootDevice::plugged(Port &port) {
+    DeviceModel::plugged(port);
+    setDelay(0, faults_.delay);
+    requests_ = 0;
+    ++life_;
 }
 
 Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
-    if (++requests == 1)
-        firstRequest = Clock::now();
-    if (isStep(faults.fail))
+    if (++requests_ == 1)
+        firstRequest_ = Clock::now();
+    if (isStep(faults_.fail))
         return Answer::stall();
-    if (isStep(faults.unplug)) {
+    if (isStep(faults_.unplug)) {
         port().unplug(kAway);
         return Answer::wait();
     }
     Answer answer = loadRequest(setup, data);
-    if (isStep(faults.shorten) && answer.kind == Answer::Kind::Done && answer.length != 0)
+    if (isStep(faults_.shorten) && answer.kind == Answer::Kind::Done && answer.length != 0)
         --answer.length;
     return answer;
 }
 
 void BootDevice::later(std::chrono::milliseconds delay, std::function<void()> action) {
-    port().after(delay, [this, now = life, action = std::move(action)]() {
-        if (now == life)
+    port().after(delay, [this, now = life_, action = std::move(action)]() {
+        if (now == life_)
             action();
     });
 }
 
 bool BootDevice::isStep(std::optional<uint32_t> &step) {
-    if (step != requests)
+    if (step != requests_)
         return false;
     step.reset();
     return true;
 }
 
 bool BootDevice::statusIsBad() {
-    if (++statuses != faults.badStatus)
+    if (++statuses_ != faults_.badStatus)
         return false;
-    faults.badStatus.reset();
+    faults_.badStatus.reset();
     return true;
 }
 
@@ -82,9 +82,9 @@ void BootDevice::start(Bytes firmware) {
 }
 
 void BootDevice::startAs(std::unique_ptr<DeviceModel> stage) {
-    const std::chrono::duration<double> time = Clock::now() - firstRequest;
+    const std::chrono::duration<double> time = Clock::now() - firstRequest_;
     fmt::print("{} starts its firmware, {:.3f} s after the first of {} requests\n",
-               shape().productName, time.count(), requests);
+               shape().productName, time.count(), requests_);
     std::fflush(stdout);
     port().become(std::move(stage), kAway);
 }

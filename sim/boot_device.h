@@ -12,7 +12,7 @@
 namespace sim {
 
 // What a device does wrong while it is loaded, each once; steps count its requests from 1.
-struct Steering {
+struct LoadBehaviour {
     std::optional<uint32_t> fail;       // refuses this request
     std::optional<uint32_t> shorten;    // takes or gives a byte less
     std::optional<uint32_t> unplug;     // leaves instead of an answer, and comes back
@@ -26,9 +26,9 @@ struct Steering {
 // A processor that waits for its firmware.
 class BootDevice : public DeviceModel {
 public:
-    BootDevice(DeviceShape shape, const Steering &steering);
+    BootDevice(DeviceShape shape, const LoadBehaviour &behaviour);
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
 
 protected:
     // A request other than a standard one, once the faults are past.
@@ -45,7 +45,7 @@ protected:
     // Runs `action` after a while, unless the device has been plugged in anew by then.
     void later(std::chrono::milliseconds delay, std::function<void()> action);
     // The times, and the faults that have not happened yet; for a next stage, too.
-    const Steering &steering() const { return faults; }
+    const LoadBehaviour &behaviour() const { return faults_; }
 
 private:
     Answer request(const Setup &setup, std::span<uint8_t> data) final;
@@ -53,11 +53,11 @@ private:
 
     using Clock = std::chrono::steady_clock;
 
-    Steering faults;
-    Clock::time_point firstRequest;
-    uint64_t life = 0; // how often it was plugged in
-    uint32_t requests = 0;
-    uint32_t statuses = 0;
+    LoadBehaviour faults_;
+    Clock::time_point firstRequest_;
+    uint64_t life_ = 0; // how often it was plugged in
+    uint32_t requests_ = 0;
+    uint32_t statuses_ = 0;
 };
 
 } // namespace sim

@@ -46,32 +46,31 @@ void checkSubmit(const CommandHeader &header) {
 
 } // namespace
 
-Connection::Connection(int descriptor, Devices &exportedDevices)
-    : socket(descriptor), devices(exportedDevices) {}
+Connection::Connection(int descriptor, Devices &devices) : socket_(descriptor), devices_(devices) {}
 
 Connection::~Connection() {
-    if (device != nullptr)
-        device->released();
+    if (device_ != nullptr)
+        device_->released();
 }
 
 bool Connection::work(bool readable) {
     bool peerIsThere = true;
-    if (readable && !leaving)
-        peerIsThere = socket.receive();
+    if (readable && !leaving_)
+        peerIsThere = socket_.receive();
     // A client that does not read what it asked for is not answered further until it does.
-    while (!socket.isFull() && !leaving && handleInput()) {
+    while (!socket_.isFull() && !leaving_ && handleInput()) {
     }
-    if (device != nullptr)
+    if (device_ != nullptr)
         offerAll();
-    return socket.flush() && peerIsThere && !(leaving && socket.drained());
+    return socket_.flush() && peerIsThere && !(leaving_ && socket_.drained());
 }
 
 bool Connection::handleInput() {
-    return device == nullptr ? handleOperation() : handleCommand();
+    return device_ == nullptr ? handleOperation() : handleCommand();
 }
 
 bool Connection::handleOperation() {
-    const auto input = socket.received();
+    const auto input = socket_.received();
     if (input.size() < kOperationSize)
         return false;
     const OperationHeader header = parseOperation(input.first<kOperationSize>());
@@ -79,7 +78,7 @@ bool Connection::handleOperation() {
         throw std::runtime_error(fmt::format(
             "USB/IP version {:#06x}; version {:#06x} is spoken here", header.version, kVersion));
     if (header.operation == kRequestDeviceList) {
-        socket.consume(kOperationSize);
+        socket_.consume(kOperationSize);
         replyDeviceList();
         return true;
     }
@@ -89,52 +88,53 @@ bool Connection::handleOperation() {
         return false;
     const auto name = input.subspan<kOperationSize, kBusIdSize>();
     const std::string busId(name.begin(), std::find(name.begin(), name.end(), 0));
-    socket.consume(kOperationSize + kBusIdSize);
+    socket_.consume(kOperationSize + kBusIdSize);
     importDevice(busId);
     return true;
 }
 
 void Connection::replyDeviceList() {
     Bytes reply = operationReply(kReplyDeviceList, OperationStatus::Ok);
-    const auto count = std::count_if(devices.begin(), devices.end(),
+    const auto count = std::count_if(devices_.begin(), devices_.end(),
                                      [](const ExportedDevice &each) { return each.isAvailable(); });
     appendCount(reply, static_cast<uint32_t>(count));
-    for (ExportedDevice &each : devices) {
+    for (ExportedDevice &each : devices_) {
         if (!each.isAvailable())
             continue;
         appendDevice(reply, each.name(), each.model().shape());
         appendInterfaces(reply, each.model().shape());
     }
-    socket.send(reply);
+    socket_.send(reply);
 }
 
 void Connection::importDevice(const std::string &busId) {
     const auto found =
-        std::find_if(devices.begin(), devices.end(), [&](const ExportedDevice &candidate) {
+        std::find_if(devices_.begin(), devices_.end(), [&](const ExportedDevice &candidate) {
             return candidate.name().busId == busId;
         });
-    if (found == devices.end() || !found->isAvailable()) {
-        socket.send(operationReply(kReplyImport, found == devices.end() ? OperationStatus::NoDevice
-                                                                        : OperationStatus::Busy));
+    if (found == devices_.end() || !found->isAvailable()) {
+        socket_.send(operationReply(kReplyImport, found == devices_.end()
+                                                      ? OperationStatus::NoDevice
+                                                      : OperationStatus::Busy));
         return;
     }
-    device = &*found;
+    device_ = &*found;
     Bytes reply = operationReply(kReplyImport, OperationStatus::Ok);
-    appendDevice(reply, device->name(), device->model().shape());
-    socket.send(reply);
-    device->imported(this);
+    appendDevice(reply, device_->name(), device_->model().shape());
+    socket_.send(reply);
+    device_->imported(this);
 }
 
 bool Connection::handleCommand() {
-    const auto input = socket.received();
-    if (input.size() < kHeaderSize || leaving)
+    const auto input = socket_.received();
+    if (input.size() < kHeaderSize || leaving_)
         return false;
     const CommandHeader header = parseCommand(input.first<kHeaderSize>());
     switch (header.command) {
     case kSubmit:
         return handleSubmit(header);
     case kUnlink:
-        socket.consume(kHeaderSize);
+        socket_.consume(kHeaderSize);
         handleUnlink(header);
         return true;
     default:
@@ -145,17 +145,17 @@ bool Connection::handleCommand() {
 bool Connection::handleSubmit(const CommandHeader &header) {
     checkSubmit(header);
     const size_t dataSize = header.in ? 0 : header.length;
-    const auto input = socket.received();
+    const auto input = socket_.received();
     if (input.size() < kHeaderSize + dataSize)
         return false;
-    pendingBytes += sizeof(Transfer) + dataSize;
-    if (pendingBytes > kMostPending)
+    pendingBytes_ += sizeof(Transfer) + dataSize;
+    if (pendingBytes_ > kMostPending)
         throw std::runtime_error("too many transfers at once");
     const auto data = input.subspan(kHeaderSize, dataSize);
     const uint8_t endpoint = endpointAddress(header);
-    pending[endpoint].push_back(
+    pending_[endpoint].push_back(
         {header.sequence, header.length, header.in, header.setup, Bytes(data.begin(), data.end())});
-    socket.consume(kHeaderSize + dataSize);
+    socket_.consume(kHeaderSize + dataSize);
     offer(endpoint);
     return true;
 }
@@ -163,7 +163,7 @@ bool Connection::handleSubmit(const CommandHeader &header) {
 // A transfer that was answered before needs no more: the client tells that from status 0.
 void Connection::handleUnlink(const CommandHeader &header) {
     size_t removed = 0;
-    for (auto &[endpoint, transfers] : pending) {
+    for (auto &[endpoint, transfers] : pending_) {
         const size_t here = std::erase_if(transfers, [&](const Transfer &transfer) {
             const bool found = transfer.sequence == header.unlinkSequence;
             if (found)
@@ -171,21 +171,21 @@ void Connection::handleUnlink(const CommandHeader &header) {
             return found;
         });
         if (here != 0)
-            device->model().withdrawn(endpoint);
+            device_->model().withdrawn(endpoint);
         removed += here;
     }
     OutputPiece reply(kHeaderSize);
     writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence,
                      removed != 0 ? -ECONNRESET : 0);
-    socket.send(std::move(reply));
+    socket_.send(std::move(reply));
 }
 
 void Connection::forget(const Transfer &transfer) {
-    pendingBytes -= sizeof(Transfer) + transfer.data.size();
+    pendingBytes_ -= sizeof(Transfer) + transfer.data.size();
 }
 
 void Connection::offerAll() {
-    for (auto &[endpoint, transfers] : pending)
+    for (auto &[endpoint, transfers] : pending_)
         offer(endpoint);
 }
 
@@ -197,14 +197,14 @@ void Connection::offerPending() {
 
 // The connection ends once all was sent, of which there may be nothing.
 void Connection::deviceLeft() {
-    leaving = true;
+    leaving_ = true;
     if (onOutput)
         onOutput();
 }
 
 void Connection::offer(uint8_t endpoint) {
-    std::deque<Transfer> &transfers = pending[endpoint];
-    while (!transfers.empty() && !leaving && !socket.isFull() &&
+    std::deque<Transfer> &transfers = pending_[endpoint];
+    while (!transfers.empty() && !leaving_ && !socket_.isFull() &&
            answer(endpoint, transfers.front())) {
         forget(transfers.front());
         transfers.pop_front();
@@ -214,14 +214,15 @@ void Connection::offer(uint8_t endpoint) {
 // False when the device lets the transfer wait.
 bool Connection::answer(uint8_t endpoint, Transfer &transfer) {
     OutputPiece reply(kHeaderSize + (transfer.in ? transfer.length : 0));
-    const Answer given = ask(device->model(), endpoint, transfer, reply.all().subspan(kHeaderSize));
+    const Answer given =
+        ask(device_->model(), endpoint, transfer, reply.all().subspan(kHeaderSize));
     if (given.kind == Answer::Kind::Wait)
         return false;
     const bool stalled = given.kind == Answer::Kind::Stall;
     writeSubmitReply(reply.all().first<kHeaderSize>(), transfer.sequence, stalled ? -EPIPE : 0,
                      stalled ? 0 : static_cast<uint32_t>(given.length));
     reply.shorten(kHeaderSize + (transfer.in && !stalled ? given.length : 0));
-    socket.send(std::move(reply));
+    socket_.send(std::move(reply));
     return true;
 }
 

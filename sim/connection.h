@@ -17,12 +17,12 @@ class Connection final : public ExportedDevice::Importer {
 public:
     using Devices = std::deque<ExportedDevice>;
 
-    Connection(int descriptor, Devices &exportedDevices);
+    Connection(int descriptor, Devices &devices);
     ~Connection() override;
 
-    int descriptor() const { return socket.descriptor(); }
-    bool wantsToSend() const { return !socket.drained(); }
-    bool wantsToReceive() const { return !socket.isFull(); }
+    int descriptor() const { return socket_.descriptor(); }
+    bool wantsToSend() const { return !socket_.drained(); }
+    bool wantsToReceive() const { return !socket_.isFull(); }
 
     // Does what the socket allows; false when the connection has ended.
     bool work(bool readable);
@@ -60,12 +60,12 @@ private:
     static Answer ask(DeviceModel &model, uint8_t endpoint, Transfer &transfer,
                       std::span<uint8_t> room);
 
-    StreamSocket socket;
-    Devices &devices;
-    ExportedDevice *device = nullptr; // once imported
-    Pending pending;
-    size_t pendingBytes = 0; // what the transfers in `pending` hold
-    bool leaving = false;    // the device has left: the connection ends once all is sent
+    StreamSocket socket_;
+    Devices &devices_;
+    ExportedDevice *device_ = nullptr; // once imported
+    Pending pending_;
+    size_t pendingBytes_ = 0; // what the transfers in `pending_` hold
+    bool leaving_ = false;    // the device has left: the connection ends once all is sent
 };
 
 } // namespace sim

@@ -26,10 +26,10 @@ Answer sendBytes(std::span<const uint8_t> bytes, std::span<uint8_t> room) {
     return Answer::done(length);
 }
 
-void DeviceModel::plugged(Port &newPort) {
-    currentPort = &newPort;
-    configuration = 0;
-    faults.clear();
+void DeviceModel::plugged(Port &port) {
+    port_ = &port;
+    configuration_ = 0;
+    faults_.clear();
 }
 
 Answer DeviceModel::control(const Setup &setup, std::span<uint8_t> data) {
@@ -43,11 +43,11 @@ Answer DeviceModel::control(const Setup &setup, std::span<uint8_t> data) {
 Answer DeviceModel::in(uint8_t endpoint, std::span<uint8_t> room) {
     if (const auto fault = faultBeforeAnswer(endpoint))
         return *fault;
-    const auto found = faults.find(endpoint);
-    if (found != faults.end() && found->second.shortAnswer)
+    const auto found = faults_.find(endpoint);
+    if (found != faults_.end() && found->second.shortAnswer)
         room = room.first(std::min(room.size(), *found->second.shortAnswer));
     const Answer answer = sendData(endpoint, room);
-    if (found != faults.end() && answer.kind == Answer::Kind::Done)
+    if (found != faults_.end() && answer.kind == Answer::Kind::Done)
         found->second.shortAnswer.reset();
     return answer;
 }
@@ -59,32 +59,32 @@ Answer DeviceModel::out(uint8_t endpoint, std::span<const uint8_t> data) {
 }
 
 void DeviceModel::withdrawn(uint8_t endpoint) {
-    const auto found = faults.find(endpoint);
-    if (found != faults.end())
+    const auto found = faults_.find(endpoint);
+    if (found != faults_.end())
         found->second.dueAt.reset();
 }
 
 void DeviceModel::setHalted(uint8_t endpoint, bool halted) {
-    faults[endpoint].halted = halted;
+    faults_[endpoint].halted = halted;
     port().wake({});
 }
 
 void DeviceModel::setSilent(uint8_t endpoint, bool silent) {
-    faults[endpoint].silent = silent;
+    faults_[endpoint].silent = silent;
     port().wake({});
 }
 
 void DeviceModel::setDelay(uint8_t endpoint, std::chrono::milliseconds delay) {
-    faults[endpoint].delay = delay;
+    faults_[endpoint].delay = delay;
 }
 
 void DeviceModel::setShortAnswer(uint8_t endpoint, size_t length) {
-    faults[endpoint].shortAnswer = length;
+    faults_[endpoint].shortAnswer = length;
 }
 
 std::optional<Answer> DeviceModel::faultBeforeAnswer(uint8_t endpoint) {
-    const auto found = faults.find(endpoint);
-    if (found == faults.end())
+    const auto found = faults_.find(endpoint);
+    if (found == faults_.end())
         return std::nullopt;
     Fault &fault = found->second;
     if (fault.halted)
@@ -112,13 +112,13 @@ Answer DeviceModel::standardRequest(const Setup &setup, std::span<uint8_t> data)
         return sendBytes(std::array<uint8_t, 2>{isHalted(setup) ? uint8_t{1} : uint8_t{0}, 0},
                          data);
     case kGetConfiguration:
-        return sendBytes(std::array{configuration}, data);
+        return sendBytes(std::array{configuration_}, data);
     case kGetInterface:
         return sendBytes(std::array<uint8_t, 1>{}, data);
     case kSetConfiguration:
         if (setup.value > 1)
             return Answer::stall();
-        configuration = static_cast<uint8_t>(setup.value);
+        configuration_ = static_cast<uint8_t>(setup.value);
         return Answer::done(0);
     case kSetInterface:
         return setup.value == 0 && setup.index == 0 ? Answer::done(0) : Answer::stall();
@@ -136,8 +136,8 @@ Answer DeviceModel::standardRequest(const Setup &setup, std::span<uint8_t> data)
 bool DeviceModel::isHalted(const Setup &setup) const {
     if ((setup.requestType & kRecipientMask) != kRecipientEndpoint)
         return false;
-    const auto found = faults.find(static_cast<uint8_t>(setup.index));
-    return found != faults.end() && found->second.halted;
+    const auto found = faults_.find(static_cast<uint8_t>(setup.index));
+    return found != faults_.end() && found->second.halted;
 }
 
 Answer DeviceModel::endpointFeature(const Setup &setup) {
@@ -151,22 +151,22 @@ Answer DeviceModel::descriptor(const Setup &setup, std::span<uint8_t> room) cons
     Bytes bytes;
     switch (setup.value >> 8) {
     case kDeviceDescriptor:
-        bytes = deviceDescriptor(deviceShape);
+        bytes = deviceDescriptor(shape_);
         break;
     case kConfigurationDescriptor:
-        bytes = index == 0 ? configurationDescriptor(deviceShape) : Bytes{};
+        bytes = index == 0 ? configurationDescriptor(shape_) : Bytes{};
         break;
     case kStringDescriptor:
-        bytes = stringDescriptor(deviceShape, index);
+        bytes = stringDescriptor(shape_, index);
         break;
     case kQualifierDescriptor:
-        bytes = qualifierDescriptor(deviceShape);
+        bytes = qualifierDescriptor(shape_);
         break;
     case kBosDescriptor:
-        bytes = bosDescriptor(deviceShape);
+        bytes = bosDescriptor(shape_);
         break;
     case kReportDescriptor:
-        bytes = deviceShape.reportDescriptor;
+        bytes = shape_.reportDescriptor;
         break;
     default:
         break;

@@ -54,15 +54,15 @@ public:
 
 class DeviceModel {
 public:
-    explicit DeviceModel(DeviceShape ownShape) : deviceShape(std::move(ownShape)) {}
+    explicit DeviceModel(DeviceShape shape) : shape_(std::move(shape)) {}
     virtual ~DeviceModel() = default;
     DeviceModel(const DeviceModel &) = delete;
     DeviceModel &operator=(const DeviceModel &) = delete;
 
-    const DeviceShape &shape() const { return deviceShape; }
+    const DeviceShape &shape() const { return shape_; }
 
     // The device begins anew on this port, which outlives its stay there.
-    virtual void plugged(Port &newPort);
+    virtual void plugged(Port &port);
 
     // The host's side.  `data` is the data stage of an OUT request, or room for that of an IN one.
     Answer control(const Setup &setup, std::span<uint8_t> data);
@@ -85,8 +85,8 @@ protected:
     void setDelay(uint8_t endpoint, std::chrono::milliseconds delay);
     void setShortAnswer(uint8_t endpoint, size_t length);
 
-    Port &port() { return *currentPort; }
-    void setProduct(uint16_t product) { deviceShape.product = product; }
+    Port &port() { return *port_; }
+    void setProduct(uint16_t product) { shape_.product = product; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -104,10 +104,10 @@ private:
     Answer endpointFeature(const Setup &setup);
     Answer descriptor(const Setup &setup, std::span<uint8_t> room) const;
 
-    DeviceShape deviceShape;
-    Port *currentPort = nullptr;
-    uint8_t configuration = 0;
-    std::map<uint8_t, Fault> faults;
+    DeviceShape shape_;
+    Port *port_ = nullptr;
+    uint8_t configuration_ = 0;
+    std::map<uint8_t, Fault> faults_;
 };
 
 } // namespace sim

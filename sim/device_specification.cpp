@@ -25,7 +25,7 @@ constexpr uint32_t kDay = 86400000; // milliseconds
 
 template <typename Device>
 std::unique_ptr<DeviceModel> makeBootDevice(const DeviceSpecification &specification) {
-    return std::make_unique<Device>(specification.shape, specification.steering);
+    return std::make_unique<Device>(specification.shape, specification.behaviour);
 }
 
 std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specification) {
@@ -56,6 +56,7 @@ constexpr std::array kKinds{
 
 std::string kindNames() {
     std::vector<std::string> names;
+    names.reserve(kKinds.size());
     for (const Kind &kind : kKinds)
         names.emplace_back(kind.name);
     return fmt::format("{}", fmt::join(names, ", "));
@@ -96,8 +97,8 @@ std::chrono::milliseconds parseTime(const std::string &key, const std::string &t
     return std::chrono::milliseconds(parseNumber(key, text, kDay));
 }
 
-// Whether the property was one of the steering.
-bool steer(Steering &steering, const std::string &key, const std::string &value) {
+// Whether the property was part of the behaviour.
+bool applyBehaviour(LoadBehaviour &behaviour, const std::string &key, const std::string &value) {
     const auto step = [&]() {
         const uint32_t number = parseNumber(key, value, UINT32_MAX);
         if (number == 0)
@@ -105,19 +106,19 @@ bool steer(Steering &steering, const std::string &key, const std::string &value)
         return number;
     };
     if (key == "fail")
-        steering.fail = step();
+        behaviour.fail = step();
     else if (key == "short")
-        steering.shorten = step();
+        behaviour.shorten = step();
     else if (key == "unplug")
-        steering.unplug = step();
+        behaviour.unplug = step();
     else if (key == "bad-status")
-        steering.badStatus = step();
+        behaviour.badStatus = step();
     else if (key == "delay")
-        steering.delay = parseTime(key, value);
+        behaviour.delay = parseTime(key, value);
     else if (key == "poll")
-        steering.poll = std::chrono::milliseconds(parseNumber(key, value, 0xFFFFFF));
+        behaviour.poll = std::chrono::milliseconds(parseNumber(key, value, 0xFFFFFF));
     else if (key == "linger")
-        steering.linger = parseTime(key, value);
+        behaviour.linger = parseTime(key, value);
     else
         return false;
     return true;
@@ -140,7 +141,8 @@ void apply(DeviceSpecification &specification, const std::string &key, const std
         shape.serial = value;
     else if (key == "away")
         specification.away = parseTime(key, value);
-    else if (specification.kind == "instrument" || !steer(specification.steering, key, value))
+    else if (specification.kind == "instrument" ||
+             !applyBehaviour(specification.behaviour, key, value))
         throw std::invalid_argument(
             fmt::format("a device of kind {} has no property '{}'", specification.kind, key));
 }

@@ -13,7 +13,7 @@ namespace sim {
 struct DeviceSpecification {
     std::string kind;
     DeviceShape shape;
-    Steering steering;
+    LoadBehaviour behaviour;
     std::chrono::milliseconds away{0}; // before it is plugged in for the first time
 };
 

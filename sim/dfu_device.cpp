@@ -46,22 +46,22 @@ DeviceShape inDfuMode(DeviceShape shape) {
 
 } // namespace
 
-DfuDevice::DfuDevice(DeviceShape shape, const Steering &steering)
-    : BootDevice(inDfuMode(std::move(shape)), steering) {}
+DfuDevice::DfuDevice(DeviceShape shape, const LoadBehaviour &behaviour)
+    : BootDevice(inDfuMode(std::move(shape)), behaviour) {}
 
-void DfuDevice::plugged(Port &newPort) {
-    BootDevice::plugged(newPort);
-    state = State::Idle;
-    status = Status::Ok;
-    image.clear();
+void DfuDevice::plugged(Port &port) {
+    BootDevice::plugged(port);
+    state_ = State::Idle;
+    status_ = Status::Ok;
+    image_.clear();
 }
 
 Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
     if ((setup.requestType & ~kRequestIn) != kClassInterface || setup.index != 0)
         return Answer::stall();
     advance();
-    if (setup.isIn() != isRead(setup.request) || state == State::DownloadBusy ||
-        state == State::Manifest)
+    if (setup.isIn() != isRead(setup.request) || state_ == State::DownloadBusy ||
+        state_ == State::Manifest)
         return refuse();
     switch (setup.request) {
     case kDfuDetach:
@@ -75,7 +75,7 @@ Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
     case kDfuClearStatus:
         return clearStatus();
     case kDfuGetState:
-        return sendBytes(std::array{static_cast<uint8_t>(state)}, data);
+        return sendBytes(std::array{static_cast<uint8_t>(state_)}, data);
     case kDfuAbort:
         return abort();
     default:
@@ -84,39 +84,39 @@ Answer DfuDevice::loadRequest(const Setup &setup, std::span<uint8_t> data) {
 }
 
 Answer DfuDevice::download(const Setup &setup, std::span<const uint8_t> data) {
-    const bool first = state == State::Idle;
-    if ((!first && state != State::DownloadIdle) || setup.length > kTransferSize ||
+    const bool first = state_ == State::Idle;
+    if ((!first && state_ != State::DownloadIdle) || setup.length > kTransferSize ||
         (first && setup.length == 0))
         return refuse();
     if (first) {
-        image.clear();
-        nextBlock = setup.value;
+        image_.clear();
+        nextBlock_ = setup.value;
     }
-    if (setup.value != nextBlock++)
+    if (setup.value != nextBlock_++)
         return refuse();
     if (setup.length == 0) {
-        state = State::ManifestSync;
+        state_ = State::ManifestSync;
         return Answer::done(0);
     }
-    if (image.size() + data.size() > kMostMemory) {
+    if (image_.size() + data.size() > kMostMemory) {
         fail(Status::AddressOutOfRange);
         return Answer::done(data.size());
     }
-    state = State::DownloadSync;
-    isWritten = false;
-    image.insert(image.end(), data.begin(), data.end());
+    state_ = State::DownloadSync;
+    isWritten_ = false;
+    image_.insert(image_.end(), data.begin(), data.end());
     return Answer::done(data.size());
 }
 
 Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
-    if ((state != State::Idle && state != State::UploadIdle) || setup.length > kTransferSize)
+    if ((state_ != State::Idle && state_ != State::UploadIdle) || setup.length > kTransferSize)
         return refuse();
-    if (std::exchange(state, State::UploadIdle) == State::Idle)
-        uploaded = 0;
-    const Answer answer = sendBytes(std::span(image).subspan(uploaded), room);
-    uploaded += answer.length;
+    if (std::exchange(state_, State::UploadIdle) == State::Idle)
+        uploaded_ = 0;
+    const Answer answer = sendBytes(std::span(image_).subspan(uploaded_), room);
+    uploaded_ += answer.length;
     if (answer.length < setup.length)
-        state = State::Idle;
+        state_ = State::Idle;
     return answer;
 }
 
@@ -124,40 +124,40 @@ Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
 Answer DfuDevice::getStatus(std::span<uint8_t> room) {
     if (statusIsBad())
         fail(Status::WriteFailed);
-    if (state == State::DownloadSync && (isWritten || steering().poll.count() == 0))
-        state = State::DownloadIdle;
-    else if (state == State::DownloadSync)
+    if (state_ == State::DownloadSync && (isWritten_ || behaviour().poll.count() == 0))
+        state_ = State::DownloadIdle;
+    else if (state_ == State::DownloadSync)
         beginWork(State::DownloadBusy);
-    else if (state == State::ManifestSync)
+    else if (state_ == State::ManifestSync)
         beginWork(State::Manifest);
-    else if (state == State::ManifestWaitReset)
-        startAfter(steering().linger);
-    const bool busy = state == State::DownloadBusy || state == State::Manifest;
-    const int64_t poll = busy ? steering().poll.count() : 0;
+    else if (state_ == State::ManifestWaitReset)
+        startAfter(behaviour().linger);
+    const bool busy = state_ == State::DownloadBusy || state_ == State::Manifest;
+    const int64_t poll = busy ? behaviour().poll.count() : 0;
     const std::array<uint8_t, 6> answer{
-        static_cast<uint8_t>(status),    static_cast<uint8_t>(poll),
+        static_cast<uint8_t>(status_),   static_cast<uint8_t>(poll),
         static_cast<uint8_t>(poll >> 8), static_cast<uint8_t>(poll >> 16),
-        static_cast<uint8_t>(state),     0};
+        static_cast<uint8_t>(state_),    0};
     return sendBytes(answer, room);
 }
 
 void DfuDevice::beginWork(State work) {
-    state = work;
-    busyUntil = Clock::now() + steering().poll;
+    state_ = work;
+    busyUntil_ = Clock::now() + behaviour().poll;
     if (work == State::Manifest)
-        startAfter(steering().poll + steering().linger);
+        startAfter(behaviour().poll + behaviour().linger);
 }
 
 void DfuDevice::startAfter(std::chrono::milliseconds delay) {
-    later(delay, [this, now = ++starts]() {
-        if (now == starts)
-            start(image);
+    later(delay, [this, now = ++starts_]() {
+        if (now == starts_)
+            start(image_);
     });
 }
 
 // The host announces its reset within that time.
 Answer DfuDevice::detach(const Setup &setup) {
-    if (state != State::ManifestWaitReset)
+    if (state_ != State::ManifestWaitReset)
         return refuse();
     startAfter(std::chrono::milliseconds(setup.value));
     return Answer::done(0);
@@ -165,35 +165,35 @@ Answer DfuDevice::detach(const Setup &setup) {
 
 // What has happened by itself since the last request.
 void DfuDevice::advance() {
-    if (Clock::now() < busyUntil)
+    if (Clock::now() < busyUntil_)
         return;
-    if (state == State::DownloadBusy) {
-        state = State::DownloadSync;
-        isWritten = true;
-    } else if (state == State::Manifest) {
-        state = State::ManifestWaitReset;
+    if (state_ == State::DownloadBusy) {
+        state_ = State::DownloadSync;
+        isWritten_ = true;
+    } else if (state_ == State::Manifest) {
+        state_ = State::ManifestWaitReset;
     }
 }
 
 Answer DfuDevice::clearStatus() {
-    if (state != State::Error)
+    if (state_ != State::Error)
         return refuse();
-    state = State::Idle;
-    status = Status::Ok;
+    state_ = State::Idle;
+    status_ = Status::Ok;
     return Answer::done(0);
 }
 
 Answer DfuDevice::abort() {
-    if (state != State::Idle && state != State::DownloadIdle && state != State::UploadIdle)
+    if (state_ != State::Idle && state_ != State::DownloadIdle && state_ != State::UploadIdle)
         return refuse();
-    state = State::Idle;
+    state_ = State::Idle;
     return Answer::done(0);
 }
 
 void DfuDevice::fail(Status reason) {
-    ++starts;
-    state = State::Error;
-    status = reason;
+    ++starts_;
+    state_ = State::Error;
+    status_ = reason;
 }
 
 Answer DfuDevice::refuse() {

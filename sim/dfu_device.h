@@ -11,9 +11,9 @@ namespace sim {
 // A device in DFU mode (USB Device Firmware Upgrade 1.1).
 class DfuDevice final : public BootDevice {
 public:
-    DfuDevice(DeviceShape shape, const Steering &steering);
+    DfuDevice(DeviceShape shape, const LoadBehaviour &behaviour);
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -52,14 +52,14 @@ private:
     void fail(Status reason);
     Answer refuse();
 
-    State state = State::Idle;
-    Status status = Status::Ok;
-    Bytes image;            // so far
-    bool isWritten = false; // the block that came last
-    uint16_t nextBlock = 0;
-    size_t uploaded = 0;
-    Clock::time_point busyUntil;
-    uint64_t starts = 0; // that were set or called off
+    State state_ = State::Idle;
+    Status status_ = Status::Ok;
+    Bytes image_;            // so far
+    bool isWritten_ = false; // the block that came last
+    uint16_t nextBlock_ = 0;
+    size_t uploaded_ = 0;
+    Clock::time_point busyUntil_;
+    uint64_t starts_ = 0; // that were set or called off
 };
 
 } // namespace sim

@@ -15,31 +15,31 @@ namespace sim {
  * the one thread that runs this, so nothing in it is shared between threads.
  */
 void EventLoop::watch(int descriptor, short events, Ready ready) {
-    watches[descriptor] = {events, std::move(ready)};
+    watches_[descriptor] = {events, std::move(ready)};
 }
 
 void EventLoop::unwatch(int descriptor) {
-    watches.erase(descriptor);
+    watches_.erase(descriptor);
 }
 
 void EventLoop::after(std::chrono::milliseconds delay, Task task) {
-    tasks.emplace(Clock::now() + delay, std::move(task));
+    tasks_.emplace(Clock::now() + delay, std::move(task));
 }
 
 // A handler may add and remove watches, its own too: so each is looked up again, and copied, before
 // it is called.
 void EventLoop::run() {
     std::vector<pollfd> polled;
-    while (running) {
+    while (running_) {
         runDueTasks();
         polled.clear();
-        for (const auto &[descriptor, watch] : watches)
+        for (const auto &[descriptor, watch] : watches_)
             polled.push_back({descriptor, watch.events, 0});
         if (poll(polled.data(), polled.size(), millisecondsToNextTask()) < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
         for (const pollfd &entry : polled) {
-            const auto found = watches.find(entry.fd);
-            if (entry.revents == 0 || found == watches.end())
+            const auto found = watches_.find(entry.fd);
+            if (entry.revents == 0 || found == watches_.end())
                 continue;
             const Ready ready = found->second.ready;
             ready(entry.revents);
@@ -49,18 +49,18 @@ void EventLoop::run() {
 
 void EventLoop::runDueTasks() {
     const Clock::time_point now = Clock::now();
-    while (!tasks.empty() && tasks.begin()->first <= now) {
-        const Task task = std::move(tasks.begin()->second);
-        tasks.erase(tasks.begin());
+    while (!tasks_.empty() && tasks_.begin()->first <= now) {
+        const Task task = std::move(tasks_.begin()->second);
+        tasks_.erase(tasks_.begin());
         task();
     }
 }
 
 int EventLoop::millisecondsToNextTask() const {
-    if (tasks.empty())
+    if (tasks_.empty())
         return -1;
     const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(tasks.begin()->first - Clock::now());
+        std::chrono::ceil<std::chrono::milliseconds>(tasks_.begin()->first - Clock::now());
     return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 60000));
 }
 

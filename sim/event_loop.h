@@ -17,7 +17,7 @@ public:
     void after(std::chrono::milliseconds delay, Task task);
 
     void run();
-    void quit() { running = false; }
+    void quit() { running_ = false; }
 
 private:
     struct Watch {
@@ -28,9 +28,9 @@ private:
     void runDueTasks();
     int millisecondsToNextTask() const;
 
-    std::map<int, Watch> watches;
-    std::multimap<Clock::time_point, Task> tasks;
-    bool running = true;
+    std::map<int, Watch> watches_;
+    std::multimap<Clock::time_point, Task> tasks_;
+    bool running_ = true;
 };
 
 } // namespace sim

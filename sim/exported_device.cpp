@@ -5,25 +5,25 @@
 namespace sim {
 
 // Lives as long as the simulator, so what it schedules always finds it.
-ExportedDevice::ExportedDevice(EventLoop &eventLoop, usbip::ExportedAs exportedAs,
-                               std::unique_ptr<DeviceModel> deviceModel)
-    : loop(eventLoop), exported(std::move(exportedAs)) {
-    lives.push_back(std::move(deviceModel));
+ExportedDevice::ExportedDevice(EventLoop &loop, usbip::ExportedAs name,
+                               std::unique_ptr<DeviceModel> model)
+    : loop_(loop), name_(std::move(name)) {
+    lives_.push_back(std::move(model));
 }
 
 void ExportedDevice::imported(Importer *by) {
-    importer = by;
+    importer_ = by;
     model().plugged(*this);
 }
 
 void ExportedDevice::released() {
-    importer = nullptr;
+    importer_ = nullptr;
 }
 
 void ExportedDevice::stayAway(std::chrono::milliseconds time) {
-    present = false;
-    loop.after(time, [this]() {
-        present = true;
+    present_ = false;
+    loop_.after(time, [this]() {
+        present_ = true;
         if (onReturn)
             onReturn();
     });
@@ -31,32 +31,32 @@ void ExportedDevice::stayAway(std::chrono::milliseconds time) {
 
 // Not from within the call that asks for it: the device is then in the middle of an answer.
 void ExportedDevice::wake(std::chrono::milliseconds delay) {
-    if (delay.count() == 0 && std::exchange(wakeScheduled, true))
+    if (delay.count() == 0 && std::exchange(wakeScheduled_, true))
         return;
-    loop.after(delay, [this, delay]() {
+    loop_.after(delay, [this, delay]() {
         if (delay.count() == 0)
-            wakeScheduled = false;
-        if (importer != nullptr)
-            importer->offerPending();
+            wakeScheduled_ = false;
+        if (importer_ != nullptr)
+            importer_->offerPending();
     });
 }
 
 void ExportedDevice::after(std::chrono::milliseconds delay, std::function<void()> action) {
-    loop.after(delay, std::move(action));
+    loop_.after(delay, std::move(action));
 }
 
 void ExportedDevice::unplug(std::optional<std::chrono::milliseconds> returnAfter) {
     if (returnAfter)
         stayAway(*returnAfter);
     else
-        present = false;
-    if (importer != nullptr)
-        importer->deviceLeft();
+        present_ = false;
+    if (importer_ != nullptr)
+        importer_->deviceLeft();
 }
 
 void ExportedDevice::become(std::unique_ptr<DeviceModel> other,
                             std::chrono::milliseconds returnAfter) {
-    lives.push_back(std::move(other));
+    lives_.push_back(std::move(other));
     unplug(returnAfter);
 }
 

@@ -25,12 +25,11 @@ public:
         virtual void deviceLeft() = 0;
     };
 
-    ExportedDevice(EventLoop &eventLoop, usbip::ExportedAs exportedAs,
-                   std::unique_ptr<DeviceModel> deviceModel);
+    ExportedDevice(EventLoop &loop, usbip::ExportedAs name, std::unique_ptr<DeviceModel> model);
 
-    const usbip::ExportedAs &name() const { return exported; }
-    DeviceModel &model() { return *lives.back(); }
-    bool isAvailable() const { return present && importer == nullptr; }
+    const usbip::ExportedAs &name() const { return name_; }
+    DeviceModel &model() { return *lives_.back(); }
+    bool isAvailable() const { return present_ && importer_ == nullptr; }
 
     void imported(Importer *by);
     void released();
@@ -46,13 +45,13 @@ public:
     void become(std::unique_ptr<DeviceModel> other, std::chrono::milliseconds returnAfter) override;
 
 private:
-    EventLoop &loop;
-    const usbip::ExportedAs exported;
+    EventLoop &loop_;
+    const usbip::ExportedAs name_;
     // The device, and what it was before: that may have something scheduled still.
-    std::vector<std::unique_ptr<DeviceModel>> lives;
-    Importer *importer = nullptr;
-    bool present = true;
-    bool wakeScheduled = false;
+    std::vector<std::unique_ptr<DeviceModel>> lives_;
+    Importer *importer_ = nullptr;
+    bool present_ = true;
+    bool wakeScheduled_ = false;
 };
 
 } // namespace sim

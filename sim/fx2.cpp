@@ -54,30 +54,30 @@ bool isOnChip(size_t first, size_t end) {
 
 } // namespace
 
-Fx2::Fx2(DeviceShape shape, const Steering &steering)
-    : BootDevice(std::move(shape), steering), memory(kMemorySize), processor(*this) {}
+Fx2::Fx2(DeviceShape shape, const LoadBehaviour &behaviour)
+    : BootDevice(std::move(shape), behaviour), memory_(kMemorySize), processor_(*this) {}
 
-void Fx2::plugged(Port &newPort) {
-    BootDevice::plugged(newPort);
-    std::fill(memory.begin(), memory.end(), uint8_t{0});
-    running = takenOver = settled = disconnected = continues = false;
-    dealing.reset();
+void Fx2::plugged(Port &port) {
+    BootDevice::plugged(port);
+    std::fill(memory_.begin(), memory_.end(), uint8_t{0});
+    running_ = takenOver_ = settled_ = disconnected_ = continues_ = false;
+    pendingRequest_.reset();
 }
 
 void Fx2::withdrawn(uint8_t endpoint) {
     BootDevice::withdrawn(endpoint);
     if (endpoint == 0)
-        dealing.reset();
+        pendingRequest_.reset();
 }
 
 Answer Fx2::loadRequest(const Setup &setup, std::span<uint8_t> data) {
     if ((setup.requestType & ~kRequestIn) == kTypeVendor && setup.request == kMemoryRequest)
         return memoryRequest(setup, data);
-    return takenOver ? programRequest(setup, data) : Answer::stall();
+    return takenOver_ ? programRequest(setup, data) : Answer::stall();
 }
 
 Answer Fx2::standardRequest(const Setup &setup, std::span<uint8_t> data) {
-    return takenOver ? programRequest(setup, data) : BootDevice::standardRequest(setup, data);
+    return takenOver_ ? programRequest(setup, data) : BootDevice::standardRequest(setup, data);
 }
 
 Answer Fx2::memoryRequest(const Setup &setup, std::span<uint8_t> data) {
@@ -86,12 +86,12 @@ Answer Fx2::memoryRequest(const Setup &setup, std::span<uint8_t> data) {
     const bool isCpuControl = setup.value == kCpuControl && data.size() == 1;
     if (!isCpuControl && !isOnChip(setup.value, setup.value + data.size()))
         return Answer::stall();
-    const auto here = memory.begin() + setup.value;
+    const auto here = memory_.begin() + setup.value;
     if (setup.isIn()) {
         std::copy_n(here, data.size(), data.begin());
         return Answer::done(data.size());
     }
-    if (running && !isCpuControl)
+    if (running_ && !isCpuControl)
         return Answer::stall();
     std::copy(data.begin(), data.end(), here);
     if (isCpuControl)
@@ -100,38 +100,40 @@ Answer Fx2::memoryRequest(const Setup &setup, std::span<uint8_t> data) {
 }
 
 void Fx2::setCpu(bool released) {
-    if (released == running)
+    if (released == running_)
         return;
-    running = released;
+    running_ = released;
     if (!released)
         return;
-    settled = false;
-    processor.reset();
+    settled_ = false;
+    processor_.reset();
     run(kInMoment);
     stayAwake();
 }
 
 // Until the request in hand, if there is one, was answered.
 void Fx2::run(int instructions) {
-    for (; instructions > 0 && running && !(dealing && dealing->answer); --instructions)
-        processor.step();
+    for (; instructions > 0 && running_ && !(pendingRequest_ && pendingRequest_->answer);
+         --instructions)
+        processor_.step();
 }
 
 void Fx2::stayAwake() {
-    awakeUntil = Clock::now() + kAwake;
+    awakeUntil_ = Clock::now() + kAwake;
     goOnLater();
 }
 
 bool Fx2::isAwake() const {
-    return running && (disconnected || !settled || dealing || Clock::now() < awakeUntil);
+    return running_ &&
+           (disconnected_ || !settled_ || pendingRequest_ || Clock::now() < awakeUntil_);
 }
 
 void Fx2::goOnLater() {
-    if (!std::exchange(continues, true))
+    if (!std::exchange(continues_, true))
         port().after(kMoment, [this]() {
-            continues = false;
+            continues_ = false;
             run(kInMoment);
-            if (dealing && dealing->answer)
+            if (pendingRequest_ && pendingRequest_->answer)
                 port().wake({});
             if (isAwake())
                 goOnLater();
@@ -139,18 +141,19 @@ void Fx2::goOnLater() {
 }
 
 Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
-    if (!dealing) {
-        dealing = Dealing{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
+    if (!pendingRequest_) {
+        pendingRequest_ =
+            PendingRequest{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
         setup(packet);
         run(kInstructions);
     }
     stayAwake();
-    if (!dealing->answer)
+    if (!pendingRequest_->answer)
         return Answer::wait();
-    const Answer answer = *dealing->answer;
+    const Answer answer = *pendingRequest_->answer;
     if (packet.isIn())
-        std::copy_n(dealing->data.begin(), answer.length, data.begin());
-    dealing.reset();
+        std::copy_n(pendingRequest_->data.begin(), answer.length, data.begin());
+    pendingRequest_.reset();
     return answer;
 }
 
@@ -165,19 +168,19 @@ void Fx2::setup(const Setup &packet) {
         static_cast<uint8_t>(packet.length),
         static_cast<uint8_t>(packet.length >> 8),
     };
-    std::copy(bytes.begin(), bytes.end(), memory.begin() + kSetupPacket);
-    memory[kEndpointState] = kAcknowledge; // which the program has to write again
-    memory[kInterrupts] |= kSetupCame;
+    std::copy(bytes.begin(), bytes.end(), memory_.begin() + kSetupPacket);
+    memory_[kEndpointState] = kAcknowledge; // which the program has to write again
+    memory_[kInterrupts] |= kSetupCame;
 }
 
 uint8_t Fx2::read(uint16_t address) {
-    return memory[address];
+    return memory_[address];
 }
 
 void Fx2::write(uint16_t address, uint8_t value) {
     switch (address) {
     case kInterrupts:
-        memory[kInterrupts] &= static_cast<uint8_t>(~value);
+        memory_[kInterrupts] &= static_cast<uint8_t>(~value);
         break;
     case kUsbControl:
         writeUsbControl(value);
@@ -186,42 +189,42 @@ void Fx2::write(uint16_t address, uint8_t value) {
         armEndpoint(value);
         break;
     case kEndpointState:
-        if (dealing && (value & (kStall | kAcknowledge)) != 0)
-            dealing->answer =
-                (value & kStall) != 0 ? Answer::stall() : Answer::done(dealing->moved);
+        if (pendingRequest_ && (value & (kStall | kAcknowledge)) != 0)
+            pendingRequest_->answer =
+                (value & kStall) != 0 ? Answer::stall() : Answer::done(pendingRequest_->moved);
         break;
     default:
-        memory[address] = value;
+        memory_[address] = value;
         break;
     }
 }
 
 void Fx2::writeUsbControl(uint8_t value) {
-    memory[kUsbControl] = value;
-    settled = takenOver = (value & kTakenOver) != 0;
-    const bool before = std::exchange(disconnected, (value & kDisconnected) != 0);
-    if (disconnected && !before)
+    memory_[kUsbControl] = value;
+    settled_ = takenOver_ = (value & kTakenOver) != 0;
+    const bool before = std::exchange(disconnected_, (value & kDisconnected) != 0);
+    if (disconnected_ && !before)
         port().unplug(std::nullopt);
-    if (before && !disconnected) {
-        running = false;
-        start(memory);
+    if (before && !disconnected_) {
+        running_ = false;
+        start(memory_);
     }
 }
 
 // Lets the next packet in, or sends one.
 void Fx2::armEndpoint(uint8_t count) {
-    if (!dealing)
+    if (!pendingRequest_)
         return;
-    const auto left = std::span(dealing->data).subspan(dealing->moved);
+    const auto left = std::span(pendingRequest_->data).subspan(pendingRequest_->moved);
     const size_t length =
-        std::min({left.size(), kPacketSize, dealing->in ? size_t{count} : kPacketSize});
-    const auto buffer = memory.begin() + kEndpointBuffer;
-    if (dealing->in)
+        std::min({left.size(), kPacketSize, pendingRequest_->in ? size_t{count} : kPacketSize});
+    const auto buffer = memory_.begin() + kEndpointBuffer;
+    if (pendingRequest_->in)
         std::copy_n(buffer, length, left.begin());
     else
         std::copy_n(left.begin(), length, buffer);
-    dealing->moved += length;
-    memory[kCountLow] = static_cast<uint8_t>(length);
+    pendingRequest_->moved += length;
+    memory_[kCountLow] = static_cast<uint8_t>(length);
 }
 
 } // namespace sim

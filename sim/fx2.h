@@ -15,9 +15,9 @@ namespace sim {
 // A bare Cypress EZ-USB FX2 that executes what is loaded into it.
 class Fx2 final : public BootDevice, private Mcs51::Bus {
 public:
-    Fx2(DeviceShape shape, const Steering &steering);
+    Fx2(DeviceShape shape, const LoadBehaviour &behaviour);
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
     void withdrawn(uint8_t endpoint) override;
 
 private:
@@ -40,23 +40,24 @@ private:
     bool isAwake() const;
     void goOnLater();
 
-    // The control request that the program is dealing with; answered, until the host has that.
-    struct Dealing {
+    // The control request that the program works on; once answered, kept until the host has the
+    // answer.
+    struct PendingRequest {
         bool in;
         Bytes data;
         size_t moved;
         std::optional<Answer> answer;
     };
 
-    std::vector<uint8_t> memory;
-    Mcs51 processor;
-    bool running = false;
-    bool takenOver = false; // requests go to the program
-    bool settled = false;   // it was the running program that has taken over
-    bool disconnected = false;
-    bool continues = false; // in a moment
-    Clock::time_point awakeUntil;
-    std::optional<Dealing> dealing;
+    std::vector<uint8_t> memory_;
+    Mcs51 processor_;
+    bool running_ = false;
+    bool takenOver_ = false; // requests go to the program
+    bool settled_ = false;   // it was the running program that has taken over
+    bool disconnected_ = false;
+    bool continues_ = false; // in a moment
+    Clock::time_point awakeUntil_;
+    std::optional<PendingRequest> pendingRequest_;
 };
 
 } // namespace sim

@@ -23,12 +23,12 @@ void dropZeroTail(Bytes &bytes) {
 
 } // namespace
 
-void Fx3::plugged(Port &newPort) {
-    BootDevice::plugged(newPort);
-    memories.clear();
-    memories.push_back({kSystemMemory, Bytes(512U << 10)});
-    memories.push_back({0x00000000, Bytes(16U << 10)}); // instructions, tightly coupled
-    memories.push_back({0x10000000, Bytes(8U << 10)});  // data, tightly coupled
+void Fx3::plugged(Port &port) {
+    BootDevice::plugged(port);
+    memories_.clear();
+    memories_.push_back({kSystemMemory, Bytes(512U << 10)});
+    memories_.push_back({0x00000000, Bytes(16U << 10)}); // instructions, tightly coupled
+    memories_.push_back({0x10000000, Bytes(8U << 10)});  // data, tightly coupled
 }
 
 Answer Fx3::loadRequest(const Setup &setup, std::span<uint8_t> data) {
@@ -53,18 +53,18 @@ Answer Fx3::jump(uint32_t address) {
     const Memory *const memory = find(address, sizeof(uint32_t));
     if (memory == nullptr || !memory->written)
         return Answer::stall();
-    Bytes firmware = memories.front().bytes;
+    Bytes firmware = memories_.front().bytes;
     dropZeroTail(firmware);
     start(std::move(firmware));
     return Answer::done(0);
 }
 
 Fx3::Memory *Fx3::find(uint32_t address, size_t length) {
-    const auto found = std::find_if(memories.begin(), memories.end(), [&](const Memory &memory) {
+    const auto found = std::find_if(memories_.begin(), memories_.end(), [&](const Memory &memory) {
         return address >= memory.base &&
                uint64_t{address - memory.base} + length <= memory.bytes.size();
     });
-    return found != memories.end() ? &*found : nullptr;
+    return found != memories_.end() ? &*found : nullptr;
 }
 
 } // namespace sim

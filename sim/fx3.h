@@ -13,7 +13,7 @@ class Fx3 final : public BootDevice {
 public:
     using BootDevice::BootDevice;
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
 
 private:
     struct Memory {
@@ -26,7 +26,7 @@ private:
     Answer jump(uint32_t address);
     Memory *find(uint32_t address, size_t length);
 
-    std::vector<Memory> memories;
+    std::vector<Memory> memories_;
 };
 
 } // namespace sim

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <utility>
+
+#include <endian.h>
 
 namespace sim {
 
@@ -41,16 +44,22 @@ constexpr uint32_t kWriteFailed = 0x33333333;
 constexpr uint32_t kEntryWrong = 0x00333333;
 
 uint32_t bigEndian(std::span<const uint8_t> bytes) {
-    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data(), sizeof(value));
+    return be32toh(value);
 }
 
 uint32_t littleEndian(std::span<const uint8_t> bytes) {
-    return uint32_t{bytes[3]} << 24 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[1]} << 8 | bytes[0];
+    uint32_t value = 0;
+    std::memcpy(&value, bytes.data(), sizeof(value));
+    return le32toh(value);
 }
 
 void putBigEndian(Bytes &to, uint32_t value) {
-    for (unsigned shift = 32; shift != 0; shift -= 8)
-        to.push_back(static_cast<uint8_t>(value >> (shift - 8)));
+    const uint32_t inOrder = htobe32(value);
+    const size_t start = to.size();
+    to.resize(start + sizeof(inOrder));
+    std::memcpy(&to[start], &inOrder, sizeof(inOrder));
 }
 
 // Vendor-defined reports: 1 and 2 out (16 and 1024 bytes), 3 and 4 in (4 and 64 bytes).
@@ -96,15 +105,15 @@ DeviceShape asHid(DeviceShape shape) {
 
 } // namespace
 
-Imx7::Imx7(DeviceShape shape, const Steering &steering, Stage ownStage, Bytes loaded)
-    : BootDevice(asHid(std::move(shape)), steering), stage(ownStage), earlier(std::move(loaded)) {}
+Imx7::Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage, Bytes earlier)
+    : BootDevice(asHid(std::move(shape)), behaviour), stage_(stage), earlier_(std::move(earlier)) {}
 
-void Imx7::plugged(Port &newPort) {
-    BootDevice::plugged(newPort);
-    file.clear();
-    bytesLeft = 0;
-    written = false;
-    reports.clear();
+void Imx7::plugged(Port &port) {
+    BootDevice::plugged(port);
+    file_.clear();
+    bytesLeft_ = 0;
+    written_ = false;
+    reports_.clear();
 }
 
 Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
@@ -113,7 +122,7 @@ Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
         return Answer::stall();
     if (setup.value == kCommandReport && report.size() == kCommandSize)
         return command(report);
-    if (setup.value == kDataReport && report.size() <= kMostData && bytesLeft != 0)
+    if (setup.value == kDataReport && report.size() <= kMostData && bytesLeft_ != 0)
         return data(report);
     return Answer::stall();
 }
@@ -122,21 +131,21 @@ Answer Imx7::command(std::span<const uint8_t> report) {
     const uint32_t address = bigEndian(report.subspan(3));
     const uint32_t count = bigEndian(report.subspan(8));
     const int type = report[1] << 8 | report[2];
-    if (bytesLeft != 0 && type != kErrorStatus)
+    if (bytesLeft_ != 0 && type != kErrorStatus)
         return Answer::stall();
     switch (type) {
     case kErrorStatus: // a new beginning
-        bytesLeft = 0;
-        written = false;
-        reports.clear();
+        bytesLeft_ = 0;
+        written_ = false;
+        reports_.clear();
         answer(kNoError);
         break;
     case kWriteFile:
-        fileAddress = address;
-        fileHasType = report[kFileType] != 0;
-        file.clear();
-        bytesLeft = count;
-        written = false;
+        fileAddress_ = address;
+        fileHasType_ = report[kFileType] != 0;
+        file_.clear();
+        bytesLeft_ = count;
+        written_ = false;
         if (count == 0)
             writeEnded();
         break;
@@ -151,37 +160,37 @@ Answer Imx7::command(std::span<const uint8_t> report) {
 
 // Reports all have the same length; what is behind the file's end is dropped.
 Answer Imx7::data(std::span<const uint8_t> report) {
-    const auto bytes = report.subspan(1, std::min<size_t>(report.size() - 1, bytesLeft));
-    file.insert(file.end(), bytes.begin(), bytes.end());
-    bytesLeft -= static_cast<uint32_t>(bytes.size());
-    if (bytesLeft == 0)
+    const auto bytes = report.subspan(1, std::min<size_t>(report.size() - 1, bytesLeft_));
+    file_.insert(file_.end(), bytes.begin(), bytes.end());
+    bytesLeft_ -= static_cast<uint32_t>(bytes.size());
+    if (bytesLeft_ == 0)
         writeEnded();
     return Answer::done(report.size());
 }
 
 void Imx7::writeEnded() {
-    written = isWritable(fileAddress, static_cast<uint32_t>(file.size())) && !statusIsBad();
-    answer(written ? kDone : kWriteFailed);
+    written_ = isWritable(fileAddress_, static_cast<uint32_t>(file_.size())) && !statusIsBad();
+    answer(written_ ? kDone : kWriteFailed);
 }
 
 void Imx7::jump(uint32_t address) {
-    const bool good = written && hasEntry(address);
-    if (good && fileHasType)
+    const bool good = written_ && hasEntry(address);
+    if (good && fileHasType_)
         answer(std::nullopt);
     else
         answer(good ? kDone : kEntryWrong);
     if (good)
         later(100ms, [this]() { startNext(); });
-    written = false; // enters it once
+    written_ = false; // enters it once
 }
 
 void Imx7::startNext() {
-    Bytes all = earlier;
-    all.insert(all.end(), file.begin(), file.end());
-    if (stage == Stage::Loader)
+    Bytes all = earlier_;
+    all.insert(all.end(), file_.begin(), file_.end());
+    if (stage_ == Stage::Loader)
         start(std::move(all));
     else
-        startAs(std::make_unique<Imx7>(shape(), steering(), Stage::Loader, std::move(all)));
+        startAs(std::make_unique<Imx7>(shape(), behaviour(), Stage::Loader, std::move(all)));
 }
 
 bool Imx7::isWritable(uint32_t address, uint32_t count) const {
@@ -189,15 +198,15 @@ bool Imx7::isWritable(uint32_t address, uint32_t count) const {
         return address >= first && uint64_t{address} + count <= end;
     };
     return within(0x00900000, 0x00980000) ||
-           (stage == Stage::Loader && within(0x80000000, 0x100000000));
+           (stage_ == Stage::Loader && within(0x80000000, 0x100000000));
 }
 
 bool Imx7::hasEntry(uint32_t address) const {
     constexpr size_t kHeader = 24; // as much of either as is looked at
-    if (address < fileAddress || address - fileAddress + kHeader > file.size())
+    if (address < fileAddress_ || address - fileAddress_ + kHeader > file_.size())
         return false;
-    const auto header = std::span(file).subspan(address - fileAddress);
-    if (stage == Stage::Loader)
+    const auto header = std::span(file_).subspan(address - fileAddress_);
+    if (stage_ == Stage::Loader)
         return bigEndian(header) == 0x27051956;
     return header[0] == 0xD1 && littleEndian(header.subspan(20)) == address;
 }
@@ -205,12 +214,12 @@ bool Imx7::hasEntry(uint32_t address) const {
 void Imx7::answer(std::optional<uint32_t> status) {
     Bytes security{3};
     putBigEndian(security, kOpen);
-    reports.push_back(std::move(security));
+    reports_.push_back(std::move(security));
     if (status) {
         Bytes result{4};
         putBigEndian(result, *status);
         result.resize(65);
-        reports.push_back(std::move(result));
+        reports_.push_back(std::move(result));
     }
     port().wake({});
 }
@@ -218,10 +227,10 @@ void Imx7::answer(std::optional<uint32_t> status) {
 Answer Imx7::sendData(uint8_t endpoint, std::span<uint8_t> room) {
     if (endpoint != kReportEndpoint)
         return Answer::stall();
-    if (reports.empty())
+    if (reports_.empty())
         return Answer::wait();
-    const Bytes report = std::move(reports.front());
-    reports.pop_front();
+    const Bytes report = std::move(reports_.front());
+    reports_.pop_front();
     return sendBytes(report, room);
 }
 

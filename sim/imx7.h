@@ -14,10 +14,10 @@ class Imx7 final : public BootDevice {
 public:
     enum class Stage : uint8_t { Rom, Loader };
 
-    Imx7(DeviceShape shape, const Steering &steering, Stage ownStage = Stage::Rom,
-         Bytes loaded = {});
+    Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage = Stage::Rom,
+         Bytes earlier = {});
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
 
 private:
     Answer loadRequest(const Setup &setup, std::span<uint8_t> report) override;
@@ -33,14 +33,14 @@ private:
     // With the security mode, and a status.
     void answer(std::optional<uint32_t> status);
 
-    const Stage stage;
-    const Bytes earlier; // what the stages before were
-    uint32_t fileAddress = 0;
-    bool fileHasType = false;
-    Bytes file;
-    uint32_t bytesLeft = 0;
-    bool written = false;      // all of the file, in order
-    std::deque<Bytes> reports; // to be sent
+    const Stage stage_;
+    const Bytes earlier_; // what the stages before were
+    uint32_t fileAddress_ = 0;
+    bool fileHasType_ = false;
+    Bytes file_;
+    uint32_t bytesLeft_ = 0;
+    bool written_ = false;      // all of the file, in order
+    std::deque<Bytes> reports_; // to be sent
 };
 
 } // namespace sim

@@ -12,7 +12,7 @@ namespace sim {
 /*
  * The simulated instrument: an interrupt endpoint that sends what it was told to, a bulk endpoint
  * that streams for ever, two pairs of endpoints that return what was written to them, and vendor
- * requests that steer all this.
+ * requests that applyBehaviour all this.
  */
 namespace {
 
@@ -48,16 +48,16 @@ DeviceShape instrumentShape() {
 }
 
 Instrument::Instrument(DeviceShape shape, Bytes loadedFirmware)
-    : DeviceModel(withEndpoints(std::move(shape))), firmware(std::move(loadedFirmware)) {}
+    : DeviceModel(withEndpoints(std::move(shape))), firmware_(std::move(loadedFirmware)) {}
 
-void Instrument::plugged(Port &newPort) {
-    DeviceModel::plugged(newPort);
-    streamPosition = 0;
-    vanishing.reset();
-    events.clear();
-    bulkLoop.clear();
-    interruptLoop.clear();
-    scratch.clear();
+void Instrument::plugged(Port &port) {
+    DeviceModel::plugged(port);
+    streamPosition_ = 0;
+    vanishing_.reset();
+    events_.clear();
+    bulkLoop_.clear();
+    interruptLoop_.clear();
+    scratch_.clear();
 }
 
 Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
@@ -71,16 +71,16 @@ Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
     const auto endpoint = static_cast<uint8_t>(setup.index);
     switch (setup.request) {
     case kRequestSeek:
-        if (data.size() != sizeof(streamPosition))
+        if (data.size() != sizeof(streamPosition_))
             return Answer::stall();
-        std::memcpy(&streamPosition, data.data(), sizeof(streamPosition));
+        std::memcpy(&streamPosition_, data.data(), sizeof(streamPosition_));
         break;
     case kRequestSendTimes:
-        events.insert(events.end(), setup.value, std::nullopt);
+        events_.insert(events_.end(), setup.value, std::nullopt);
         port().wake({});
         break;
     case kRequestSendEvents:
-        events.emplace_back(Bytes(data.begin(), data.end()));
+        events_.emplace_back(Bytes(data.begin(), data.end()));
         port().wake({});
         break;
     case kRequestStall:
@@ -105,15 +105,15 @@ Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
 
 Answer Instrument::scratchRequest(const Setup &setup, std::span<uint8_t> data) {
     if (!setup.isIn()) {
-        scratch.assign(data.begin(), data.end());
+        scratch_.assign(data.begin(), data.end());
         return Answer::done(data.size());
     }
-    return sendBytes(scratch, data);
+    return sendBytes(scratch_, data);
 }
 
 Answer Instrument::firmwareRequest(const Setup &setup, std::span<uint8_t> room) const {
     const size_t offset = size_t{setup.index} << 16 | setup.value;
-    return sendBytes(std::span(firmware).subspan(std::min(offset, firmware.size())), room);
+    return sendBytes(std::span(firmware_).subspan(std::min(offset, firmware_.size())), room);
 }
 
 Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
@@ -121,23 +121,23 @@ Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
     if (data.size() != sizeof(wanted))
         return Answer::stall();
     std::memcpy(&wanted, data.data(), sizeof(wanted));
-    vanishing = Vanishing{wanted.afterBytes, std::nullopt, wanted.product};
+    vanishing_ = Vanishing{wanted.afterBytes, std::nullopt, wanted.product};
     if (wanted.returnAfterMs != kNeverReturn)
-        vanishing->returnAfter = std::chrono::milliseconds(wanted.returnAfterMs);
+        vanishing_->returnAfter = std::chrono::milliseconds(wanted.returnAfterMs);
     if (wanted.afterBytes == 0 && wanted.afterMs == 0)
         vanish();
     else if (wanted.afterBytes == 0)
         port().after(std::chrono::milliseconds(wanted.afterMs), [this]() {
-            if (vanishing)
+            if (vanishing_)
                 vanish();
         });
     return Answer::done(data.size());
 }
 
 void Instrument::vanish() {
-    if (vanishing->product != 0)
-        setProduct(vanishing->product);
-    port().unplug(vanishing->returnAfter);
+    if (vanishing_->product != 0)
+        setProduct(vanishing_->product);
+    port().unplug(vanishing_->returnAfter);
 }
 
 Answer Instrument::sendData(uint8_t endpoint, std::span<uint8_t> room) {
@@ -147,9 +147,9 @@ Answer Instrument::sendData(uint8_t endpoint, std::span<uint8_t> room) {
     case kEventEndpoint:
         return sendEvents(room);
     case kBulkLoopIn:
-        return sendFrom(bulkLoop, room);
+        return sendFrom(bulkLoop_, room);
     case kInterruptLoopIn:
-        return sendFrom(interruptLoop, room);
+        return sendFrom(interruptLoop_, room);
     default:
         return Answer::stall();
     }
@@ -158,7 +158,7 @@ Answer Instrument::sendData(uint8_t endpoint, std::span<uint8_t> room) {
 Answer Instrument::takeData(uint8_t endpoint, std::span<const uint8_t> data) {
     if (endpoint != kBulkLoopOut && endpoint != kInterruptLoopOut)
         return Answer::stall();
-    std::deque<uint8_t> &queue = endpoint == kBulkLoopOut ? bulkLoop : interruptLoop;
+    std::deque<uint8_t> &queue = endpoint == kBulkLoopOut ? bulkLoop_ : interruptLoop_;
     if (queue.size() >= kLoopRoom)
         return Answer::wait();
     queue.insert(queue.end(), data.begin(), data.end());
@@ -167,20 +167,20 @@ Answer Instrument::takeData(uint8_t endpoint, std::span<const uint8_t> data) {
 }
 
 Answer Instrument::sendStream(std::span<uint8_t> room) {
-    if (vanishing && vanishing->bytesLeft != 0)
-        room = room.first(std::min<uint64_t>(room.size(), vanishing->bytesLeft));
-    fillPattern(streamPosition, room);
-    streamPosition += room.size();
-    if (vanishing && vanishing->bytesLeft != 0 && (vanishing->bytesLeft -= room.size()) == 0)
+    if (vanishing_ && vanishing_->bytesLeft != 0)
+        room = room.first(std::min<uint64_t>(room.size(), vanishing_->bytesLeft));
+    fillPattern(streamPosition_, room);
+    streamPosition_ += room.size();
+    if (vanishing_ && vanishing_->bytesLeft != 0 && (vanishing_->bytesLeft -= room.size()) == 0)
         vanish();
     return Answer::done(room.size());
 }
 
 Answer Instrument::sendEvents(std::span<uint8_t> room) {
-    if (events.empty())
+    if (events_.empty())
         return Answer::wait();
-    const Bytes packet = events.front() ? std::move(*events.front()) : currentTime();
-    events.pop_front();
+    const Bytes packet = events_.front() ? std::move(*events_.front()) : currentTime();
+    events_.pop_front();
     return sendBytes(packet, room);
 }
 

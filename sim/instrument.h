@@ -18,7 +18,7 @@ public:
     // `loadedFirmware` can be read back.
     explicit Instrument(DeviceShape shape, Bytes loadedFirmware = {});
 
-    void plugged(Port &newPort) override;
+    void plugged(Port &port) override;
 
 private:
     Answer request(const Setup &setup, std::span<uint8_t> data) override;
@@ -39,13 +39,13 @@ private:
         uint16_t product; // on return; 0: as before
     };
 
-    const Bytes firmware;
-    uint64_t streamPosition = 0;
-    std::optional<Vanishing> vanishing;
-    std::deque<std::optional<Bytes>> events; // without bytes: the time at which it is sent
-    std::deque<uint8_t> bulkLoop;
-    std::deque<uint8_t> interruptLoop;
-    Bytes scratch;
+    const Bytes firmware_;
+    uint64_t streamPosition_ = 0;
+    std::optional<Vanishing> vanishing_;
+    std::deque<std::optional<Bytes>> events_; // without bytes: the time at which it is sent
+    std::deque<uint8_t> bulkLoop_;
+    std::deque<uint8_t> interruptLoop_;
+    Bytes scratch_;
 };
 
 // An instrument as it usually is.

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 // The simulated instrument's endpoints and vendor requests (bmRequestType 0x40 and 0xC0), for the
-// simulator and for programs that steer it.  Numbers in data stages are little-endian.
+// simulator and for programs that applyBehaviour it.  Numbers in data stages are little-endian.
 namespace sim {
 
 inline constexpr uint8_t kEventEndpoint = 0x81;

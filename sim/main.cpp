@@ -36,42 +36,42 @@ class Simulator {
 public:
     explicit Simulator(const Options &options);
 
-    void run() { loop.run(); }
+    void run() { loop_.run(); }
 
 private:
     void addDevice(const sim::DeviceSpecification &specification);
     void endOnSignal();
 
-    sim::EventLoop loop;
-    sim::Connection::Devices devices;
-    sim::Server server;
-    std::optional<sim::Attacher> attacher;
+    sim::EventLoop loop_;
+    sim::Connection::Devices devices_;
+    sim::Server server_;
+    std::optional<sim::Attacher> attacher_;
 };
 
-Simulator::Simulator(const Options &options) : server(loop, devices, options.port) {
+Simulator::Simulator(const Options &options) : server_(loop_, devices_, options.port) {
     if (options.attach)
-        attacher.emplace(loop, server.port());
+        attacher_.emplace(loop_, server_.port());
     endOnSignal();
     for (const std::string &text : options.devices) {
         const sim::DeviceSpecification specification = sim::parseDeviceSpecification(text);
         for (uint32_t i = 0; i < options.count; ++i)
             addDevice(specification);
     }
-    fmt::print("listening on 127.0.0.1:{}\n", server.port());
+    fmt::print("listening on 127.0.0.1:{}\n", server_.port());
     std::fflush(stdout);
 }
 
 void Simulator::addDevice(const sim::DeviceSpecification &specification) {
-    const auto number = static_cast<uint32_t>(devices.size() + 1);
+    const auto number = static_cast<uint32_t>(devices_.size() + 1);
     if (number > kMaxDevices)
         throw std::invalid_argument(fmt::format("at most {} devices", kMaxDevices));
-    sim::ExportedDevice &device = devices.emplace_back(
-        loop, sim::usbip::ExportedAs{fmt::format("1-{}", number), 1, number + 1},
+    sim::ExportedDevice &device = devices_.emplace_back(
+        loop_, sim::usbip::ExportedAs{fmt::format("1-{}", number), 1, number + 1},
         sim::makeDevice(specification));
-    if (attacher) {
-        device.onReturn = [this, &device]() { attacher->attach(device); };
+    if (attacher_) {
+        device.onReturn = [this, &device]() { attacher_->attach(device); };
         if (specification.away.count() == 0)
-            loop.after({}, device.onReturn);
+            loop_.after({}, device.onReturn);
     }
     if (specification.away.count() != 0)
         device.stayAway(specification.away);
@@ -84,7 +84,7 @@ void Simulator::endOnSignal() {
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     const int descriptor = signalfd(-1, &signals, SFD_CLOEXEC);
-    loop.watch(descriptor, POLLIN, [this](short) { loop.quit(); });
+    loop_.watch(descriptor, POLLIN, [this](short) { loop_.quit(); });
 }
 
 } // namespace
@@ -102,7 +102,7 @@ int main(int argc, char **argv) {
                    "TCP port on the loopback address; 0 takes a free one")
         ->capture_default_str();
     app.add_flag("-a,--attach", options.attach, "Plug the devices into this machine (needs root)");
-    app.add_option("-n,--count", options.count, "So many of each device")
+    app.add_option("-n,--count", options.count, "Simulate N of each device")
         ->check(CLI::Range(1U, kMaxDevices))
         ->capture_default_str();
     app.add_option("DEVICE", options.devices, "What to simulate")->capture_default_str();

@@ -1,14 +1,16 @@
 #include "mcs51.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace sim {
 
 /*
- * An interpreter for the MCS-51 instruction set, for programs that poll.  The columns of the opcode
- * table decide: from 4 on the low half names the operand (4 accumulator or immediate, 5 direct, 6
- * and 7 indirect, the rest a register) and the high half the operation; the columns below hold
- * what does not fit that scheme.  The parity flag is not kept.
+ * An interpreter for the MCS-51 instruction set, for programs that poll.  The low half of an opcode
+ * is its column in the table of instructions at the end of this file, the high half its row.  From
+ * column 4 on the column names the operand (4 accumulator or immediate, 5 direct, 6 and 7 indirect,
+ * the rest a register) and the row the operation; the columns below hold what does not fit that
+ * scheme.  The parity flag is not kept.
  */
 namespace {
 
@@ -22,36 +24,19 @@ uint8_t byteOfBit(uint8_t address) {
     return static_cast<uint8_t>(address < 0x80 ? 0x20 + address / 8 : address & 0xF8);
 }
 
+// A copy of a column of the table in which one row differs.
+template <typename Column>
+constexpr Column with(Column column, size_t row, typename Column::value_type instruction) {
+    column[row] = instruction;
+    return column;
+}
+
 } // namespace
 
 void Mcs51::reset() {
-    programCounter = 0;
-    internal.fill(0);
-    internal[kStackPointer] = 7;
-}
-
-void Mcs51::step() {
-    const uint8_t opcode = fetch();
-    switch (opcode & 0x0F) {
-    case 0:
-        branchOrMove(opcode);
-        break;
-    case 1:
-        pageJump(opcode);
-        break;
-    case 2:
-        jumpOrBit(opcode);
-        break;
-    case 3:
-        logicOrPointer(opcode);
-        break;
-    case 4:
-        operateOnAccumulator(opcode);
-        break;
-    default:
-        operate(opcode);
-        break;
-    }
+    programCounter_ = 0;
+    internal_.fill(0);
+    internal_[kStackPointer] = 7;
 }
 
 uint16_t Mcs51::fetchWord() {
@@ -62,15 +47,15 @@ uint16_t Mcs51::fetchWord() {
 void Mcs51::jumpIf(bool condition) {
     const auto distance = static_cast<int8_t>(fetch());
     if (condition)
-        programCounter = static_cast<uint16_t>(programCounter + distance);
+        programCounter_ = static_cast<uint16_t>(programCounter_ + distance);
 }
 
 uint8_t &Mcs51::indirect(uint8_t address) {
-    return address < 0x80 ? internal[address] : upper[address - 0x80U];
+    return address < 0x80 ? internal_[address] : upper_[address - 0x80U];
 }
 
 uint8_t &Mcs51::registerAt(unsigned number) {
-    return internal[(internal[kProgramStatus] & kBankMask) + number];
+    return internal_[(internal_[kProgramStatus] & kBankMask) + number];
 }
 
 // What the columns from 5 on name.
@@ -81,68 +66,68 @@ uint8_t &Mcs51::operand(uint8_t opcode) {
     return column == 5 ? direct(fetch()) : indirect(registerAt(column - 6));
 }
 
-uint8_t Mcs51::source(uint8_t opcode) {
-    return (opcode & 0x0F) == 4 ? fetch() : operand(opcode);
+uint16_t Mcs51::behind(uint16_t base) {
+    return static_cast<uint16_t>(base + a());
 }
 
 // The EZ-USB has no port 2 that would hold the page.
 uint16_t Mcs51::pagePointer(unsigned number) {
-    return static_cast<uint16_t>(internal[kPage] << 8 | registerAt(number));
+    return static_cast<uint16_t>(internal_[kPage] << 8 | registerAt(number));
 }
 
 uint16_t Mcs51::dataPointer() const {
-    return static_cast<uint16_t>(internal[kDataPointerHigh] << 8 | internal[kDataPointerLow]);
+    return static_cast<uint16_t>(internal_[kDataPointerHigh] << 8 | internal_[kDataPointerLow]);
 }
 
 void Mcs51::setDataPointer(uint16_t value) {
-    internal[kDataPointerHigh] = static_cast<uint8_t>(value >> 8);
-    internal[kDataPointerLow] = static_cast<uint8_t>(value);
+    internal_[kDataPointerHigh] = static_cast<uint8_t>(value >> 8);
+    internal_[kDataPointerLow] = static_cast<uint8_t>(value);
 }
 
 bool Mcs51::bit(uint8_t address) {
-    return (internal[byteOfBit(address)] >> (address & 7) & 1) != 0;
+    return (internal_[byteOfBit(address)] >> (address & 7) & 1) != 0;
 }
 
 void Mcs51::setBit(uint8_t address, bool value) {
     const auto mask = static_cast<uint8_t>(1U << (address & 7));
-    uint8_t &byte = internal[byteOfBit(address)];
+    uint8_t &byte = internal_[byteOfBit(address)];
     byte = static_cast<uint8_t>(value ? byte | mask : byte & ~mask);
 }
 
 bool Mcs51::carry() const {
-    return (internal[kProgramStatus] & kCarryFlag) != 0;
+    return (internal_[kProgramStatus] & kCarryFlag) != 0;
 }
 
 void Mcs51::setCarry(bool value) {
-    uint8_t &status = internal[kProgramStatus];
+    uint8_t &status = internal_[kProgramStatus];
     status = static_cast<uint8_t>(value ? status | kCarryFlag : status & ~kCarryFlag);
 }
 
 void Mcs51::setFlags(bool carryOut, bool halfCarry, bool overflow) {
     constexpr int kArithmetic = kCarryFlag | kHalfCarryFlag | kOverflowFlag;
-    uint8_t &status = internal[kProgramStatus];
+    uint8_t &status = internal_[kProgramStatus];
     status =
         static_cast<uint8_t>((status & ~kArithmetic) | (carryOut ? kCarryFlag : 0) |
                              (halfCarry ? kHalfCarryFlag : 0) | (overflow ? kOverflowFlag : 0));
 }
 
 void Mcs51::push(uint8_t value) {
-    indirect(++internal[kStackPointer]) = value;
+    indirect(++internal_[kStackPointer]) = value;
 }
 
 uint8_t Mcs51::pop() {
-    return indirect(internal[kStackPointer]--);
+    return indirect(internal_[kStackPointer]--);
 }
 
 void Mcs51::call(uint16_t target) {
-    push(static_cast<uint8_t>(programCounter));
-    push(static_cast<uint8_t>(programCounter >> 8));
-    programCounter = target;
+    push(static_cast<uint8_t>(programCounter_));
+    push(static_cast<uint8_t>(programCounter_ >> 8));
+    programCounter_ = target;
 }
 
 void Mcs51::returnFromCall() {
     const uint8_t high = pop();
-    programCounter = static_cast<uint16_t>(high << 8 | pop());
+    programCounter_ = static_cast<uint16_t>(high << 8 | pop());
 }
 
 void Mcs51::add(uint8_t value, bool carryIn) {
@@ -163,24 +148,24 @@ void Mcs51::subtract(uint8_t value) {
 }
 
 void Mcs51::multiply() {
-    const unsigned product = static_cast<unsigned>(a()) * internal[kB];
+    const unsigned product = static_cast<unsigned>(a()) * internal_[kB];
     a() = static_cast<uint8_t>(product);
-    internal[kB] = static_cast<uint8_t>(product >> 8);
-    setFlags(false, (internal[kProgramStatus] & kHalfCarryFlag) != 0, product > 0xFF);
+    internal_[kB] = static_cast<uint8_t>(product >> 8);
+    setFlags(false, (internal_[kProgramStatus] & kHalfCarryFlag) != 0, product > 0xFF);
 }
 
 void Mcs51::divide() {
-    const uint8_t divisor = internal[kB];
-    setFlags(false, (internal[kProgramStatus] & kHalfCarryFlag) != 0, divisor == 0);
+    const uint8_t divisor = internal_[kB];
+    setFlags(false, (internal_[kProgramStatus] & kHalfCarryFlag) != 0, divisor == 0);
     if (divisor == 0)
         return;
-    internal[kB] = a() % divisor;
+    internal_[kB] = a() % divisor;
     a() = a() / divisor;
 }
 
 void Mcs51::decimalAdjust() {
     int value = a();
-    if ((value & 0x0F) > 9 || (internal[kProgramStatus] & kHalfCarryFlag) != 0)
+    if ((value & 0x0F) > 9 || (internal_[kProgramStatus] & kHalfCarryFlag) != 0)
         value += 0x06;
     if (value > 0x9F || carry())
         value += 0x60;
@@ -200,302 +185,205 @@ void Mcs51::rotate(uint8_t opcode) {
         setCarry(out);
 }
 
-void Mcs51::compareAndJump(uint8_t opcode) {
-    const unsigned column = opcode & 0x0FU;
-    const uint8_t first = column <= 5 ? a() : operand(opcode);
-    const uint8_t second = column == 5 ? operand(opcode) : fetch();
+void Mcs51::compareAndJump(uint8_t first, uint8_t second) {
     setCarry(first < second);
     jumpIf(first != second);
 }
 
-void Mcs51::decrementAndJump(uint8_t opcode) {
-    jumpIf(--operand(opcode) != 0);
+void Mcs51::exchangeLowHalves(uint8_t &other) {
+    const auto low = static_cast<uint8_t>(other & 0x0F);
+    other = static_cast<uint8_t>((other & 0xF0) | (a() & 0x0F));
+    a() = static_cast<uint8_t>((a() & 0xF0) | low);
+}
+
+bool Mcs51::takeBit(uint8_t address) {
+    const bool was = bit(address);
+    if (was)
+        setBit(address, false);
+    return was;
 }
 
 // Within 2 KiB; every other one is a call.
 void Mcs51::pageJump(uint8_t opcode) {
     const uint8_t low = fetch();
     const auto target =
-        static_cast<uint16_t>((programCounter & 0xF800) | (opcode & 0xE0) << 3 | low);
+        static_cast<uint16_t>((programCounter_ & 0xF800) | (opcode & 0xE0) << 3 | low);
     if ((opcode & 0x10) != 0)
         call(target);
     else
-        programCounter = target;
+        programCounter_ = target;
 }
 
-void Mcs51::operateOnAccumulator(uint8_t opcode) {
-    switch (opcode) {
-    case 0x04:
-        ++a();
-        break;
-    case 0x14:
-        --a();
-        break;
-    case 0x74:
-        a() = fetch();
-        break;
-    case 0x84:
-        divide();
-        break;
-    case 0xA4:
-        multiply();
-        break;
-    case 0xC4:
-        a() = static_cast<uint8_t>(a() << 4 | a() >> 4);
-        break;
-    case 0xD4:
-        decimalAdjust();
-        break;
-    case 0xE4:
-        a() = 0;
-        break;
-    case 0xF4:
-        a() = static_cast<uint8_t>(~a());
-        break;
-    default:
-        operate(opcode);
-        break;
-    }
-}
+// A function for each instruction.  One that fetches two operands keeps the first in a variable,
+// for their order to be certain.
+struct Mcs51::Instructions {
+    using Instruction = void (*)(Mcs51 &c, uint8_t opcode);
+    using Column = std::array<Instruction, 16>;
 
-void Mcs51::operate(uint8_t opcode) {
-    switch (opcode >> 4) {
-    case 0x0:
-        ++operand(opcode);
-        break;
-    case 0x1:
-        --operand(opcode);
-        break;
-    case 0x2:
-        add(source(opcode), false);
-        break;
-    case 0x3:
-        add(source(opcode), carry());
-        break;
-    case 0x4:
-        a() |= source(opcode);
-        break;
-    case 0x5:
-        a() &= source(opcode);
-        break;
-    case 0x6:
-        a() ^= source(opcode);
-        break;
-    case 0x7: {
-        uint8_t &target = operand(opcode);
-        target = fetch();
-        break;
-    }
-    case 0x8: {
-        const uint8_t value = operand(opcode);
-        direct(fetch()) = value;
-        break;
-    }
-    case 0x9:
-        subtract(source(opcode));
-        break;
-    case 0xA:
-        if (opcode != 0xA5) { // no instruction
-            uint8_t &target = operand(opcode);
-            target = direct(fetch());
-        }
-        break;
-    case 0xB:
-        compareAndJump(opcode);
-        break;
-    case 0xC:
-        std::swap(a(), operand(opcode));
-        break;
-    case 0xD:
-        if ((opcode & 0x0E) == 0x06) { // exchanges the low halves
-            uint8_t &other = operand(opcode);
-            const auto low = static_cast<uint8_t>(other & 0x0F);
-            other = static_cast<uint8_t>((other & 0xF0) | (a() & 0x0F));
-            a() = static_cast<uint8_t>((a() & 0xF0) | low);
-        } else {
-            decrementAndJump(opcode);
-        }
-        break;
-    case 0xE:
-        a() = operand(opcode);
-        break;
-    default:
-        operand(opcode) = a();
-        break;
-    }
-}
+    // Column 0.
+    static constexpr Column kBranchesAndMoves{
+        [](Mcs51 &, uint8_t) {},
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.takeBit(c.fetch())); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.bit(c.fetch())); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(!c.bit(c.fetch())); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.carry()); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(!c.carry()); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.a() == 0); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.a() != 0); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(true); },
+        [](Mcs51 &c, uint8_t) { c.setDataPointer(c.fetchWord()); },
+        [](Mcs51 &c, uint8_t) {
+            const bool value = !c.bit(c.fetch());
+            c.setCarry(c.carry() || value);
+        },
+        [](Mcs51 &c, uint8_t) {
+            const bool value = !c.bit(c.fetch());
+            c.setCarry(c.carry() && value);
+        },
+        [](Mcs51 &c, uint8_t) { c.push(c.direct(c.fetch())); },
+        [](Mcs51 &c, uint8_t) {
+            uint8_t &target = c.direct(c.fetch());
+            target = c.pop();
+        },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.dataPointer()); },
+        [](Mcs51 &c, uint8_t) { c.bus_.write(c.dataPointer(), c.a()); },
+    };
 
-void Mcs51::branchOrMove(uint8_t opcode) {
-    switch (opcode >> 4) {
-    case 0x0: // no operation
-        break;
-    case 0x1: {
-        const uint8_t address = fetch();
-        const bool was = bit(address);
-        if (was)
-            setBit(address, false);
-        jumpIf(was);
-        break;
-    }
-    case 0x2:
-        jumpIf(bit(fetch()));
-        break;
-    case 0x3:
-        jumpIf(!bit(fetch()));
-        break;
-    case 0x4:
-        jumpIf(carry());
-        break;
-    case 0x5:
-        jumpIf(!carry());
-        break;
-    case 0x6:
-        jumpIf(a() == 0);
-        break;
-    case 0x7:
-        jumpIf(a() != 0);
-        break;
-    case 0x8:
-        jumpIf(true);
-        break;
-    case 0x9:
-        setDataPointer(fetchWord());
-        break;
-    case 0xA: {
-        const bool inverted = !bit(fetch());
-        setCarry(carry() || inverted);
-        break;
-    }
-    case 0xB: {
-        const bool inverted = !bit(fetch());
-        setCarry(carry() && inverted);
-        break;
-    }
-    case 0xC:
-        push(direct(fetch()));
-        break;
-    case 0xD: {
-        const uint8_t address = fetch();
-        direct(address) = pop();
-        break;
-    }
-    case 0xE:
-        a() = bus.read(dataPointer());
-        break;
-    default:
-        bus.write(dataPointer(), a());
-        break;
-    }
-}
+    // Column 1.
+    static constexpr Instruction kPageJump = [](Mcs51 &c, uint8_t opcode) { c.pageJump(opcode); };
+    static constexpr Column kPageJumps{
+        kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump,
+        kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump, kPageJump};
 
-void Mcs51::jumpOrBit(uint8_t opcode) {
-    switch (opcode >> 4) {
-    case 0x0:
-        programCounter = fetchWord();
-        break;
-    case 0x1:
-        call(fetchWord());
-        break;
-    case 0x2:
-    case 0x3:
-        returnFromCall();
-        break;
-    case 0x4:
-        direct(fetch()) |= a();
-        break;
-    case 0x5:
-        direct(fetch()) &= a();
-        break;
-    case 0x6:
-        direct(fetch()) ^= a();
-        break;
-    case 0x7: {
-        const bool value = bit(fetch());
-        setCarry(carry() || value);
-        break;
-    }
-    case 0x8: {
-        const bool value = bit(fetch());
-        setCarry(carry() && value);
-        break;
-    }
-    case 0x9:
-        setBit(fetch(), carry());
-        break;
-    case 0xA:
-        setCarry(bit(fetch()));
-        break;
-    case 0xB: {
-        const uint8_t address = fetch();
-        setBit(address, !bit(address));
-        break;
-    }
-    case 0xC:
-        setBit(fetch(), false);
-        break;
-    case 0xD:
-        setBit(fetch(), true);
-        break;
-    case 0xE:
-        a() = bus.read(pagePointer(0));
-        break;
-    default:
-        bus.write(pagePointer(0), a());
-        break;
-    }
-}
+    // Column 2.
+    static constexpr Column kJumpsAndBits{
+        [](Mcs51 &c, uint8_t) { c.programCounter_ = c.fetchWord(); },
+        [](Mcs51 &c, uint8_t) { c.call(c.fetchWord()); },
+        [](Mcs51 &c, uint8_t) { c.returnFromCall(); },
+        [](Mcs51 &c, uint8_t) { c.returnFromCall(); },
+        [](Mcs51 &c, uint8_t) { c.direct(c.fetch()) |= c.a(); },
+        [](Mcs51 &c, uint8_t) { c.direct(c.fetch()) &= c.a(); },
+        [](Mcs51 &c, uint8_t) { c.direct(c.fetch()) ^= c.a(); },
+        [](Mcs51 &c, uint8_t) {
+            const bool value = c.bit(c.fetch());
+            c.setCarry(c.carry() || value);
+        },
+        [](Mcs51 &c, uint8_t) {
+            const bool value = c.bit(c.fetch());
+            c.setCarry(c.carry() && value);
+        },
+        [](Mcs51 &c, uint8_t) { c.setBit(c.fetch(), c.carry()); },
+        [](Mcs51 &c, uint8_t) { c.setCarry(c.bit(c.fetch())); },
+        [](Mcs51 &c, uint8_t) {
+            const uint8_t address = c.fetch();
+            c.setBit(address, !c.bit(address));
+        },
+        [](Mcs51 &c, uint8_t) { c.setBit(c.fetch(), false); },
+        [](Mcs51 &c, uint8_t) { c.setBit(c.fetch(), true); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.pagePointer(0)); },
+        [](Mcs51 &c, uint8_t) { c.bus_.write(c.pagePointer(0), c.a()); },
+    };
 
-void Mcs51::logicOrPointer(uint8_t opcode) {
-    switch (opcode >> 4) {
-    case 0x0:
-    case 0x1:
-    case 0x2:
-    case 0x3:
-        rotate(opcode);
-        break;
-    case 0x4: {
-        uint8_t &target = direct(fetch());
-        target |= fetch();
-        break;
-    }
-    case 0x5: {
-        uint8_t &target = direct(fetch());
-        target &= fetch();
-        break;
-    }
-    case 0x6: {
-        uint8_t &target = direct(fetch());
-        target ^= fetch();
-        break;
-    }
-    case 0x7:
-        programCounter = static_cast<uint16_t>(dataPointer() + a());
-        break;
-    case 0x8:
-        a() = bus.read(static_cast<uint16_t>(programCounter + a()));
-        break;
-    case 0x9:
-        a() = bus.read(static_cast<uint16_t>(dataPointer() + a()));
-        break;
-    case 0xA:
-        setDataPointer(static_cast<uint16_t>(dataPointer() + 1));
-        break;
-    case 0xB:
-        setCarry(!carry());
-        break;
-    case 0xC:
-        setCarry(false);
-        break;
-    case 0xD:
-        setCarry(true);
-        break;
-    case 0xE:
-        a() = bus.read(pagePointer(1));
-        break;
-    default:
-        bus.write(pagePointer(1), a());
-        break;
-    }
+    // Column 3.
+    static constexpr Column kLogicAndPointers{
+        [](Mcs51 &c, uint8_t opcode) { c.rotate(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.rotate(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.rotate(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.rotate(opcode); },
+        [](Mcs51 &c, uint8_t) {
+            uint8_t &target = c.direct(c.fetch());
+            target |= c.fetch();
+        },
+        [](Mcs51 &c, uint8_t) {
+            uint8_t &target = c.direct(c.fetch());
+            target &= c.fetch();
+        },
+        [](Mcs51 &c, uint8_t) {
+            uint8_t &target = c.direct(c.fetch());
+            target ^= c.fetch();
+        },
+        [](Mcs51 &c, uint8_t) { c.programCounter_ = c.behind(c.dataPointer()); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.behind(c.programCounter_)); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.behind(c.dataPointer())); },
+        [](Mcs51 &c, uint8_t) { c.setDataPointer(static_cast<uint16_t>(c.dataPointer() + 1)); },
+        [](Mcs51 &c, uint8_t) { c.setCarry(!c.carry()); },
+        [](Mcs51 &c, uint8_t) { c.setCarry(false); },
+        [](Mcs51 &c, uint8_t) { c.setCarry(true); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.pagePointer(1)); },
+        [](Mcs51 &c, uint8_t) { c.bus_.write(c.pagePointer(1), c.a()); },
+    };
+
+    // Column 4.
+    static constexpr Column kAccumulator{
+        [](Mcs51 &c, uint8_t) { ++c.a(); },
+        [](Mcs51 &c, uint8_t) { --c.a(); },
+        [](Mcs51 &c, uint8_t) { c.add(c.fetch(), false); },
+        [](Mcs51 &c, uint8_t) { c.add(c.fetch(), c.carry()); },
+        [](Mcs51 &c, uint8_t) { c.a() |= c.fetch(); },
+        [](Mcs51 &c, uint8_t) { c.a() &= c.fetch(); },
+        [](Mcs51 &c, uint8_t) { c.a() ^= c.fetch(); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.fetch(); },
+        [](Mcs51 &c, uint8_t) { c.divide(); },
+        [](Mcs51 &c, uint8_t) { c.subtract(c.fetch()); },
+        [](Mcs51 &c, uint8_t) { c.multiply(); },
+        [](Mcs51 &c, uint8_t) { c.compareAndJump(c.a(), c.fetch()); },
+        [](Mcs51 &c, uint8_t) { c.a() = static_cast<uint8_t>(c.a() << 4 | c.a() >> 4); },
+        [](Mcs51 &c, uint8_t) { c.decimalAdjust(); },
+        [](Mcs51 &c, uint8_t) { c.a() = 0; },
+        [](Mcs51 &c, uint8_t) { c.a() = static_cast<uint8_t>(~c.a()); },
+    };
+
+    // Columns 8 to 15; those of 5 to 7 differ in a few rows.
+    static constexpr Column kOperations{
+        [](Mcs51 &c, uint8_t opcode) { ++c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { --c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.add(c.operand(opcode), false); },
+        [](Mcs51 &c, uint8_t opcode) { c.add(c.operand(opcode), c.carry()); },
+        [](Mcs51 &c, uint8_t opcode) { c.a() |= c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.a() &= c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.a() ^= c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) {
+            uint8_t &target = c.operand(opcode);
+            target = c.fetch();
+        },
+        [](Mcs51 &c, uint8_t opcode) {
+            const uint8_t value = c.operand(opcode);
+            c.direct(c.fetch()) = value;
+        },
+        [](Mcs51 &c, uint8_t opcode) { c.subtract(c.operand(opcode)); },
+        [](Mcs51 &c, uint8_t opcode) {
+            uint8_t &target = c.operand(opcode);
+            target = c.direct(c.fetch());
+        },
+        [](Mcs51 &c, uint8_t opcode) {
+            const uint8_t value = c.operand(opcode);
+            c.compareAndJump(value, c.fetch());
+        },
+        [](Mcs51 &c, uint8_t opcode) { std::swap(c.a(), c.operand(opcode)); },
+        [](Mcs51 &c, uint8_t opcode) { c.jumpIf(--c.operand(opcode) != 0); },
+        [](Mcs51 &c, uint8_t opcode) { c.a() = c.operand(opcode); },
+        [](Mcs51 &c, uint8_t opcode) { c.operand(opcode) = c.a(); },
+    };
+
+    static constexpr Instruction kNone = [](Mcs51 &, uint8_t) {};
+    static constexpr Instruction kCompareWithDirect = [](Mcs51 &c, uint8_t) {
+        c.compareAndJump(c.a(), c.direct(c.fetch()));
+    };
+    static constexpr Instruction kExchangeLowHalves = [](Mcs51 &c, uint8_t opcode) {
+        c.exchangeLowHalves(c.operand(opcode));
+    };
+    static constexpr Column kDirect = with(with(kOperations, 0xA, kNone), 0xB, kCompareWithDirect);
+    static constexpr Column kIndirect = with(kOperations, 0xD, kExchangeLowHalves);
+
+    static constexpr std::array<Column, 16> kColumns{
+        kBranchesAndMoves, kPageJumps,  kJumpsAndBits, kLogicAndPointers, kAccumulator, kDirect,
+        kIndirect,         kIndirect,   kOperations,   kOperations,       kOperations,  kOperations,
+        kOperations,       kOperations, kOperations,   kOperations};
+};
+
+void Mcs51::step() {
+    const uint8_t opcode = fetch();
+    Instructions::kColumns[opcode & 0x0F][opcode >> 4](*this, opcode);
 }
 
 } // namespace sim

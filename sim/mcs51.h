@@ -16,13 +16,15 @@ public:
         virtual void write(uint16_t address, uint8_t value) = 0;
     };
 
-    explicit Mcs51(Bus &memoryBus) : bus(memoryBus) {}
+    explicit Mcs51(Bus &bus) : bus_(bus) {}
 
     void reset();
     // Executes one instruction.
     void step();
 
 private:
+    struct Instructions;
+
     enum SpecialRegister : uint8_t {
         kStackPointer = 0x81,
         kDataPointerLow = 0x82,
@@ -33,16 +35,16 @@ private:
         kB = 0xF0,
     };
 
-    uint8_t fetch() { return bus.read(programCounter++); }
+    uint8_t fetch() { return bus_.read(programCounter_++); }
     uint16_t fetchWord();
     void jumpIf(bool condition);
 
-    uint8_t &direct(uint8_t address) { return internal[address]; }
+    uint8_t &direct(uint8_t address) { return internal_[address]; }
     uint8_t &indirect(uint8_t address);
     uint8_t &registerAt(unsigned number);
     uint8_t &operand(uint8_t opcode);
-    uint8_t source(uint8_t opcode);
-    uint8_t &a() { return internal[kAccumulator]; }
+    uint8_t &a() { return internal_[kAccumulator]; }
+    uint16_t behind(uint16_t base); // by as many bytes as the accumulator holds
     uint16_t pagePointer(unsigned number);
     uint16_t dataPointer() const;
     void setDataPointer(uint16_t value);
@@ -63,19 +65,15 @@ private:
     void divide();
     void decimalAdjust();
     void rotate(uint8_t opcode);
-    void compareAndJump(uint8_t opcode);
-    void decrementAndJump(uint8_t opcode);
+    void compareAndJump(uint8_t first, uint8_t second);
+    void exchangeLowHalves(uint8_t &other);
+    bool takeBit(uint8_t address); // and clears it
     void pageJump(uint8_t opcode);
-    void operate(uint8_t opcode);
-    void operateOnAccumulator(uint8_t opcode);
-    void branchOrMove(uint8_t opcode);
-    void jumpOrBit(uint8_t opcode);
-    void logicOrPointer(uint8_t opcode);
 
-    Bus &bus;
-    uint16_t programCounter = 0;
-    std::array<uint8_t, 256> internal{}; // lower memory, and the special registers
-    std::array<uint8_t, 128> upper{};    // reached indirectly only
+    Bus &bus_;
+    uint16_t programCounter_ = 0;
+    std::array<uint8_t, 256> internal_{}; // lower memory, and the special registers
+    std::array<uint8_t, 128> upper_{};    // reached indirectly only
 };
 
 } // namespace sim

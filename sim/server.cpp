@@ -45,50 +45,50 @@ int openListener(uint16_t port) {
 
 } // namespace
 
-Server::Server(EventLoop &eventLoop, Connection::Devices &exportedDevices, uint16_t port)
-    : loop(eventLoop), devices(exportedDevices), listener(openListener(port)) {
-    loop.watch(listener, POLLIN, [this](short) { acceptClient(); });
+Server::Server(EventLoop &loop, Connection::Devices &devices, uint16_t port)
+    : loop_(loop), devices_(devices), listener_(openListener(port)) {
+    loop_.watch(listener_, POLLIN, [this](short) { acceptClient(); });
 }
 
 Server::~Server() {
-    loop.unwatch(listener);
-    for (const auto &[descriptor, connection] : connections)
-        loop.unwatch(descriptor);
-    close(listener);
+    loop_.unwatch(listener_);
+    for (const auto &[descriptor, connection] : connections_)
+        loop_.unwatch(descriptor);
+    close(listener_);
 }
 
 uint16_t Server::port() const {
     sockaddr_in address{};
     socklen_t size = sizeof(address);
-    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
+    getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &size);
     return ntohs(address.sin_port);
 }
 
 void Server::acceptClient() {
-    const int descriptor = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int descriptor = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor < 0)
         return;
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
-    auto connection = std::make_unique<Connection>(descriptor, devices);
+    auto connection = std::make_unique<Connection>(descriptor, devices_);
     // Later, since the connection is in the middle of its own work then, and serving may end it.
     connection->onOutput = [this, descriptor]() {
-        loop.after({}, [this, descriptor]() { serve(descriptor, false); });
+        loop_.after({}, [this, descriptor]() { serve(descriptor, false); });
     };
-    connections[descriptor] = std::move(connection);
+    connections_[descriptor] = std::move(connection);
     watchClient(descriptor);
 }
 
 void Server::watchClient(int descriptor) {
-    const Connection &connection = *connections.at(descriptor);
+    const Connection &connection = *connections_.at(descriptor);
     const int events =
         (connection.wantsToReceive() ? POLLIN : 0) | (connection.wantsToSend() ? POLLOUT : 0);
-    loop.watch(descriptor, static_cast<short>(events),
-               [this, descriptor](short ready) { serve(descriptor, (ready & ~POLLOUT) != 0); });
+    loop_.watch(descriptor, static_cast<short>(events),
+                [this, descriptor](short ready) { serve(descriptor, (ready & ~POLLOUT) != 0); });
 }
 
 void Server::serve(int descriptor, bool readable) {
-    const auto found = connections.find(descriptor);
-    if (found == connections.end())
+    const auto found = connections_.find(descriptor);
+    if (found == connections_.end())
         return;
     bool goesOn = false;
     try {
@@ -103,8 +103,8 @@ void Server::serve(int descriptor, bool readable) {
 }
 
 void Server::end(int descriptor) {
-    loop.unwatch(descriptor);
-    connections.erase(descriptor);
+    loop_.unwatch(descriptor);
+    connections_.erase(descriptor);
 }
 
 } // namespace sim

@@ -11,7 +11,7 @@ namespace sim {
 
 class Server {
 public:
-    Server(EventLoop &eventLoop, Connection::Devices &exportedDevices, uint16_t port);
+    Server(EventLoop &loop, Connection::Devices &devices, uint16_t port);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -24,10 +24,10 @@ private:
     void serve(int descriptor, bool readable);
     void end(int descriptor);
 
-    EventLoop &loop;
-    Connection::Devices &devices;
-    const int listener;
-    std::map<int, std::unique_ptr<Connection>> connections;
+    EventLoop &loop_;
+    Connection::Devices &devices_;
+    const int listener_;
+    std::map<int, std::unique_ptr<Connection>> connections_;
 };
 
 } // namespace sim

@@ -22,33 +22,33 @@ bool isTemporary(int error) {
 } // namespace
 
 StreamSocket::~StreamSocket() {
-    close(socket);
+    close(descriptor_);
 }
 
 // All that is there, so that the end of a connection is seen before what others send afterwards.
 bool StreamSocket::receive() {
-    input.erase(input.begin(), input.begin() + static_cast<std::ptrdiff_t>(consumed));
-    consumed = 0;
+    input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
+    consumed_ = 0;
     ssize_t count = 0;
     do {
-        const size_t before = input.size();
-        input.resize(before + kReceiveRoom);
-        count = recv(socket, &input[before], kReceiveRoom, MSG_DONTWAIT);
+        const size_t before = input_.size();
+        input_.resize(before + kReceiveRoom);
+        count = recv(descriptor_, &input_[before], kReceiveRoom, MSG_DONTWAIT);
         const int error = errno;
-        input.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        input_.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
         if (count < 0)
             return isTemporary(error);
-    } while (count > 0 && input.size() < kMostAtOnce);
+    } while (count > 0 && input_.size() < kMostAtOnce);
     return count > 0;
 }
 
 bool StreamSocket::isFull() const {
-    return queued > kMostQueued;
+    return queued_ > kMostQueued;
 }
 
 void StreamSocket::send(OutputPiece piece) {
-    queued += piece.all().size();
-    output.push_back(std::move(piece));
+    queued_ += piece.all().size();
+    output_.push_back(std::move(piece));
 }
 
 void StreamSocket::send(const Bytes &bytes) {
@@ -58,16 +58,17 @@ void StreamSocket::send(const Bytes &bytes) {
 }
 
 bool StreamSocket::flush() {
-    while (!output.empty()) {
-        const auto rest = output.front().all().subspan(sentOfFront);
-        const ssize_t count = ::send(socket, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (!output_.empty()) {
+        const auto rest = output_.front().all().subspan(sentOfFront_);
+        const ssize_t count =
+            ::send(descriptor_, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0)
             return isTemporary(errno);
-        sentOfFront += static_cast<size_t>(count);
-        if (sentOfFront == output.front().all().size()) {
-            queued -= sentOfFront;
-            output.pop_front();
-            sentOfFront = 0;
+        sentOfFront_ += static_cast<size_t>(count);
+        if (sentOfFront_ == output_.front().all().size()) {
+            queued_ -= sentOfFront_;
+            output_.pop_front();
+            sentOfFront_ = 0;
         }
     }
     return true;

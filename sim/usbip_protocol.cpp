@@ -1,6 +1,9 @@
 #include "usbip_protocol.h"
 
 #include <algorithm>
+#include <cstring>
+
+#include <endian.h>
 
 namespace sim::usbip {
 
@@ -9,16 +12,20 @@ namespace {
 constexpr size_t kPathSize = 256;
 
 uint16_t get16(std::span<const uint8_t> bytes, size_t at) {
-    return static_cast<uint16_t>((bytes[at] << 8) | bytes[at + 1]);
+    uint16_t value = 0;
+    std::memcpy(&value, &bytes[at], sizeof(value));
+    return be16toh(value);
 }
 
 uint32_t get32(std::span<const uint8_t> bytes, size_t at) {
-    return (static_cast<uint32_t>(get16(bytes, at)) << 16) | get16(bytes, at + 2);
+    uint32_t value = 0;
+    std::memcpy(&value, &bytes[at], sizeof(value));
+    return be32toh(value);
 }
 
 void put32(std::span<uint8_t> bytes, size_t at, uint32_t value) {
-    for (size_t i = 0; i < 4; ++i)
-        bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+    const uint32_t inOrder = htobe32(value);
+    std::memcpy(&bytes[at], &inOrder, sizeof(inOrder));
 }
 
 void append16(Bytes &to, uint16_t value) {

@@ -133,9 +133,9 @@ with open("firmware", "wb") as file:
     file.truncate(5 << 30)
 os.mkfifo("endless")
 for kind in "fx2", "fx3", "dfu", "spl", "uboot":
-    run(6, "firmware: this is more than 128 MiB", "load", kind, "1:2", "firmware")
+    run(6, "firmware: more than 128 MiB", "load", kind, "1:2", "firmware")
     writer = subprocess.Popen(["sh", "-c", "yes '' >endless"], stderr=subprocess.DEVNULL)
-    run(6, "endless: this is more than 128 MiB", "load", kind, "1:2", "endless")
+    run(6, "endless: more than 128 MiB", "load", kind, "1:2", "endless")
     writer.wait()
 most = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
 assert most < 300 << 10, f"{most} KiB"

@@ -19,7 +19,7 @@ namespace tool {
 
 namespace {
 
-// NaN for what is no number.
+// NaN for text that is not a number.
 double numberIn(const std::string &text) {
     char *end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
@@ -50,11 +50,11 @@ std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMor
         std::from_chars(text.data() + (hexadecimal ? 2 : 0), last, number, hexadecimal ? 16 : 10);
     const auto factor = unitFactor(std::string(end, last));
     if (error == std::errc::invalid_argument || !factor)
-        return fmt::format("'{}' is no number of bytes such as 4096, 64k or 0x1000", text);
+        return fmt::format("'{}' is not a number of bytes such as 4096, 64k or 0x1000", text);
     if (error == std::errc::result_out_of_range || number > most / *factor)
         return fmt::format("{} is more than {}{}", text, sizeText(most), whyNotMore);
     if (number == 0)
-        return fmt::format("'{}' is no number above 0", text);
+        return fmt::format("'{}' is not a number above 0", text);
     text = std::to_string(number * *factor);
     return {};
 }
@@ -64,7 +64,7 @@ std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMor
 CLI::Validator positive() {
     return {[](const std::string &text) {
                 return numberIn(text) > 0 ? std::string()
-                                          : "'" + text + "' is no finite number above 0";
+                                          : "'" + text + "' is not a finite number above 0";
             },
             "POSITIVE"};
 }
@@ -85,7 +85,7 @@ CLI::Validator positiveCount() {
                 const auto [end, error] = std::from_chars(text.data(), last, value);
                 return error == std::errc() && end == last && value > 0
                            ? std::string()
-                           : "'" + text + "' is no whole number above 0 that can be counted to";
+                           : "'" + text + "' is not a whole number above 0, or is too large";
             },
             "POSITIVE"};
 }

@@ -86,28 +86,28 @@ void printHexDump(std::span<const uint8_t> bytes) {
 }
 
 Input::Input(const std::string &path)
-    : name(isStandard(path) ? "standard input" : path),
-      descriptor(isStandard(path) ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (descriptor < 0)
-        throwSystemError("cannot read " + name);
+    : name_(isStandard(path) ? "standard input" : path),
+      descriptor_(isStandard(path) ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (descriptor_ < 0)
+        throwSystemError("cannot read " + name_);
 }
 
 Input::~Input() {
-    ::close(descriptor);
+    ::close(descriptor_);
 }
 
 size_t Input::size() const {
     struct stat status {};
-    return fstat(descriptor, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+    return fstat(descriptor_, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
 }
 
 size_t Input::read(std::span<uint8_t> room) {
     ssize_t count = 0;
     do {
-        count = ::read(descriptor, room.data(), room.size());
+        count = ::read(descriptor_, room.data(), room.size());
     } while (count < 0 && errno == EINTR);
     if (count < 0)
-        throwSystemError("cannot read " + name);
+        throwSystemError("cannot read " + name_);
     return static_cast<size_t>(count);
 }
 
@@ -132,69 +132,70 @@ Bytes readInput(const std::string &path) {
 }
 
 Output::Output(const std::string &path, Existing existing)
-    : name(isStandard(path) ? "standard output" : path) {
+    : name_(isStandard(path) ? "standard output" : path) {
     if (existing == Existing::Replace && isReplaceable(path)) {
-        target = std::filesystem::weakly_canonical(path);
+        target_ = std::filesystem::weakly_canonical(path);
         openTemporary();
     } else {
-        descriptor = isStandard(path)
-                         ? dup(STDOUT_FILENO)
-                         : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        descriptor_ = isStandard(path)
+                          ? dup(STDOUT_FILENO)
+                          : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     }
-    if (descriptor < 0)
-        throwSystemError("cannot write " + name);
+    if (descriptor_ < 0)
+        throwSystemError("cannot write " + name_);
 }
 
 Output::~Output() {
-    if (descriptor >= 0)
-        ::close(descriptor);
-    if (!temporary.empty())
-        unlink(temporary.c_str());
+    if (descriptor_ >= 0)
+        ::close(descriptor_);
+    if (!temporary_.empty())
+        unlink(temporary_.c_str());
 }
 
 // With the mode of what it will replace, or that of any new file.
 void Output::openTemporary() {
-    temporary = target + ".XXXXXX";
-    descriptor = mkostemp(temporary.data(), O_CLOEXEC);
-    if (descriptor < 0) {
-        temporary.clear();
+    temporary_ = target_ + ".XXXXXX";
+    descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
+    if (descriptor_ < 0) {
+        temporary_.clear();
         return;
     }
     struct stat status {};
     const mode_t mask = umask(0);
     umask(mask);
-    fchmod(descriptor, stat(target.c_str(), &status) == 0 ? status.st_mode & 07777 : 0666 & ~mask);
+    fchmod(descriptor_,
+           stat(target_.c_str(), &status) == 0 ? status.st_mode & 07777 : 0666 & ~mask);
 }
 
 void Output::finishTemporary() {
-    if (std::rename(temporary.c_str(), target.c_str()) != 0)
-        throwSystemError("cannot write " + name);
-    temporary.clear();
+    if (std::rename(temporary_.c_str(), target_.c_str()) != 0)
+        throwSystemError("cannot write " + name_);
+    temporary_.clear();
 }
 
 void Output::write(std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
-        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        const ssize_t count = ::write(descriptor_, bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            throwSystemError("cannot write " + name);
+            throwSystemError("cannot write " + name_);
         bytes = bytes.subspan(static_cast<size_t>(count));
     }
 }
 
 void Output::throwIfUnread() const {
-    pollfd state{descriptor, 0, 0};
+    pollfd state{descriptor_, 0, 0};
     if (poll(&state, 1, 0) > 0 && (state.revents & (POLLERR | POLLHUP)) != 0) {
         errno = EPIPE;
-        throwSystemError("cannot write " + name);
+        throwSystemError("cannot write " + name_);
     }
 }
 
 void Output::close() {
-    if (::close(std::exchange(descriptor, -1)) != 0)
-        throwSystemError("cannot write " + name);
-    if (!temporary.empty())
+    if (::close(std::exchange(descriptor_, -1)) != 0)
+        throwSystemError("cannot write " + name_);
+    if (!temporary_.empty())
         finishTemporary();
 }
 

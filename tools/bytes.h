@@ -30,8 +30,8 @@ public:
     size_t read(std::span<uint8_t> room);
 
 private:
-    const std::string name;
-    const int descriptor;
+    const std::string name_;
+    const int descriptor_;
 };
 
 // All of a file; one that is too large to be held in memory is refused, endless ones included.
@@ -58,10 +58,10 @@ private:
     void openTemporary();
     void finishTemporary();
 
-    const std::string name;
-    std::string target;    // what is replaced in the end, links followed; empty: nothing
-    std::string temporary; // beside it
-    int descriptor = -1;
+    const std::string name_;
+    std::string target_;    // what is replaced in the end, links followed; empty: nothing
+    std::string temporary_; // beside it
+    int descriptor_ = -1;
 };
 
 } // namespace tool

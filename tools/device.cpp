@@ -23,7 +23,7 @@ bool matches(const Item &item, const std::string &choice) {
 }
 
 [[noreturn]] void throwNoName(const std::string &text, const char *what) {
-    throw Error(Exit::Usage, fmt::format("'{}' is no {}", text, what),
+    throw Error(Exit::Usage, fmt::format("'{}' is not {}", text, what),
                 "Name a device by its id or as VENDOR:PRODUCT, for instance 5658:0001.");
 }
 
@@ -33,7 +33,7 @@ std::string normalised(const std::string &choice) {
         return choice;
     const size_t colon = choice.find(':');
     if (colon == std::string::npos)
-        throwNoName(choice, "name of a device");
+        throwNoName(choice, "a name of a device");
     const auto part = [](std::string text) {
         if (text.starts_with("0x") || text.starts_with("0X"))
             text.erase(0, 2);
@@ -41,7 +41,7 @@ std::string normalised(const std::string &choice) {
         const auto [end, error] =
             std::from_chars(text.data(), text.data() + text.size(), value, 16);
         if (error != std::errc() || end != text.data() + text.size())
-            throwNoName(text, "hexadecimal identifier");
+            throwNoName(text, "a hexadecimal identifier");
         return value;
     };
     return identifierText(part(choice.substr(0, colon)), part(choice.substr(colon + 1)));
@@ -73,14 +73,14 @@ const char *kindText(uint16_t vendor, uint16_t product) {
 DeviceList::DeviceList() {
     check(vexa_usb_update_device_list(), "reading the device list");
     uint64_t count = 0;
-    check(vexa_usb_get_device_list(&list, &count), "reading the device list");
-    entries.assign(list, list + count);
+    check(vexa_usb_get_device_list(&list_, &count), "reading the device list");
+    items_.assign(list_, list_ + count);
 }
 
 const Item &DeviceList::choose(const std::string &choice) const {
     const std::string wanted = normalised(choice);
     const Item *chosen = nullptr;
-    for (const Item *item : entries) {
+    for (const Item *item : items_) {
         if (!matches(*item, wanted))
             continue;
         if (chosen != nullptr)
@@ -100,8 +100,8 @@ const Item &DeviceList::choose(const std::string &choice) const {
 Device::Device(const std::string &choice, EventHandler onEvent) {
     const DeviceList list;
     const Item &item = list.choose(choice);
-    listId = item.id;
-    const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle);
+    id_ = item.id;
+    const int32_t status = vexa_usb_open(&item, deliver, keepHandler(std::move(onEvent)), &handle_);
     if (status != VEXA_USB_STATUS_SUCCESS)
         throw openFailure(item.vendor_id, item.product_id, status);
 }

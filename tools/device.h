@@ -22,19 +22,19 @@ public:
 class DeviceList {
 public:
     DeviceList();
-    ~DeviceList() { vexa_usb_free_device_list(list); }
+    ~DeviceList() { vexa_usb_free_device_list(list_); }
     DeviceList(const DeviceList &) = delete;
     DeviceList &operator=(const DeviceList &) = delete;
 
-    const std::vector<const _vexa_usb_device_list_item *> &items() const { return entries; }
+    const std::vector<const _vexa_usb_device_list_item *> &items() const { return items_; }
 
     // The device that `choice` names: its id, VENDOR:PRODUCT in hexadecimal, or nothing when
-    // there is only one.  Throws when that is no name, or names none or several.
+    // there is only one.  Throws when that is not a name, or when no device or several match.
     const _vexa_usb_device_list_item &choose(const std::string &choice) const;
 
 private:
-    _vexa_usb_device_list_item **list = nullptr;
-    std::vector<const _vexa_usb_device_list_item *> entries;
+    _vexa_usb_device_list_item **list_ = nullptr;
+    std::vector<const _vexa_usb_device_list_item *> items_;
 };
 
 // An opened device.  `onEvent` runs on a thread of the library, perhaps a last time while or after
@@ -44,16 +44,16 @@ public:
     using EventHandler = std::function<void(_vexa_usb_device_event)>;
 
     explicit Device(const std::string &choice, EventHandler onEvent = nullptr);
-    ~Device() { vexa_usb_close(handle); }
+    ~Device() { vexa_usb_close(handle_); }
     Device(const Device &) = delete;
     Device &operator=(const Device &) = delete;
 
-    _vexa_usb_device *get() const { return handle; }
-    uint64_t id() const { return listId; }
+    _vexa_usb_device *get() const { return handle_; }
+    uint64_t id() const { return id_; }
 
 private:
-    _vexa_usb_device *handle = nullptr;
-    uint64_t listId = 0;
+    _vexa_usb_device *handle_ = nullptr;
+    uint64_t id_ = 0;
 };
 
 // "5658:0001", and what kind of device that is.

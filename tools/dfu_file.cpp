@@ -9,7 +9,7 @@
 #include <fmt/format.h>
 #include <zlib.h>
 
-#include "byte_order.h"
+#include "firmware/formats/byte_order.h"
 #include "firmware_file.h"
 
 namespace tool {
@@ -20,6 +20,9 @@ namespace tool {
  * version; a longer suffix has more in front of that.
  */
 namespace {
+
+using vexausb::littleEndian16;
+using vexausb::littleEndian32;
 
 constexpr size_t kShortestSuffix = 16;
 constexpr uint16_t kDfuSeVersion = 0x011A;

@@ -20,9 +20,9 @@ void throwWrongFile(const std::string &path, const std::string &what, const std:
 }
 
 void throwTooLarge(const std::string &path) {
-    throwWrongFile(path,
-                   fmt::format("this is more than {} MiB, and no firmware", kMostFirmware >> 20),
-                   "Nothing was sent. Check that it is the right file.");
+    throwWrongFile(
+        path, fmt::format("more than {} MiB, which is too large for firmware", kMostFirmware >> 20),
+        "Nothing was sent. Check that it is the right file.");
 }
 
 Bytes readFirmware(const std::string &path) {

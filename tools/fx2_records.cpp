@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "errors.h"
-#include "firmware/hex_convert.h"
+#include "firmware/formats/hex_convert.h"
 #include "firmware_file.h"
 #include "hex_file.h"
 
@@ -22,7 +22,7 @@ constexpr uint32_t kAddresses = 0x10000;
 } // namespace
 
 void Fx2Records::take(const vexausb::HexRecordView &record) {
-    const auto begin = placer.take(record);
+    const auto begin = placer_.take(record);
     if (!begin)
         return;
     const uint64_t end = uint64_t{*begin} + record.data.size();
@@ -39,17 +39,18 @@ void Fx2Records::take(const vexausb::HexRecordView &record) {
 }
 
 Bytes Fx2Records::finish(const std::string &path) {
-    if (!placer.ended())
+    if (!placer_.ended())
         throwWrongFile(path, "there is no End Of File record",
                        "The file seems to be cut short; make it again.");
     append(0, vexausb::kHexEndOfFile, {});
-    return std::move(image);
+    return std::move(image_);
 }
 
 void Fx2Records::append(uint16_t address, uint8_t type, std::span<const uint8_t> data) {
-    const auto begin = static_cast<std::ptrdiff_t>(image.size());
-    vexausb::appendHexRecord(image, {address, type, data, 0});
-    image.back() = static_cast<uint8_t>(-std::accumulate(image.begin() + begin, image.end(), 0U));
+    const auto begin = static_cast<std::ptrdiff_t>(image_.size());
+    vexausb::appendHexRecord(image_, {address, type, data, 0});
+    image_.back() =
+        static_cast<uint8_t>(-std::accumulate(image_.begin() + begin, image_.end(), 0U));
 }
 
 Bytes readFx2Image(const std::string &path) {

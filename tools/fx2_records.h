@@ -21,8 +21,8 @@ public:
 private:
     void append(uint16_t address, uint8_t type, std::span<const uint8_t> data);
 
-    HexPlacer placer;
-    Bytes image;
+    HexPlacer placer_;
+    Bytes image_;
 };
 
 Bytes readFx2Image(const std::string &path);

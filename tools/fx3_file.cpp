@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include "bytes.h"
-#include "firmware/fx3_image.h"
+#include "firmware/formats/fx3_image.h"
 #include "firmware_file.h"
 
 namespace tool {

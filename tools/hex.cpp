@@ -52,63 +52,63 @@ private:
     void printOverlaps(FILE *to) const;
     uint64_t size() const;
 
-    const std::string &path;
+    const std::string &path_;
     // Opened before the work, so that what cannot be written is known; each is there only when all
     // of it is.
-    std::optional<Output> binary;
-    std::optional<Output> image;
-    HexPlacer placer;
-    HexMemory memory;
-    Fx2Records fx2Records;
-    size_t recordCount = 0;
+    std::optional<Output> binary_;
+    std::optional<Output> image_;
+    HexPlacer placer_;
+    HexMemory memory_;
+    Fx2Records fx2Records_;
+    size_t recordCount_ = 0;
 };
 
-HexContents::HexContents(const HexOptions &options) : path(options.file) {
+HexContents::HexContents(const HexOptions &options) : path_(options.file) {
     if (!options.binary.empty())
-        binary.emplace(options.binary, Output::Existing::Replace);
+        binary_.emplace(options.binary, Output::Existing::Replace);
     if (!options.image.empty())
-        image.emplace(options.image, Output::Existing::Replace);
+        image_.emplace(options.image, Output::Existing::Replace);
 }
 
 void HexContents::read() {
-    readHexFile(path, [this](const vexausb::HexRecordView &record, size_t line) {
-        ++recordCount;
-        if (const auto address = placer.take(record))
-            memory.add(*address, record.data, line);
-        if (binary)
-            fx2Records.take(record);
+    readHexFile(path_, [this](const vexausb::HexRecordView &record, size_t line) {
+        ++recordCount_;
+        if (const auto address = placer_.take(record))
+            memory_.add(*address, record.data, line);
+        if (binary_)
+            fx2Records_.take(record);
     });
-    memory.arrange();
+    memory_.arrange();
 }
 
 // Nothing is written before all is known to be right, and both files are complete before either
 // replaces what was there.
 void HexContents::writeFiles() {
-    const Bytes records = binary ? fx2Records.finish(path) : Bytes();
-    if (image)
+    const Bytes records = binary_ ? fx2Records_.finish(path_) : Bytes();
+    if (image_)
         checkImage();
-    if (binary)
-        binary->write(records);
-    if (image)
+    if (binary_)
+        binary_->write(records);
+    if (image_)
         writeImage();
-    if (binary)
-        binary->close();
-    if (image)
-        image->close();
+    if (binary_)
+        binary_->close();
+    if (image_)
+        image_->close();
 }
 
 void HexContents::checkImage() const {
-    for (const HexMemory::Overlap &overlap : memory.overlaps()) {
+    for (const HexMemory::Overlap &overlap : memory_.overlaps()) {
         if (overlap.differsAt)
-            throwWrongFile(path,
+            throwWrongFile(path_,
                            fmt::format("lines {} and {} give different bytes for {:#x}",
                                        overlap.line, overlap.otherLine, *overlap.differsAt),
                            "Only one of them can be in an image; take the other line out.");
     }
-    const auto &segments = memory.segments();
+    const auto &segments = memory_.segments();
     const uint64_t end = segments.empty() ? 0 : segments.back().address + segments.back().size;
     if (end > kMostImage)
-        throwWrongFile(path, fmt::format("the image would reach up to {:#x}", end),
+        throwWrongFile(path_, fmt::format("the image would reach up to {:#x}", end),
                        "It begins at address 0 and ends at 1 GiB at most; 'objcopy -I ihex -O "
                        "binary' begins at the lowest address of the file.");
 }
@@ -120,22 +120,22 @@ void HexContents::writeImage() {
         piece.insert(piece.end(), bytes.begin(), bytes.end());
         done += bytes.size();
         if (piece.size() >= kPiece) {
-            image->write(piece);
+            image_->write(piece);
             piece.clear();
         }
     };
     const Bytes zeros(kPiece);
-    memory.visit([&](uint64_t address, std::span<const uint8_t> data) {
+    memory_.visit([&](uint64_t address, std::span<const uint8_t> data) {
         while (done < address)
             append(std::span(zeros).first(std::min<uint64_t>(address - done, kPiece)));
         append(data);
     });
-    image->write(piece);
+    image_->write(piece);
 }
 
 uint64_t HexContents::size() const {
     uint64_t bytes = 0;
-    for (const HexMemory::Segment &segment : memory.segments())
+    for (const HexMemory::Segment &segment : memory_.segments())
         bytes += segment.size;
     return bytes;
 }
@@ -145,20 +145,20 @@ void HexContents::report(bool json, FILE *to) const {
         fmt::print(to, "{}\n", asJson().dump());
         return;
     }
-    for (const HexMemory::Segment &segment : memory.segments())
+    for (const HexMemory::Segment &segment : memory_.segments())
         fmt::print(to, "{:#010x} to {:#010x}  {:>9} bytes\n", segment.address,
                    segment.address + segment.size - 1, segment.size);
     printOverlaps(to);
-    fmt::print(to, "{} records, {} bytes in {} segments{}\n", recordCount, size(),
-               memory.segments().size(), placer.ended() ? "" : ", no End Of File record");
+    fmt::print(to, "{} records, {} bytes in {} segments{}\n", recordCount_, size(),
+               memory_.segments().size(), placer_.ended() ? "" : ", no End Of File record");
 }
 
 nlohmann::json HexContents::asJson() const {
     nlohmann::json segments = nlohmann::json::array();
-    for (const HexMemory::Segment &segment : memory.segments())
+    for (const HexMemory::Segment &segment : memory_.segments())
         segments.push_back({{"address", segment.address}, {"size", segment.size}});
     nlohmann::json overlaps = nlohmann::json::array();
-    for (const HexMemory::Overlap &overlap : memory.overlaps()) {
+    for (const HexMemory::Overlap &overlap : memory_.overlaps()) {
         overlaps.push_back({{"address", overlap.address},
                             {"size", overlap.size},
                             {"lines", {overlap.line, overlap.otherLine}},
@@ -166,15 +166,15 @@ nlohmann::json HexContents::asJson() const {
         if (overlap.differsAt)
             overlaps.back()["differs_at"] = *overlap.differsAt;
     }
-    return {{"records", recordCount},
+    return {{"records", recordCount_},
             {"bytes", size()},
-            {"end_of_file", placer.ended()},
+            {"end_of_file", placer_.ended()},
             {"segments", segments},
             {"overlaps", overlaps}};
 }
 
 void HexContents::printOverlaps(FILE *to) const {
-    const auto &overlaps = memory.overlaps();
+    const auto &overlaps = memory_.overlaps();
     const size_t shown = std::min(overlaps.size(), kMostShown);
     for (const HexMemory::Overlap &overlap : std::span(overlaps).first(shown))
         fmt::print(to, "{:#010x} to {:#010x}  given twice, {} (lines {} and {})\n", overlap.address,

@@ -11,7 +11,7 @@
 
 #include "bytes.h"
 #include "errors.h"
-#include "firmware/hex_parser.h"
+#include "firmware/formats/hex_parser.h"
 #include "firmware_file.h"
 
 namespace tool {
@@ -27,7 +27,7 @@ constexpr const char *kLineHint =
 // Whole lines of a file, a piece at a time.
 class HexPieces {
 public:
-    explicit HexPieces(const std::string &filePath);
+    explicit HexPieces(const std::string &path);
 
     // Empty at the end.
     std::string_view next();
@@ -35,27 +35,27 @@ public:
 private:
     void readMore();
 
-    const std::string &path;
-    Input input;
-    Bytes buffer;
-    size_t begin = 0; // of what was not given yet
-    size_t end = 0;
-    size_t total = 0;
-    bool atEnd = false;
+    const std::string &path_;
+    Input input_;
+    Bytes buffer_;
+    size_t begin_ = 0; // of what was not given yet
+    size_t end_ = 0;
+    size_t total_ = 0;
+    bool atEnd_ = false;
 };
 
-HexPieces::HexPieces(const std::string &filePath) : path(filePath), input(filePath) {
-    if (input.size() > kMostFirmware)
-        throwTooLarge(path);
+HexPieces::HexPieces(const std::string &path) : path_(path), input_(path) {
+    if (input_.size() > kMostFirmware)
+        throwTooLarge(path_);
 }
 
 std::string_view HexPieces::next() {
     for (;;) {
-        const std::string_view here(reinterpret_cast<const char *>(buffer.data()) + begin,
-                                    end - begin);
-        const size_t whole = atEnd ? here.size() : here.rfind('\n') + 1;
-        if (whole != 0 || atEnd) {
-            begin += whole;
+        const std::string_view here(reinterpret_cast<const char *>(buffer_.data()) + begin_,
+                                    end_ - begin_);
+        const size_t whole = atEnd_ ? here.size() : here.rfind('\n') + 1;
+        if (whole != 0 || atEnd_) {
+            begin_ += whole;
             return here.substr(0, whole);
         }
         readMore();
@@ -63,18 +63,18 @@ std::string_view HexPieces::next() {
 }
 
 void HexPieces::readMore() {
-    std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(begin),
-              buffer.begin() + static_cast<std::ptrdiff_t>(end), buffer.begin());
-    end -= std::exchange(begin, 0);
-    if (end >= kPiece)
-        throwWrongFile(path, "a line of more than 64 KiB", kLineHint);
-    buffer.resize(end + kPiece);
-    const size_t count = input.read(std::span(buffer).subspan(end));
-    end += count;
-    total += count;
-    atEnd = count == 0;
-    if (total > kMostFirmware)
-        throwTooLarge(path);
+    std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
+              buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
+    end_ -= std::exchange(begin_, 0);
+    if (end_ >= kPiece)
+        throwWrongFile(path_, "a line of more than 64 KiB", kLineHint);
+    buffer_.resize(end_ + kPiece);
+    const size_t count = input_.read(std::span(buffer_).subspan(end_));
+    end_ += count;
+    total_ += count;
+    atEnd_ = count == 0;
+    if (total_ > kMostFirmware)
+        throwTooLarge(path_);
 }
 
 // What is wrong with a record, be it for the reader or for who takes it, is wrong with that line.

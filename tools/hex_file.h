@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "firmware/hex_record.h"
+#include "firmware/formats/hex_record.h"
 
 namespace tool {
 

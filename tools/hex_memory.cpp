@@ -13,10 +13,10 @@ bool HexMemory::Piece::isContinuedBy(const Piece &next) const {
 
 // Returns where; what is stored in one go lies in one block.
 uint32_t HexMemory::store(std::span<const uint8_t> data) {
-    if (blocks.empty() || blocks.back().size() + data.size() > kBlock)
-        blocks.emplace_back().reserve(kBlock);
-    Bytes &block = blocks.back();
-    const size_t offset = (blocks.size() - 1) * kBlock + block.size();
+    if (blocks_.empty() || blocks_.back().size() + data.size() > kBlock)
+        blocks_.emplace_back().reserve(kBlock);
+    Bytes &block = blocks_.back();
+    const size_t offset = (blocks_.size() - 1) * kBlock + block.size();
     block.insert(block.end(), data.begin(), data.end());
     return static_cast<uint32_t>(offset);
 }
@@ -24,14 +24,14 @@ uint32_t HexMemory::store(std::span<const uint8_t> data) {
 void HexMemory::add(uint32_t address, std::span<const uint8_t> data, size_t line) {
     const auto size = static_cast<uint32_t>(data.size());
     const Piece piece{address, static_cast<uint32_t>(line), store(data), size, size};
-    if (!pieces.empty() && pieces.back().isContinuedBy(piece))
-        pieces.back().size += size;
+    if (!pieces_.empty() && pieces_.back().isContinuedBy(piece))
+        pieces_.back().size += size;
     else
-        pieces.push_back(piece);
+        pieces_.push_back(piece);
 }
 
 std::span<const uint8_t> HexMemory::dataOf(const Piece &piece, uint64_t begin, uint64_t end) const {
-    const Bytes &block = blocks[piece.offset / kBlock];
+    const Bytes &block = blocks_[piece.offset / kBlock];
     return std::span(block).subspan(piece.offset % kBlock + (begin - piece.address), end - begin);
 }
 
@@ -43,17 +43,17 @@ void HexMemory::arrange() {
     const auto isBefore = [](const Piece &left, const Piece &right) {
         return std::tie(left.address, left.line) < std::tie(right.address, right.line);
     };
-    if (!std::is_sorted(pieces.begin(), pieces.end(), isBefore))
-        std::sort(pieces.begin(), pieces.end(), isBefore);
+    if (!std::is_sorted(pieces_.begin(), pieces_.end(), isBefore))
+        std::sort(pieces_.begin(), pieces_.end(), isBefore);
     const Piece *furthest = nullptr;
-    for (const Piece &piece : pieces) {
+    for (const Piece &piece : pieces_) {
         if (furthest != nullptr && piece.address < furthest->end())
             noteOverlap(*furthest, piece);
         if (furthest == nullptr || piece.address > furthest->end())
-            filled.push_back({piece.address, 0});
+            segments_.push_back({piece.address, 0});
         if (furthest == nullptr || piece.end() > furthest->end())
             furthest = &piece;
-        filled.back().size = furthest->end() - filled.back().address;
+        segments_.back().size = furthest->end() - segments_.back().address;
     }
 }
 
@@ -69,16 +69,16 @@ void HexMemory::noteOverlap(const Piece &furthest, const Piece &piece) {
     const uint64_t byte = overlap.differsAt.value_or(begin);
     std::tie(overlap.line, overlap.otherLine) =
         std::minmax({furthest.lineOf(byte), piece.lineOf(byte)});
-    if (!doubles.empty() && begin <= doubles.back().address + doubles.back().size &&
-        doubles.back().differsAt.has_value() == overlap.differsAt.has_value())
-        doubles.back().size = std::max(doubles.back().size, end - doubles.back().address);
+    if (!overlaps_.empty() && begin <= overlaps_.back().address + overlaps_.back().size &&
+        overlaps_.back().differsAt.has_value() == overlap.differsAt.has_value())
+        overlaps_.back().size = std::max(overlaps_.back().size, end - overlaps_.back().address);
     else
-        doubles.push_back(overlap);
+        overlaps_.push_back(overlap);
 }
 
 void HexMemory::visit(const Visit &take) const {
     uint64_t given = 0;
-    for (const Piece &piece : pieces) {
+    for (const Piece &piece : pieces_) {
         const uint64_t begin = std::max<uint64_t>(piece.address, given);
         if (begin >= piece.end())
             continue;

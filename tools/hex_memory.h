@@ -32,8 +32,8 @@ public:
     void add(uint32_t address, std::span<const uint8_t> data, size_t line);
     // Call it when all is there; what follows is by ascending address.
     void arrange();
-    const std::vector<Segment> &segments() const { return filled; }
-    const std::vector<Overlap> &overlaps() const { return doubles; }
+    const std::vector<Segment> &segments() const { return segments_; }
+    const std::vector<Overlap> &overlaps() const { return overlaps_; }
     // Gives every byte once.
     using Visit = std::function<void(uint64_t address, std::span<const uint8_t> data)>;
     void visit(const Visit &take) const;
@@ -58,10 +58,10 @@ private:
     std::span<const uint8_t> dataOf(const Piece &piece, uint64_t begin, uint64_t end) const;
     void noteOverlap(const Piece &furthest, const Piece &piece);
 
-    std::deque<Piece> pieces; // no copy while it grows
-    std::deque<Bytes> blocks; // of kBlock bytes
-    std::vector<Segment> filled;
-    std::vector<Overlap> doubles;
+    std::deque<Piece> pieces_; // no copy while it grows
+    std::deque<Bytes> blocks_; // of kBlock bytes
+    std::vector<Segment> segments_;
+    std::vector<Overlap> overlaps_;
 };
 
 } // namespace tool

@@ -13,13 +13,13 @@ constexpr const char *kHint = "The file may be damaged; have the tool that wrote
 } // namespace
 
 std::optional<uint32_t> HexPlacer::take(const vexausb::HexRecordView &record) {
-    if (endSeen)
+    if (ended_)
         return std::nullopt;
     switch (record.type) {
     case vexausb::kHexData:
         return record.data.empty() ? std::nullopt : std::optional(place(record));
     case vexausb::kHexEndOfFile:
-        endSeen = true;
+        ended_ = true;
         return std::nullopt;
     case vexausb::kHexExtendedSegmentAddress:
     case vexausb::kHexExtendedLinearAddress:
@@ -28,7 +28,7 @@ std::optional<uint32_t> HexPlacer::take(const vexausb::HexRecordView &record) {
                         fmt::format("the length of an extended address is {} instead of two",
                                     record.data.size()),
                         kHint);
-        address.extend(record);
+        address_.extend(record);
         return std::nullopt;
     case vexausb::kHexStartSegmentAddress:
     case vexausb::kHexStartLinearAddress:
@@ -40,7 +40,7 @@ std::optional<uint32_t> HexPlacer::take(const vexausb::HexRecordView &record) {
 }
 
 uint32_t HexPlacer::place(const vexausb::HexRecordView &record) const {
-    const uint32_t begin = address.of(record);
+    const uint32_t begin = address_.of(record);
     if (record.data.size() - 1 > UINT32_MAX - begin)
         throw Error(Exit::DataWrong, "the data run past the highest address, 0xffffffff", kHint);
     return begin;

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "firmware/hex_convert.h"
-#include "firmware/hex_record.h"
+#include "firmware/formats/hex_convert.h"
+#include "firmware/formats/hex_record.h"
 
 namespace tool {
 
@@ -15,13 +15,13 @@ public:
     // passed over; throws for what nobody can place.
     std::optional<uint32_t> take(const vexausb::HexRecordView &record);
     // By an End Of File record.
-    bool ended() const { return endSeen; }
+    bool ended() const { return ended_; }
 
 private:
     uint32_t place(const vexausb::HexRecordView &record) const;
 
-    vexausb::HexAddress address;
-    bool endSeen = false;
+    vexausb::HexAddress address_;
+    bool ended_ = false;
 };
 
 } // namespace tool

@@ -9,13 +9,16 @@
 #include <fmt/format.h>
 #include <zlib.h>
 
-#include "byte_order.h"
-#include "firmware/imx7_image.h"
+#include "firmware/formats/byte_order.h"
+#include "firmware/formats/imx7_image.h"
 #include "firmware_file.h"
 
 namespace tool {
 
 namespace {
+
+using vexausb::bigEndian32;
+using vexausb::littleEndian32;
 
 constexpr const char *kDamaged = "The file is damaged or cut short; get it anew.";
 

@@ -16,16 +16,16 @@
 
 #include "amounts.h"
 #include "bytes.h"
-#include "changes.h"
 #include "commands.h"
 #include "device.h"
 #include "dfu_file.h"
-#include "ending.h"
 #include "errors.h"
 #include "fx2_records.h"
 #include "fx3_file.h"
 #include "imx7_file.h"
+#include "list_changes.h"
 #include "progress.h"
+#include "stop_condition.h"
 
 namespace tool {
 
@@ -253,7 +253,7 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
     command.add_option("FILE", options->file, "The firmware; - is standard input")->required();
     command
         .add_option("-w,--wait", options->wait,
-                    "Wait so many seconds at most for the device to come back; 0: not at all")
+                    "Wait at most N seconds for the device to come back; 0: not at all")
         ->check(notNegative())
         ->capture_default_str();
     if (kind.read == fx2Firmware)

@@ -25,37 +25,40 @@ std::string sizeText(uint64_t bytes) {
     return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
-Progress::Progress(bool forced, std::optional<uint64_t> bytes,
-                   std::optional<std::chrono::duration<double>> time)
-    : shown(forced || isatty(STDERR_FILENO) != 0), totalBytes(bytes), totalTime(time) {}
+Progress::Progress(bool forced, std::optional<uint64_t> totalBytes,
+                   std::optional<std::chrono::duration<double>> totalTime)
+    : shown_(forced || isatty(STDERR_FILENO) != 0),
+      totalBytes_(totalBytes),
+      totalTime_(totalTime) {}
 
 Progress::~Progress() {
     finish();
 }
 
 void Progress::finish() {
-    if (!drawn)
+    if (!drawn_)
         return;
-    draw(lastBytes);
+    draw(lastBytes_);
     fmt::print(stderr, "\n");
-    drawn = false;
+    drawn_ = false;
 }
 
 void Progress::update(uint64_t bytesDone) {
-    lastBytes = bytesDone;
-    if (!shown || Clock::now() < nextDraw)
+    lastBytes_ = bytesDone;
+    if (!shown_ || Clock::now() < nextDraw_)
         return;
-    nextDraw = Clock::now() + kInterval;
+    nextDraw_ = Clock::now() + kInterval;
     draw(bytesDone);
 }
 
 void Progress::draw(uint64_t bytesDone) {
-    const std::chrono::duration<double> elapsed = Clock::now() - start;
+    const std::chrono::duration<double> elapsed = Clock::now() - start_;
     std::string bar;
-    if (totalBytes || totalTime) {
-        const double done = totalBytes ? static_cast<double>(bytesDone) /
-                                             static_cast<double>(std::max<uint64_t>(*totalBytes, 1))
-                                       : elapsed / *totalTime;
+    if (totalBytes_ || totalTime_) {
+        const double done = totalBytes_
+                                ? static_cast<double>(bytesDone) /
+                                      static_cast<double>(std::max<uint64_t>(*totalBytes_, 1))
+                                : elapsed / *totalTime_;
         const double part = std::clamp(done, 0.0, 1.0);
         bar = fmt::format("[{:-<{}}] {:3.0f} %  ",
                           std::string(static_cast<size_t>(part * kBarWidth), '#'), kBarWidth,
@@ -64,7 +67,7 @@ void Progress::draw(uint64_t bytesDone) {
     const double rate = static_cast<double>(bytesDone) / std::max(elapsed.count(), 1e-6) / 1e6;
     fmt::print(stderr, "\r{}{:>10}  {:6.1f} MB/s ", bar, sizeText(bytesDone), rate);
     std::fflush(stderr);
-    drawn = true;
+    drawn_ = true;
 }
 
 } // namespace tool

@@ -15,8 +15,8 @@ std::string sizeText(uint64_t bytes);
 class Progress {
 public:
     // The work ends after that many bytes, or at a time, or is open-ended.
-    Progress(bool forced, std::optional<uint64_t> bytes,
-             std::optional<std::chrono::duration<double>> time);
+    Progress(bool forced, std::optional<uint64_t> totalBytes,
+             std::optional<std::chrono::duration<double>> totalTime);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -30,13 +30,13 @@ private:
 
     void draw(uint64_t bytesDone);
 
-    const bool shown;
-    const std::optional<uint64_t> totalBytes;
-    const std::optional<std::chrono::duration<double>> totalTime;
-    const Clock::time_point start = Clock::now();
-    Clock::time_point nextDraw = start;
-    uint64_t lastBytes = 0;
-    bool drawn = false;
+    const bool shown_;
+    const std::optional<uint64_t> totalBytes_;
+    const std::optional<std::chrono::duration<double>> totalTime_;
+    const Clock::time_point start_ = Clock::now();
+    Clock::time_point nextDraw_ = start_;
+    uint64_t lastBytes_ = 0;
+    bool drawn_ = false;
 };
 
 } // namespace tool

@@ -15,11 +15,11 @@
 #include "bytes.h"
 #include "commands.h"
 #include "device.h"
-#include "ending.h"
 #include "errors.h"
 #include "instrument_protocol.h"
 #include "mailbox.h"
 #include "progress.h"
+#include "stop_condition.h"
 #include "stream_pattern.h"
 
 namespace tool {
@@ -47,7 +47,7 @@ struct StreamOptions {
 // One run of a stream: drains the ring until enough has come.
 class StreamRun {
 public:
-    StreamRun(const StreamOptions &runOptions, const CommonOptions &commonOptions);
+    StreamRun(const StreamOptions &options, const CommonOptions &common);
 
     void run();
     void report() const;
@@ -63,82 +63,83 @@ private:
     [[noreturn]] void throwLost() const;
     void throwIfSilent() const;
 
-    const StreamOptions &options;
-    const CommonOptions &common;
-    const std::shared_ptr<Events> events = std::make_shared<Events>();
-    std::optional<Output> output;
-    const Library library;
-    const Device device;
-    Progress progress;
-    Clock::time_point start;
-    Clock::time_point lastData;
-    Clock::time_point end;
-    uint64_t bytesDone = 0;
-    uint64_t buffersDone = 0;
+    const StreamOptions &options_;
+    const CommonOptions &common_;
+    const std::shared_ptr<Events> events_ = std::make_shared<Events>();
+    std::optional<Output> output_;
+    const Library library_;
+    const Device device_;
+    Progress progress_;
+    Clock::time_point start_;
+    Clock::time_point lastData_;
+    Clock::time_point end_;
+    uint64_t bytesDone_ = 0;
+    uint64_t buffersDone_ = 0;
 };
 
-StreamRun::StreamRun(const StreamOptions &runOptions, const CommonOptions &commonOptions)
-    : options(runOptions),
-      common(commonOptions),
-      device(common.device,
-             [events = events](_vexa_usb_device_event event) { events->post(event); }),
-      progress(common.progress, options.bytes,
-               options.seconds ? std::optional<Seconds>(*options.seconds) : std::nullopt) {
+StreamRun::StreamRun(const StreamOptions &options, const CommonOptions &common)
+    : options_(options),
+      common_(common),
+      device_(common_.device,
+              [events = events_](_vexa_usb_device_event event) { events->post(event); }),
+      progress_(common_.progress, options_.bytes,
+                options_.seconds ? std::optional<Seconds>(*options_.seconds) : std::nullopt) {
     checkMemory(); // before an existing file is emptied
-    if (!options.output.empty())
-        output.emplace(options.output);
+    if (!options_.output.empty())
+        output_.emplace(options_.output);
 }
 
 // The system would end a program that fills more memory than there is.
 void StreamRun::checkMemory() const {
     uint64_t most = 0;
-    check(vexa_usb_data_stream_memory_size_max(device.get(), &most), "starting the stream");
-    if (options.bufferSize > most / options.bufferCount)
+    check(vexa_usb_data_stream_memory_size_max(device_.get(), &most), "starting the stream");
+    if (options_.bufferSize > most / options_.bufferCount)
         throw Error(Exit::Usage,
                     fmt::format("{} buffers of {} are more than the {} that the device advises",
-                                options.bufferCount, sizeText(options.bufferSize), sizeText(most)),
+                                options_.bufferCount, sizeText(options_.bufferSize),
+                                sizeText(most)),
                     "Give fewer or smaller buffers (--buffers, --buffer-size).");
 }
 
 // The simulated instrument's stream goes on where it was: the check wants it from the beginning.
 void StreamRun::begin() {
-    if (options.checkPattern) {
+    if (options_.checkPattern) {
         uint8_t position[8] = {};
-        check(vexa_usb_control_transfer(device.get(), VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+        check(vexa_usb_control_transfer(device_.get(), VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
                                         VEXA_USB_RECIPIENT_DEVICE, sim::kRequestSeek, 0, 0,
                                         position, sizeof(position)),
               "rewinding the simulated instrument's stream");
     }
-    check(vexa_usb_data_stream_start(device.get(), options.endpoint, options.bufferSize,
-                                     options.bufferCount),
+    check(vexa_usb_data_stream_start(device_.get(), options_.endpoint, options_.bufferSize,
+                                     options_.bufferCount),
           "starting the stream");
-    start = lastData = Clock::now();
+    start_ = lastData_ = Clock::now();
 }
 
 void StreamRun::run() {
     begin();
     while (!isFinished())
         handleNext();
-    end = Clock::now();
-    progress.finish();
-    check(vexa_usb_data_stream_stop(device.get()), "stopping the stream");
-    if (output)
-        output->close();
-    if (options.bytes && bytesDone < *options.bytes)
-        throw Error(Exit::Failed, fmt::format("interrupted after {} bytes", bytesDone));
+    end_ = Clock::now();
+    progress_.finish();
+    check(vexa_usb_data_stream_stop(device_.get()), "stopping the stream");
+    if (output_)
+        output_->close();
+    if (options_.bytes && bytesDone_ < *options_.bytes)
+        throw Error(Exit::Failed, fmt::format("interrupted after {} bytes", bytesDone_));
 }
 
 bool StreamRun::isFinished() const {
-    return interrupted() || (options.bytes && bytesDone >= *options.bytes) ||
-           (options.seconds && Clock::now() - start >= Seconds(*options.seconds));
+    return interrupted() || (options_.bytes && bytesDone_ >= *options_.bytes) ||
+           (options_.seconds && Clock::now() - start_ >= Seconds(*options_.seconds));
 }
 
 void StreamRun::handleNext() {
-    const auto event = events->wait(kWaitStep);
+    const auto event = events_->wait(kWaitStep);
     if (!event) {
         throwIfSilent();
-        if (output)
-            output->throwIfUnread();
+        if (output_)
+            output_->throwIfUnread();
     } else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL) {
         handleBuffer();
     } else if (*event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR) {
@@ -149,21 +150,21 @@ void StreamRun::handleNext() {
 }
 
 void StreamRun::checkStatus(int32_t status) const {
-    check(status, fmt::format("streaming, after {} bytes", bytesDone));
+    check(status, fmt::format("streaming, after {} bytes", bytesDone_));
 }
 
 // A device that leaves the bus refuses a transfer shortly before its removal becomes known.
 void StreamRun::throwLost() const {
     const auto until = Clock::now() + kRemovalTime;
     while (Clock::now() < until && !interrupted()) {
-        if (events->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
+        if (events_->wait(kWaitStep) == VEXA_USB_DEVICE_EVENT_REMOVED)
             checkStatus(VEXA_USB_STATUS_DEVICE_REMOVED);
     }
     throw Error(
         Exit::DataWrong,
         fmt::format("data were lost after {} bytes: {}no buffer was free, or the system "
                     "refused a transfer",
-                    bytesDone, options.keepGoing ? "" : "a transfer failed or came short, "),
+                    bytesDone_, options_.keepGoing ? "" : "a transfer failed or came short, "),
         "--verbose tells which it was. If no buffer was free, give more or larger ones "
         "(--buffers, --buffer-size), or write to a faster place. If a transfer was refused, "
         "with many devices at once, raise the system's limit: echo 256 > "
@@ -173,62 +174,62 @@ void StreamRun::throwLost() const {
 void StreamRun::handleBuffer() {
     uint8_t *data = nullptr;
     uint64_t size = 0;
-    checkStatus(vexa_usb_data_stream_buffer_lock(device.get(), &data, &size));
-    if (options.bytes)
-        size = std::min(size, *options.bytes - bytesDone);
+    checkStatus(vexa_usb_data_stream_buffer_lock(device_.get(), &data, &size));
+    if (options_.bytes)
+        size = std::min(size, *options_.bytes - bytesDone_);
     const std::span<const uint8_t> bytes(data, size);
-    if (options.checkPattern)
+    if (options_.checkPattern)
         checkBytes(bytes);
-    if (output)
-        output->write(bytes);
-    checkStatus(vexa_usb_data_stream_buffer_unlock(device.get()));
-    bytesDone += size;
-    ++buffersDone;
-    lastData = Clock::now();
-    progress.update(bytesDone);
+    if (output_)
+        output_->write(bytes);
+    checkStatus(vexa_usb_data_stream_buffer_unlock(device_.get()));
+    bytesDone_ += size;
+    ++buffersDone_;
+    lastData_ = Clock::now();
+    progress_.update(bytesDone_);
 }
 
 void StreamRun::checkBytes(std::span<const uint8_t> bytes) const {
-    const size_t right = sim::firstPatternError(bytesDone, bytes);
+    const size_t right = sim::firstPatternError(bytesDone_, bytes);
     if (right != bytes.size())
         throw Error(Exit::DataWrong,
                     fmt::format("the byte at {} is wrong: {:#04x} instead of {:#04x}",
-                                bytesDone + right, bytes[right],
-                                sim::patternByte(bytesDone + right)),
+                                bytesDone_ + right, bytes[right],
+                                sim::patternByte(bytesDone_ + right)),
                     "--check is for the simulated instrument, with nobody else reading from it.");
 }
 
 void StreamRun::throwIfSilent() const {
-    if (Clock::now() - lastData >= Seconds(options.silence))
+    if (Clock::now() - lastData_ >= Seconds(options_.silence))
         throw Error(Exit::Timeout,
-                    fmt::format("no data for {} s, after {} bytes", options.silence, bytesDone),
+                    fmt::format("no data for {} s, after {} bytes", options_.silence, bytesDone_),
                     "The device has stopped sending, its endpoint is halted, or a buffer takes "
                     "longer than that to fill (--silence).");
 }
 
 void StreamRun::report() const {
-    const double seconds = std::max(Seconds(end - start).count(), 1e-9);
-    const double rate = static_cast<double>(bytesDone) / seconds;
-    const bool dataOnStdout = options.output == "-";
-    if (common.json) {
-        nlohmann::json result{{"bytes", bytesDone},
+    const double seconds = std::max(Seconds(end_ - start_).count(), 1e-9);
+    const double rate = static_cast<double>(bytesDone_) / seconds;
+    const bool dataOnStdout = options_.output == "-";
+    if (common_.json) {
+        nlohmann::json result{{"bytes", bytesDone_},
                               {"seconds", seconds},
                               {"bytes_per_second", rate},
-                              {"buffers", buffersDone},
-                              {"buffer_size", options.bufferSize},
-                              {"gaps_possible", options.keepGoing}};
-        if (!options.keepGoing)
+                              {"buffers", buffersDone_},
+                              {"buffer_size", options_.bufferSize},
+                              {"gaps_possible", options_.keepGoing}};
+        if (!options_.keepGoing)
             result["loss_reported"] = false;
-        if (options.checkPattern)
+        if (options_.checkPattern)
             result["pattern"] = "right";
         fmt::print(dataOnStdout ? stderr : stdout, "{}\n", result.dump());
         return;
     }
     fmt::print(dataOnStdout ? stderr : stdout,
-               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, {}{}\n", sizeText(bytesDone),
-               seconds, rate / 1e6, buffersDone, sizeText(options.bufferSize),
-               options.keepGoing ? "gaps possible" : "no loss reported",
-               options.checkPattern ? ", every byte right" : "");
+               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, {}{}\n", sizeText(bytesDone_),
+               seconds, rate / 1e6, buffersDone_, sizeText(options_.bufferSize),
+               options_.keepGoing ? "gaps possible" : "no loss reported",
+               options_.checkPattern ? ", every byte right" : "");
 }
 
 void stream(const StreamOptions &options, const CommonOptions &common) {
@@ -248,10 +249,9 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");
     CLI::Option *bytes =
-        command
-            .add_option("-b,--bytes", options->bytes, "End after so many bytes, for instance 256M")
+        command.add_option("-b,--bytes", options->bytes, "End after N bytes, for instance 256M")
             ->transform(byteCount());
-    command.add_option("-s,--seconds", options->seconds, "End after so many seconds")
+    command.add_option("-s,--seconds", options->seconds, "End after N seconds")
         ->check(positive())
         ->excludes(bytes);
     command.add_option("--buffer-size", options->bufferSize, "Bytes in a buffer")
@@ -260,7 +260,7 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     command.add_option("--buffers", options->bufferCount, "Number of buffers")
         ->check(positiveCount())
         ->capture_default_str();
-    command.add_option("--silence", options->silence, "Give up after so many seconds without data")
+    command.add_option("--silence", options->silence, "Give up after N seconds without data")
         ->check(positive())
         ->capture_default_str();
     command.add_flag("--keep-going", options->keepGoing,

@@ -141,7 +141,7 @@ void defineControlCommand(CLI::App &command, CommonOptions &common) {
     command.add_option("INDEX", options->index, "wIndex");
     addDataOptions(command, *options);
     CLI::Option *length =
-        command.add_option("--in", options->length, "Read so many bytes; without it, write")
+        command.add_option("--in", options->length, "Read N bytes; without it, write")
             ->check(CLI::Range(0, 65535))
             ->excludes("--data")
             ->excludes("--input");

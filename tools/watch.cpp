@@ -9,12 +9,12 @@
 #include <nlohmann/json.hpp>
 
 #include "bytes.h"
-#include "changes.h"
 #include "commands.h"
 #include "device.h"
-#include "ending.h"
 #include "errors.h"
+#include "list_changes.h"
 #include "mailbox.h"
+#include "stop_condition.h"
 
 namespace tool {
 
@@ -42,12 +42,12 @@ void print(Output &output, const ListChange &change, bool json) {
 }
 
 // Devices that are attached already count as added.
-void watch(const CommonOptions &common, Ending &ending) {
+void watch(const CommonOptions &common, StopCondition &stop) {
     Output output("-");
     const Library library;
     ListChanges changes;
-    ending.start();
-    for (uint64_t lines = 0; !ending.reached(lines);) {
+    stop.start();
+    for (uint64_t lines = 0; !stop.reached(lines);) {
         const auto change = changes.wait(kWaitStep);
         if (!change) {
             output.throwIfUnread();
@@ -58,7 +58,7 @@ void watch(const CommonOptions &common, Ending &ending) {
     }
 }
 
-void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
+void events(const CommonOptions &common, uint8_t endpoint, StopCondition &stop) {
     Output output("-");
     const auto mailbox = std::make_shared<Mailbox<_vexa_usb_device_event>>();
     const Library library;
@@ -66,8 +66,8 @@ void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
                         [mailbox](_vexa_usb_device_event event) { mailbox->post(event); });
     check(vexa_usb_event_pipe_enable(device.get(), endpoint),
           fmt::format("listening to endpoint {:#04x}", endpoint));
-    ending.start();
-    for (uint64_t lines = 0; !ending.reached(lines);) {
+    stop.start();
+    for (uint64_t lines = 0; !stop.reached(lines);) {
         const auto event = mailbox->wait(kWaitStep);
         if (!event) {
             output.throwIfUnread();
@@ -85,8 +85,8 @@ void events(const CommonOptions &common, uint8_t endpoint, Ending &ending) {
 } // namespace
 
 void defineWatchCommand(CLI::App &command, CommonOptions &common) {
-    const auto ending = std::make_shared<Ending>();
-    ending->addOptions(command);
+    const auto stop = std::make_shared<StopCondition>();
+    stop->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each supported device that comes or goes, those that are\n"
                    "there already first; with --json an object a line. Ctrl-C ends it, and so "
@@ -94,22 +94,22 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common) {
                    "Examples:\n"
                    "  vexa-usb watch\n"
                    "  vexa-usb watch --json --count 1 | jq .id");
-    command.callback([&common, ending]() { watch(common, *ending); });
+    command.callback([&common, stop]() { watch(common, *stop); });
 }
 
 void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
-    const auto ending = std::make_shared<Ending>();
+    const auto stop = std::make_shared<StopCondition>();
     addDeviceOption(command, common, "DEVICE");
     command.add_option("-e,--endpoint", *endpoint, "Endpoint address")->default_str("0x81");
-    ending->addOptions(command);
+    stop->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "
                    "ends it,\nand so does the end of its reader, with exit status 1.\n\n"
                    "Examples:\n"
                    "  vexa-usb events\n"
                    "  vexa-usb events 5658:0001 --endpoint 0x81 --count 10");
-    command.callback([&common, endpoint, ending]() { events(common, *endpoint, *ending); });
+    command.callback([&common, endpoint, stop]() { events(common, *endpoint, *stop); });
 }
 
 } // namespace tool

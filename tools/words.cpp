@@ -24,7 +24,7 @@ CLI::Validator oneOf(const std::map<std::string, int32_t> &words) {
     return {[&words](std::string &text) {
                 const auto found = words.find(text);
                 if (found == words.end())
-                    return fmt::format("'{}' is none of: {}", text, listOf(words));
+                    return fmt::format("'{}' is not one of: {}", text, listOf(words));
                 text = std::to_string(found->second);
                 return std::string();
             },

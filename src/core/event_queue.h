@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -27,8 +28,7 @@ namespace vexausb {
  * Events still queued at the stop are dropped with the queue.
  *
  * Memory: an event that must not fail for want of memory is prepared when memory can still be
- * refused.  The nodes of events that were handled are used again, so a queue that is kept short
- * allocates nothing.
+ * refused, and waits with its owner until it is posted.
  *
  * Locks: the mutex is taken inside the locks of producers, and no other lock is taken inside it.
  */
@@ -36,8 +36,13 @@ template <typename T>
 class EventQueue : public std::enable_shared_from_this<EventQueue<T>> {
 public:
     using Handler = std::function<void(const T &)>;
-    // One event that is yet to be posted, or none.
-    using Prepared = std::list<T>;
+    // An event that is yet to be posted, and its place among the others once it is.
+    struct Late {
+        T event;
+        uint64_t place = 0; // number of events that were posted before it without preparation
+    };
+    // One, or none.
+    using Prepared = std::list<Late>;
 
     explicit EventQueue(Handler handler) : handler_(std::move(handler)) {}
     ~EventQueue();
@@ -46,7 +51,7 @@ public:
 
     // Starts the worker under that name; the owner calls it, once.
     void start(std::string name);
-    static Prepared prepare(T event) { return Prepared(1, event); }
+    static Prepared prepare(T event) { return Prepared(1, Late{std::move(event)}); }
     // Posts nothing when it throws.
     void post(T event) EXCLUDES(mutex_);
     // False, and nothing is posted, for want of memory.
@@ -57,16 +62,16 @@ public:
     void stop() EXCLUDES(mutex_);
 
 private:
-    static constexpr size_t kSpareLimit = 256;
-
     void work();
-    bool takeNext(std::list<T> &inHand) EXCLUDES(mutex_);
+    bool takeNext(T &event) EXCLUDES(mutex_);
 
     const Handler handler_;
     Mutex mutex_;
     Condition changed_;
-    std::list<T> queue_ GUARDED_BY(mutex_);
-    std::list<T> spare_ GUARDED_BY(mutex_); // nodes without an event
+    std::deque<T> queue_ GUARDED_BY(mutex_);
+    std::list<Late> late_ GUARDED_BY(mutex_); // prepared and posted, in order
+    uint64_t posted_ GUARDED_BY(mutex_) = 0;  // that have come to queue_
+    uint64_t taken_ GUARDED_BY(mutex_) = 0;   // that have left it
     bool stopRequested_ GUARDED_BY(mutex_) = false;
     std::thread thread_; // start()'s and the destructor's
 };
@@ -79,10 +84,8 @@ void EventQueue<T>::start(std::string name) {
 template <typename T>
 void EventQueue<T>::post(T event) {
     const MutexLock lock(mutex_);
-    if (spare_.empty())
-        spare_.emplace_front();
-    spare_.front() = std::move(event);
-    queue_.splice(queue_.end(), spare_, spare_.begin());
+    queue_.push_back(std::move(event));
+    ++posted_;
     changed_.notifyAll();
 }
 
@@ -99,7 +102,9 @@ bool EventQueue<T>::tryPost(T event) noexcept {
 template <typename T>
 void EventQueue<T>::post(Prepared &prepared) noexcept {
     const MutexLock lock(mutex_);
-    queue_.splice(queue_.end(), prepared);
+    for (Late &late : prepared)
+        late.place = posted_;
+    late_.splice(late_.end(), prepared);
     changed_.notifyAll();
 }
 
@@ -113,27 +118,30 @@ void EventQueue<T>::stop() {
 // What an event holds is released here, after its handler, and not under the mutex.
 template <typename T>
 void EventQueue<T>::work() {
-    std::list<T> inHand;
-    while (takeNext(inHand)) {
-        handler_(inHand.front());
-        inHand.front() = T{};
+    for (;;) {
+        T event{};
+        if (!takeNext(event))
+            return;
+        handler_(event);
     }
 }
 
-// Exchanges the node in hand, if there is one, for the next event; false when there is none any
-// more.
+// Waits for the next event; false when there is none any more.
 template <typename T>
-bool EventQueue<T>::takeNext(std::list<T> &inHand) {
+bool EventQueue<T>::takeNext(T &event) {
     const MutexLock lock(mutex_);
-    if (spare_.size() < kSpareLimit)
-        spare_.splice(spare_.begin(), inHand);
-    else
-        inHand.clear();
-    while (queue_.empty() && !stopRequested_)
+    while (queue_.empty() && late_.empty() && !stopRequested_)
         changed_.wait(mutex_);
     if (stopRequested_)
         return false;
-    inHand.splice(inHand.begin(), queue_, queue_.begin());
+    if (!late_.empty() && late_.front().place == taken_) {
+        event = std::move(late_.front().event);
+        late_.pop_front();
+    } else {
+        event = std::move(queue_.front());
+        queue_.pop_front();
+        ++taken_;
+    }
     return true;
 }
 

@@ -27,47 +27,47 @@ public:
     Mutex(const Mutex &) = delete;
     Mutex &operator=(const Mutex &) = delete;
 
-    void lock() ACQUIRE() { inner.lock(); }
-    void unlock() RELEASE() { inner.unlock(); }
+    void lock() ACQUIRE() { inner_.lock(); }
+    void unlock() RELEASE() { inner_.unlock(); }
 
 private:
     friend class Condition;
 
-    std::mutex inner;
+    std::mutex inner_;
 };
 
 // Holds a mutex for as long as it lives.
 class VEXA_THREAD_ANNOTATION(scoped_lockable) MutexLock {
 public:
-    explicit MutexLock(Mutex &locked) ACQUIRE(locked) : mutex(locked) { mutex.lock(); }
-    ~MutexLock() RELEASE() { mutex.unlock(); }
+    explicit MutexLock(Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~MutexLock() RELEASE() { mutex_.unlock(); }
     MutexLock(const MutexLock &) = delete;
     MutexLock &operator=(const MutexLock &) = delete;
 
 private:
-    Mutex &mutex;
+    Mutex &mutex_;
 };
 
 // A condition variable for it.  A wait may end for no reason, so the caller looks again in a loop.
 class Condition {
 public:
     void wait(Mutex &mutex) REQUIRES(mutex) {
-        std::unique_lock lock(mutex.inner, std::adopt_lock);
-        inner.wait(lock);
+        std::unique_lock lock(mutex.inner_, std::adopt_lock);
+        inner_.wait(lock);
         lock.release(); // still held, by the caller
     }
     // False once that time has come.
     bool waitUntil(Mutex &mutex, std::chrono::steady_clock::time_point time) REQUIRES(mutex) {
-        std::unique_lock lock(mutex.inner, std::adopt_lock);
-        const bool inTime = inner.wait_until(lock, time) == std::cv_status::no_timeout;
+        std::unique_lock lock(mutex.inner_, std::adopt_lock);
+        const bool inTime = inner_.wait_until(lock, time) == std::cv_status::no_timeout;
         lock.release();
         return inTime;
     }
-    void notifyOne() { inner.notify_one(); }
-    void notifyAll() { inner.notify_all(); }
+    void notifyOne() { inner_.notify_one(); }
+    void notifyAll() { inner_.notify_all(); }
 
 private:
-    std::condition_variable inner;
+    std::condition_variable inner_;
 };
 
 } // namespace vexausb

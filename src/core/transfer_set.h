@@ -43,7 +43,8 @@ public:
     void abandon() EXCLUDES(mutex_);
 
 protected:
-    // One transfer of the set.
+    // One transfer of the set.  What is in it belongs to who holds the set's mutex; it lives as
+    // long as the set does.
     struct Slot {
         Slot() = default;
         virtual ~Slot() { libusb_free_transfer(transfer); }

@@ -103,9 +103,9 @@ void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item, const cha
 void DeviceList::removeItem(Items::iterator position) noexcept {
     Queue::Prepared removal;
     removal.splice(removal.begin(), removals_, removals_.begin());
-    removal.front().item = std::move(*position);
-    removal.front().item->setLeft();
-    removal.front().item->logChange("unplugged");
+    removal.front().event.item = std::move(*position);
+    removal.front().event.item->setLeft();
+    removal.front().event.item->logChange("unplugged");
     items_.erase(position);
     events_->post(removal);
 }

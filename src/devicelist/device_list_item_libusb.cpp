@@ -80,7 +80,8 @@ int32_t DeviceListItemLibUSB::openDevice(libusb_device *found,
 }
 
 void DeviceListItemLibUSB::logChange(const char *what) const {
-    logLine(LogLevel::Info, "%s: %s", name().text(), what);
+    if (logs(LogLevel::Info))
+        logLine(LogLevel::Info, "%s: %s", name().text(), what);
 }
 
 void DeviceListItemLibUSB::logFailedOpen(int result) const {

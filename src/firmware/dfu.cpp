@@ -10,11 +10,6 @@
 
 namespace vexausb {
 
-/*
- * USB Device Firmware Upgrade 1.1, download only.  The device decides how long it takes: it is
- * polled for as long as it asks for that.  An error state is neither looked for before the first
- * block nor cleared after a failure.
- */
 namespace {
 
 constexpr uint64_t kMaxBlock = 4096;
@@ -50,7 +45,7 @@ int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
     return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
 }
 
-// Until the device has dealt with the block.
+// Returns once the device has taken the block, or refused it.
 int32_t poll(AbstractDevice &device, DfuStatus &status) {
     for (;;) {
         const int32_t result = readStatus(device, status);
@@ -70,7 +65,7 @@ int32_t writeBlock(AbstractDevice &device, uint16_t number, const uint8_t *data,
     return status.isOk() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
 }
 
-// The caller's callback is done with when this returns.
+// Takes the callback over, so that it is destroyed before the last requests are sent.
 int32_t writeImage(AbstractDevice &device, const uint8_t *data, uint64_t size, DfuProgress progress,
                    uint16_t &number) {
     for (uint64_t sent = 0; sent < size; ++number) {

@@ -3,20 +3,12 @@
 #include <chrono>
 #include <thread>
 
+#include "firmware/formats/hex_parser.h"
 #include "firmware/fx2_loader_image.h"
-#include "firmware/hex_parser.h"
 #include "firmware/requests.h"
 
 namespace vexausb {
 
-/*
- * Cypress EZ-USB FX2: memory below 0x3000 is written by the chip itself while its 8051 is held in
- * reset, memory above by a small loader program on the 8051.  So a load goes: loader into the lower
- * memory, upper memory through the loader, then the lower memory, where the loader was.
- *
- * Everything runs on the caller's thread.  A load that fails leaves the chip as it is then: held in
- * reset while its lower memory is incomplete, else running the loader.
- */
 namespace {
 
 constexpr uint16_t kCpuControl = 0xE600; // CPUCS; bit 0 holds the 8051 in reset

@@ -3,15 +3,11 @@
 #include <algorithm>
 #include <span>
 
-#include "firmware/fx3_image.h"
+#include "firmware/formats/fx3_image.h"
 #include "firmware/requests.h"
 
 namespace vexausb {
 
-/*
- * Cypress FX3: the boot loader writes memory and jumps, both by one vendor request.  The checksum
- * can be tested only once every section was written; a wrong one leaves the program unstarted.
- */
 namespace {
 
 constexpr size_t kMaxChunk = 2048;

@@ -4,16 +4,12 @@
 #include <array>
 #include <cstddef>
 
-#include "firmware/imx7_image.h"
+#include "firmware/formats/byte_order.h"
+#include "firmware/formats/imx7_image.h"
 #include "firmware/requests.h"
 
 namespace vexausb {
 
-/*
- * NXP i.MX7 in serial-download mode: a HID device that takes commands and data as output reports,
- * sent by SET_REPORT, and answers with input reports on an interrupt endpoint.  After each command
- * come the security mode (report 3) and a status (report 4).
- */
 namespace {
 
 constexpr uint8_t kReportEndpoint = 0x81;
@@ -39,11 +35,6 @@ using CommandReport = std::array<uint8_t, 17>;
 using DataReport = std::array<uint8_t, 1 + kDataPerReport>;
 using SecurityReport = std::array<uint8_t, 5>;
 using StatusReport = std::array<uint8_t, 65>;
-
-void putBigEndian(uint8_t *field, uint32_t value) {
-    for (unsigned shift = 24; shift < 32; shift -= 8)
-        *field++ = static_cast<uint8_t>(value >> shift);
-}
 
 template <typename Attempt>
 bool withinAttempts(Attempt attempt) {
@@ -72,8 +63,8 @@ bool imx7SendCommand(AbstractDevice &device, Command command, uint32_t address =
     CommandReport report{kCommandReport};
     report[1] = static_cast<uint8_t>(static_cast<uint16_t>(command) >> 8);
     report[2] = static_cast<uint8_t>(command);
-    putBigEndian(&report[3], address);
-    putBigEndian(&report[8], count);
+    putBigEndian32(&report[3], address);
+    putBigEndian32(&report[8], count);
     return withinAttempts([&]() { return sendReport(device, report); });
 }
 

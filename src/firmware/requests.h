@@ -6,7 +6,8 @@
 
 namespace vexausb {
 
-// Control requests as the loaders send them; a short transfer is an error.
+// Control requests as the loaders send them, on the caller's thread; they answer the transfer's
+// status, and a short transfer is an error.
 int32_t vendorWrite(AbstractDevice &device, uint8_t request, uint16_t value, uint16_t index,
                     const uint8_t *data, uint64_t length);
 int32_t classWrite(AbstractDevice &device, uint8_t request, uint16_t value, const uint8_t *data,

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "firmware/fx3_image.h"
+#include "firmware/formats/fx3_image.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<uint32_t> words(size / sizeof(uint32_t));

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "firmware/hex_convert.h"
-#include "firmware/hex_parser.h"
+#include "firmware/formats/hex_convert.h"
+#include "firmware/formats/hex_parser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     vexausb::HexRecords records;

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "firmware/hex_convert.h"
+#include "firmware/formats/hex_convert.h"
 
 namespace {
 

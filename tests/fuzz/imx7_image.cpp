@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "firmware/imx7_image.h"
+#include "firmware/formats/imx7_image.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::vector<uint8_t> image(data, data + size);

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "firmware/file_reader.h"
+#include "firmware/formats/file_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 

@@ -165,8 +165,10 @@ TEST_F(StrictTest, NoWrongByteWhateverHappens) {
         // The last event; a device that is removed meanwhile gives none.
         ASSERT_TRUE(events.wait({{kStopped, stops + 1}, {kRemoved, removals + 1}}));
         stops = events.count(kStopped);
-        // Nothing is reported behind the end.
-        EXPECT_TRUE(!hasEnded() || events.count(kFull) == seen);
+        // Nothing is reported behind the end.  What a removed device reported could not be read.
+        if (events.count(kError) > errors && events.count(kRemoved) == removals) {
+            EXPECT_EQ(events.count(kFull), seen);
+        }
         EXPECT_LE(events.count(kError), errors + 1);
         if (fault == Fault::Unplug || fault == Fault::Reset)
             reopen();

@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "firmware/file_reader.h"
-#include "firmware/hex_convert.h"
-#include "firmware/hex_parser.h"
-#include "firmware/strings.h"
+#include "firmware/formats/file_reader.h"
+#include "firmware/formats/hex_convert.h"
+#include "firmware/formats/hex_parser.h"
+#include "firmware/formats/strings.h"
 
 namespace {
 

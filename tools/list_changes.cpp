@@ -1,4 +1,4 @@
-#include "changes.h"
+#include "list_changes.h"
 
 #include "errors.h"
 #include "vexa_usb.h"
@@ -22,13 +22,13 @@ void onListChange(uint32_t type, const _vexa_usb_device_list_item *item, void * 
 } // namespace
 
 ListChanges::ListChanges() {
-    check(vexa_usb_register_device_list_event_callback(onListChange, nullptr, &callbackId),
+    check(vexa_usb_register_device_list_event_callback(onListChange, nullptr, &callbackId_),
           "watching the device list");
     check(vexa_usb_update_device_list(), "reading the device list");
 }
 
 ListChanges::~ListChanges() {
-    vexa_usb_deregister_device_list_event_callback(callbackId);
+    vexa_usb_deregister_device_list_event_callback(callbackId_);
 }
 
 std::optional<ListChange> ListChanges::wait(std::chrono::milliseconds atMost) {

@@ -18,7 +18,7 @@ void catchInterrupts();
 bool interrupted();
 
 // When a command that goes on by itself ends: after a time, a number of things, or an interrupt.
-class Ending {
+class StopCondition {
 public:
     using Seconds = std::chrono::duration<double>;
 
@@ -27,9 +27,9 @@ public:
     bool reached(uint64_t done) const;
 
 private:
-    std::optional<double> seconds;
-    std::optional<uint64_t> count;
-    std::chrono::steady_clock::time_point begin;
+    std::optional<double> seconds_;
+    std::optional<uint64_t> count_;
+    std::chrono::steady_clock::time_point begin_;
 };
 
 } // namespace tool

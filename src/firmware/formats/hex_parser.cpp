@@ -1,23 +1,15 @@
-#include "firmware/hex_parser.h"
+#include "firmware/formats/hex_parser.h"
 
 #include <array>
 #include <numeric>
 #include <stdexcept>
 #include <utility>
 
-#include "firmware/file_reader.h"
-#include "firmware/strings.h"
+#include "firmware/formats/file_reader.h"
+#include "firmware/formats/strings.h"
 
 namespace vexausb {
 
-/*
- * Intel HEX in its two encodings: lines of text, and the same fields as raw bytes, record after
- * record.  Records are given as they come: in the order of the input, of whatever type, also those
- * behind an End Of File record.
- *
- * Failures are thrown and leave nothing behind: std::out_of_range for a record that is longer than
- * its input, std::runtime_error for the rest.
- */
 namespace {
 
 constexpr size_t kShortestLine = 11;
@@ -91,14 +83,14 @@ HexRecord ownedRecord(const HexRecordView &view) {
 } // namespace
 
 std::optional<HexRecordView> HexTextReader::next() {
-    while (rest) {
-        const size_t end = rest->find('\n');
-        const std::string_view text = trimmedLine(rest->substr(0, end));
-        ++lineNumber;
+    while (rest_) {
+        const size_t end = rest_->find('\n');
+        const std::string_view text = trimmedLine(rest_->substr(0, end));
+        ++lineNumber_;
         if (end == std::string_view::npos)
-            rest.reset();
+            rest_.reset();
         else
-            rest->remove_prefix(end + 1);
+            rest_->remove_prefix(end + 1);
         if (!text.empty())
             return parseLine(text);
     }
@@ -112,13 +104,13 @@ HexRecordView HexTextReader::parseLine(std::string_view text) {
         throw std::runtime_error("Hex record doesn't start with a colon");
     if (!decodeRegular(text))
         decodeLeniently(text);
-    return viewOf(bytes.data());
+    return viewOf(bytes_.data());
 }
 
 // Nearly all lines: whole pairs, and as many as the count asks for.  False for others.
 bool HexTextReader::decodeRegular(std::string_view text) {
     const size_t size = (text.size() - 1) / 2;
-    if (size > bytes.size())
+    if (size > bytes_.size())
         return false;
     unsigned all = 0;
     unsigned sum = 0;
@@ -127,9 +119,9 @@ bool HexTextReader::decodeRegular(std::string_view text) {
         const unsigned byte = pairAt(pair);
         all |= byte;
         sum += byte;
-        bytes[i] = static_cast<uint8_t>(byte);
+        bytes_[i] = static_cast<uint8_t>(byte);
     }
-    if ((all & kNoDigit) != 0 || kHexHeaderSize + bytes[0] + kHexChecksumSize != size)
+    if ((all & kNoDigit) != 0 || kHexHeaderSize + bytes_[0] + kHexChecksumSize != size)
         return false;
     verifySum(sum);
     return true;
@@ -139,9 +131,9 @@ bool HexTextReader::decodeRegular(std::string_view text) {
 void HexTextReader::decodeLeniently(std::string_view text) {
     const size_t beforeChecksum = kHexHeaderSize + byteAt(text, 1);
     for (size_t i = 0; i < beforeChecksum; ++i)
-        bytes[i] = byteAt(text, 1 + 2 * i);
-    bytes[beforeChecksum] = byteAt(text, text.size() - 2);
-    verifySum(std::accumulate(bytes.data(), &bytes[beforeChecksum] + 1, 0U));
+        bytes_[i] = byteAt(text, 1 + 2 * i);
+    bytes_[beforeChecksum] = byteAt(text, text.size() - 2);
+    verifySum(std::accumulate(bytes_.data(), &bytes_[beforeChecksum] + 1, 0U));
 }
 
 HexRecords parseHexText(std::string_view text) {

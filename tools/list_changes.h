@@ -27,7 +27,7 @@ public:
     std::optional<ListChange> wait(std::chrono::milliseconds atMost);
 
 private:
-    uint32_t callbackId = 0;
+    uint32_t callbackId_ = 0;
 };
 
 } // namespace tool

@@ -1,4 +1,4 @@
-#include "firmware/strings.h"
+#include "firmware/formats/strings.h"
 
 #include <algorithm>
 #include <utility>
@@ -28,10 +28,13 @@ std::vector<std::string> splitToStrings(std::string_view text, char delimiter) {
 std::vector<std::string_view> splitAny(std::string_view text, std::string_view delimiters) {
     std::vector<std::string_view> pieces;
     size_t start = 0;
-    for (size_t end = 0; end != std::string_view::npos; start = end + 1) {
-        end = text.find_first_of(delimiters, start);
+    size_t end = text.find_first_of(delimiters);
+    while (end != std::string_view::npos) {
         pieces.push_back(text.substr(start, end - start));
+        start = end + 1;
+        end = text.find_first_of(delimiters, start);
     }
+    pieces.push_back(text.substr(start));
     return pieces;
 }
 
@@ -44,7 +47,8 @@ std::string &trimLeft(std::string &text, std::string_view characters) {
 }
 
 std::string &trimRight(std::string &text, std::string_view characters) {
-    return text.erase(text.find_last_not_of(characters) + 1);
+    const size_t last = text.find_last_not_of(characters);
+    return text.erase(last == std::string::npos ? 0 : last + 1);
 }
 
 std::string &trim(std::string &text, std::string_view characters) {

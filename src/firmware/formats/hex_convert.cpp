@@ -1,4 +1,4 @@
-#include "firmware/hex_convert.h"
+#include "firmware/formats/hex_convert.h"
 
 #include <stdexcept>
 
@@ -40,7 +40,7 @@ std::vector<uint8_t> hexRecordsToBinary(const HexRecords &records) {
 
 void HexAddress::extend(const HexRecordView &record) {
     const bool isSegment = record.type == kHexExtendedSegmentAddress;
-    base = isSegment ? extendedBase(record, 12, 4) : extendedBase(record, 24, 16);
+    base_ = isSegment ? extendedBase(record, 12, 4) : extendedBase(record, 24, 16);
 }
 
 std::vector<uint8_t> hexRecordsToImage(const HexRecords &records) {

@@ -1,4 +1,4 @@
-#include "firmware/file_reader.h"
+#include "firmware/formats/file_reader.h"
 
 #include <fstream>
 

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <utility>
 #include <vector>
 
 namespace vexausb {
@@ -22,7 +21,7 @@ inline constexpr size_t kHexHeaderSize = 4;
 inline constexpr size_t kHexChecksumSize = 1;
 inline constexpr size_t kLongestHexRecord = kHexHeaderSize + UINT8_MAX + kHexChecksumSize;
 
-// A record whose data are somebody else's.
+// A record whose data belong to somebody else.
 struct HexRecordView {
     uint16_t address;
     uint8_t type;
@@ -32,19 +31,12 @@ struct HexRecordView {
 
 // One record of Intel HEX as it was read; its type can be any number.
 struct HexRecord {
-    HexRecord(uint16_t recordAddress, uint8_t recordType, std::vector<uint8_t> recordData,
-              uint8_t recordChecksum)
-        : address(recordAddress),
-          type(recordType),
-          data(std::move(recordData)),
-          checksum(recordChecksum) {}
-
-    HexRecordView view() const { return {address, type, data, checksum}; }
-
     uint16_t address;
     uint8_t type;
     std::vector<uint8_t> data;
     uint8_t checksum;
+
+    HexRecordView view() const { return {address, type, data, checksum}; }
 };
 
 using HexRecords = std::vector<HexRecord>;
