@@ -35,9 +35,7 @@ protected:
                 fake::takeCalls();
             }
         });
-        const auto end = std::chrono::steady_clock::now() + test::kLong;
-        while (count < 2)
-            ASSERT_LT(std::chrono::steady_clock::now(), end);
+        ASSERT_TRUE(test::eventually([this]() { return count >= 2; }));
         notifyArrival();
         ASSERT_TRUE(isHeard(test::kLong));
     }

@@ -14,6 +14,7 @@
 
 #include "core/event_queue.h"
 #include "core/thread.h"
+#include "support/waiting.h"
 
 namespace {
 
@@ -74,8 +75,7 @@ TEST(EventQueue, StopDropsWhatIsQueued) {
     queue.reset();
     EXPECT_FALSE(watch.expired());
     shared->goOn.set_value();
-    while (!watch.expired())
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([&]() { return watch.expired(); }));
     EXPECT_EQ(shared->handled, (std::vector<int>{1, 2}));
 }
 
@@ -87,10 +87,7 @@ TEST(EventQueue, StopsIdle) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5)); // time to become idle
     queue->stop();
     queue.reset();
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!watch.expired() && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
-    EXPECT_TRUE(watch.expired());
+    EXPECT_TRUE(test::eventually([&]() { return watch.expired(); }));
 }
 
 // What an event holds is released by the worker, after the handler, and nowhere else.

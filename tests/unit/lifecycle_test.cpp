@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/supported_devices.h"
@@ -49,8 +50,7 @@ TEST_F(LifecycleTest, WithoutContextTheListStaysEmpty) {
     libusb_device *const late = fake::attach(VEXA_USB_VENDOR_ID, 2);
     vexa_usb_init();
     fake::notifyArrival(late);
-    while (test::Snapshot().count == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([]() { return test::Snapshot().count == 1; }));
     vexa_usb_fini();
 }
 
@@ -89,21 +89,44 @@ TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
     vexa_usb_fini();
 }
 
-// The new start waits for the end, and is whole.
-TEST_F(LifecycleTest, InitDuringATearDown) {
+// What comes while the first init or the last fini is at work waits for its end; then the state is
+// as the counter says, and whole.
+TEST_F(LifecycleTest, InitAndFiniDuringATransition) {
     fake::attach(VEXA_USB_VENDOR_ID, 1);
+    std::vector<std::thread> threads;
+    const auto during = [&](const char *point, const std::vector<void (*)()> &calls) {
+        fake::onCall(point, [&threads, calls]() {
+            for (const auto call : calls) {
+                const uint64_t before = vexausb::initCount.load();
+                threads.emplace_back(call);
+                EXPECT_TRUE(
+                    test::eventually([&]() { return vexausb::initCount.load() != before; }));
+                EXPECT_EQ(vexa_usb_update_device_list(), -3);
+            }
+        });
+    };
+    const auto expect = [&](uint64_t count, size_t starts) {
+        for (std::thread &thread : std::exchange(threads, {}))
+            thread.join();
+        EXPECT_EQ(vexausb::initCount.load(), count);
+        EXPECT_EQ(vexa_usb_update_device_list(), count == 0 ? -3 : 0);
+        EXPECT_EQ(fake::countCalls("libusb_init"), starts);
+        EXPECT_EQ(fake::countCalls("libusb_exit") + (count == 0 ? 0 : 1), starts);
+    };
+    during("libusb_init", {vexa_usb_fini, vexa_usb_init});
     vexa_usb_init();
-    std::thread starting;
-    fake::onCall("libusb_exit", [&]() {
-        starting = std::thread(vexa_usb_init);
-        while (vexausb::initCount.load() == 0)
-            std::this_thread::yield();
-        EXPECT_EQ(vexa_usb_update_device_list(), -3);
-    });
+    expect(1, 1);
+    EXPECT_EQ(test::Snapshot().count, 1U);
+    during("libusb_exit", {vexa_usb_init, vexa_usb_fini});
     vexa_usb_fini();
-    starting.join();
-    EXPECT_EQ(fake::countCalls("libusb_init"), 2U);
-    EXPECT_EQ(vexa_usb_update_device_list(), 0);
+    expect(0, 1);
+    during("libusb_init", {vexa_usb_fini});
+    vexa_usb_init();
+    expect(0, 2);
+    vexa_usb_init();
+    during("libusb_exit", {vexa_usb_init});
+    vexa_usb_fini();
+    expect(1, 4);
     EXPECT_EQ(test::Snapshot().count, 1U);
     vexa_usb_fini();
 }
@@ -142,10 +165,7 @@ TEST_F(LifecycleTest, NothingAccumulates) {
     }
     EXPECT_EQ(fake::countCalls("libusb_close"), 100U);
     EXPECT_FALSE(fake::closedInFlight());
-    const auto end = std::chrono::steady_clock::now() + test::kLong;
-    while (threadCount() > threads && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
-    EXPECT_LE(threadCount(), threads);
+    EXPECT_TRUE(test::eventually([&]() { return threadCount() <= threads; }));
     EXPECT_LT(allocations::inUse(), memory + 10 * kBufferSize);
 }
 
@@ -156,19 +176,16 @@ protected:
     void finiAt(const char *function) {
         fake::onCall(function, [this]() {
             finishing = std::thread(vexa_usb_fini);
-            while (!isTurnedAway(device))
-                std::this_thread::yield();
+            EXPECT_TRUE(test::eventually([this]() { return isTurnedAway(device); }));
         });
     }
     void expectTornDown() {
         finishing.join();
         EXPECT_TRUE(fake::inFlight().empty());
         EXPECT_FALSE(fake::closedInFlight());
-        vexausb::libusbRunning.store(true);
         vexa_usb_init();
         EXPECT_EQ(close(), 0);
-        vexa_usb_update_device_list();
-        device = open();
+        beginAgain();
     }
 
     std::thread finishing;
@@ -188,24 +205,22 @@ TEST_F(TearDownTest, StartDuringTheLastFini) {
          {"libusb_get_max_packet_size", "libusb_alloc_transfer", "libusb_submit_transfer"}) {
         SCOPED_TRACE(point);
         finiAt(point);
-        EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 8), 0);
+        EXPECT_EQ(start(512, 8), 0);
         expectTornDown();
         finiAt(point);
-        vexa_usb_event_pipe_enable(device, 0x81); // armed, or refused
+        enable(); // armed, or refused
         expectTornDown();
     }
 }
 
 // Both wait for the same transfers; one of them closes.
 TEST_F(TearDownTest, CloseDuringTheLastFini) {
-    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 8), 0);
+    ASSERT_EQ(start(512, 8), 0);
     fake::holdEvents(true);
     std::thread closing([this]() { EXPECT_EQ(close(), 0); });
-    while (!fake::inFlight().empty())
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([]() { return fake::inFlight().empty(); }));
     std::thread fini(vexa_usb_fini);
-    while (vexa_usb_update_device_list() == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([]() { return vexa_usb_update_device_list() != 0; }));
     EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
     fake::holdEvents(false);
     closing.join();

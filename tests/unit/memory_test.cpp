@@ -41,7 +41,7 @@ protected:
         if (started)
             twiceAtMost([]() { return statusOf(vexa_usb_update_device_list, -4); }, -4);
         else
-            EXPECT_EQ(vexa_usb_update_device_list(), -3);
+            EXPECT_EQ(test::Snapshot().status, -3);
         return started;
     }
     static int32_t open(_vexa_usb_device *&device, test::EventLog &events) {
@@ -80,7 +80,7 @@ protected:
         for (size_t i = 1; i <= 5 && log->count(kError) == 0; ++i) {
             fake::completeOldest();
             fake::deliverEvents();
-            ASSERT_TRUE(log->waitForEither(kFull, i, kError));
+            ASSERT_TRUE(log->waitForAny({{kFull, i}, {kError, 1}}));
         }
         openAndStart(leftOpen, *leftLog);
         // What cannot be listed for want of memory is listed by the next update.
