@@ -25,6 +25,9 @@ free_device_list get_device_descriptor get_bus_number get_device_address get_dev
 get_max_packet_size open close kernel_driver_active detach_kernel_driver claim_interface
 release_interface control_transfer interrupt_transfer bulk_transfer alloc_transfer submit_transfer
 cancel_transfer free_transfer error_name"""
+# Those that an older libusb lacks are weak.
+weak = {name for *_, kind, name in symbols if kind in "wv" and name.startswith("libusb_")}
+assert weak <= {"libusb_dev_mem_alloc", "libusb_dev_mem_free"}, weak
 imported = {name for *_, kind, name in symbols if kind == "U" and name.startswith("libusb_")}
 assert imported <= {"libusb_" + name for name in ALLOWED.split()}, imported
 

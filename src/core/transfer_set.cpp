@@ -80,6 +80,11 @@ void TransferSet::waitIdle() {
     }
 }
 
+void TransferSet::releaseMemory(CallerMemory callers) {
+    const MutexLock lock(mutex_);
+    doReleaseMemory(callers);
+}
+
 void TransferSet::abandon() {
     const std::shared_ptr<TransferSet> self = shared_from_this(); // outlives the unlocking
     const MutexLock lock(mutex_);

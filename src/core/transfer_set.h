@@ -13,6 +13,9 @@
 
 namespace vexausb {
 
+// What becomes of memory that the caller may still be reading.
+enum class CallerMemory { Stays, Ends };
+
 /*
  * A fixed number of bulk transfers that complete, and are submitted again, until they are stopped.
  * The derived class says what a completion means, owns the memory that the transfers write to, and
@@ -38,6 +41,8 @@ public:
     // After stop(), and only while an event loop delivers completions: until nothing is in flight,
     // or the patience is at its end.
     void waitIdle() EXCLUDES(mutex_);
+    // After waitIdle(), and before the handle is closed: memory that belongs to it is given back.
+    void releaseMemory(CallerMemory callers) EXCLUDES(mutex_);
     // After the handle was closed: libusb has forgotten what was still in flight and will not call
     // back.
     void abandon() EXCLUDES(mutex_);
@@ -64,6 +69,7 @@ protected:
 
     // The transfer has ended, and is no longer in flight.
     virtual void completed(Slot &slot) REQUIRES(mutex_) = 0;
+    virtual void doReleaseMemory(CallerMemory /*callers*/) REQUIRES(mutex_) {}
     // libusb's answer.  When refused, the slot is to be released: its transfer refers to the device
     // all the same, and must not outlive the libusb context.
     int submit(Slot &slot, uint8_t *buffer, int length) REQUIRES(mutex_);

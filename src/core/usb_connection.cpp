@@ -33,6 +33,8 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
         transfers->waitIdle();
     else
         close();
+    // Before close() could pass this set by and close the handle.
+    transfers->releaseMemory(CallerMemory::Ends);
     detach(transfers);
 }
 
@@ -55,6 +57,8 @@ void UsbConnection::close() {
         for (const auto &set : transfers)
             set->waitIdle();
     }
+    for (const auto &set : transfers)
+        set->releaseMemory(CallerMemory::Stays);
     libusb_release_interface(handle_, 0);
     libusb_close(handle_);
     for (const auto &set : transfers)

@@ -37,8 +37,10 @@ public:
     // The handle may be used as long as the result is held; false once the connection closes.
     UseGate::Use use() { return gate_.enter(); }
 
-    // The following four are for who holds a Use.
+    // The following five are for who holds a Use.
     libusb_device_handle *handle() const { return handle_; }
+    // Whether completions get delivered.
+    bool eventLoopRuns() const { return loopRuns_; }
     // An endpoint's wMaxPacketSize, or a libusb error code.
     int maxPacketSize(uint8_t endpoint) const;
     // Has close() end these transfers too.

@@ -1,6 +1,7 @@
 #include "core/usbfs_limit.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -14,13 +15,21 @@ namespace vexausb {
 
 namespace {
 
-constexpr const char *kLimitFile = "/sys/module/usbcore/parameters/usbfs_memory_mb";
+std::atomic<const char *> limitFile{"/sys/module/usbcore/parameters/usbfs_memory_mb"};
 constexpr uint64_t kUsualLimit = 256; // enough for most
 
 } // namespace
 
+const char *usbfsLimitFile() {
+    return limitFile.load();
+}
+
+void setUsbfsLimitFile(const char *file) {
+    limitFile.store(file);
+}
+
 std::optional<uint64_t> usbfsMemoryLimit() {
-    const int file = open(kLimitFile, O_RDONLY | O_CLOEXEC);
+    const int file = open(usbfsLimitFile(), O_RDONLY | O_CLOEXEC);
     if (file < 0)
         return std::nullopt;
     std::array<char, 32> text{};
@@ -39,7 +48,7 @@ RefusalAdvice refusalAdvice(int libusbError) {
         std::snprintf(advice.text.data(), advice.text.size(),
                       "; all programs together may use %" PRIu64
                       " MiB for USB transfers; for more: echo %" PRIu64 " > %s",
-                      limit, std::max(2 * limit, kUsualLimit), kLimitFile);
+                      limit, std::max(2 * limit, kUsualLimit), usbfsLimitFile());
     return advice;
 }
 

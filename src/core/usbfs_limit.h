@@ -6,6 +6,10 @@
 
 namespace vexausb {
 
+// The file that holds the limit.  Tests put another in its place before anything runs.
+const char *usbfsLimitFile();
+void setUsbfsLimitFile(const char *file);
+
 // The memory in MiB that the system allows for USB transfers of all processes together, where 0 is
 // no limit; nothing when it cannot be read.  Needs no memory.
 std::optional<uint64_t> usbfsMemoryLimit();

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace vexausb {
 
@@ -13,13 +14,6 @@ namespace {
 uint64_t roundUp(uint64_t value, uint64_t step) {
     const uint64_t rest = value % step;
     return rest == 0 ? value : value - rest + step;
-}
-
-// No array is larger than a pointer difference can tell.
-uint64_t allocationSizeFor(uint64_t bufferSize, uint64_t packetSize) {
-    if (bufferSize > static_cast<uint64_t>(std::numeric_limits<std::ptrdiff_t>::max()) - packetSize)
-        throw std::length_error("stream buffer too large");
-    return bufferSize % packetSize == 0 ? bufferSize : bufferSize + packetSize;
 }
 
 // Pieces of nearly equal size rather than full ones and a small rest.
@@ -33,25 +27,79 @@ uint64_t transferSizeFor(uint64_t bufferSize, uint64_t maxTransferSize, uint64_t
 
 } // namespace
 
-DataStreamBuffer::DataStreamBuffer(uint64_t allocationSize) : data(new uint8_t[allocationSize]) {}
+// No array is larger than a pointer difference can tell.
+uint64_t DataStream::allocationSizeFor(uint64_t bufferSize, uint64_t packetSize) {
+    if (bufferSize > static_cast<uint64_t>(std::numeric_limits<std::ptrdiff_t>::max()) - packetSize)
+        throw std::length_error("stream buffer too large");
+    return bufferSize % packetSize == 0 ? bufferSize : bufferSize + packetSize;
+}
+
+DataStreamBuffer::DataStreamBuffer(uint64_t allocationSize)
+    : ordinary(new uint8_t[allocationSize]), data(ordinary.get()) {}
 
 bool DataStreamBuffer::change(DataStreamBufferState from, DataStreamBufferState to) {
     return state.compare_exchange_strong(from, to);
 }
 
+bool DataStreamBuffer::closeUnlessLocked() {
+    DataStreamBufferState now = state.load();
+    while (now != DataStreamBufferState::Locked) {
+        if (state.compare_exchange_weak(now, DataStreamBufferState::Closed))
+            return true;
+    }
+    return false;
+}
+
 DataStream::DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize,
-                       uint64_t packet)
+                       uint64_t packet, std::unique_ptr<SharedBuffers> shared)
     : bufferSize_(size),
       packetSize_(packet),
       allocationSize_(allocationSizeFor(size, packet)),
-      transferSize_(transferSizeFor(size, maxTransferSize, packet)) {
+      transferSize_(transferSizeFor(size, maxTransferSize, packet)),
+      shared_(std::move(shared)) {
     buffers_.reserve(bufferCount);
     for (uint64_t i = 0; i < bufferCount; ++i)
         buffers_.push_back(std::make_unique<DataStreamBuffer>(allocationSize_));
 }
 
+DataStream::~DataStream() {
+    releaseShared(CallerMemory::Ends);
+}
+
 bool DataStream::claim(uint64_t index) {
-    return buffers_[index]->change(DataStreamBufferState::Free, DataStreamBufferState::Filling);
+    DataStreamBuffer &buffer = *buffers_[index];
+    if (!buffer.change(DataStreamBufferState::Free, DataStreamBufferState::Filling))
+        return false;
+    if (shared_ != nullptr && buffer.pendingTransfers == 0)
+        chooseMemory(buffer);
+    return true;
+}
+
+void DataStream::chooseMemory(DataStreamBuffer &buffer) {
+    if (buffer.isShared()) {
+        if (SharedBuffers::isOverdrawn())
+            makeOrdinary(buffer);
+    } else if (!std::exchange(buffer.askedToShare, true)) {
+        uint8_t *const memory = shared_->allocate();
+        if (memory != nullptr)
+            buffer.data = memory;
+    }
+}
+
+void DataStream::makeOrdinary(DataStreamBuffer &buffer) {
+    shared_->release(std::exchange(buffer.data, buffer.ordinary.get()));
+}
+
+void DataStream::releaseShared(CallerMemory callers) {
+    if (shared_ == nullptr)
+        return;
+    for (const auto &buffer : buffers_) {
+        if (!buffer->isShared())
+            continue;
+        if (callers == CallerMemory::Ends || buffer->closeUnlessLocked())
+            makeOrdinary(*buffer);
+    }
+    shared_->handleCloses();
 }
 
 // False when the ring is full: the caller has not yet given back a buffer that is needed.
@@ -60,11 +108,12 @@ bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
         return false;
     info = {};
     info.bufferIndex = writeIndex_;
-    info.destination = buffers_[writeIndex_]->data.get() + writeOffset_;
+    info.destination = buffers_[writeIndex_]->data + writeOffset_;
     info.transferLength = transferSize_;
     while (writeOffset_ + info.transferLength > allocationSize_)
         info.transferLength -= packetSize_;
     writeOffset_ += info.transferLength;
+    ++buffers_[writeIndex_]->pendingTransfers;
     return advance(info);
 }
 
@@ -97,10 +146,10 @@ bool DataStream::advance(DataStreamTransferInfo &info) {
 uint64_t DataStream::transferCompleted(const DataStreamTransferInfo &info) {
     uint64_t index = info.bufferIndex;
     uint64_t overshoot = info.copyLength;
+    --buffers_[index]->pendingTransfers;
     while (overshoot != 0) {
         const uint64_t next = following(index);
-        std::memcpy(buffers_[next]->data.get(), buffers_[index]->data.get() + bufferSize_,
-                    overshoot);
+        std::memcpy(buffers_[next]->data, buffers_[index]->data + bufferSize_, overshoot);
         overshoot -= std::min(overshoot, bufferSize_);
         index = next;
     }
@@ -113,7 +162,7 @@ bool DataStream::lock(uint8_t *&data, uint64_t &size) {
     DataStreamBuffer &buffer = *buffers_[readIndex_];
     if (!buffer.change(DataStreamBufferState::Full, DataStreamBufferState::Locked))
         return false;
-    data = buffer.data.get();
+    data = buffer.data;
     size = bufferSize_;
     locked_ = true;
     return true;

@@ -5,6 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include "core/transfer_set.h"
+#include "device/shared_buffers.h"
+
 namespace vexausb {
 
 enum class DataStreamBufferState : uint32_t {
@@ -12,15 +15,25 @@ enum class DataStreamBufferState : uint32_t {
     Filling = 1, // transfers are being prepared into it
     Full = 2,    // the transfer that reaches its end has been prepared
     Locked = 3,  // the caller holds it
+    Closed = 4,  // its memory has gone
 };
 
 struct DataStreamBuffer {
     explicit DataStreamBuffer(uint64_t allocationSize);
 
     bool change(DataStreamBufferState from, DataStreamBufferState to);
+    // Nobody gets it any more; false when the caller holds it.
+    bool closeUnlessLocked();
+
+    bool isShared() const { return data != ordinary.get(); }
 
     std::atomic<DataStreamBufferState> state{DataStreamBufferState::Free};
-    const std::unique_ptr<uint8_t[]> data;
+    // Always there, and never touched while shared memory stands in for it.
+    const std::unique_ptr<uint8_t[]> ordinary;
+    // The rest is the producer's.
+    uint8_t *data; // here, or shared with the kernel; the consumer may read it of a locked buffer
+    bool askedToShare = false;
+    uint64_t pendingTransfers = 0; // prepared, and not completed
 };
 
 // What one prepared transfer does, kept by that transfer until it completes.
@@ -43,6 +56,10 @@ struct DataStreamTransferInfo {
  * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
  * behind.
  *
+ * A buffer's memory is chosen whenever it is claimed while no transfer is on its way to it: the
+ * first time it becomes shared with the kernel, where that may be had, and it becomes ordinary
+ * again when others need the room.  So a start need not wait for the whole ring.
+ *
  * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
  * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
  * compare-and-swap, so that a buffer is never filled while the caller may read it.
@@ -52,9 +69,14 @@ struct DataStreamTransferInfo {
  */
 class DataStream {
 public:
-    DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize, uint64_t packet);
+    DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize, uint64_t packet,
+               std::unique_ptr<SharedBuffers> shared = nullptr);
+    ~DataStream();
     DataStream(const DataStream &) = delete;
     DataStream &operator=(const DataStream &) = delete;
+
+    // The bytes that each buffer takes; throws std::length_error when that is too much.
+    static uint64_t allocationSizeFor(uint64_t bufferSize, uint64_t packetSize);
 
     // Producer.
     bool nextTransfer(DataStreamTransferInfo &info);
@@ -65,11 +87,17 @@ public:
     bool lock(uint8_t *&data, uint64_t &size);
     bool unlock();
 
+    // Once nothing is in flight, and before the device's handle is closed: gives back all shared
+    // memory but, if so wished, that of the buffer that the caller has locked.
+    void releaseShared(CallerMemory callers);
+
     // Any thread: how many buffers the consumer has given back.
     uint64_t buffersReleased() const { return released_.load(std::memory_order_relaxed); }
 
 private:
     bool claim(uint64_t index);
+    void chooseMemory(DataStreamBuffer &buffer);
+    void makeOrdinary(DataStreamBuffer &buffer);
     bool advance(DataStreamTransferInfo &info);
     uint64_t following(uint64_t index) const {
         return index + 1 == buffers_.size() ? 0 : index + 1;
@@ -80,6 +108,7 @@ private:
     const uint64_t allocationSize_;
     const uint64_t transferSize_;
     std::vector<std::unique_ptr<DataStreamBuffer>> buffers_;
+    const std::unique_ptr<SharedBuffers> shared_; // the producer's; null when nothing may be shared
 
     // The consumer's.
     uint64_t readIndex_ = 0;

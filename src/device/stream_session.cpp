@@ -7,6 +7,7 @@
 #include "core/transfer_status.h"
 #include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
+#include "device/shared_buffers.h"
 
 namespace vexausb {
 
@@ -26,7 +27,10 @@ StreamSession::StreamSession(const UsbConnection &connection, const Shape &shape
                              uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), shape.endpoint),
-      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize),
+      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize,
+            SharedBuffers::make(connection,
+                                DataStream::allocationSizeFor(shape.bufferSize, packetSize),
+                                shape.bufferCount, name)),
       mode_(shape.mode),
       events_(std::move(events)),
       deviceName_(name),

@@ -68,6 +68,9 @@ private:
 
     static Slots makeSlots();
     void completed(Slot &slot) override REQUIRES(mutex_);
+    void doReleaseMemory(CallerMemory callers) override REQUIRES(mutex_) {
+        ring_.releaseShared(callers);
+    }
     bool mayGoOnAfter(const Piece &piece) REQUIRES(mutex_);
     bool postFull(uint64_t buffers) REQUIRES(mutex_);
     void submitNext(Piece &piece) REQUIRES(mutex_);

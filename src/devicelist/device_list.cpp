@@ -10,6 +10,7 @@
 #include "core/global_state.h"
 #include "core/lib_usb.h"
 #include "core/log.h"
+#include "core/shared_memory_budget.h"
 #include "core/supported_devices.h"
 #include "devicelist/device_list_item_libusb.h"
 #include "devicelist/libusb_device_array.h"
@@ -95,6 +96,7 @@ void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item, const cha
     auto removal = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
     items_.push_back(std::move(item));
     removals_.splice(removals_.end(), removal);
+    shared_memory_budget::setAttachedDevices(items_.size());
     items_.back()->logChange(news);
     events_->post(added);
 }
@@ -107,6 +109,7 @@ void DeviceList::removeItem(Items::iterator position) noexcept {
     removal.front().event.item->setLeft();
     removal.front().event.item->logChange("unplugged");
     items_.erase(position);
+    shared_memory_budget::setAttachedDevices(items_.size());
     events_->post(removal);
 }
 

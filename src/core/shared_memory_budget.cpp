@@ -1,0 +1,177 @@
+#include "core/shared_memory_budget.h"
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <optional>
+#include <random>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "core/mutex.h"
+#include "core/usbfs_limit.h"
+
+namespace vexausb::shared_memory_budget {
+
+namespace {
+
+constexpr uint64_t kMebibyte = 1048576;
+constexpr uint64_t kLeastLimit = 64;
+constexpr uint64_t kShareOfLimit = 4;     // a quarter
+constexpr uint64_t kNeededPerDevice = 2;  // three transfers of 512 KiB, a call's, and upkeep
+constexpr uint64_t kPlaces = 1ULL << 40U; // for the locks of a process
+constexpr off_t kPlaceSize = 1ULL << 20U; // bytes, each for one MiB
+constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
+constexpr const char *kUnknownLimit = "the system's limit for USB transfers cannot be read";
+constexpr const char *kLowLimit = "the system's limit for USB transfers (usbfs_memory_mb) is below "
+                                  "64 MiB";
+constexpr const char *kNoRoom = "no more can be taken from the system's limit for USB transfers "
+                                "(usbfs_memory_mb), which the attached devices need, too";
+
+// What this process shares, as the others see it.  Owned and guarded by the budget below.  Where
+// locks cannot be had, each process counts for itself.
+class Tally {
+public:
+    // So many MiB are shared by this process.
+    void tell(uint64_t mebibytes);
+    uint64_t othersMebibytes() const;
+
+private:
+    static uint64_t lockedBetween(int file, off_t begin, off_t end);
+    void change(short type, off_t begin, off_t end) const;
+    void open();
+
+    int file_ = -1; // open while anything is told
+    off_t place_ = 0;
+    off_t told_ = 0;
+};
+
+void Tally::open() {
+    file_ = ::open(usbfsLimitFile(), O_RDONLY | O_CLOEXEC);
+    std::random_device random;
+    place_ = static_cast<off_t>(std::uniform_int_distribution<uint64_t>(0, kPlaces - 1)(random)) *
+             kPlaceSize;
+}
+
+void Tally::change(short type, off_t begin, off_t end) const {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = place_ + begin;
+    lock.l_len = end - begin;
+    fcntl(file_, F_OFD_SETLK, &lock);
+}
+
+void Tally::tell(uint64_t mebibytes) {
+    const auto wanted = static_cast<off_t>(std::min<uint64_t>(mebibytes, kPlaceSize));
+    if (wanted > 0 && file_ < 0)
+        open();
+    if (wanted > told_)
+        change(F_RDLCK, told_, wanted);
+    else if (wanted < told_)
+        change(F_UNLCK, wanted, told_);
+    told_ = wanted;
+    if (wanted == 0 && file_ >= 0) {
+        close(file_);
+        file_ = -1;
+    }
+}
+
+// The kernel names one lock of the range at a time; what lies on either side of it comes next.
+uint64_t Tally::lockedBetween(int file, off_t begin, off_t end) {
+    if (begin >= end)
+        return 0;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = begin;
+    lock.l_len = end - begin;
+    if (fcntl(file, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+        return 0;
+    const off_t first = std::max(lock.l_start, begin);
+    const off_t last = lock.l_len == 0 ? end : std::min(lock.l_start + lock.l_len, end);
+    return static_cast<uint64_t>(last - first) + lockedBetween(file, begin, first) +
+           lockedBetween(file, last, end);
+}
+
+uint64_t Tally::othersMebibytes() const {
+    return file_ < 0 ? 0 : lockedBetween(file_, 0, static_cast<off_t>(kPlaces) * kPlaceSize);
+}
+
+// Alive for as long as the process.
+Mutex mutex;
+Tally tally GUARDED_BY(mutex);
+uint64_t attachedDevices GUARDED_BY(mutex) = 0;
+// Bytes, written under the mutex.
+std::atomic<uint64_t> reserved{0};
+std::atomic<uint64_t> keepable{kUnlimited};
+
+uint64_t toMebibytes(uint64_t bytes) {
+    return bytes / kMebibyte + (bytes % kMebibyte != 0 ? 1 : 0);
+}
+
+// What all programs together may share under that limit, both in MiB.
+uint64_t allowedUnder(uint64_t limit) REQUIRES(mutex) {
+    if (limit == 0)
+        return kUnlimited / kMebibyte;
+    const uint64_t needed = attachedDevices * kNeededPerDevice;
+    return std::min(limit / kShareOfLimit, limit > needed ? limit - needed : 0);
+}
+
+void setReserved(uint64_t bytes) REQUIRES(mutex) {
+    reserved.store(bytes);
+    tally.tell(toMebibytes(bytes));
+}
+
+// Tells first and counts then, so that of two programs at the same moment one sees the other.
+uint64_t reserveUpTo(uint64_t allowed, uint64_t blockSize, uint64_t count) REQUIRES(mutex) {
+    const uint64_t before = reserved.load();
+    setReserved(before + blockSize * count);
+    const uint64_t others = tally.othersMebibytes();
+    const uint64_t room = allowed > others ? (allowed - others) * kMebibyte : 0;
+    const uint64_t granted = std::min(count, room > before ? (room - before) / blockSize : 0);
+    setReserved(before + blockSize * granted);
+    return granted;
+}
+
+// Where all programs together share more than is allowed, each gives back its part of the excess.
+void updateKeepable(uint64_t allowed) REQUIRES(mutex) {
+    const uint64_t own = toMebibytes(reserved.load());
+    const uint64_t all = own + tally.othersMebibytes();
+    keepable.store(all <= allowed ? kUnlimited : allowed * own / all * kMebibyte);
+}
+
+} // namespace
+
+Grant reserve(uint64_t blockSize, uint64_t count) {
+    const MutexLock lock(mutex);
+    const std::optional<uint64_t> limit = usbfsMemoryLimit();
+    if (!limit)
+        return {0, kUnknownLimit};
+    if (*limit != 0 && *limit < kLeastLimit)
+        return {0, kLowLimit};
+    const uint64_t allowed = allowedUnder(*limit);
+    const uint64_t asked = std::min(count, kUnlimited / 4 / blockSize);
+    const uint64_t granted = reserveUpTo(allowed, blockSize, asked);
+    updateKeepable(allowed);
+    return {granted, granted < count ? kNoRoom : nullptr};
+}
+
+void release(uint64_t blockSize, uint64_t count) {
+    const MutexLock lock(mutex);
+    setReserved(reserved.load() - blockSize * count);
+}
+
+void setAttachedDevices(size_t count) {
+    const MutexLock lock(mutex);
+    attachedDevices = count;
+    if (reserved.load() > 0)
+        updateKeepable(allowedUnder(usbfsMemoryLimit().value_or(0)));
+}
+
+bool isOverdrawn() {
+    return reserved.load(std::memory_order_relaxed) > keepable.load(std::memory_order_relaxed);
+}
+
+} // namespace vexausb::shared_memory_budget

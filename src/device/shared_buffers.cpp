@@ -1,0 +1,123 @@
+#include "device/shared_buffers.h"
+
+#include <cinttypes>
+#include <cstdlib>
+#include <string_view>
+
+#include <libusb.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "core/log.h"
+#include "core/shared_memory_budget.h"
+#include "core/usb_connection.h"
+
+// libusb has them since 1.0.21; the library works with one that has not.
+#pragma weak libusb_dev_mem_alloc
+#pragma weak libusb_dev_mem_free
+
+namespace vexausb {
+
+namespace {
+
+constexpr bool kBuiltToShare = VEXA_USB_SHARED_RING != 0;
+// Each buffer is a mapping of its own, of which a process can have 65,530.
+constexpr uint64_t kLeastSize = 65536;
+
+bool isPrivateWanted() {
+    const char *const value = std::getenv("VEXA_USB_RING");
+    const std::string_view wanted = value == nullptr ? "" : value;
+    if (!wanted.empty() && wanted != "private" && wanted != "shared")
+        logLine(LogLevel::Error,
+                "VEXA_USB_RING is '%s': treated as shared; it can be shared or private", value);
+    return wanted == "private";
+}
+
+// Null when nothing speaks against it.
+const char *reasonAgainst(const UsbConnection &connection, uint64_t size) {
+    if (isPrivateWanted())
+        return "VEXA_USB_RING is private";
+    if (!kBuiltToShare)
+        return "the library is built without shared rings";
+    if (libusb_dev_mem_alloc == nullptr || libusb_dev_mem_free == nullptr)
+        return "this libusb cannot share memory";
+    if (!connection.eventLoopRuns())
+        return "the library has been finalised once, and nothing would fill the ring";
+    return size < kLeastSize ? "the buffers are smaller than 64 KiB" : nullptr;
+}
+
+// What the kernel counts for a mapping.
+uint64_t wholePages(uint64_t size) {
+    const auto page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    return (size + page - 1) / page * page;
+}
+
+shared_memory_budget::Grant grantFor(const UsbConnection &connection, uint64_t size,
+                                     uint64_t count) {
+    const char *const against = reasonAgainst(connection, size);
+    if (against != nullptr)
+        return {0, against};
+    return shared_memory_budget::reserve(wholePages(size), count);
+}
+
+} // namespace
+
+std::unique_ptr<SharedBuffers> SharedBuffers::make(const UsbConnection &connection, uint64_t size,
+                                                   uint64_t count, const DeviceName &name) {
+    const auto grant = grantFor(connection, size, count);
+    logLine(LogLevel::Info,
+            "%s: the kernel may fill %" PRIu64 " of the ring's %" PRIu64 " buffers of %" PRIu64
+            " bytes itself%s%s",
+            name.text(), grant.blocks, count, size,
+            grant.reason != nullptr ? ", and copies to the others: " : "",
+            grant.reason != nullptr ? grant.reason : "");
+    if (grant.blocks == 0)
+        return nullptr;
+    try {
+        return std::unique_ptr<SharedBuffers>(
+            new SharedBuffers(connection.handle(), size, grant.blocks, name));
+    } catch (...) {
+        shared_memory_budget::release(wholePages(size), grant.blocks);
+        throw;
+    }
+}
+
+SharedBuffers::SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
+                             const DeviceName &name)
+    : handle_(handle), size_(size), left_(granted), deviceName_(name) {}
+
+SharedBuffers::~SharedBuffers() {
+    shared_memory_budget::release(wholePages(size_), left_);
+}
+
+uint8_t *SharedBuffers::allocate() {
+    if (left_ == 0)
+        return nullptr;
+    --left_;
+    uint8_t *const memory = libusb_dev_mem_alloc(handle_, size_);
+    if (memory != nullptr)
+        return memory;
+    shared_memory_budget::release(wholePages(size_), 1);
+    if (!refused_)
+        logLine(LogLevel::Info,
+                "%s: the kernel refused to share a buffer of %" PRIu64
+                " bytes, and copies to it instead",
+                deviceName_.text(), size_);
+    refused_ = true;
+    return nullptr;
+}
+
+// Without the handle by what libusb does for it on Linux.
+void SharedBuffers::release(uint8_t *memory) {
+    if (handle_ != nullptr)
+        libusb_dev_mem_free(handle_, memory, size_);
+    else
+        munmap(memory, size_);
+    shared_memory_budget::release(wholePages(size_), 1);
+}
+
+bool SharedBuffers::isOverdrawn() {
+    return shared_memory_budget::isOverdrawn();
+}
+
+} // namespace vexausb
