@@ -96,4 +96,19 @@ TEST_F(FollowingCallsTest, StreamsDoNotWaitForThem) {
     EXPECT_LT(delays[kAttempts / 2], std::chrono::milliseconds(3));
 }
 
+// The last fini ends the turn.
+TEST_F(FollowingCallsTest, TheLastFiniDoesNotWaitForThem) {
+    auto shortest = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(vexa_usb_control_transfer(device, 0, 2, 0, 1, 0, 0, nullptr, 0), 0);
+        notifyArrival(); // after which the thread leaves
+        ASSERT_TRUE(isHeard(test::kLong));
+        shortest = std::min(shortest, test::timed(vexa_usb_fini));
+        vexa_usb_init();
+        close();
+        beginAgain();
+    }
+    EXPECT_LT(shortest, std::chrono::milliseconds(5));
+}
+
 } // namespace

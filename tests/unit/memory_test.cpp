@@ -30,6 +30,10 @@ protected:
         EXPECT_EQ(status, statusIfFailed);
         EXPECT_EQ(call(), 0);
     }
+    template <typename Call>
+    static void twiceAtMostOrThrown(Call call) {
+        twiceAtMost([&]() { return statusOf(call, -4); }, -4);
+    }
 
     bool begin() {
         const bool started = statusOf(
@@ -39,7 +43,7 @@ protected:
                                  },
                                  -4) == 0;
         if (started)
-            twiceAtMost([]() { return statusOf(vexa_usb_update_device_list, -4); }, -4);
+            twiceAtMostOrThrown(vexa_usb_update_device_list);
         else
             EXPECT_EQ(test::Snapshot().status, -3);
         return started;
@@ -65,15 +69,8 @@ protected:
     void use() {
         uint32_t id = 0;
         const auto onChange = [](uint32_t, const _vexa_usb_device_list_item *, void *) {};
-        twiceAtMost(
-            [&]() {
-                return statusOf(
-                    [&]() {
-                        return vexa_usb_register_device_list_event_callback(onChange, nullptr, &id);
-                    },
-                    -4);
-            },
-            -4);
+        twiceAtMostOrThrown(
+            [&]() { return vexa_usb_register_device_list_event_callback(onChange, nullptr, &id); });
         EXPECT_EQ(id, 0U);
         openAndStart(closed, *log);
         fake::completeNewest(LIBUSB_TRANSFER_COMPLETED, 3); // the events 0, 1 and 2
@@ -87,7 +84,7 @@ protected:
         libusb_device *const second = fake::attach(VEXA_USB_VENDOR_ID, 2);
         fake::notifyArrival(second);
         fake::deliverEvents();
-        twiceAtMost([]() { return statusOf(vexa_usb_update_device_list, -4); }, -4);
+        twiceAtMostOrThrown(vexa_usb_update_device_list);
         fake::detach(second);
         fake::notifyDeparture(second);
         fake::deliverEvents();
