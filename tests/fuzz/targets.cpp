@@ -51,8 +51,10 @@ void require(bool condition) {
         const bool isFar = input[0] == vexausb::kHexExtendedLinearAddress && data.size() >= 2 &&
                            (data[0] != 0 || data[1] > kHighestBase);
         if (!isFar)
-            records.emplace_back(static_cast<uint16_t>(input[1] << 8 | input[2]), input[0],
-                                 std::vector<uint8_t>(data.begin(), data.end()), uint8_t{0});
+            records.push_back({static_cast<uint16_t>(input[1] << 8 | input[2]),
+                               input[0],
+                               {data.begin(), data.end()},
+                               0});
         input = input.subspan(4 + data.size());
     }
     require(vexausb::hexRecordsToImage(records).size() <= (2U << 20));

@@ -70,16 +70,16 @@ struct State {
 class ExemptMutex {
 public:
     void lock() {
-        inner.lock();
+        inner_.lock();
         ++allocations::exemptions;
     }
     void unlock() {
         --allocations::exemptions;
-        inner.unlock();
+        inner_.unlock();
     }
 
 private:
-    std::mutex inner;
+    std::mutex inner_;
 };
 
 ExemptMutex mutex;       // guards state
@@ -193,8 +193,9 @@ bool matches(const Registration &registration, const libusb_device_descriptor &d
 
 void deliver(const Notice &notice, const std::vector<Registration> &registrations) {
     for (const Registration &registration : registrations) {
-        if (matches(registration, notice.device->shape.descriptor))
-            registration.callback(nullptr, notice.device, notice.event, nullptr);
+        if (matches(registration, notice.device->shape.descriptor) &&
+            registration.callback(nullptr, notice.device, notice.event, nullptr) != 0)
+            violation("a notice ends its registration");
     }
 }
 
@@ -365,7 +366,8 @@ bool closedInFlight() {
 
 } // namespace fake
 
-// The parts of libusb that the library uses.
+// The parts of libusb that the library uses, with parameters named as they are here.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 int libusb_init(libusb_context **context) {
     const auto lock = enter("libusb_init");
@@ -636,3 +638,4 @@ const char *libusb_error_name(int error) {
     const auto place = static_cast<size_t>(-error);
     return place < kNames.size() ? kNames[place] : "LIBUSB_ERROR_OTHER";
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -43,6 +43,7 @@ Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wa
         throw std::runtime_error("earlier devices are still listed");
     arguments.insert(arguments.begin(), {VEXA_SIMULATOR, "--attach", "--port", "0"});
     std::vector<char *> words;
+    words.reserve(arguments.size() + 1);
     for (std::string &argument : arguments)
         words.push_back(argument.data());
     words.push_back(nullptr);

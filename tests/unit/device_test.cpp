@@ -72,7 +72,7 @@ TEST_F(DeviceTest, TransfersGoToTheirEndpoints) {
 }
 
 TEST_F(DeviceTest, LongTransfersGoInPieces) {
-    std::vector<uint8_t> data(3 * 524288);
+    std::vector<uint8_t> data(3UL * 524288);
     const auto calls = [&](uint64_t length) {
         fake::takeCalls();
         EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, data.data(), length), 0);
@@ -127,9 +127,10 @@ TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
     });
     std::vector<_vexa_usb_device *> devices{open(), open(), open()};
     std::vector<std::thread> threads;
+    threads.reserve(devices.size() + 1);
     for (_vexa_usb_device *each : devices) {
         threads.emplace_back([each]() {
-            std::vector<uint8_t> data(2 * 524288);
+            std::vector<uint8_t> data(2UL * 524288);
             EXPECT_EQ(vexa_usb_bulk_read(each, 0x83, data.data(), data.size()), -1);
         });
     }
@@ -160,6 +161,7 @@ TEST_F(DeviceTest, CloseGivesBackWhoeverElseHoldsTheDevice) {
               (std::vector<std::string>{"libusb_release_interface(0)", "libusb_close"}));
     EXPECT_TRUE(fake::inFlight().empty());
     held->setRemoved();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to be told, if it were
     device = open();
     EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 0U);
 }

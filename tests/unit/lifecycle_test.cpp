@@ -169,6 +169,26 @@ TEST_F(LifecycleTest, NothingAccumulates) {
     EXPECT_LT(allocations::inUse(), memory + 10 * kBufferSize);
 }
 
+// Neither does a device that is closed leave anything, nor a stream that is stopped.
+class AccumulationTest : public test::DeviceTest {};
+
+TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
+    constexpr uint64_t kAllowed = 40000;
+    const uint64_t memory = allocations::inUse();
+    for (int round = 0; round < 300; ++round) {
+        ASSERT_EQ(start(8192, 4), 0);
+        ASSERT_EQ(stop(), 0);
+        fake::takeCalls();
+    }
+    EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
+    for (int round = 0; round < 300; ++round) {
+        ASSERT_EQ(close(), 0);
+        device = open();
+        fake::takeCalls();
+    }
+    EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
+}
+
 class TearDownTest : public test::DeviceTest {
 protected:
     // Has the last fini begin on a thread of its own, at the next call of that function, and go as
@@ -232,27 +252,22 @@ TEST_F(TearDownTest, CloseDuringTheLastFini) {
 // Everything at once: the fake stops the program when a context is used or doubled wrongly.
 TEST_F(LifecycleTest, ManyThreadsInitAndFini) {
     fake::attach(VEXA_USB_VENDOR_ID, 1);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 6; ++i) {
-        threads.emplace_back([]() {
-            for (int round = 0; round < 200; ++round) {
-                vexa_usb_init();
-                vexa_usb_update_device_list();
-                test::EventLog &log = test::EventLog::make();
-                {
-                    const test::Snapshot snapshot;
-                    _vexa_usb_device *device = nullptr;
-                    if (snapshot.status == 0 && snapshot.count > 0 &&
-                        vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &device) ==
-                            0) {
-                        vexa_usb_data_stream_start(device, 0x82, 4096, 4);
-                        vexa_usb_close(device);
-                    }
-                }
-                vexa_usb_fini();
+    const auto cycle = []() {
+        test::EventLog &log = test::EventLog::make();
+        for (int round = 0; round < 200; ++round) {
+            vexa_usb_init();
+            vexa_usb_update_device_list();
+            _vexa_usb_device *device = nullptr;
+            if (test::openFirst(log, device) == 0) {
+                vexa_usb_data_stream_start(device, 0x82, 4096, 4);
+                vexa_usb_close(device);
             }
-        });
-    }
+            vexa_usb_fini();
+        }
+    };
+    std::vector<std::thread> threads(6);
+    for (std::thread &thread : threads)
+        thread = std::thread(cycle);
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(vexausb::initCount.load(), 0U);

@@ -87,13 +87,13 @@ TEST_F(ListEventsTest, CallbacksMayRegisterDeregisterAndOpen) {
 
 // Registrations that come and go meanwhile keep no change from the one that stays.
 TEST_F(ListEventsTest, RegistrationsDuringDeliveries) {
-    constexpr int kRounds = 100;
+    constexpr size_t kRounds = 100;
     ChangeLog &staying = ChangeLog::add();
     std::thread changes([]() {
-        for (int round = 0; round < kRounds; ++round)
+        for (size_t round = 0; round < kRounds; ++round)
             unplug(plug());
     });
-    for (int round = 0; round < kRounds; ++round)
+    for (size_t round = 0; round < kRounds; ++round)
         EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(ChangeLog::add().id), 0);
     changes.join();
     EXPECT_TRUE(staying.waitFor(2 * kRounds));

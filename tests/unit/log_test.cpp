@@ -5,6 +5,8 @@
 #include <functional>
 #include <string>
 
+#include <unistd.h>
+
 #include "core/log.h"
 #include "core/usbfs_limit.h"
 #include "support/device_fixtures.h"
@@ -53,7 +55,8 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
     EXPECT_EQ(logOf("", refuse), "");
     for (const std::string level : {"error", "info", "debug"}) {
         const std::string said = logOf(level.c_str(), refuse);
-        expectSays(said, " error: the bus cannot be read");
+        EXPECT_EQ(said.find(' ', said.find('.')) - said.find('.'), 7U) << said; // microseconds
+        expectSays(said, " unit-tests error: the bus cannot be read");
         for (const std::string endpoint : {"0x83", "0x00"})
             expectSays(said,
                        " debug: 5658:0001 at 001/001: a transfer on endpoint " + endpoint +
@@ -61,6 +64,16 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
                        level == "debug");
     }
     expectSays(logOf("loud", refuse), "VEXA_USB_LOG is 'loud'");
+}
+
+TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {
+    logOf("error", []() {
+        const int saved = dup(STDERR_FILENO);
+        ::close(STDERR_FILENO);
+        vexausb::logLine(vexausb::LogLevel::Error, "unheard");
+        dup2(saved, STDERR_FILENO);
+        ::close(saved);
+    });
 }
 
 TEST_F(LogTest, AFailedOpenSaysWhy) {
@@ -132,7 +145,7 @@ TEST_F(LogTest, AnEndpointThatCannotBeUsedIsTold) {
 
 TEST_F(LogTest, AStreamThatEndsSaysWhy) {
     const auto run = [this](const Action &action) {
-        const std::string said = logOf("info", [&]() {
+        std::string said = logOf("info", [&]() {
             ASSERT_EQ(start(512, 3), 0);
             action();
             fake::deliverEvents();
@@ -142,6 +155,16 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
         return said;
     };
     expectSays(run([]() { fake::completeOldest(); }), "the caller holds 1 that");
+    const auto giveBackOne = [this]() {
+        uint8_t *data = nullptr;
+        uint64_t size = 0;
+        EXPECT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0);
+        fake::completeOldest();
+        fake::waitInFlight(3);
+        fake::completeOldest();
+    };
+    expectSays(run(giveBackOne), "after 1024 bytes: no buffer is free, the caller holds 1 that");
     expectSays(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
                "after 0 bytes: LIBUSB_TRANSFER_COMPLETED with 100 of 512 bytes; the rest");
     const std::string allFailed = run([]() {

@@ -97,6 +97,11 @@ protected:
             fake::deliverEvents();
         EXPECT_TRUE(log->waitFor(kError));
         EXPECT_TRUE(leftLog->waitFor(kError));
+        // And so do both pipes, within the packets that fill what their queues have.
+        int packets = 0;
+        for (; packets < 10 && fake::completeOn(0x81); ++packets)
+            fake::deliverEvents();
+        EXPECT_LT(packets, 10);
         fake::detach(usbDevice);
         fake::notifyDeparture(usbDevice);
         fake::deliverEvents();

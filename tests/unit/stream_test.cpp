@@ -83,7 +83,7 @@ TEST_F(StreamTest, StreamsInOrderAndReportsInOrder) {
 }
 
 TEST_F(StreamTest, SubmitsThreeWholePacketTransfers) {
-    ASSERT_EQ(start(3 * 524288, 2), 0);
+    ASSERT_EQ(start(3UL * 524288, 2), 0);
     const auto flying = fake::inFlight();
     ASSERT_EQ(flying.size(), 3U);
     for (const fake::InFlight &transfer : flying) {
@@ -341,13 +341,15 @@ TEST_F(StreamTest, EndsWithoutEventLoop) {
 
 // Completions on two threads, a consumer, and an end that may come from anywhere.
 TEST_F(StreamTest, EndsWhileStreaming) {
+    fake::describe(usbDevice).packetSizes[0x81] = 1;
     for (int round = 0; round < 150; ++round) {
         fake::completeBySelf(1U << 30);
         ASSERT_EQ(enable(), 0);
         ASSERT_EQ(start(1000, 8), 0);
+        std::atomic<bool> consumed = false;
         std::atomic<bool> ended = false;
         std::thread consumer([&]() {
-            while (!ended) {
+            while (!consumed) {
                 if (lock() == 0)
                     unlock();
             }
@@ -357,16 +359,16 @@ TEST_F(StreamTest, EndsWhileStreaming) {
                 fake::deliverEvents();
         });
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-        if (round % 3 == 0) {
+        if (round % 3 == 0)
             reinitialise();
-        } else {
+        else
             EXPECT_EQ(stop(), 0);
-            EXPECT_EQ(round % 3 == 1 ? disable() : 0, 0);
-        }
-        ended = true;
+        EXPECT_EQ(round % 3 == 1 ? disable() : 0, 0);
+        consumed = true;
         consumer.join();
-        events.join();
         EXPECT_EQ(close(), 0); // with the pipe armed, or about to end
+        ended = true;
+        events.join();
         fake::completeBySelf(0);
         ASSERT_FALSE(fake::closedInFlight());
         if (round % 3 == 0)
