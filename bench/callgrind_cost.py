@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""What one object's code costs in a callgrind profile.
+"""Prints what the code of one program or library costs in a callgrind profile, as JSON.
 
-Prints, as JSON, for the object whose file name contains NAME: the instructions executed in the
-object itself, those executed on its behalf in other objects (the C and C++ libraries, but not the
-objects listed after NAME, which are its callers and its stand-ins), and its memory allocations.
+Usage: callgrind_cost.py PROFILE NAME [OTHER...]
+
+The file name of that program or library contains NAME.  "own": the instructions in its own code.
+"behalf": those that it executes in libraries that it calls, except those that have OTHER in their
+names (its callers and stand-ins).  "allocations": how often it allocates memory.
 """
 import json
 import re
@@ -13,7 +15,7 @@ ALLOCATORS = re.compile(r"^(malloc|calloc|realloc|operator new.*)$")
 
 
 class Profile:
-    """Reads the parts of callgrind's output format that matter here."""
+    """The parts of callgrind's output that are needed here."""
 
     def __init__(self, path):
         self.own = {}  # object -> instructions

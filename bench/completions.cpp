@@ -1,5 +1,5 @@
-// Streams a number of transfers from the libusb stand-in, for callgrind to count what the library
-// does for each.
+// Streams a number of transfers from the libusb stand-in, so that callgrind can count the
+// instructions for each.
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -43,13 +43,13 @@ int main(int argc, char **argv) {
     vexa_usb_update_device_list();
     _vexa_usb_device_list_item **list = nullptr;
     vexa_usb_get_device_list(&list, nullptr);
-    Consumer &consumer = *new Consumer; // callbacks can come late
+    Consumer &consumer = *new Consumer; // never deleted: callbacks may come after the end of main
     if (vexa_usb_open(list[0], Consumer::callback, &consumer, &consumer.device) != 0)
         return 1;
     vexa_usb_free_device_list(list);
     if (vexa_usb_data_stream_start(consumer.device, 0x82, kBufferSize, kBufferCount) != 0)
         return 1;
-    // In portions that the ring holds, so that no consumer can be too slow.
+    // Never more at once than the ring can hold, so that the consumer cannot be too slow.
     for (uint64_t sent = 0; sent < transfers; sent += kBufferCount / 2) {
         std::unique_lock lock(consumer.mutex);
         consumer.left = kBufferCount / 2;

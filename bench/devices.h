@@ -8,12 +8,12 @@
 
 namespace bench {
 
-inline void require(bool good, const char *what) {
-    if (!good)
+inline void require(bool condition, const char *what) {
+    if (!condition)
         throw std::runtime_error(what);
 }
 
-// The device opened with nothing but libusb.
+// The first instrument, opened with libusb alone.
 class BareDevice {
 public:
     BareDevice() {
@@ -40,7 +40,7 @@ public:
     libusb_device_handle *handle = nullptr;
 };
 
-// The first instrument, opened with the library that this initialises.
+// Initialises the library and opens the first instrument with it.
 inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback callback, void *data) {
     vexa_usb_init();
     vexa_usb_update_device_list();

@@ -1,6 +1,6 @@
-// Receives events from the simulated instrument by this library or by a bare libusb loop, and
-// prints the events per second and the median and the 99th percentile of the microseconds from the
-// simulator's answer to the caller's callback.
+// Receives events from the simulated instrument, by this library or by a loop over bare libusb.
+// Prints the events per second, and the median and the 99th percentile of the time from the
+// simulator's answer to the caller's callback, in microseconds.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -31,12 +31,12 @@ constexpr uint8_t kVendorOut = 0x40;
 // What the caller does with each event.
 class Receiver {
 public:
-    // Takes times instead of counting: eight bytes each.
-    bool takesTimes = false;
+    // Whether the events are the bytes of times, eight for each.
+    bool measuresLatency = false;
 
     void event(uint8_t byte) {
         ++count;
-        if (!takesTimes)
+        if (!measuresLatency)
             return;
         time_[filled_++] = byte;
         if (filled_ < sizeof(time_))
@@ -56,7 +56,7 @@ private:
     size_t filled_ = 0;
 };
 
-// One source to receive events.
+// A way to receive events.
 class EventSource {
 public:
     virtual ~EventSource() = default;
@@ -108,7 +108,7 @@ private:
     bool armed_ = false;
 };
 
-// Lives for ever, since callbacks can come late.
+// Never deleted: callbacks may come after the end of main.
 class Library final : public EventSource {
 public:
     void request(uint8_t request, uint16_t value, std::vector<uint8_t> data) override {
@@ -122,7 +122,7 @@ public:
     }
     void waitFor(uint64_t events) override {
         std::unique_lock lock(mutex_);
-        wanted_ = events;
+        awaited_ = events;
         reached_.wait(lock, [&]() { return receiver.count >= events; });
     }
     void end() {
@@ -135,18 +135,18 @@ private:
         auto &self = *static_cast<Library *>(data);
         const std::lock_guard lock(self.mutex_);
         self.receiver.event(static_cast<uint8_t>(event));
-        if (self.receiver.count == self.wanted_)
+        if (self.receiver.count == self.awaited_)
             self.reached_.notify_all();
     }
 
     std::mutex mutex_;
     std::condition_variable reached_;
-    uint64_t wanted_ = 0;
-    // Last: callbacks may come from here on.
+    uint64_t awaited_ = 0;
+    // The last member: from its initialisation on, callbacks may use the others.
     _vexa_usb_device *const device_ = bench::openFirst(callback, this);
 };
 
-// The packets wait in the simulator, so that nothing but the pipe is measured.
+// All packets wait in the simulator before the start, so that only the pipe is measured.
 void measure(EventSource &source) {
     const std::vector<uint8_t> packet(kPacketSize, 0x5A);
     for (size_t i = 0; i < kPackets; ++i)
@@ -157,7 +157,7 @@ void measure(EventSource &source) {
     source.waitFor(events);
     const std::chrono::duration<double> time = Clock::now() - start;
 
-    source.receiver.takesTimes = true;
+    source.receiver.measuresLatency = true;
     for (size_t i = 0; i < kTimes; ++i) {
         source.request(sim::kRequestSendTimes, 1, {});
         source.waitFor(events += sizeof(int64_t));

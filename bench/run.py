@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Measures the library and says how it compares.
 
-  run.py stream BUILD ROUNDS     inside the virtual machine: throughput and processor time against
-                                 a bare libusb loop and against blocking reads
+  run.py stream BUILD ROUNDS     inside the virtual machine: throughput and processor time with
+                                 shared and private rings of several shapes, against bare libusb
+                                 loops and a ring written by hand; its last line is for chart.py
   run.py events BUILD ROUNDS     inside the virtual machine: the event pipe against a bare libusb
                                  loop that calls a function directly
   run.py loaders BUILD ROUNDS    inside the virtual machine: whole loads against dfu-util and imx_usb
@@ -12,6 +13,7 @@
 
 Exit status 1 when a figure misses its target.
 """
+import json
 import os
 import re
 import statistics
@@ -23,7 +25,17 @@ import time
 sys.path.insert(0, os.path.dirname(__file__))
 import callgrind_cost
 
-STREAM_BYTES = 2 << 30
+STREAM_BYTES = 256 << 20
+# Buffer size and count; the fourth is the command's default, the third that of README's example.
+SHAPES = ((65536, 256), (524288, 32), (1048576, 16), (1048576, 32), (4194304, 4), (1000000, 16))
+# Each way of streaming: the benchmark's mode, and settings in the environment.
+WAYS = {
+    "bare loop": ("bare",),
+    "bare loop, shared": ("bare-shared",),
+    "ring by hand": ("hand",),
+    "library, private ring": ("library", ("VEXA_USB_RING", "private")),
+    "library, shared ring": ("library",),
+}
 missed = False
 
 
@@ -73,28 +85,65 @@ class Simulator:
         raise SystemExit("the firmware was not started")
 
 
+def stream_once(build, way, shape):
+    """Seconds, processor seconds and, of the library, the start's seconds."""
+    mode, *setting = WAYS[way]
+    output = subprocess.run([f"{build}/bench/stream-bench", mode, *map(str, shape),
+                             str(STREAM_BYTES)], check=True, capture_output=True, text=True,
+                            env={**os.environ, **dict(setting)}).stdout
+    return [float(word) for word in output.split()]
+
+
 def stream(build, rounds):
-    modes = ("bare", "library", "blocking")
-    times = {mode: [] for mode in modes}
-    processor = {mode: [] for mode in modes}
+    limit_transfers(256)
+    runs = {(shape, way): [] for shape in SHAPES for way in WAYS}
     with Simulator(build, "instrument,speed=super"):
-        for _ in range(rounds + 1):
-            for mode in modes:
-                output = subprocess.run([f"{build}/bench/stream-bench", mode, str(STREAM_BYTES)],
-                                        check=True, capture_output=True, text=True).stdout.split()
-                times[mode].append(float(output[0]))
-                processor[mode].append(float(output[1]))
-    # The first round warms up.
-    rate = {mode: STREAM_BYTES / 1e6 / statistics.median(times[mode][1:]) for mode in modes}
-    used = {mode: statistics.median(processor[mode][1:]) for mode in modes}
-    print(f"Stream of {STREAM_BYTES >> 20} MiB, medians of {rounds} rounds in turns:")
-    for mode in modes:
-        show(f"  {mode}: MB/s", rate[mode])
-        show(f"  {mode}: seconds of processor time", used[mode])
-    show("  throughput, library / bare", rate["library"] / rate["bare"], 0.97, True)
-    show("  throughput, library / blocking", rate["library"] / rate["blocking"])
-    show("  processor time, library / bare", used["library"] / used["bare"], 1.05)
-    show("  processor time, library / blocking", used["library"] / used["blocking"])
+        for turn in range(rounds + 1):
+            for shape, way in runs:
+                result = stream_once(build, way, shape)
+                if turn > 0:  # the first warms up
+                    runs[shape, way].append(result)
+    print(f"Stream of {STREAM_BYTES >> 20} MiB, every byte read, medians of {rounds} rounds in turns,"
+          f" load average {os.getloadavg()[0]:.1f} in the machine:")
+    table = {}
+    for (shape, way), results in runs.items():
+        median = [statistics.median(column) for column in zip(*results)]
+        table[shape, way] = {"rate": STREAM_BYTES / 1e6 / median[0],
+                             "processor": median[1] * (1 << 30) / STREAM_BYTES,
+                             "start": median[2] if len(median) > 2 else 0}
+    for shape in SHAPES:
+        name = f"{shape[0]} x {shape[1]}"
+        for way in WAYS:
+            one = table[shape, way]
+            print(f"  {name:<14} {way:<22} {one['rate']:7.1f} MB/s {one['processor']:7.2f} s/GiB"
+                  f" {one['start'] * 1e3:7.1f} ms to start")
+        compare(name, shape[0], {way: table[shape, way] for way in WAYS})
+    print("chart: " + json.dumps([[*shape, way, one["rate"], one["processor"]]
+                                  for (shape, way), one in table.items()]))
+
+
+def compare(name, size, of):
+    """Says how the ways compare at one shape."""
+    def ratio(figure, one, other):
+        return of[one][figure] / of[other][figure]
+    bare = "bare loop"
+    limit = "bare loop, shared"
+    hand = "ring by hand"
+    shared = "library, shared ring"
+    private = "library, private ring"
+    show(f"  {name}: processor time, shared / bare", ratio("processor", shared, bare),
+         0.35 if size >= 524288 else None)
+    show(f"  {name}: processor time, shared / bare shared", ratio("processor", shared, limit),
+         1.3 if size >= 1048576 else None)
+    show(f"  {name}: throughput, shared / bare", ratio("rate", shared, bare), 1.0, True)
+    show(f"  {name}: processor time, private / by hand", ratio("processor", private, hand), 1.05)
+    show(f"  {name}: throughput, private / by hand", ratio("rate", private, hand), 0.97, True)
+    show(f"  {name}: time of the start, shared / private", ratio("start", shared, private), 2)
+
+
+def limit_transfers(mebibytes):
+    with open("/sys/module/usbcore/parameters/usbfs_memory_mb", "w") as file:
+        file.write(str(mebibytes))
 
 
 def profile(build, program, *arguments):
@@ -120,14 +169,14 @@ def instructions(build):
     show("  instructions elsewhere on its behalf", cost["behalf"])
     show("  instructions, both", cost["own"] + cost["behalf"], 1500)
     show("  allocations", cost["allocations"], 0.1)
-    cost = per_unit(build, 100, 1100, "changes", "events")
+    cost = per_unit(build, 100, 1100, "callbacks", "events")
     print("Event pipe against the stand-in, per event byte (packets of 64):")
     show("  instructions in the library", cost["own"] / 64)
     show("  instructions, with what is done on its behalf", (cost["own"] + cost["behalf"]) / 64, 600)
     print("One plug and unplug, instructions with what is done on the library's behalf:")
     changes = {}
     for entries in (1, 10, 100):
-        cost = per_unit(build, 50, 550, "changes", "list", entries)
+        cost = per_unit(build, 50, 550, "callbacks", "list", entries)
         changes[entries] = cost["own"] + cost["behalf"]
         show(f"  with {entries} listed", changes[entries])
     show("  with 100 / with 1", changes[100] / changes[1], 2)

@@ -1,16 +1,20 @@
-// Reads a number of bytes from the simulated instrument's stream in one of three ways and prints
-// the time and the processor time that it took.
+// Reads a number of bytes from the simulated instrument's stream in one of several ways, looks at
+// every byte, and prints the seconds and the processor seconds from the start to the end of it.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <libusb.h>
@@ -24,135 +28,286 @@ namespace {
 using bench::BareDevice;
 using bench::require;
 
-constexpr int kTransferSize = 524288;
+constexpr uint64_t kMaxTransferSize = 524288;
 constexpr int kTransferCount = 3;
-constexpr uint64_t kBufferSize = 4194304;
-constexpr uint64_t kBufferCount = 3;
 
-// (a): three transfers, resubmitted as they complete; nobody looks at the data.
-struct BareLoop {
-    uint64_t left = 0;
-    int flying = 0;
+struct Shape {
+    uint64_t bufferSize;
+    uint64_t bufferCount;
+    uint64_t bytes; // to be read in all
+};
 
+// What a consumer does with its data: the sum of all words, in a variable that cannot be left out.
+volatile uint64_t total = 0;
+
+void lookAt(const uint8_t *data, uint64_t size) {
+    uint64_t sum = 0;
+    for (uint64_t i = 0; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t)) {
+        uint64_t word = 0;
+        std::memcpy(&word, data + i, sizeof(word));
+        sum += word;
+    }
+    total = total + sum;
+}
+
+// Pieces of equal size, each of whole packets.
+uint64_t transferSize(uint64_t bufferSize, uint64_t packetSize) {
+    const uint64_t pieces = (bufferSize + kMaxTransferSize - 1) / kMaxTransferSize;
+    return (bufferSize / pieces + packetSize - 1) / packetSize * packetSize;
+}
+
+class Stopwatch {
+public:
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+    double processorSeconds() const { return processor() - processorStart_; }
+
+private:
+    static double processor() {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        const auto inSeconds = [](const timeval &time) {
+            return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+        };
+        return inSeconds(usage.ru_utime) + inSeconds(usage.ru_stime);
+    }
+
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    const double processorStart_ = processor();
+};
+
+void report(const Stopwatch &watch) {
+    std::printf("%f %f\n", watch.seconds(), watch.processorSeconds());
+}
+
+// A bare device, and the size of its stream's packets.
+class StreamDevice : public BareDevice {
+public:
+    const uint64_t packetSize = static_cast<uint64_t>(
+        libusb_get_max_packet_size(libusb_get_device(handle), sim::kStreamEndpoint));
+};
+
+// Three transfers that are looked at and resubmitted as they complete, in a single thread.
+class BareLoop {
+public:
+    void run(const Shape &shape, bool shared) {
+        const StreamDevice device;
+        const Stopwatch watch;
+        const uint64_t size = transferSize(shape.bufferSize, device.packetSize);
+        left_ = shape.bytes;
+        std::vector<libusb_transfer *> transfers;
+        std::vector<std::unique_ptr<uint8_t[]>> ordinary;
+        for (int i = 0; i < kTransferCount; ++i) {
+            uint8_t *memory = nullptr;
+            if (shared) {
+                memory = libusb_dev_mem_alloc(device.handle, size);
+            } else {
+                ordinary.emplace_back(new uint8_t[size]);
+                memory = ordinary.back().get();
+            }
+            require(memory != nullptr, "memory");
+            libusb_transfer *const transfer = libusb_alloc_transfer(0);
+            libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, memory,
+                                      static_cast<int>(size), completed, this, 0);
+            require(libusb_submit_transfer(transfer) == 0, "submit");
+            transfers.push_back(transfer);
+            ++flying_;
+        }
+        while (flying_ > 0)
+            libusb_handle_events(device.context);
+        for (libusb_transfer *transfer : transfers) {
+            if (shared)
+                libusb_dev_mem_free(device.handle, transfer->buffer, size);
+            libusb_free_transfer(transfer);
+        }
+        report(watch);
+        require(left_ == 0, "a transfer failed");
+    }
+
+private:
     static void LIBUSB_CALL completed(libusb_transfer *transfer) {
         auto &self = *static_cast<BareLoop *>(transfer->user_data);
         const auto actual = static_cast<uint64_t>(transfer->actual_length);
-        self.left -= actual < self.left ? actual : self.left;
-        if (transfer->status != LIBUSB_TRANSFER_COMPLETED || self.left == 0 ||
+        lookAt(transfer->buffer, actual);
+        self.left_ -= std::min(actual, self.left_);
+        if (transfer->status != LIBUSB_TRANSFER_COMPLETED || self.left_ == 0 ||
             libusb_submit_transfer(transfer) != 0)
-            --self.flying;
+            --self.flying_;
     }
 
-    void run(uint64_t bytes) {
-        const BareDevice device;
-        std::vector<std::vector<uint8_t>> buffers(kTransferCount);
-        std::vector<libusb_transfer *> transfers;
-        left = bytes;
-        for (auto &buffer : buffers) {
-            buffer.resize(kTransferSize);
-            libusb_transfer *const transfer = libusb_alloc_transfer(0);
-            libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, buffer.data(),
-                                      kTransferSize, completed, this, 0);
-            require(libusb_submit_transfer(transfer) == 0, "submit");
-            transfers.push_back(transfer);
-            ++flying;
-        }
-        while (flying > 0)
-            libusb_handle_events(device.context);
-        for (libusb_transfer *transfer : transfers)
-            libusb_free_transfer(transfer);
-        require(left == 0, "a transfer failed");
-    }
+    uint64_t left_ = 0;
+    int flying_ = 0;
 };
 
-// (b): this library; each buffer is locked and given back.
+// What an expert writes: three transfers fill the buffers of a ring one after the other, and a
+// thread is woken for each full one.
+class RingByHand {
+public:
+    void run(const Shape &shape) {
+        const StreamDevice device;
+        const Stopwatch watch;
+        size_ = transferSize(shape.bufferSize, device.packetSize);
+        pieces_ = (shape.bufferSize + size_ - 1) / size_;
+        for (uint64_t i = 0; i < shape.bufferCount; ++i)
+            buffers_.emplace_back(new uint8_t[size_ * pieces_]);
+        left_ = shape.bytes;
+        for (int i = 0; i < kTransferCount; ++i) {
+            libusb_transfer *const transfer = libusb_alloc_transfer(0);
+            libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, nullptr,
+                                      static_cast<int>(size_), completed, this, 0);
+            ++flying_;
+            submit(transfer);
+        }
+        std::thread consumer([this]() { consume(); });
+        while (flying_ > 0)
+            libusb_handle_events(device.context);
+        consumer.join();
+        report(watch);
+    }
+
+private:
+    // On the thread that handles events.
+    void submit(libusb_transfer *transfer) {
+        transfer->buffer =
+            buffers_[next_ / pieces_ % buffers_.size()].get() + next_ % pieces_ * size_;
+        ++next_;
+        require(libusb_submit_transfer(transfer) == 0, "submit");
+    }
+
+    static void LIBUSB_CALL completed(libusb_transfer *transfer) {
+        auto &self = *static_cast<RingByHand *>(transfer->user_data);
+        if (transfer->status != LIBUSB_TRANSFER_COMPLETED)
+            std::abort();
+        bool done = false;
+        {
+            const std::lock_guard lock(self.mutex_);
+            if (++self.completed_ % self.pieces_ == 0)
+                self.full_.notify_one();
+            done = self.left_ == 0;
+            if (self.completed_ / self.pieces_ >= self.taken_ + self.buffers_.size())
+                std::abort(); // overflow
+        }
+        if (done) {
+            libusb_free_transfer(transfer);
+            --self.flying_;
+        } else {
+            self.submit(transfer);
+        }
+    }
+
+    void consume() {
+        std::unique_lock lock(mutex_);
+        while (left_ > 0) {
+            full_.wait(lock, [this]() { return completed_ / pieces_ > taken_; });
+            const uint8_t *const data = buffers_[taken_ % buffers_.size()].get();
+            lock.unlock();
+            lookAt(data, size_ * pieces_);
+            lock.lock();
+            ++taken_;
+            left_ -= std::min(size_ * pieces_, left_);
+        }
+    }
+
+    // Set before the transfers start.
+    uint64_t size_ = 0;
+    uint64_t pieces_ = 0; // of a buffer
+    std::vector<std::unique_ptr<uint8_t[]>> buffers_;
+
+    // The event thread's.
+    uint64_t next_ = 0;
+    int flying_ = 0;
+
+    std::mutex mutex_; // guards what follows
+    std::condition_variable full_;
+    uint64_t completed_ = 0; // pieces
+    uint64_t taken_ = 0;     // buffers
+    uint64_t left_ = 0;      // bytes
+};
+
+// This library; each buffer is locked, looked at and given back.
 class LibraryStream {
 public:
-    void run(uint64_t bytes) {
+    void run(const Shape &shape) {
         device_ = bench::openFirst(callback, this);
-        left_ = bytes;
-        require(vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, kBufferSize,
-                                           kBufferCount) == 0,
+        left_ = shape.bytes;
+        const Stopwatch watch;
+        require(vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, shape.bufferSize,
+                                           shape.bufferCount) == 0,
                 "start");
+        startSeconds_ = watch.seconds();
         {
             std::unique_lock lock(mutex_);
             done_.wait(lock, [this]() { return left_ == 0; });
         }
+        vexa_usb_data_stream_stop(device_);
+        report(watch);
         vexa_usb_close(device_);
         vexa_usb_fini();
     }
+    double startSeconds() const { return startSeconds_; }
 
 private:
     static void callback(_vexa_usb_device_event event, void *data) {
         if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL)
             static_cast<LibraryStream *>(data)->take();
-        else if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR ||
-                 event == VEXA_USB_DEVICE_EVENT_REMOVED)
+        else if (event == VEXA_USB_DEVICE_EVENT_REMOVED ||
+                 event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+            static_cast<LibraryStream *>(data)->failed();
+    }
+    // Once all is read, the ring may well run full before it is stopped.
+    void failed() {
+        const std::lock_guard lock(mutex_);
+        if (left_ > 0)
             std::abort();
     }
-    // Under the mutex, so that the device is not closed meanwhile.
     void take() {
-        const std::lock_guard lock(mutex_);
         uint8_t *data = nullptr;
         uint64_t size = 0;
+        const std::lock_guard lock(mutex_); // so that the device is not closed meanwhile
         if (left_ == 0 || vexa_usb_data_stream_buffer_lock(device_, &data, &size) != 0)
             return;
+        lookAt(data, size);
         vexa_usb_data_stream_buffer_unlock(device_);
-        left_ -= size < left_ ? size : left_;
+        left_ -= std::min(size, left_);
         if (left_ == 0)
             done_.notify_all();
     }
 
     _vexa_usb_device *device_ = nullptr;
-    std::mutex mutex_;
+    double startSeconds_ = 0;
+    std::mutex mutex_; // guards what follows
     std::condition_variable done_;
     uint64_t left_ = 0;
 };
 
-// (c): one blocking read after the other.
-void blockingReads(uint64_t bytes) {
-    const BareDevice device;
-    std::vector<uint8_t> buffer(kTransferSize);
-    for (uint64_t done = 0; done < bytes;) {
-        int actual = 0;
-        require(libusb_bulk_transfer(device.handle, sim::kStreamEndpoint, buffer.data(),
-                                     kTransferSize, &actual, 0) == 0,
-                "read");
-        done += static_cast<uint64_t>(actual);
+void run(const std::string &way, const Shape &shape) {
+    if (way == "bare" || way == "bare-shared")
+        BareLoop().run(shape, way == "bare-shared");
+    else if (way == "hand")
+        RingByHand().run(shape);
+    else {
+        auto *const stream = new LibraryStream; // callbacks can come late: it lives on
+        stream->run(shape);
+        std::printf("%f\n", stream->startSeconds());
     }
-}
-
-double processorSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval &time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s bare|library|blocking BYTES\n", argv[0]);
+    if (argc != 5) {
+        std::fprintf(stderr,
+                     "usage: %s bare|bare-shared|hand|library BUFFER-SIZE BUFFER-COUNT BYTES\n",
+                     argv[0]);
         return 2;
     }
-    const std::string mode = argv[1];
-    const uint64_t bytes = std::strtoull(argv[2], nullptr, 10);
-    const auto start = std::chrono::steady_clock::now();
     try {
-        if (mode == "bare")
-            BareLoop().run(bytes);
-        else if (mode == "library")
-            (new LibraryStream)->run(bytes); // callbacks can come late: it lives on
-        else
-            blockingReads(bytes);
+        run(argv[1], {std::strtoull(argv[2], nullptr, 10), std::strtoull(argv[3], nullptr, 10),
+                      std::strtoull(argv[4], nullptr, 10)});
     } catch (const std::exception &error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;
     }
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-    std::printf("%f %f\n", time.count(), processorSeconds());
     return 0;
 }

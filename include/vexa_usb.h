@@ -36,13 +36,15 @@
  * #VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR, an event pipe ends, and a device that was plugged in is
  * listed by the next update.
  *
- * **Environment.** Two variables change what the library does:
+ * **Environment.** Three variables change what the library does:
  * - `VEXA_USB_LOG`, read when the library is started: `error`, `info` or `debug` has it write to
  *   standard error why something failed and what to do about it; unset or empty, it is silent; any
- *   other word is taken for `error`.  Lines are written where things happen, so standard error has
+ *   other word is treated as `error`.  Lines are written where things happen, so standard error has
  *   to be drained: while it blocks, the library does.
  * - `VEXA_USB_STREAM`, read at each vexa_usb_data_stream_start(): `strict` has a stream end at its
  *   first gap; unset, empty, `default` or any other word, it goes on.
+ * - `VEXA_USB_RING`, read at the same moment: `private` keeps the stream's buffers in ordinary
+ *   memory; unset, empty, `shared` or any other word, see vexa_usb_data_stream_start().
  *
  * **Unloading.** The library stays in memory when a program that has loaded it with dlopen() closes
  * it: its threads may still be at work.  Loading it again finds it as it was left.
@@ -539,6 +541,15 @@ VEXA_USB_API int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device);
  * packet size or 4 of another size, and more to go on while one is read; of buffers smaller than a
  * packet, more than three packets' worth.  Too few show as the error event.
  *
+ * **Memory.** On x86-64 the kernel fills buffers itself where that takes nothing away from others:
+ * where the system's limit for USB transfers (`/sys/module/usbcore/parameters/usbfs_memory_mb`) is
+ * at least 64 MiB or 0 (none), as long as all programs that use this library share a quarter of it
+ * at most, and 2 MiB stay free for each supported device on the bus.  What goes beyond that or is
+ * refused is ordinary memory, to which the kernel copies; nothing else differs.  Shared buffers can
+ * be read, written, and passed to read(), write() and to transfers.  What pins pages refuses them
+ * with `EFAULT` (files opened with `O_DIRECT`, registered buffers of io_uring): set
+ * `VEXA_USB_RING=private` for these.  `VEXA_USB_LOG=info` tells what is shared, and why not the rest.
+ *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 set
  * @param buffer_size bytes in one buffer, above 0
@@ -579,7 +590,8 @@ VEXA_USB_API int32_t vexa_usb_data_stream_stop(_vexa_usb_device *device);
  * This and the unlock wait for a vexa_usb_data_stream_stop() in progress on another thread.
  *
  * @param device the handle
- * @param[out] data receives the buffer's address; valid until the unlock, the stop or the close
+ * @param[out] data receives the buffer's address; valid until the unlock, the stop or the close.
+ * It may be another each time the ring comes round to the same buffer.
  * @param[out] size receives the number of bytes, always the buffer size given at the start
  * @retval 0 locked
  * @retval 1 no buffer is full, or one is locked already

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Shared by the scripts beside it: where things are, and how missing packages get installed.
+# What the scripts of this directory share.
 set -euo pipefail
 
 vexaRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -11,13 +11,13 @@ die() {
     exit 1
 }
 
-# Says what comes now, and keeps it in `stepName` for when it fails.
+# Prints the name of the next step, and keeps it in `stepName` for the message if it fails.
 step() {
     stepName=$*
     printf '\n== %s (%s s)\n' "$stepName" "$SECONDS"
 }
 
-# sources PATTERN...: the files of the project that match and are there, new ones too.
+# sources PATTERN...: the project's files that match, also those that git does not track yet.
 sources() {
     git -C "$vexaRoot" ls-files -co --exclude-standard --deduplicate -- "$@" |
         while read -r file; do
@@ -35,7 +35,7 @@ asRoot() {
     fi
 }
 
-# Installs the packages of scripts/packages that are missing; silent when none is.
+# Installs the packages of scripts/packages that are missing; prints nothing if there are none.
 installPackages() {
     local wanted missing
     wanted=$(grep -v '^#' "$vexaRoot/scripts/packages")
@@ -51,7 +51,7 @@ installPackages() {
         apt-get install -qq -y --no-install-recommends $missing >/dev/null
 }
 
-# buildPreset PRESET [TARGET...]: configures that preset and builds it, or the targets alone.
+# buildPreset PRESET [TARGET...]: configures that preset and builds everything, or those targets.
 buildPreset() {
     local preset=$1
     shift
@@ -59,7 +59,7 @@ buildPreset() {
     quietly cmake --build "$vexaBuild/$preset" ${1:+--target "$@"}
 }
 
-# Runs a command and shows its output only when it fails.
+# Runs a command; shows its output only if it fails.
 quietly() {
     local output
     if ! output=$("$@" 2>&1); then

@@ -19,14 +19,14 @@ namespace {
 
 constexpr std::chrono::milliseconds kPollInterval{10};
 constexpr std::chrono::milliseconds kRetryInterval{200};
-constexpr int kMostFailures = 10;
+constexpr int kMaxFailures = 10;
 constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 
 [[noreturn]] void fail(const std::string &reason) {
     throw std::runtime_error("cannot attach devices: " + reason);
 }
 
-// What the client says is shown only if it does not manage.
+// Collects the client's output, which is shown only if the client fails.
 int openOutput() {
     if (access(kController, F_OK) != 0)
         fail("the kernel's virtual host controller is unavailable; as root: modprobe vhci-hcd");
@@ -51,7 +51,7 @@ void Attacher::attach(const ExportedDevice &device) {
         startNext();
 }
 
-// The client asks this very process for the device, so it must not be waited for here.
+// The client asks this process for the device, so nothing may wait for the client here.
 void Attacher::startNext() {
     std::array<std::string, 8> words{
         "usbip",     "--tcp-port", std::to_string(port_),         "attach", "-r",
@@ -88,16 +88,17 @@ void Attacher::awaitEnd(pid_t process) {
         retry();
 }
 
-// The client fails when it looks at a device that the kernel is just setting up or taking down.  A
-// device that is attached all the same, or has left, needs no more.
+// The client may fail although nothing is wrong: when it reads the entry of another device that the
+// kernel is setting up or removing.  So it runs again.  A device that is attached in spite of the
+// failure, or has left, needs no other try.
 void Attacher::retry() {
-    if (++failures_ < kMostFailures) {
+    if (++failures_ < kMaxFailures) {
         loop_.after(kRetryInterval, [this]() { startNext(); });
         return;
     }
     if (waiting_.front()->isAvailable())
-        fail(fmt::format("usbip did not attach {}, of {} tries the last says: {}",
-                         waiting_.front()->name().busId, failures_, clientsWords()));
+        fail(fmt::format("usbip did not attach {} in {} tries; the last one said: {}",
+                         waiting_.front()->name().busId, failures_, clientOutput()));
     finished();
 }
 
@@ -108,7 +109,7 @@ void Attacher::finished() {
         startNext();
 }
 
-std::string Attacher::clientsWords() const {
+std::string Attacher::clientOutput() const {
     std::string text(1000, '\0');
     const ssize_t size = pread(output_, text.data(), text.size(), 0);
     text.resize(size > 0 ? static_cast<size_t>(size) : 0);

@@ -11,9 +11,9 @@
 
 namespace sim {
 
-// Plugs exported devices into this machine: runs the system's `usbip attach` for them, one at a
-// time, since two at once would choose the same port.  When that cannot be done, the
-// constructor or the event loop throws std::runtime_error, which says what to do.
+// Plugs exported devices into this machine.  It runs the system's `usbip attach` for them, one at a
+// time, because two at once would choose the same port.  If that is impossible, the constructor or
+// the event loop throws std::runtime_error, whose text says what to do.
 class Attacher {
 public:
     Attacher(EventLoop &loop, uint16_t port);
@@ -28,13 +28,13 @@ private:
     void awaitEnd(pid_t process);
     void retry();
     void finished();
-    std::string clientsWords() const;
+    std::string clientOutput() const;
 
     EventLoop &loop_;
     const uint16_t port_;
-    const int output_;                           // of the client
-    std::deque<const ExportedDevice *> waiting_; // the one being attached first
-    int failures_ = 0;                           // in a row, of that one
+    const int output_;                           // a file in memory to which the client writes
+    std::deque<const ExportedDevice *> waiting_; // the first is the one that is being attached
+    int failures_ = 0;                           // how often the client has failed for it
 };
 
 } // namespace sim

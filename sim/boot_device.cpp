@@ -10,60 +10,55 @@
 
 namespace sim {
 
-/*
- * What bare processors have in common: the faults that they were told to have, and the change into
- * an instrument once their firmware runs.  A fault happens once, so that a second load finds a
- * device in order.
- */
 namespace {
 
-constexpr std::chrono::milliseconds kAway{300}; // between two lives
+constexpr std::chrono::milliseconds kAway{300}; // off the bus before it comes back
 
 } // namespace
 
 BootDevice::BootDevice(DeviceShape shape, const LoadBehaviour &behaviour)
-    : DeviceModel(std::move(shape)), faults_(behaviour) {}
+    : DeviceModel(std::move(shape)), behaviour_(behaviour) {}
 
 void BootDevice::plugged(Port &port) {
     DeviceModel::plugged(port);
-    setDelay(0, faults_.delay);
+    setDelay(0, behaviour_.delay);
     requests_ = 0;
-    ++life_;
+    ++timesPlugged_;
 }
 
 Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
     if (++requests_ == 1)
         firstRequest_ = Clock::now();
-    if (isStep(faults_.fail))
+    if (takeFault(behaviour_.fail))
         return Answer::stall();
-    if (isStep(faults_.unplug)) {
+    if (takeFault(behaviour_.unplug)) {
         port().unplug(kAway);
         return Answer::wait();
     }
     Answer answer = loadRequest(setup, data);
-    if (isStep(faults_.shorten) && answer.kind == Answer::Kind::Done && answer.length != 0)
+    if (takeFault(behaviour_.shorten) && answer.kind == Answer::Kind::Done && answer.length != 0)
         --answer.length;
     return answer;
 }
 
 void BootDevice::later(std::chrono::milliseconds delay, std::function<void()> action) {
-    port().after(delay, [this, now = life_, action = std::move(action)]() {
-        if (now == life_)
+    port().after(delay, [this, times = timesPlugged_, action = std::move(action)]() {
+        if (times == timesPlugged_)
             action();
     });
 }
 
-bool BootDevice::isStep(std::optional<uint32_t> &step) {
-    if (step != requests_)
+bool BootDevice::takeFault(std::optional<uint32_t> &fault) {
+    if (fault != requests_)
         return false;
-    step.reset();
+    fault.reset();
     return true;
 }
 
 bool BootDevice::statusIsBad() {
-    if (++statuses_ != faults_.badStatus)
+    if (++statuses_ != behaviour_.badStatus)
         return false;
-    faults_.badStatus.reset();
+    behaviour_.badStatus.reset();
     return true;
 }
 

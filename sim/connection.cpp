@@ -12,18 +12,10 @@ namespace sim {
 
 using namespace usbip;
 
-/*
- * One client: first it asks for the list of devices or imports one of them, and after an import
- * the connection carries that device's transfers.  Transfers on one endpoint are answered in the
- * order of their submission.
- *
- * Input that breaks the protocol throws std::runtime_error with the reason, which ends this
- * connection alone.
- */
 namespace {
 
-constexpr size_t kMostPending = 256U << 20; // bytes, far more than any kernel has in flight
-constexpr uint32_t kNoPackets = 0xFFFFFFFF; // another way for clients to say "not isochronous"
+constexpr size_t kMaxPending = 256U << 20;  // bytes; far more than any kernel has in flight
+constexpr uint32_t kNoPackets = 0xFFFFFFFF; // some clients send it, others 0, if not isochronous
 
 uint8_t endpointAddress(const CommandHeader &header) {
     if (header.endpoint == 0)
@@ -57,7 +49,7 @@ bool Connection::work(bool readable) {
     bool peerIsThere = true;
     if (readable && !leaving_)
         peerIsThere = socket_.receive();
-    // A client that does not read what it asked for is not answered further until it does.
+    // A client that does not read its answers gets no more of them until it does.
     while (!socket_.isFull() && !leaving_ && handleInput()) {
     }
     if (device_ != nullptr)
@@ -75,8 +67,8 @@ bool Connection::handleOperation() {
         return false;
     const OperationHeader header = parseOperation(input.first<kOperationSize>());
     if (header.version != kVersion)
-        throw std::runtime_error(fmt::format(
-            "USB/IP version {:#06x}; version {:#06x} is spoken here", header.version, kVersion));
+        throw std::runtime_error(fmt::format("USB/IP version {:#06x}; version {:#06x} is expected",
+                                             header.version, kVersion));
     if (header.operation == kRequestDeviceList) {
         socket_.consume(kOperationSize);
         replyDeviceList();
@@ -149,7 +141,7 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     if (input.size() < kHeaderSize + dataSize)
         return false;
     pendingBytes_ += sizeof(Transfer) + dataSize;
-    if (pendingBytes_ > kMostPending)
+    if (pendingBytes_ > kMaxPending)
         throw std::runtime_error("too many transfers at once");
     const auto data = input.subspan(kHeaderSize, dataSize);
     const uint8_t endpoint = endpointAddress(header);
@@ -160,14 +152,14 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     return true;
 }
 
-// A transfer that was answered before needs no more: the client tells that from status 0.
+// Status 0 tells the client that the transfer had been answered before.
 void Connection::handleUnlink(const CommandHeader &header) {
     size_t removed = 0;
     for (auto &[endpoint, transfers] : pending_) {
         const size_t here = std::erase_if(transfers, [&](const Transfer &transfer) {
             const bool found = transfer.sequence == header.unlinkSequence;
             if (found)
-                forget(transfer);
+                subtractPending(transfer);
             return found;
         });
         if (here != 0)
@@ -180,7 +172,7 @@ void Connection::handleUnlink(const CommandHeader &header) {
     socket_.send(std::move(reply));
 }
 
-void Connection::forget(const Transfer &transfer) {
+void Connection::subtractPending(const Transfer &transfer) {
     pendingBytes_ -= sizeof(Transfer) + transfer.data.size();
 }
 
@@ -195,7 +187,7 @@ void Connection::offerPending() {
         onOutput();
 }
 
-// The connection ends once all was sent, of which there may be nothing.
+// Wakes the connection even if there is nothing to send, so that it ends.
 void Connection::deviceLeft() {
     leaving_ = true;
     if (onOutput)
@@ -206,12 +198,11 @@ void Connection::offer(uint8_t endpoint) {
     std::deque<Transfer> &transfers = pending_[endpoint];
     while (!transfers.empty() && !leaving_ && !socket_.isFull() &&
            answer(endpoint, transfers.front())) {
-        forget(transfers.front());
+        subtractPending(transfers.front());
         transfers.pop_front();
     }
 }
 
-// False when the device lets the transfer wait.
 bool Connection::answer(uint8_t endpoint, Transfer &transfer) {
     OutputPiece reply(kHeaderSize + (transfer.in ? transfer.length : 0));
     const Answer given =

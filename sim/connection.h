@@ -13,6 +13,14 @@
 
 namespace sim {
 
+/*
+ * The connection of one client.  The client asks for the list of devices, or imports one of them;
+ * after an import the connection carries that device's transfers.  Transfers on one endpoint are
+ * answered in the order of their submission.
+ *
+ * Input that breaks the protocol throws std::runtime_error with the reason, which ends this
+ * connection alone.
+ */
 class Connection final : public ExportedDevice::Importer {
 public:
     using Devices = std::deque<ExportedDevice>;
@@ -24,17 +32,18 @@ public:
     bool wantsToSend() const { return !socket_.drained(); }
     bool wantsToReceive() const { return !socket_.isFull(); }
 
-    // Does what the socket allows; false when the connection has ended.
+    // Receives, answers and sends as much as is possible without waiting; false when the connection
+    // has ended.
     bool work(bool readable);
 
-    // Called when there may be something to send.
+    // Called when there may be something to send outside of work().
     std::function<void()> onOutput;
 
     void offerPending() override;
     void deviceLeft() override;
 
 private:
-    // A transfer that the host has submitted and that was not answered yet.
+    // A transfer that the client has submitted and that has not been answered yet.
     struct Transfer {
         uint32_t sequence;
         uint32_t length;
@@ -42,20 +51,22 @@ private:
         Setup setup;
         Bytes data;
     };
-    // Endpoint address; the control endpoint is 0 in both directions.
+    // By endpoint address; the control endpoint is 0 in both directions.
     using Pending = std::map<uint8_t, std::deque<Transfer>>;
 
     bool handleInput();
-    // Each handles one message; false when more input is needed first.
+    // Handle one message; false when it is not complete yet.
     bool handleOperation();
     bool handleCommand();
     void replyDeviceList();
     void importDevice(const std::string &busId);
     bool handleSubmit(const usbip::CommandHeader &header);
     void handleUnlink(const usbip::CommandHeader &header);
+    // Lets the device answer the pending transfers that it can answer now.
     void offer(uint8_t endpoint);
     void offerAll();
-    void forget(const Transfer &transfer);
+    void subtractPending(const Transfer &transfer);
+    // False when the device lets the transfer wait.
     bool answer(uint8_t endpoint, Transfer &transfer);
     static Answer ask(DeviceModel &model, uint8_t endpoint, Transfer &transfer,
                       std::span<uint8_t> room);
@@ -64,8 +75,8 @@ private:
     Devices &devices_;
     ExportedDevice *device_ = nullptr; // once imported
     Pending pending_;
-    size_t pendingBytes_ = 0; // what the transfers in `pending_` hold
-    bool leaving_ = false;    // the device has left: the connection ends once all is sent
+    size_t pendingBytes_ = 0; // the memory of the transfers in `pending_`
+    bool leaving_ = false;    // the device has left; the connection ends when everything is sent
 };
 
 } // namespace sim

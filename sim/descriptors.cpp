@@ -2,18 +2,13 @@
 
 #include <initializer_list>
 
+#include "byte_order.h"
+
 namespace sim {
 
 namespace {
 
 constexpr uint8_t kConfigurationValue = 1;
-
-uint8_t low(uint16_t value) {
-    return static_cast<uint8_t>(value & 0xFF);
-}
-uint8_t high(uint16_t value) {
-    return static_cast<uint8_t>(value >> 8);
-}
 
 uint16_t bcdUsbOf(const DeviceShape &shape) {
     if (shape.bcdUsb != 0)
@@ -35,14 +30,15 @@ void append(Bytes &to, std::initializer_list<uint8_t> bytes) {
 void appendEndpoint(Bytes &to, const DeviceShape &shape, const EndpointShape &endpoint) {
     const uint16_t size = maxPacketSize(shape.speed, endpoint.type);
     const bool interrupt = endpoint.type == EndpointType::Interrupt;
-    // Full speed counts milliseconds; the others powers of two of 125 microseconds.
+    // The shortest: 1 ms at full speed, 125 microseconds at the others.
     const uint8_t interval = interrupt ? 1 : 0;
-    append(to, {7, kEndpointDescriptor, endpoint.address, static_cast<uint8_t>(endpoint.type),
-                low(size), high(size), interval});
+    append(to, {7, kEndpointDescriptor, endpoint.address, static_cast<uint8_t>(endpoint.type)});
+    appendLittleEndian16(to, size);
+    append(to, {interval});
     if (shape.speed != Speed::Super)
         return;
-    const uint16_t perInterval = interrupt ? size : 0;
-    append(to, {6, kCompanionDescriptor, 0, 0, low(perInterval), high(perInterval)});
+    append(to, {6, kCompanionDescriptor, 0, 0});
+    appendLittleEndian16(to, interrupt ? size : 0); // bytes in each interval
 }
 
 } // namespace
@@ -54,13 +50,15 @@ uint16_t maxPacketSize(Speed speed, EndpointType type) {
 }
 
 Bytes deviceDescriptor(const DeviceShape &shape) {
-    const uint16_t usb = bcdUsbOf(shape);
-    // Super speed gives the size of endpoint 0 as a power of two.
+    // At super speed the packet size of endpoint 0 is given as an exponent of two.
     const uint8_t controlSize = shape.speed == Speed::Super ? 9 : 64;
-    Bytes bytes;
-    append(bytes, {18, kDeviceDescriptor, low(usb), high(usb), 0, 0, 0, controlSize,
-                   low(shape.vendor), high(shape.vendor), low(shape.product), high(shape.product),
-                   low(shape.bcdDevice), high(shape.bcdDevice), 1, 2, 3, 1});
+    Bytes bytes{18, kDeviceDescriptor};
+    appendLittleEndian16(bytes, bcdUsbOf(shape));
+    append(bytes, {0, 0, 0, controlSize});
+    appendLittleEndian16(bytes, shape.vendor);
+    appendLittleEndian16(bytes, shape.product);
+    appendLittleEndian16(bytes, shape.bcdDevice);
+    append(bytes, {1, 2, 3, 1});
     return bytes;
 }
 
@@ -72,9 +70,7 @@ Bytes configurationDescriptor(const DeviceShape &shape) {
     bytes.insert(bytes.end(), shape.classDescriptor.begin(), shape.classDescriptor.end());
     for (const EndpointShape &endpoint : shape.endpoints)
         appendEndpoint(bytes, shape, endpoint);
-    const auto total = static_cast<uint16_t>(bytes.size());
-    bytes[2] = low(total);
-    bytes[3] = high(total);
+    putLittleEndian16(std::span(bytes).subspan(2), static_cast<uint16_t>(bytes.size()));
     return bytes;
 }
 
@@ -85,7 +81,7 @@ Bytes qualifierDescriptor(const DeviceShape &shape) {
     return bytes;
 }
 
-// USB 2.0 extension with link power management, super-speed capability.
+// Has two capabilities: USB 2.0 extension with link power management, and super speed.
 Bytes bosDescriptor(const DeviceShape &shape) {
     Bytes bytes;
     if (shape.speed == Speed::Super) {
@@ -105,7 +101,7 @@ Bytes stringDescriptor(const DeviceShape &shape, uint8_t index) {
     const std::string text = texts[index - 1]->substr(0, 126);
     Bytes bytes{static_cast<uint8_t>(2 + 2 * text.size()), kStringDescriptor};
     for (const char character : text)
-        append(bytes, {static_cast<uint8_t>(character), 0});
+        appendLittleEndian16(bytes, static_cast<uint8_t>(character));
     return bytes;
 }
 

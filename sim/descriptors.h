@@ -13,17 +13,17 @@ struct EndpointShape {
     EndpointType type;
 };
 
-// What a device says of itself.
+// What the descriptors of a device are made from.
 struct DeviceShape {
     Speed speed = Speed::High;
-    uint16_t bcdUsb = 0; // 0: what goes with the speed
+    uint16_t bcdUsb = 0; // 0: the usual one for the speed
     uint16_t vendor = 0;
     uint16_t product = 0;
     uint16_t bcdDevice = 0x0100;
     uint8_t interfaceClass = 0xFF;
     uint8_t interfaceSubClass = 0;
     uint8_t interfaceProtocol = 0;
-    Bytes classDescriptor; // behind the interface descriptor
+    Bytes classDescriptor; // follows the interface descriptor
     Bytes reportDescriptor;
     std::vector<EndpointShape> endpoints;
     std::string manufacturer;
@@ -31,10 +31,10 @@ struct DeviceShape {
     std::string serial;
 };
 
-// The largest packet of an endpoint at a speed, in bytes.
+// The packet size of an endpoint of that type at that speed, in bytes.
 uint16_t maxPacketSize(Speed speed, EndpointType type);
 
-// The descriptors, as GET_DESCRIPTOR returns them; empty when the device has none such.
+// The descriptors as GET_DESCRIPTOR returns them; empty if the device has no such descriptor.
 Bytes deviceDescriptor(const DeviceShape &shape);
 Bytes configurationDescriptor(const DeviceShape &shape);
 Bytes qualifierDescriptor(const DeviceShape &shape);

@@ -5,13 +5,6 @@
 
 namespace sim {
 
-/*
- * A simulated USB device: answers the standard requests, keeps the faults that it was told to
- * have, and leaves the rest to the kind of device derived from it.
- *
- * Every entry point answers at once.  A request that the device lets wait is offered to it again
- * after each wake of its port.
- */
 namespace {
 
 bool isEndpointHalt(const Setup &setup) {

@@ -18,8 +18,8 @@ namespace sim {
 // What a device answers to one request of the host.
 struct Answer {
     enum class Kind : uint8_t {
-        Done,  // `length` bytes were sent or taken; fewer than asked for is a short answer
-        Wait,  // nothing yet; the host's request stays pending
+        Done,  // `length` bytes were sent or taken; it may be fewer than the host asked for
+        Wait,  // not yet: the host's request stays pending
         Stall, // refused
     };
 
@@ -31,7 +31,7 @@ struct Answer {
     size_t length;
 };
 
-// What fits of `bytes` as the answer to an IN request.
+// Answers an IN request with as many of `bytes` as there is room for.
 Answer sendBytes(std::span<const uint8_t> bytes, std::span<uint8_t> room);
 
 class DeviceModel;
@@ -41,17 +41,26 @@ class Port {
 public:
     virtual ~Port() = default;
 
-    // Pending requests are to be offered to the device again, at once or after a while.
+    // Offers pending requests to the device again after that time.  Never from within this call,
+    // even if the time is 0.
     virtual void wake(std::chrono::milliseconds delay) = 0;
-    // Runs `action` after a while, wherever the device is then.
+    // Runs `action` after that time, even if the device has left the bus by then.
     virtual void after(std::chrono::milliseconds delay, std::function<void()> action) = 0;
-    // Leaves the bus after the answer in hand; comes back after `returnAfter` if that is given.
+    // Takes the device off the bus once its current answer was sent.  If `returnAfter` is given,
+    // the device comes back after that time.
     virtual void unplug(std::optional<std::chrono::milliseconds> returnAfter) = 0;
-    // Leaves, too; what comes back is another device.
+    // The same, but another device comes back.
     virtual void become(std::unique_ptr<DeviceModel> other,
                         std::chrono::milliseconds returnAfter) = 0;
 };
 
+/*
+ * A simulated USB device.  This class answers the standard requests and has the faults that it is
+ * told to have; the derived class does the rest.
+ *
+ * Every function answers at once.  A request that the device lets wait is offered to it again after
+ * each wake of its port.
+ */
 class DeviceModel {
 public:
     explicit DeviceModel(DeviceShape shape) : shape_(std::move(shape)) {}
@@ -61,22 +70,25 @@ public:
 
     const DeviceShape &shape() const { return shape_; }
 
-    // The device begins anew on this port, which outlives its stay there.
+    // The device is plugged into this port, which it uses from now on, and begins in its first
+    // state.
     virtual void plugged(Port &port);
 
-    // The host's side.  `data` is the data stage of an OUT request, or room for that of an IN one.
+    // The host's requests.  `data` is the data stage of an OUT request, or the room for that of an
+    // IN request.
     Answer control(const Setup &setup, std::span<uint8_t> data);
     Answer in(uint8_t endpoint, std::span<uint8_t> room);
     Answer out(uint8_t endpoint, std::span<const uint8_t> data);
-    // The host has withdrawn a request on this endpoint that was pending.
+    // The host has cancelled a pending request on this endpoint.
     virtual void withdrawn(uint8_t endpoint);
 
 protected:
-    // What makes a device of its kind.  Requests other than standard ones come here.
+    // Answer what is not common to all devices: control requests that are not standard ones, IN and
+    // OUT endpoints.
     virtual Answer request(const Setup &setup, std::span<uint8_t> data) = 0;
     virtual Answer sendData(uint8_t endpoint, std::span<uint8_t> room) = 0;
     virtual Answer takeData(uint8_t endpoint, std::span<const uint8_t> data) = 0;
-    // Standard requests; a device that answers them by a program of its own has another.
+    // Overridden by a device whose own program answers standard requests.
     virtual Answer standardRequest(const Setup &setup, std::span<uint8_t> data);
 
     // Faults, by endpoint address; 0 is the control endpoint.
@@ -95,7 +107,7 @@ private:
         bool halted = false;
         bool silent = false;
         std::chrono::milliseconds delay{0};
-        std::optional<Clock::time_point> dueAt; // of the request that is being delayed
+        std::optional<Clock::time_point> dueAt; // when the delayed request is to be answered
         std::optional<size_t> shortAnswer;
     };
 

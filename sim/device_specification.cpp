@@ -35,10 +35,10 @@ std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specifica
 struct Kind {
     const char *name;
     std::unique_ptr<DeviceModel> (*make)(const DeviceSpecification &);
-    uint16_t vendor; // 0: as the instrument
+    uint16_t vendor; // 0: that of the instrument
     uint16_t product;
     const char *productName;
-    const char *description; // for --help
+    const char *description; // in --help
 };
 
 constexpr std::array kKinds{
@@ -71,15 +71,15 @@ const Kind &findKind(const std::string &name) {
     return *found;
 }
 
-uint32_t parseNumber(const std::string &key, const std::string &text, uint32_t most) {
+uint32_t parseNumber(const std::string &key, const std::string &text, uint32_t max) {
     const bool isHex = text.starts_with("0x");
     const char *const first = text.data() + (isHex ? 2 : 0);
     const char *const last = text.data() + text.size();
     uint32_t value = 0;
     const auto [end, error] = std::from_chars(first, last, value, isHex ? 16 : 10);
-    if (error != std::errc() || end != last || value > most)
+    if (error != std::errc() || end != last || value > max)
         throw std::invalid_argument(
-            fmt::format("{}={} is not a number from 0 to {}", key, text, most));
+            fmt::format("{}={} is not a number from 0 to {}", key, text, max));
     return value;
 }
 
@@ -97,7 +97,7 @@ std::chrono::milliseconds parseTime(const std::string &key, const std::string &t
     return std::chrono::milliseconds(parseNumber(key, text, kDay));
 }
 
-// Whether the property was part of the behaviour.
+// False when the behaviour has no such property.
 bool applyBehaviour(LoadBehaviour &behaviour, const std::string &key, const std::string &value) {
     const auto step = [&]() {
         const uint32_t number = parseNumber(key, value, UINT32_MAX);

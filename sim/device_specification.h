@@ -9,12 +9,12 @@
 
 namespace sim {
 
-// What the command line asks for: a kind of device and how it differs from the usual.
+// A device as the command line describes it.
 struct DeviceSpecification {
     std::string kind;
     DeviceShape shape;
     LoadBehaviour behaviour;
-    std::chrono::milliseconds away{0}; // before it is plugged in for the first time
+    std::chrono::milliseconds away{0}; // the time until it is plugged in
 };
 
 // Parses KIND[,KEY=VALUE...]; throws std::invalid_argument with a message for the user.
@@ -22,7 +22,7 @@ DeviceSpecification parseDeviceSpecification(const std::string &text);
 
 std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification);
 
-// For --help.
+// The text about devices in --help.
 std::string deviceSpecificationHelp();
 
 } // namespace sim

@@ -4,16 +4,10 @@
 #include <array>
 #include <utility>
 
+#include "byte_order.h"
+
 namespace sim {
 
-/*
- * The state machine of the DFU 1.1 specification, appendix A.  A request that does not belong to
- * the state is refused and leads to dfuERROR; so does one that comes while the device has asked to
- * be left alone, as it does for each block and for the manifestation.  After the latter it resets
- * itself and comes back with the new firmware: a while after it was last asked for its status, or
- * as soon as DFU_DETACH says.  The host's bus reset does not reach it over USB/IP, so it stays for
- * that.
- */
 namespace {
 
 enum Request : uint8_t {
@@ -28,7 +22,7 @@ enum Request : uint8_t {
 
 constexpr uint8_t kClassInterface = 0x21;
 constexpr uint16_t kTransferSize = 4096;
-constexpr size_t kMostMemory = 16U << 20;
+constexpr size_t kMaxImageSize = 16U << 20;
 
 bool isRead(uint8_t request) {
     return request == kDfuUpload || request == kDfuGetStatus || request == kDfuGetState;
@@ -38,9 +32,11 @@ DeviceShape inDfuMode(DeviceShape shape) {
     shape.interfaceClass = 0xFE;
     shape.interfaceSubClass = 1;
     shape.interfaceProtocol = 2;
-    // Can download and upload, does not answer while it manifests; time to detach, block, version.
-    shape.classDescriptor = {9,    0x21, 0x03, 0, 0, kTransferSize & 0xFF, kTransferSize >> 8,
-                             0x10, 1};
+    // Can download and upload, does not answer while it manifests.
+    shape.classDescriptor = {9, 0x21, 0x03};
+    appendLittleEndian16(shape.classDescriptor, 0); // detach time-out
+    appendLittleEndian16(shape.classDescriptor, kTransferSize);
+    appendLittleEndian16(shape.classDescriptor, 0x0110); // version of DFU
     return shape;
 }
 
@@ -98,7 +94,7 @@ Answer DfuDevice::download(const Setup &setup, std::span<const uint8_t> data) {
         state_ = State::ManifestSync;
         return Answer::done(0);
     }
-    if (image_.size() + data.size() > kMostMemory) {
+    if (image_.size() + data.size() > kMaxImageSize) {
         fail(Status::AddressOutOfRange);
         return Answer::done(data.size());
     }
@@ -120,7 +116,8 @@ Answer DfuDevice::upload(const Setup &setup, std::span<uint8_t> room) {
     return answer;
 }
 
-// A status that is asked for sets the work going; one after the time that it takes ends it.
+// The first request for the status after a block starts the work on it.  The first one after that
+// work has taken its time reports its end.
 Answer DfuDevice::getStatus(std::span<uint8_t> room) {
     if (statusIsBad())
         fail(Status::WriteFailed);
@@ -133,11 +130,12 @@ Answer DfuDevice::getStatus(std::span<uint8_t> room) {
     else if (state_ == State::ManifestWaitReset)
         startAfter(behaviour().linger);
     const bool busy = state_ == State::DownloadBusy || state_ == State::Manifest;
-    const int64_t poll = busy ? behaviour().poll.count() : 0;
-    const std::array<uint8_t, 6> answer{
-        static_cast<uint8_t>(status_),   static_cast<uint8_t>(poll),
-        static_cast<uint8_t>(poll >> 8), static_cast<uint8_t>(poll >> 16),
-        static_cast<uint8_t>(state_),    0};
+    std::array<uint8_t, 6> answer{static_cast<uint8_t>(status_)};
+    // The poll time has three bytes; the state takes the place of the fourth.
+    if (busy)
+        putLittleEndian32(std::span(answer).subspan(1),
+                          static_cast<uint32_t>(behaviour().poll.count()));
+    answer[4] = static_cast<uint8_t>(state_);
     return sendBytes(answer, room);
 }
 
@@ -149,13 +147,13 @@ void DfuDevice::beginWork(State work) {
 }
 
 void DfuDevice::startAfter(std::chrono::milliseconds delay) {
-    later(delay, [this, now = ++starts_]() {
-        if (now == starts_)
+    later(delay, [this, number = ++startNumber_]() {
+        if (number == startNumber_)
             start(image_);
     });
 }
 
-// The host announces its reset within that time.
+// With it the host announces that it will reset the bus within that time.
 Answer DfuDevice::detach(const Setup &setup) {
     if (state_ != State::ManifestWaitReset)
         return refuse();
@@ -163,7 +161,7 @@ Answer DfuDevice::detach(const Setup &setup) {
     return Answer::done(0);
 }
 
-// What has happened by itself since the last request.
+// Enters the state that the device has reached by itself since the last request.
 void DfuDevice::advance() {
     if (Clock::now() < busyUntil_)
         return;
@@ -191,7 +189,7 @@ Answer DfuDevice::abort() {
 }
 
 void DfuDevice::fail(Status reason) {
-    ++starts_;
+    ++startNumber_;
     state_ = State::Error;
     status_ = reason;
 }

@@ -8,7 +8,16 @@
 
 namespace sim {
 
-// A device in DFU mode (USB Device Firmware Upgrade 1.1).
+/*
+ * A device in DFU mode (USB Device Firmware Upgrade 1.1): the state machine of appendix A.
+ *
+ * A request that the state does not allow is refused and leads to dfuERROR.  So does a request
+ * during the poll time, which the device asks for after each block and for the manifestation.
+ *
+ * After the manifestation it resets itself and comes back with the new firmware: some time after
+ * the last request for its status, or after the time that DFU_DETACH names.  It does not wait for
+ * the host's bus reset, which does not reach it over USB/IP.
+ */
 class DfuDevice final : public BootDevice {
 public:
     DfuDevice(DeviceShape shape, const LoadBehaviour &behaviour);
@@ -47,19 +56,19 @@ private:
     Answer detach(const Setup &setup);
     void advance();
     void beginWork(State work);
-    // Starts the firmware then, unless another time is set or there is an error by then.
+    // Starts the firmware after that time, unless another time is set or an error occurs before.
     void startAfter(std::chrono::milliseconds delay);
     void fail(Status reason);
     Answer refuse();
 
     State state_ = State::Idle;
     Status status_ = Status::Ok;
-    Bytes image_;            // so far
-    bool isWritten_ = false; // the block that came last
+    Bytes image_;            // the blocks that have come
+    bool isWritten_ = false; // the last one of them
     uint16_t nextBlock_ = 0;
     size_t uploaded_ = 0;
     Clock::time_point busyUntil_;
-    uint64_t starts_ = 0; // that were set or called off
+    uint64_t startNumber_ = 0; // changes when a start is set or called off
 };
 
 } // namespace sim

@@ -10,10 +10,6 @@
 
 namespace sim {
 
-/*
- * Waits for file descriptors and for time, and calls whoever asked.  The whole simulator runs on
- * the one thread that runs this, so nothing in it is shared between threads.
- */
 void EventLoop::watch(int descriptor, short events, Ready ready) {
     watches_[descriptor] = {events, std::move(ready)};
 }
@@ -26,7 +22,7 @@ void EventLoop::after(std::chrono::milliseconds delay, Task task) {
     tasks_.emplace(Clock::now() + delay, std::move(task));
 }
 
-// A handler may add and remove watches, its own too: so each is looked up again, and copied, before
+// A handler may add and remove watches, its own, too.  So each is looked up again and copied before
 // it is called.
 void EventLoop::run() {
     std::vector<pollfd> polled;

@@ -6,16 +6,24 @@
 
 namespace sim {
 
+/*
+ * Waits for file descriptors and for points in time, and calls those who asked for them.
+ *
+ * Threads: the whole simulator runs on the one thread that calls run(), so it needs no locks.
+ */
 class EventLoop {
 public:
     using Clock = std::chrono::steady_clock;
     using Task = std::function<void()>;
     using Ready = std::function<void(short events)>;
 
+    // Calls `ready` whenever one of these events of poll() occurs; replaces an earlier watch.
     void watch(int descriptor, short events, Ready ready);
     void unwatch(int descriptor);
+    // Runs the task after that time, from run() and never from within this call.
     void after(std::chrono::milliseconds delay, Task task);
 
+    // Returns after quit(), which a handler or a task calls.
     void run();
     void quit() { running_ = false; }
 

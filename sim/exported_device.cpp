@@ -4,11 +4,10 @@
 
 namespace sim {
 
-// Lives as long as the simulator, so what it schedules always finds it.
-ExportedDevice::ExportedDevice(EventLoop &loop, usbip::ExportedAs name,
+ExportedDevice::ExportedDevice(EventLoop &loop, usbip::ExportedName name,
                                std::unique_ptr<DeviceModel> model)
     : loop_(loop), name_(std::move(name)) {
-    lives_.push_back(std::move(model));
+    models_.push_back(std::move(model));
 }
 
 void ExportedDevice::imported(Importer *by) {
@@ -29,7 +28,7 @@ void ExportedDevice::stayAway(std::chrono::milliseconds time) {
     });
 }
 
-// Not from within the call that asks for it: the device is then in the middle of an answer.
+// Not at once: the device may be in the middle of an answer.
 void ExportedDevice::wake(std::chrono::milliseconds delay) {
     if (delay.count() == 0 && std::exchange(wakeScheduled_, true))
         return;
@@ -56,7 +55,7 @@ void ExportedDevice::unplug(std::optional<std::chrono::milliseconds> returnAfter
 
 void ExportedDevice::become(std::unique_ptr<DeviceModel> other,
                             std::chrono::milliseconds returnAfter) {
-    lives_.push_back(std::move(other));
+    models_.push_back(std::move(other));
     unplug(returnAfter);
 }
 

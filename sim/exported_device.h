@@ -13,8 +13,12 @@
 
 namespace sim {
 
-// A device's place on the simulated bus.  Tells whoever imported it what the device asks of its
-// port.
+/*
+ * A device's place on the simulated bus: the port that the device is plugged into, and what clients
+ * can import.
+ *
+ * Life: as long as the simulator, so tasks that it leaves in the event loop may refer to it.
+ */
 class ExportedDevice final : public Port {
 public:
     // The connection that has imported the device.
@@ -25,18 +29,19 @@ public:
         virtual void deviceLeft() = 0;
     };
 
-    ExportedDevice(EventLoop &loop, usbip::ExportedAs name, std::unique_ptr<DeviceModel> model);
+    ExportedDevice(EventLoop &loop, usbip::ExportedName name, std::unique_ptr<DeviceModel> model);
 
-    const usbip::ExportedAs &name() const { return name_; }
-    DeviceModel &model() { return *lives_.back(); }
+    const usbip::ExportedName &name() const { return name_; }
+    DeviceModel &model() { return *models_.back(); }
     bool isAvailable() const { return present_ && importer_ == nullptr; }
 
+    // A client has imported the device, which plugs it in, or has released it.
     void imported(Importer *by);
     void released();
 
     // Keeps the device off the bus for that long from now.
     void stayAway(std::chrono::milliseconds time);
-    // Called whenever the device comes (back) to the bus.
+    // Called when the device comes to the bus after it has been away.
     std::function<void()> onReturn;
 
     void wake(std::chrono::milliseconds delay) override;
@@ -46,9 +51,10 @@ public:
 
 private:
     EventLoop &loop_;
-    const usbip::ExportedAs name_;
-    // The device, and what it was before: that may have something scheduled still.
-    std::vector<std::unique_ptr<DeviceModel>> lives_;
+    const usbip::ExportedName name_;
+    // The last one is the device.  Those that it was before are kept, because tasks in the event
+    // loop may still refer to them.
+    std::vector<std::unique_ptr<DeviceModel>> models_;
     Importer *importer_ = nullptr;
     bool present_ = true;
     bool wakeScheduled_ = false;

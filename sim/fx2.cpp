@@ -3,41 +3,30 @@
 #include <algorithm>
 #include <utility>
 
+#include "byte_order.h"
+
 namespace sim {
 
-/*
- * The chip as a host sees it: memory, a processor that is held in reset until it is released
- * through CPUCS, and a default device that answers standard requests until the program takes over.
- * Request 0xA0 is the chip's own: it reads and writes the memory on the chip, which it writes only
- * while the processor is held.  Everything else is up to the program, which finds the set-up packet
- * and endpoint 0 in the registers.
- *
- * A program that disconnects and connects again comes back as the instrument.  Each release from
- * reset starts the clock of a program anew: time goes on until it has taken over itself, whatever
- * the one before it did, while it is disconnected or deals with a request, and for a second after
- * its start and each request.
- */
 namespace {
 
 constexpr size_t kMemorySize = 0x10000;
-constexpr size_t kMainMemory = 0x4000; // on the chip, from 0 on
+constexpr size_t kMainMemoryEnd = 0x4000; // memory on the chip, from 0 on
 constexpr size_t kScratchMemory = 0xE000;
 constexpr size_t kScratchMemoryEnd = 0xE200;
-constexpr int kInstructions = 50000; // for a request, at once
-constexpr int kInMoment = 5000;
-constexpr std::chrono::milliseconds kMoment{1};
-constexpr std::chrono::seconds kAwake{1};
+constexpr int kInstructionsAtOnce = 50000; // before a request is left pending
+constexpr int kInstructionsInSlice = 5000;
+constexpr std::chrono::milliseconds kSliceInterval{1};
+constexpr std::chrono::seconds kTimeForRequest{1};
 constexpr size_t kPacketSize = 64;
 
 constexpr uint8_t kMemoryRequest = 0xA0;
 
 enum Register : uint16_t {
-    kCpuControl = 0xE600,    // bit 0 holds the processor
+    kCpuControl = 0xE600,    // bit 0: the processor is held in reset
     kInterrupts = 0xE65D,    // bit 0: a set-up packet has come
     kUsbControl = 0xE680,    // bit 1: the program has taken over; bit 3: disconnected
-    kCountHigh = 0xE68A,     // of endpoint 0
-    kCountLow = 0xE68B,      // writing arms endpoint 0
-    kEndpointState = 0xE6A0, // bit 0 stalls, bit 1 busy, bit 7 acknowledges
+    kCountLow = 0xE68B,      // number of bytes in endpoint 0; writing it arms the endpoint
+    kEndpointState = 0xE6A0, // writing bit 0 stalls, bit 7 acknowledges; bit 1: busy
     kSetupPacket = 0xE6B8,
     kEndpointBuffer = 0xE740,
 };
@@ -49,7 +38,7 @@ constexpr uint8_t kStall = 0x01;
 constexpr uint8_t kAcknowledge = 0x80;
 
 bool isOnChip(size_t first, size_t end) {
-    return end <= kMainMemory || (first >= kScratchMemory && end <= kScratchMemoryEnd);
+    return end <= kMainMemoryEnd || (first >= kScratchMemory && end <= kScratchMemoryEnd);
 }
 
 } // namespace
@@ -60,7 +49,7 @@ Fx2::Fx2(DeviceShape shape, const LoadBehaviour &behaviour)
 void Fx2::plugged(Port &port) {
     BootDevice::plugged(port);
     std::fill(memory_.begin(), memory_.end(), uint8_t{0});
-    running_ = takenOver_ = settled_ = disconnected_ = continues_ = false;
+    running_ = takenOver_ = takenOverSinceReset_ = disconnected_ = sliceScheduled_ = false;
     pendingRequest_.reset();
 }
 
@@ -105,38 +94,38 @@ void Fx2::setCpu(bool released) {
     running_ = released;
     if (!released)
         return;
-    settled_ = false;
+    takenOverSinceReset_ = false;
     processor_.reset();
-    run(kInMoment);
-    stayAwake();
+    run(kInstructionsInSlice);
+    extendRunTime();
 }
 
-// Until the request in hand, if there is one, was answered.
+// Ends early when the program has answered the pending request.
 void Fx2::run(int instructions) {
     for (; instructions > 0 && running_ && !(pendingRequest_ && pendingRequest_->answer);
          --instructions)
         processor_.step();
 }
 
-void Fx2::stayAwake() {
-    awakeUntil_ = Clock::now() + kAwake;
-    goOnLater();
+void Fx2::extendRunTime() {
+    runUntil_ = Clock::now() + kTimeForRequest;
+    scheduleSlice();
 }
 
-bool Fx2::isAwake() const {
+bool Fx2::hasRunTime() const {
     return running_ &&
-           (disconnected_ || !settled_ || pendingRequest_ || Clock::now() < awakeUntil_);
+           (disconnected_ || !takenOverSinceReset_ || pendingRequest_ || Clock::now() < runUntil_);
 }
 
-void Fx2::goOnLater() {
-    if (!std::exchange(continues_, true))
-        port().after(kMoment, [this]() {
-            continues_ = false;
-            run(kInMoment);
+void Fx2::scheduleSlice() {
+    if (!std::exchange(sliceScheduled_, true))
+        port().after(kSliceInterval, [this]() {
+            sliceScheduled_ = false;
+            run(kInstructionsInSlice);
             if (pendingRequest_ && pendingRequest_->answer)
                 port().wake({});
-            if (isAwake())
-                goOnLater();
+            if (hasRunTime())
+                scheduleSlice();
         });
 }
 
@@ -144,10 +133,10 @@ Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
     if (!pendingRequest_) {
         pendingRequest_ =
             PendingRequest{packet.isIn(), Bytes(data.begin(), data.end()), 0, std::nullopt};
-        setup(packet);
-        run(kInstructions);
+        writeSetup(packet);
+        run(kInstructionsAtOnce);
     }
-    stayAwake();
+    extendRunTime();
     if (!pendingRequest_->answer)
         return Answer::wait();
     const Answer answer = *pendingRequest_->answer;
@@ -157,19 +146,14 @@ Answer Fx2::programRequest(const Setup &packet, std::span<uint8_t> data) {
     return answer;
 }
 
-void Fx2::setup(const Setup &packet) {
-    const std::array<uint8_t, 8> bytes{
-        packet.requestType,
-        packet.request,
-        static_cast<uint8_t>(packet.value),
-        static_cast<uint8_t>(packet.value >> 8),
-        static_cast<uint8_t>(packet.index),
-        static_cast<uint8_t>(packet.index >> 8),
-        static_cast<uint8_t>(packet.length),
-        static_cast<uint8_t>(packet.length >> 8),
-    };
-    std::copy(bytes.begin(), bytes.end(), memory_.begin() + kSetupPacket);
-    memory_[kEndpointState] = kAcknowledge; // which the program has to write again
+void Fx2::writeSetup(const Setup &packet) {
+    const std::span<uint8_t> to = std::span(memory_).subspan(kSetupPacket);
+    to[0] = packet.requestType;
+    to[1] = packet.request;
+    putLittleEndian16(to.subspan(2), packet.value);
+    putLittleEndian16(to.subspan(4), packet.index);
+    putLittleEndian16(to.subspan(6), packet.length);
+    memory_[kEndpointState] = kAcknowledge; // the program has to write it to acknowledge
     memory_[kInterrupts] |= kSetupCame;
 }
 
@@ -201,7 +185,7 @@ void Fx2::write(uint16_t address, uint8_t value) {
 
 void Fx2::writeUsbControl(uint8_t value) {
     memory_[kUsbControl] = value;
-    settled_ = takenOver_ = (value & kTakenOver) != 0;
+    takenOverSinceReset_ = takenOver_ = (value & kTakenOver) != 0;
     const bool before = std::exchange(disconnected_, (value & kDisconnected) != 0);
     if (disconnected_ && !before)
         port().unplug(std::nullopt);
@@ -211,7 +195,8 @@ void Fx2::writeUsbControl(uint8_t value) {
     }
 }
 
-// Lets the next packet in, or sends one.
+// Moves one packet between the request and endpoint 0: to the host `count` bytes, from the host as
+// many as there are.
 void Fx2::armEndpoint(uint8_t count) {
     if (!pendingRequest_)
         return;

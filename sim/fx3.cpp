@@ -5,12 +5,6 @@
 
 namespace sim {
 
-/*
- * Request 0xA0 reads or writes memory, which must lie within one of the chip's memories, or jumps
- * when it has no data stage.  A jump to where nothing was written is refused: the real chip would
- * be lost.  The instrument that starts has the system memory, up to the last byte written, for its
- * firmware.
- */
 namespace {
 
 constexpr uint8_t kMemoryRequest = 0xA0;

@@ -8,7 +8,13 @@
 
 namespace sim {
 
-// The boot loader of a Cypress EZ-USB FX3.
+/*
+ * The boot loader of a Cypress EZ-USB FX3.
+ *
+ * Request 0xA0 reads or writes within one of the chip's memories; without a data stage it jumps.  A
+ * jump into a memory to which nothing was written is refused, where the real chip would hang.  The
+ * firmware of the instrument that starts is the system memory up to the last byte that is not 0.
+ */
 class Fx3 final : public BootDevice {
 public:
     using BootDevice::BootDevice;

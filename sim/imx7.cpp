@@ -3,25 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <utility>
 
-#include <endian.h>
+#include "byte_order.h"
 
 namespace sim {
 
-/*
- * The Serial Download Protocol over HID reports.  Each command is answered with report 3, the
- * security mode, and report 4, a status.  The ROM reaches the on-chip memory and enters what has an
- * image vector table that names its own address; the loader, once the memory controller is set up,
- * reaches all of it and enters what has a boot-image header.  Everything else gets an error status.
- *
- * After a jump the chip's manual has a status only if the jump failed.  Some hosts wait for one all
- * the same, others take any for a failure.  Those that name their file's type, as older chips want
- * it, are of the second kind; so a file without a type gets a status, too, when it is entered.
- */
 namespace {
 
 using namespace std::chrono_literals;
@@ -32,8 +21,8 @@ constexpr uint8_t kClassInterface = 0x21;
 constexpr uint16_t kCommandReport = 0x0201;
 constexpr uint16_t kDataReport = 0x0202;
 constexpr size_t kCommandSize = 17;
-constexpr size_t kFileType = 16; // in the command
-constexpr size_t kMostData = 1025;
+constexpr size_t kFileType = 16; // its offset in the command
+constexpr size_t kMaxDataSize = 1025;
 
 enum Command : uint16_t { kErrorStatus = 0x0505, kWriteFile = 0x0404, kJumpAddress = 0x0B0B };
 
@@ -43,46 +32,14 @@ constexpr uint32_t kDone = 0x88888888;
 constexpr uint32_t kWriteFailed = 0x33333333;
 constexpr uint32_t kEntryWrong = 0x00333333;
 
-uint32_t bigEndian(std::span<const uint8_t> bytes) {
-    uint32_t value = 0;
-    std::memcpy(&value, bytes.data(), sizeof(value));
-    return be32toh(value);
-}
-
-uint32_t littleEndian(std::span<const uint8_t> bytes) {
-    uint32_t value = 0;
-    std::memcpy(&value, bytes.data(), sizeof(value));
-    return le32toh(value);
-}
-
-void putBigEndian(Bytes &to, uint32_t value) {
-    const uint32_t inOrder = htobe32(value);
-    const size_t start = to.size();
-    to.resize(start + sizeof(inOrder));
-    std::memcpy(&to[start], &inOrder, sizeof(inOrder));
-}
-
 // Vendor-defined reports: 1 and 2 out (16 and 1024 bytes), 3 and 4 in (4 and 64 bytes).
 Bytes reportDescriptor() {
     Bytes bytes{0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01};
-    const auto report = [&](uint8_t id, uint16_t count, uint8_t kind) {
-        const uint8_t item[] = {0x85,
-                                id,
-                                0x09,
-                                id,
-                                0x15,
-                                0x00,
-                                0x26,
-                                0xFF,
-                                0x00,
-                                0x75,
-                                0x08,
-                                0x96,
-                                static_cast<uint8_t>(count),
-                                static_cast<uint8_t>(count >> 8),
-                                kind,
-                                0x02};
-        bytes.insert(bytes.end(), std::begin(item), std::end(item));
+    const auto report = [&](uint8_t id, uint16_t count, uint8_t direction) {
+        bytes.insert(bytes.end(), {0x85, id, 0x09, id, 0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08});
+        bytes.push_back(0x96);
+        appendLittleEndian16(bytes, count);
+        bytes.insert(bytes.end(), {direction, 0x02});
     };
     constexpr uint8_t kOutput = 0x91;
     constexpr uint8_t kInput = 0x81;
@@ -105,8 +62,10 @@ DeviceShape asHid(DeviceShape shape) {
 
 } // namespace
 
-Imx7::Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage, Bytes earlier)
-    : BootDevice(asHid(std::move(shape)), behaviour), stage_(stage), earlier_(std::move(earlier)) {}
+Imx7::Imx7(DeviceShape shape, const LoadBehaviour &behaviour, Stage stage, Bytes earlierStages)
+    : BootDevice(asHid(std::move(shape)), behaviour),
+      stage_(stage),
+      earlierStages_(std::move(earlierStages)) {}
 
 void Imx7::plugged(Port &port) {
     BootDevice::plugged(port);
@@ -122,19 +81,19 @@ Answer Imx7::loadRequest(const Setup &setup, std::span<uint8_t> report) {
         return Answer::stall();
     if (setup.value == kCommandReport && report.size() == kCommandSize)
         return command(report);
-    if (setup.value == kDataReport && report.size() <= kMostData && bytesLeft_ != 0)
+    if (setup.value == kDataReport && report.size() <= kMaxDataSize && bytesLeft_ != 0)
         return data(report);
     return Answer::stall();
 }
 
 Answer Imx7::command(std::span<const uint8_t> report) {
-    const uint32_t address = bigEndian(report.subspan(3));
-    const uint32_t count = bigEndian(report.subspan(8));
-    const int type = report[1] << 8 | report[2];
+    const uint16_t type = bigEndian16(report.subspan(1));
+    const uint32_t address = bigEndian32(report.subspan(3));
+    const uint32_t count = bigEndian32(report.subspan(8));
     if (bytesLeft_ != 0 && type != kErrorStatus)
         return Answer::stall();
     switch (type) {
-    case kErrorStatus: // a new beginning
+    case kErrorStatus: // a host begins with it, so it resets all
         bytesLeft_ = 0;
         written_ = false;
         reports_.clear();
@@ -158,7 +117,7 @@ Answer Imx7::command(std::span<const uint8_t> report) {
     return Answer::done(report.size());
 }
 
-// Reports all have the same length; what is behind the file's end is dropped.
+// All reports have the same length; the bytes after the end of the file are dropped.
 Answer Imx7::data(std::span<const uint8_t> report) {
     const auto bytes = report.subspan(1, std::min<size_t>(report.size() - 1, bytesLeft_));
     file_.insert(file_.end(), bytes.begin(), bytes.end());
@@ -181,11 +140,11 @@ void Imx7::jump(uint32_t address) {
         answer(good ? kDone : kEntryWrong);
     if (good)
         later(100ms, [this]() { startNext(); });
-    written_ = false; // enters it once
+    written_ = false; // a file can be entered only once
 }
 
 void Imx7::startNext() {
-    Bytes all = earlier_;
+    Bytes all = earlierStages_;
     all.insert(all.end(), file_.begin(), file_.end());
     if (stage_ == Stage::Loader)
         start(std::move(all));
@@ -202,22 +161,22 @@ bool Imx7::isWritable(uint32_t address, uint32_t count) const {
 }
 
 bool Imx7::hasEntry(uint32_t address) const {
-    constexpr size_t kHeader = 24; // as much of either as is looked at
+    constexpr size_t kHeader = 24; // the bytes of either header up to the last one examined
     if (address < fileAddress_ || address - fileAddress_ + kHeader > file_.size())
         return false;
     const auto header = std::span(file_).subspan(address - fileAddress_);
     if (stage_ == Stage::Loader)
-        return bigEndian(header) == 0x27051956;
-    return header[0] == 0xD1 && littleEndian(header.subspan(20)) == address;
+        return bigEndian32(header) == 0x27051956;
+    return header[0] == 0xD1 && littleEndian32(header.subspan(20)) == address;
 }
 
 void Imx7::answer(std::optional<uint32_t> status) {
     Bytes security{3};
-    putBigEndian(security, kOpen);
+    appendBigEndian32(security, kOpen);
     reports_.push_back(std::move(security));
     if (status) {
         Bytes result{4};
-        putBigEndian(result, *status);
+        appendBigEndian32(result, *status);
         result.resize(65);
         reports_.push_back(std::move(result));
     }

@@ -1,28 +1,23 @@
 #include "instrument.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
+#include "byte_order.h"
 #include "stream_pattern.h"
 #include "vexa_usb_config.h"
 
 namespace sim {
 
-/*
- * The simulated instrument: an interrupt endpoint that sends what it was told to, a bulk endpoint
- * that streams for ever, two pairs of endpoints that return what was written to them, and vendor
- * requests that applyBehaviour all this.
- */
 namespace {
 
-constexpr size_t kLoopRoom = 4U << 20; // bytes that a loop-back holds before it makes writers wait
+constexpr size_t kLoopRoom = 4U << 20; // a loop-back that holds so many bytes makes writers wait
 
 Bytes currentTime() {
     const int64_t now =
         std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
-    Bytes bytes(sizeof(now));
-    std::memcpy(bytes.data(), &now, sizeof(now));
+    Bytes bytes;
+    appendLittleEndian64(bytes, static_cast<uint64_t>(now));
     return bytes;
 }
 
@@ -73,7 +68,7 @@ Answer Instrument::request(const Setup &setup, std::span<uint8_t> data) {
     case kRequestSeek:
         if (data.size() != sizeof(streamPosition_))
             return Answer::stall();
-        std::memcpy(&streamPosition_, data.data(), sizeof(streamPosition_));
+        streamPosition_ = littleEndian64(data);
         break;
     case kRequestSendTimes:
         events_.insert(events_.end(), setup.value, std::nullopt);
@@ -117,10 +112,10 @@ Answer Instrument::firmwareRequest(const Setup &setup, std::span<uint8_t> room) 
 }
 
 Answer Instrument::vanishRequest(std::span<const uint8_t> data) {
-    VanishRequest wanted{};
-    if (data.size() != sizeof(wanted))
+    if (data.size() != sizeof(VanishRequest))
         return Answer::stall();
-    std::memcpy(&wanted, data.data(), sizeof(wanted));
+    const VanishRequest wanted{littleEndian64(data), littleEndian32(data.subspan(8)),
+                               littleEndian16(data.subspan(12)), littleEndian16(data.subspan(14))};
     vanishing_ = Vanishing{wanted.afterBytes, std::nullopt, wanted.product};
     if (wanted.returnAfterMs != kNeverReturn)
         vanishing_->returnAfter = std::chrono::milliseconds(wanted.returnAfterMs);

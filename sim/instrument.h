@@ -13,9 +13,14 @@
 
 namespace sim {
 
+/*
+ * The simulated instrument.  It has an interrupt endpoint that sends the events that it is told to
+ * send, a bulk endpoint that streams without end, two pairs of endpoints that return what was
+ * written to them, and vendor requests that control all this (instrument_protocol.h).
+ */
 class Instrument final : public DeviceModel {
 public:
-    // `loadedFirmware` can be read back.
+    // `loadedFirmware` is what a request for the firmware returns.
     explicit Instrument(DeviceShape shape, Bytes loadedFirmware = {});
 
     void plugged(Port &port) override;
@@ -36,19 +41,20 @@ private:
     struct Vanishing {
         uint64_t bytesLeft;
         std::optional<std::chrono::milliseconds> returnAfter;
-        uint16_t product; // on return; 0: as before
+        uint16_t product; // idProduct on return; 0: as before
     };
 
     const Bytes firmware_;
     uint64_t streamPosition_ = 0;
     std::optional<Vanishing> vanishing_;
-    std::deque<std::optional<Bytes>> events_; // without bytes: the time at which it is sent
+    // Packets to be sent; one without bytes holds the time at which it is sent.
+    std::deque<std::optional<Bytes>> events_;
     std::deque<uint8_t> bulkLoop_;
     std::deque<uint8_t> interruptLoop_;
     Bytes scratch_;
 };
 
-// An instrument as it usually is.
+// The shape of an instrument without special properties.
 DeviceShape instrumentShape();
 
 } // namespace sim

@@ -66,7 +66,7 @@ void Simulator::addDevice(const sim::DeviceSpecification &specification) {
     if (number > kMaxDevices)
         throw std::invalid_argument(fmt::format("at most {} devices", kMaxDevices));
     sim::ExportedDevice &device = devices_.emplace_back(
-        loop_, sim::usbip::ExportedAs{fmt::format("1-{}", number), 1, number + 1},
+        loop_, sim::usbip::ExportedName{fmt::format("1-{}", number), 1, number + 1},
         sim::makeDevice(specification));
     if (attacher_) {
         device.onReturn = [this, &device]() { attacher_->attach(device); };

@@ -6,11 +6,10 @@
 namespace sim {
 
 /*
- * An interpreter for the MCS-51 instruction set, for programs that poll.  The low half of an opcode
- * is its column in the table of instructions at the end of this file, the high half its row.  From
- * column 4 on the column names the operand (4 accumulator or immediate, 5 direct, 6 and 7 indirect,
- * the rest a register) and the row the operation; the columns below hold what does not fit that
- * scheme.  The parity flag is not kept.
+ * The low half of an opcode is its column in the table of instructions at the end of this file, the
+ * high half its row.  From column 4 on, the column stands for the operand (4: accumulator or
+ * immediate, 5: direct, 6 and 7: indirect, the others: a register) and the row for the operation.
+ * Columns 0 to 3 have the instructions that do not follow that scheme.
  */
 namespace {
 
@@ -19,12 +18,16 @@ constexpr uint8_t kHalfCarryFlag = 0x40;
 constexpr uint8_t kOverflowFlag = 0x04;
 constexpr uint8_t kBankMask = 0x18;
 
-// Bits below 0x80 lie in memory from 0x20 on, the others in every eighth special register.
+// Bits below 0x80 are in the memory from 0x20 on, the others in every eighth special register.
 uint8_t byteOfBit(uint8_t address) {
     return static_cast<uint8_t>(address < 0x80 ? 0x20 + address / 8 : address & 0xF8);
 }
 
-// A copy of a column of the table in which one row differs.
+uint16_t wordOf(uint8_t high, uint8_t low) {
+    return static_cast<uint16_t>(high << 8 | low);
+}
+
+// A copy of a column of the table, with another instruction in one row.
 template <typename Column>
 constexpr Column with(Column column, size_t row, typename Column::value_type instruction) {
     column[row] = instruction;
@@ -41,7 +44,7 @@ void Mcs51::reset() {
 
 uint16_t Mcs51::fetchWord() {
     const uint8_t high = fetch();
-    return static_cast<uint16_t>(high << 8 | fetch());
+    return wordOf(high, fetch());
 }
 
 void Mcs51::jumpIf(bool condition) {
@@ -58,7 +61,7 @@ uint8_t &Mcs51::registerAt(unsigned number) {
     return internal_[(internal_[kProgramStatus] & kBankMask) + number];
 }
 
-// What the columns from 5 on name.
+// The operand for which the columns from 5 on stand.
 uint8_t &Mcs51::operand(uint8_t opcode) {
     const unsigned column = opcode & 0x0FU;
     if (column >= 8)
@@ -66,17 +69,17 @@ uint8_t &Mcs51::operand(uint8_t opcode) {
     return column == 5 ? direct(fetch()) : indirect(registerAt(column - 6));
 }
 
-uint16_t Mcs51::behind(uint16_t base) {
+uint16_t Mcs51::indexed(uint16_t base) {
     return static_cast<uint16_t>(base + a());
 }
 
-// The EZ-USB has no port 2 that would hold the page.
+// The EZ-USB has a register of its own for the page, since it has no port 2.
 uint16_t Mcs51::pagePointer(unsigned number) {
-    return static_cast<uint16_t>(internal_[kPage] << 8 | registerAt(number));
+    return wordOf(internal_[kPage], registerAt(number));
 }
 
 uint16_t Mcs51::dataPointer() const {
-    return static_cast<uint16_t>(internal_[kDataPointerHigh] << 8 | internal_[kDataPointerLow]);
+    return wordOf(internal_[kDataPointerHigh], internal_[kDataPointerLow]);
 }
 
 void Mcs51::setDataPointer(uint16_t value) {
@@ -127,7 +130,7 @@ void Mcs51::call(uint16_t target) {
 
 void Mcs51::returnFromCall() {
     const uint8_t high = pop();
-    programCounter_ = static_cast<uint16_t>(high << 8 | pop());
+    programCounter_ = wordOf(high, pop());
 }
 
 void Mcs51::add(uint8_t value, bool carryIn) {
@@ -196,14 +199,14 @@ void Mcs51::exchangeLowHalves(uint8_t &other) {
     a() = static_cast<uint8_t>((a() & 0xF0) | low);
 }
 
-bool Mcs51::takeBit(uint8_t address) {
+bool Mcs51::testAndClearBit(uint8_t address) {
     const bool was = bit(address);
     if (was)
         setBit(address, false);
     return was;
 }
 
-// Within 2 KiB; every other one is a call.
+// AJMP and ACALL: the target is in the same 2 KiB.
 void Mcs51::pageJump(uint8_t opcode) {
     const uint8_t low = fetch();
     const auto target =
@@ -214,8 +217,8 @@ void Mcs51::pageJump(uint8_t opcode) {
         programCounter_ = target;
 }
 
-// A function for each instruction.  One that fetches two operands keeps the first in a variable,
-// for their order to be certain.
+// A function for each instruction.  One that fetches two operands keeps the first in a variable, so
+// that they are fetched in this order.
 struct Mcs51::Instructions {
     using Instruction = void (*)(Mcs51 &c, uint8_t opcode);
     using Column = std::array<Instruction, 16>;
@@ -223,7 +226,7 @@ struct Mcs51::Instructions {
     // Column 0.
     static constexpr Column kBranchesAndMoves{
         [](Mcs51 &, uint8_t) {},
-        [](Mcs51 &c, uint8_t) { c.jumpIf(c.takeBit(c.fetch())); },
+        [](Mcs51 &c, uint8_t) { c.jumpIf(c.testAndClearBit(c.fetch())); },
         [](Mcs51 &c, uint8_t) { c.jumpIf(c.bit(c.fetch())); },
         [](Mcs51 &c, uint8_t) { c.jumpIf(!c.bit(c.fetch())); },
         [](Mcs51 &c, uint8_t) { c.jumpIf(c.carry()); },
@@ -302,9 +305,9 @@ struct Mcs51::Instructions {
             uint8_t &target = c.direct(c.fetch());
             target ^= c.fetch();
         },
-        [](Mcs51 &c, uint8_t) { c.programCounter_ = c.behind(c.dataPointer()); },
-        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.behind(c.programCounter_)); },
-        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.behind(c.dataPointer())); },
+        [](Mcs51 &c, uint8_t) { c.programCounter_ = c.indexed(c.dataPointer()); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.indexed(c.programCounter_)); },
+        [](Mcs51 &c, uint8_t) { c.a() = c.bus_.read(c.indexed(c.dataPointer())); },
         [](Mcs51 &c, uint8_t) { c.setDataPointer(static_cast<uint16_t>(c.dataPointer() + 1)); },
         [](Mcs51 &c, uint8_t) { c.setCarry(!c.carry()); },
         [](Mcs51 &c, uint8_t) { c.setCarry(false); },

@@ -5,7 +5,7 @@
 
 namespace sim {
 
-// An 8051 processor without interrupts and timers.
+// An 8051 processor, for programs that poll: it has no interrupts, no timers and no parity flag.
 class Mcs51 {
 public:
     // The memory outside the processor, for program and data alike.
@@ -29,7 +29,7 @@ private:
         kStackPointer = 0x81,
         kDataPointerLow = 0x82,
         kDataPointerHigh = 0x83,
-        kPage = 0x92, // of what MOVX reaches through R0 and R1
+        kPage = 0x92, // the high byte of the address for MOVX through R0 and R1
         kProgramStatus = 0xD0,
         kAccumulator = 0xE0,
         kB = 0xF0,
@@ -44,7 +44,7 @@ private:
     uint8_t &registerAt(unsigned number);
     uint8_t &operand(uint8_t opcode);
     uint8_t &a() { return internal_[kAccumulator]; }
-    uint16_t behind(uint16_t base); // by as many bytes as the accumulator holds
+    uint16_t indexed(uint16_t base); // plus the accumulator
     uint16_t pagePointer(unsigned number);
     uint16_t dataPointer() const;
     void setDataPointer(uint16_t value);
@@ -67,13 +67,13 @@ private:
     void rotate(uint8_t opcode);
     void compareAndJump(uint8_t first, uint8_t second);
     void exchangeLowHalves(uint8_t &other);
-    bool takeBit(uint8_t address); // and clears it
+    bool testAndClearBit(uint8_t address);
     void pageJump(uint8_t opcode);
 
     Bus &bus_;
     uint16_t programCounter_ = 0;
     std::array<uint8_t, 256> internal_{}; // lower memory, and the special registers
-    std::array<uint8_t, 128> upper_{};    // reached indirectly only
+    std::array<uint8_t, 128> upper_{};    // upper memory, for indirect addresses only
 };
 
 } // namespace sim

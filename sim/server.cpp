@@ -23,7 +23,7 @@ void setOption(int descriptor, int level, int option, int value) {
     setsockopt(descriptor, level, option, &value, sizeof(value));
 }
 
-// Loopback alone: the protocol knows no authentication.
+// On the loopback address only, because the protocol has no authentication.
 int openListener(uint16_t port) {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor < 0)
@@ -70,7 +70,7 @@ void Server::acceptClient() {
         return;
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
     auto connection = std::make_unique<Connection>(descriptor, devices_);
-    // Later, since the connection is in the middle of its own work then, and serving may end it.
+    // Not at once: the connection may be in the middle of its work, and serve() may destroy it.
     connection->onOutput = [this, descriptor]() {
         loop_.after({}, [this, descriptor]() { serve(descriptor, false); });
     };

@@ -9,6 +9,7 @@
 
 namespace sim {
 
+// Listens for clients and serves their connections.
 class Server {
 public:
     Server(EventLoop &loop, Connection::Devices &devices, uint16_t port);

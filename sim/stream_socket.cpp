@@ -12,8 +12,8 @@ namespace sim {
 namespace {
 
 constexpr size_t kReceiveRoom = 256U << 10;
-constexpr size_t kMostQueued = 8U << 20;
-constexpr size_t kMostAtOnce = 4U << 20; // others want to be served, too
+constexpr size_t kMaxQueued = 8U << 20;
+constexpr size_t kMaxAtOnce = 4U << 20; // then the other connections are served
 
 bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -25,7 +25,8 @@ StreamSocket::~StreamSocket() {
     close(descriptor_);
 }
 
-// All that is there, so that the end of a connection is seen before what others send afterwards.
+// Receives all there is.  So the end of a connection is noticed before what other clients send
+// after it.
 bool StreamSocket::receive() {
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(consumed_));
     consumed_ = 0;
@@ -38,12 +39,12 @@ bool StreamSocket::receive() {
         input_.resize(before + static_cast<size_t>(std::max<ssize_t>(count, 0)));
         if (count < 0)
             return isTemporary(error);
-    } while (count > 0 && input_.size() < kMostAtOnce);
+    } while (count > 0 && input_.size() < kMaxAtOnce);
     return count > 0;
 }
 
 bool StreamSocket::isFull() const {
-    return queued_ > kMostQueued;
+    return queued_ > kMaxQueued;
 }
 
 void StreamSocket::send(OutputPiece piece) {

@@ -10,7 +10,7 @@
 
 namespace sim {
 
-// A piece of output; its memory is not cleared.
+// A piece of output, with memory that is not initialised.
 class OutputPiece {
 public:
     explicit OutputPiece(size_t size)
@@ -24,8 +24,8 @@ private:
     size_t length_;
 };
 
-// A connected TCP socket that never blocks: keeps what has come and not been consumed, and what
-// has yet to go.
+// A connected TCP socket that never blocks.  It keeps the input that was not consumed yet and the
+// output that could not be sent yet.
 class StreamSocket {
 public:
     explicit StreamSocket(int descriptor) : descriptor_(descriptor) {}
@@ -35,17 +35,17 @@ public:
 
     int descriptor() const { return descriptor_; }
 
-    // False once the peer has gone.
+    // Takes in what has come; false when the peer has closed the connection.
     bool receive();
     std::span<const uint8_t> received() const { return std::span(input_).subspan(consumed_); }
     void consume(size_t count) { consumed_ += count; }
 
     void send(OutputPiece piece);
     void send(const Bytes &bytes);
-    // False when the peer has gone.
+    // Sends as much as possible; false when the connection is broken.
     bool flush();
     bool drained() const { return output_.empty(); }
-    // So much waits to be sent that no more should be made.
+    // Whether so much output is waiting that no more should be added.
     bool isFull() const;
 
 private:
@@ -54,7 +54,7 @@ private:
     size_t consumed_ = 0;
     std::deque<OutputPiece> output_;
     size_t sentOfFront_ = 0;
-    size_t queued_ = 0; // bytes in `output_`, those of its front that were sent included
+    size_t queued_ = 0; // bytes in `output_`, also those of its front that were sent
 };
 
 } // namespace sim

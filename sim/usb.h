@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-// Terms of the USB 2.0 and 3.0 specifications, chapter 9, as far as the simulator needs them.
+// Terms of chapter 9 of the USB 2.0 and 3.0 specifications.
 namespace sim {
 
 using Bytes = std::vector<uint8_t>;

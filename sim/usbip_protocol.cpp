@@ -1,9 +1,8 @@
 #include "usbip_protocol.h"
 
 #include <algorithm>
-#include <cstring>
 
-#include <endian.h>
+#include "byte_order.h"
 
 namespace sim::usbip {
 
@@ -11,33 +10,7 @@ namespace {
 
 constexpr size_t kPathSize = 256;
 
-uint16_t get16(std::span<const uint8_t> bytes, size_t at) {
-    uint16_t value = 0;
-    std::memcpy(&value, &bytes[at], sizeof(value));
-    return be16toh(value);
-}
-
-uint32_t get32(std::span<const uint8_t> bytes, size_t at) {
-    uint32_t value = 0;
-    std::memcpy(&value, &bytes[at], sizeof(value));
-    return be32toh(value);
-}
-
-void put32(std::span<uint8_t> bytes, size_t at, uint32_t value) {
-    const uint32_t inOrder = htobe32(value);
-    std::memcpy(&bytes[at], &inOrder, sizeof(inOrder));
-}
-
-void append16(Bytes &to, uint16_t value) {
-    to.push_back(static_cast<uint8_t>(value >> 8));
-    to.push_back(static_cast<uint8_t>(value & 0xFF));
-}
-
-void append32(Bytes &to, uint32_t value) {
-    append16(to, static_cast<uint16_t>(value >> 16));
-    append16(to, static_cast<uint16_t>(value & 0xFFFF));
-}
-
+// Fills the rest of `size` bytes with zeros.
 void appendText(Bytes &to, const std::string &text, size_t size) {
     const size_t start = to.size();
     to.resize(start + size);
@@ -45,55 +18,62 @@ void appendText(Bytes &to, const std::string &text, size_t size) {
                 to.begin() + static_cast<long>(start));
 }
 
-// The setup packet stands in USB's own byte order.
+// The setup packet is in USB's own byte order, not in that of USB/IP.
 Setup parseSetup(std::span<const uint8_t> bytes) {
-    const auto little16 = [&](size_t at) {
-        return static_cast<uint16_t>(bytes[at] | (bytes[at + 1] << 8));
-    };
-    return {bytes[0], bytes[1], little16(2), little16(4), little16(6)};
+    return {bytes[0], bytes[1], littleEndian16(bytes.subspan(2)), littleEndian16(bytes.subspan(4)),
+            littleEndian16(bytes.subspan(6))};
+}
+
+// The fields that both replies have.
+void writeReply(std::span<uint8_t, kHeaderSize> to, Command command, uint32_t sequence,
+                int32_t status) {
+    std::fill(to.begin(), to.end(), uint8_t{0});
+    putBigEndian32(to, command);
+    putBigEndian32(to.subspan(4), sequence);
+    putBigEndian32(to.subspan(20), static_cast<uint32_t>(status));
 }
 
 } // namespace
 
 OperationHeader parseOperation(std::span<const uint8_t, kOperationSize> bytes) {
-    return {get16(bytes, 0), get16(bytes, 2)};
+    return {bigEndian16(bytes), bigEndian16(bytes.subspan(2))};
 }
 
 CommandHeader parseCommand(std::span<const uint8_t, kHeaderSize> bytes) {
     CommandHeader header{};
-    header.command = get32(bytes, 0);
-    header.sequence = get32(bytes, 4);
-    header.in = get32(bytes, 12) != 0;
-    header.endpoint = get32(bytes, 16);
-    header.unlinkSequence = get32(bytes, 20);
-    header.length = get32(bytes, 24);
-    header.packets = get32(bytes, 32);
+    header.command = bigEndian32(bytes);
+    header.sequence = bigEndian32(bytes.subspan(4));
+    header.in = bigEndian32(bytes.subspan(12)) != 0;
+    header.endpoint = bigEndian32(bytes.subspan(16));
+    header.unlinkSequence = bigEndian32(bytes.subspan(20));
+    header.length = bigEndian32(bytes.subspan(24));
+    header.packets = bigEndian32(bytes.subspan(32));
     header.setup = parseSetup(bytes.subspan(40, 8));
     return header;
 }
 
 Bytes operationReply(Operation operation, OperationStatus status) {
     Bytes bytes;
-    append16(bytes, kVersion);
-    append16(bytes, operation);
-    append32(bytes, static_cast<uint32_t>(status));
+    appendBigEndian16(bytes, kVersion);
+    appendBigEndian16(bytes, operation);
+    appendBigEndian32(bytes, static_cast<uint32_t>(status));
     return bytes;
 }
 
 void appendCount(Bytes &to, uint32_t count) {
-    append32(to, count);
+    appendBigEndian32(to, count);
 }
 
-void appendDevice(Bytes &to, const ExportedAs &exported, const DeviceShape &shape) {
+void appendDevice(Bytes &to, const ExportedName &exported, const DeviceShape &shape) {
     appendText(to, "/simulated/" + exported.busId, kPathSize);
     appendText(to, exported.busId, kBusIdSize);
-    append32(to, exported.busNumber);
-    append32(to, exported.deviceNumber);
-    append32(to, static_cast<uint32_t>(shape.speed));
-    append16(to, shape.vendor);
-    append16(to, shape.product);
-    append16(to, shape.bcdDevice);
-    // Class, subclass, protocol; configuration in use, configurations, interfaces.
+    appendBigEndian32(to, exported.busNumber);
+    appendBigEndian32(to, exported.deviceNumber);
+    appendBigEndian32(to, static_cast<uint32_t>(shape.speed));
+    appendBigEndian16(to, shape.vendor);
+    appendBigEndian16(to, shape.product);
+    appendBigEndian16(to, shape.bcdDevice);
+    // Class, subclass, protocol; current configuration, number of configurations and of interfaces.
     to.insert(to.end(), {0, 0, 0, 1, 1, 1});
 }
 
@@ -104,18 +84,12 @@ void appendInterfaces(Bytes &to, const DeviceShape &shape) {
 
 void writeSubmitReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status,
                       uint32_t actualLength) {
-    std::fill(to.begin(), to.end(), uint8_t{0});
-    put32(to, 0, kReplySubmit);
-    put32(to, 4, sequence);
-    put32(to, 20, static_cast<uint32_t>(status));
-    put32(to, 24, actualLength);
+    writeReply(to, kReplySubmit, sequence, status);
+    putBigEndian32(to.subspan(24), actualLength);
 }
 
 void writeUnlinkReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status) {
-    std::fill(to.begin(), to.end(), uint8_t{0});
-    put32(to, 0, kReplyUnlink);
-    put32(to, 4, sequence);
-    put32(to, 20, static_cast<uint32_t>(status));
+    writeReply(to, kReplyUnlink, sequence, status);
 }
 
 } // namespace sim::usbip

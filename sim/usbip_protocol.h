@@ -9,7 +9,7 @@
 #include "usb.h"
 
 // The USB/IP protocol, version 1.1.1, as documented with the Linux kernel
-// (Documentation/usb/usbip_protocol.rst).  All numbers are big-endian on the wire.
+// (Documentation/usb/usbip_protocol.rst).  All numbers in its messages are big-endian.
 namespace sim::usbip {
 
 inline constexpr uint16_t kVersion = 0x0111;
@@ -40,7 +40,8 @@ struct OperationHeader {
     uint16_t operation;
 };
 
-// CMD_SUBMIT and CMD_UNLINK; the members after `endpoint` are those of one of the two.
+// The header of CMD_SUBMIT or CMD_UNLINK.  `unlinkSequence` is the latter's alone, the members from
+// `length` to `setup` the former's.
 struct CommandHeader {
     uint32_t command;
     uint32_t sequence;
@@ -52,7 +53,8 @@ struct CommandHeader {
     uint32_t unlinkSequence;
 };
 
-struct ExportedAs {
+// Under which name and numbers a device is offered to clients.
+struct ExportedName {
     std::string busId;
     uint32_t busNumber;
     uint32_t deviceNumber;
@@ -61,12 +63,13 @@ struct ExportedAs {
 OperationHeader parseOperation(std::span<const uint8_t, kOperationSize> bytes);
 CommandHeader parseCommand(std::span<const uint8_t, kHeaderSize> bytes);
 
+// A reply begins with operationReply(); the append functions add the rest of it.
 Bytes operationReply(Operation operation, OperationStatus status);
 void appendCount(Bytes &to, uint32_t count);
-void appendDevice(Bytes &to, const ExportedAs &exported, const DeviceShape &shape);
+void appendDevice(Bytes &to, const ExportedName &exported, const DeviceShape &shape);
 void appendInterfaces(Bytes &to, const DeviceShape &shape);
 
-// The replies' headers; `status` is 0 or a negative error number of Linux.
+// Write the header of a reply.  `status` is 0 or a negative error number of Linux.
 void writeSubmitReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status,
                       uint32_t actualLength);
 void writeUnlinkReply(std::span<uint8_t, kHeaderSize> to, uint32_t sequence, int32_t status);

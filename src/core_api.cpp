@@ -1,4 +1,4 @@
-// The exported functions of the library frame.
+// The exported functions of the library as a whole: init and fini, version, status texts.
 #include <memory>
 
 #include "core/lifecycle.h"

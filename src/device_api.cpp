@@ -31,10 +31,10 @@ DeviceCall writeCall(const _vexa_usb_device *device, uint8_t endpoint, const uin
         .notRemoved();
 }
 
-DeviceCall activeStreamCall(const _vexa_usb_device *device, bool goodParameters = true) {
+DeviceCall activeStreamCall(const _vexa_usb_device *device, bool validParameters = true) {
     return DeviceCall(device)
         .initialized()
-        .parameters(goodParameters)
+        .parameters(validParameters)
         .dataStreamSupported()
         .dataStreamActive()
         .notRemoved();
@@ -114,8 +114,8 @@ int32_t vexa_usb_get_device_descriptor(_vexa_usb_device *device,
         .then([&](AbstractDevice &opened) { return opened.getDeviceDescriptor(*descriptor); });
 }
 
-// Neither the initialisation nor the handle is tested here: callers rely on the former, and a null
-// handle is their error.
+// Unlike the other functions this one checks neither initCount nor the handle: callers rely on an
+// answer without init, and a null handle is their error.
 int32_t vexa_usb_get_max_packet_size(_vexa_usb_device *device, uint8_t endpoint, uint16_t *size) {
     if (size == nullptr)
         return VEXA_USB_STATUS_INVALID_PARAMETERS;

@@ -12,7 +12,7 @@ using namespace vexausb;
 
 namespace {
 
-// The record lives for the call alone.
+// Gives the callback a record that is valid during the call only.
 void callWithRecord(vexa_usb_device_list_event_callback callback, uint32_t type,
                     const std::shared_ptr<AbstractDeviceListItem> &item, void *data) {
     if (item == nullptr) {
@@ -34,7 +34,8 @@ int32_t vexa_usb_get_device_list(_vexa_usb_device_list_item ***list, uint64_t *c
     if (!checks.passed())
         return checks.status();
     const auto items = devices->snapshot();
-    // All null from the start: the array can be freed also if a record cannot be allocated.
+    // All pointers are null at first, so that the array can be freed even if there is no memory for
+    // one of the records.
     *list = new _vexa_usb_device_list_item *[items.size() + 1]();
     for (size_t i = 0; i < items.size(); ++i) {
         (*list)[i] = new _vexa_usb_device_list_item;

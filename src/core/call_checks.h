@@ -11,23 +11,23 @@ namespace vexausb {
 inline constexpr uint8_t kEndpointIn = 0x80;
 
 /*
- * The checks with which an exported function begins, in the order in which they are written; the
- * first that fails decides the status and the later ones are skipped.  `Self` is the class that
- * derives from this and may add checks of its own.
+ * The checks at the beginning of an exported function, made in the order in which they are called.
+ * The first that fails decides the status; those after it are skipped.  `Self` is the derived
+ * class, which may add checks of its own.
  */
 template <typename Self>
 class ChecksOf {
 public:
     Self &initialized() { return require(initCount.load() != 0, VEXA_USB_STATUS_NOT_INITIALIZED); }
-    Self &parameters(bool good) { return require(good, VEXA_USB_STATUS_INVALID_PARAMETERS); }
-    // While another thread's first init or last fini is at work there is no list, although the
-    // counter says "initialised".
+    Self &parameters(bool valid) { return require(valid, VEXA_USB_STATUS_INVALID_PARAMETERS); }
+    // Passes the list on.  While another thread is in the first init or the last fini there may be
+    // none, although initCount is not 0.
     Self &deviceList(std::shared_ptr<DeviceList> &list) {
         if (passed())
             list = currentDeviceList();
         return require(list != nullptr, VEXA_USB_STATUS_NOT_INITIALIZED);
     }
-    // The list is there already while the first init goes on to libusb.
+    // Fails until the first init has finished: it makes the list before it initialises libusb.
     Self &started() { return require(libraryStarted.load(), VEXA_USB_STATUS_NOT_INITIALIZED); }
     Self &inEndpoint(uint8_t endpoint) {
         return require((endpoint & kEndpointIn) != 0, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
@@ -40,8 +40,8 @@ public:
     int32_t status() const { return failure_; }
 
 protected:
-    Self &require(bool good, int32_t statusIfNot) {
-        if (passed() && !good)
+    Self &require(bool condition, int32_t statusIfNot) {
+        if (passed() && !condition)
             failure_ = statusIfNot;
         return static_cast<Self &>(*this);
     }

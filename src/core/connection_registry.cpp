@@ -12,7 +12,7 @@ namespace {
 
 using Connections = std::vector<std::weak_ptr<UsbConnection>>;
 
-Mutex mutex; // not held while a connection is closed
+Mutex mutex; // not held while a connection is being closed
 bool accepting GUARDED_BY(mutex) = false;
 bool loopRuns GUARDED_BY(mutex) = false;
 Connections connections GUARDED_BY(mutex);
@@ -32,12 +32,12 @@ void open(bool eventLoopRuns) {
 }
 
 void close() {
-    const Connections last = stopAccepting();
-    for (const auto &listed : last) {
+    const Connections remaining = stopAccepting();
+    for (const auto &listed : remaining) {
         if (const auto connection = listed.lock())
             connection->prepareClose();
     }
-    for (const auto &listed : last) {
+    for (const auto &listed : remaining) {
         if (const auto connection = listed.lock())
             connection->close();
     }

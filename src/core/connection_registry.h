@@ -5,11 +5,11 @@
 struct libusb_device_handle;
 
 /*
- * The connections of the present libusb context, so that the last fini can close those that are
- * still open: libusb forgets the context of a handle that outlives it, and closing such a handle
- * later would use freed memory.
+ * The connections of the current libusb context.  The last fini closes those that are still open,
+ * because closing a libusb handle after the end of its context would use freed memory.
  *
- * Connections are held weakly: each belongs to its device, which closes it before it lets go.
+ * The registry holds weak references: a connection belongs to its device, which closes it before
+ * releasing it.
  */
 namespace vexausb {
 
@@ -17,13 +17,14 @@ class UsbConnection;
 
 namespace connection_registry {
 
-// LibUSB alone calls these two: from the one to the other, connections can be made.
+// Lets connections be made until close().  Only LibUSB::init and LibUSB::fini call these two.
 void open(bool eventLoopRuns);
-// Closes those that are open, all at once, so that the waiting times do not add up.  Needs no
+// Closes all open connections at once, so that their waiting times do not add up.  Allocates no
 // memory.
 void close();
 
-// Takes over an open handle; null, with the handle left to the caller, when closed.  Any thread.
+// Makes a connection that owns the open handle.  Null when the registry is closed; the handle then
+// still belongs to the caller.  Any thread.
 std::shared_ptr<UsbConnection> connect(libusb_device_handle *handle);
 
 } // namespace connection_registry

@@ -13,18 +13,18 @@ namespace vexausb::event_duty {
 
 namespace {
 
-// Long compared with a request, short for a hot-plug notice.
-constexpr std::chrono::milliseconds kTurn{10};
+// Much longer than a short request takes, and still a short delay for a hot-plug notice.
+constexpr std::chrono::milliseconds kYieldTime{10};
 
 struct Duty {
-    std::atomic<bool> callsFollow{false}; // set by callers, cleared by "usb-libusb"
+    std::atomic<bool> transferSucceeded{false}; // set by callers, cleared by "usb-libusb"
 
-    Mutex mutex; // nothing is locked inside it
+    Mutex mutex; // no other lock is taken under it
     Condition changed;
     uint64_t reservations GUARDED_BY(mutex) = 0;
 };
 
-// Never destroyed, since the thread may wait in it when the process ends without the last fini.
+// Never destroyed: the thread may still wait for it when the process ends without a last fini.
 Duty &duty() {
     alignas(Duty) static std::byte memory[sizeof(Duty)];
     static auto *const only = new (memory) Duty;
@@ -44,23 +44,23 @@ Reserved::~Reserved() {
     --duty().reservations;
 }
 
-void callSucceeded() {
-    duty().callsFollow.store(true, std::memory_order_relaxed);
+void noteSynchronousTransfer() {
+    duty().transferSucceeded.store(true, std::memory_order_relaxed);
 }
 
-void leaveToCalls() {
-    Duty &now = duty();
-    const MutexLock lock(now.mutex);
-    if (!now.callsFollow.exchange(false, std::memory_order_relaxed))
+void yieldToSynchronousTransfers() {
+    Duty &shared = duty();
+    const MutexLock lock(shared.mutex);
+    if (!shared.transferSucceeded.exchange(false, std::memory_order_relaxed))
         return;
-    const auto end = std::chrono::steady_clock::now() + kTurn;
+    const auto end = std::chrono::steady_clock::now() + kYieldTime;
     bool inTime = true;
-    while (inTime && now.reservations == 0 && libusbRunning.load())
-        inTime = now.changed.waitUntil(now.mutex, end);
+    while (inTime && shared.reservations == 0 && libusbRunning.load())
+        inTime = shared.changed.waitUntil(shared.mutex, end);
 }
 
-// Under the mutex, so that the notice does not fall between a look at libusbRunning and the wait.
-void end() {
+// Under the mutex: the notification cannot come between the test of libusbRunning and the wait.
+void endYield() {
     const MutexLock lock(duty().mutex);
     duty().changed.notifyOne();
 }

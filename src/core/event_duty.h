@@ -1,19 +1,19 @@
 #pragma once
 
 /*
- * Who handles libusb's events: "usb-libusb", or the callers of synchronous transfers.
+ * Which thread handles libusb's events: "usb-libusb", or the callers of synchronous transfers.
  *
- * A synchronous transfer handles all events itself while it waits, unless another thread does: that
- * thread is then woken by the completion and wakes the caller in turn, which is dear for a short
- * request.  So while such transfers follow one another, "usb-libusb" stays out of libusb, for one
- * turn of 10 ms at a time.
+ * A caller in a synchronous transfer handles all events itself while it waits, unless another
+ * thread is doing so already.  In that case the completion wakes the other thread, which then has
+ * to wake the caller; short requests take much longer by this.  So whenever a synchronous transfer
+ * has succeeded since "usb-libusb" last handled events, that thread stays out of libusb for 10 ms.
  *
- * What comes while nobody is in libusb, such as a hot-plug notice, waits for one turn at most.
- * Asynchronous transfers wait for nothing: while any is in flight, the thread stays in libusb.
+ * Events that come while no thread is in libusb, such as hot-plug notices, wait for those 10 ms at
+ * most.  Asynchronous transfers never wait: while any is in flight, the thread stays in libusb.
  */
 namespace vexausb::event_duty {
 
-// While one of these exists, "usb-libusb" does not leave the events to callers.  Any thread.
+// While one of these exists, "usb-libusb" handles the events itself.  Any thread.
 class Reserved {
 public:
     Reserved();
@@ -22,12 +22,12 @@ public:
     Reserved &operator=(const Reserved &) = delete;
 };
 
-// Any thread, after a synchronous transfer that went well; one that failed may have handled no
-// events.
-void callSucceeded();
-// "usb-libusb", whenever it has handled events: returns when it is its turn again.
-void leaveToCalls();
-// Ends that wait, after libusbRunning was cleared.
-void end();
+// To be called after each synchronous transfer that succeeded, on any thread.  One that failed may
+// have handled no events.
+void noteSynchronousTransfer();
+// Called by "usb-libusb" whenever it has handled events; returns when it is to handle them again.
+void yieldToSynchronousTransfers();
+// Ends that wait at once; libusbRunning has to be false already.
+void endYield();
 
 } // namespace vexausb::event_duty

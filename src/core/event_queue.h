@@ -18,47 +18,50 @@
 namespace vexausb {
 
 /*
- * Hands events to a handler, one at a time and in the order of posting, on a worker thread of the
- * queue's own, so that callers' code never runs on a thread that handles USB events nor under a
- * lock of the library.
+ * Hands events to a handler, one at a time and in the order of posting, on a worker thread of its
+ * own.  So callers' code never runs on a thread that handles USB events, nor under a lock of the
+ * library.
  *
- * Life: make with std::make_shared, start() once, post() from any thread, stop(), release.  The
- * worker holds a reference to the queue for as long as it runs, so an owner that stops and
- * releases never waits for a handler in progress; the queue then destroys itself on its worker.
- * Events still queued at the stop are dropped with the queue.
+ * Life: its owner makes it with std::make_shared, calls start() once and stop() at the end, and
+ * releases it.  start() is a step of its own for two reasons.  The worker holds a reference to the
+ * queue, and a constructor has none to give.  And only stop() ends the worker, so an owner whose
+ * own construction can fail starts the queue last.
  *
- * Memory: an event that must not fail for want of memory is prepared when memory can still be
- * refused, and waits with its owner until it is posted.
+ * An owner never waits for a handler in progress: it stops and releases the queue, which lives on
+ * by the worker's reference and is destroyed on the worker.  Events that are still queued at the
+ * stop are dropped.
  *
- * Locks: the mutex is taken inside the locks of producers, and no other lock is taken inside it.
+ * Memory: an event that must be posted in any case is prepared early, where a failure can still be
+ * reported.  The owner keeps it until it posts it.
+ *
+ * Locks: producers may hold locks of their own; no other lock is taken under the queue's mutex.
  */
 template <typename T>
 class EventQueue : public std::enable_shared_from_this<EventQueue<T>> {
 public:
     using Handler = std::function<void(const T &)>;
-    // An event that is yet to be posted, and its place among the others once it is.
-    struct Late {
+    struct PreparedEvent {
         T event;
-        uint64_t place = 0; // number of events that were posted before it without preparation
+        uint64_t postedBefore = 0; // the value of posted_ when this one was posted
     };
-    // One, or none.
-    using Prepared = std::list<Late>;
+    // A prepared event, with the memory that posting it takes; empty once it is posted.
+    using Prepared = std::list<PreparedEvent>;
 
     explicit EventQueue(Handler handler) : handler_(std::move(handler)) {}
     ~EventQueue();
     EventQueue(const EventQueue &) = delete;
     EventQueue &operator=(const EventQueue &) = delete;
 
-    // Starts the worker under that name; the owner calls it, once.
+    // Starts the worker, a thread of that name.  When it throws, there is no worker.
     void start(std::string name);
-    static Prepared prepare(T event) { return Prepared(1, Late{std::move(event)}); }
+    static Prepared prepare(T event) { return Prepared(1, PreparedEvent{std::move(event)}); }
     // Posts nothing when it throws.
     void post(T event) EXCLUDES(mutex_);
-    // False, and nothing is posted, for want of memory.
+    // False, and nothing is posted, when there is no memory.
     bool tryPost(T event) noexcept EXCLUDES(mutex_);
-    // Takes what was prepared; nothing happens when it was posted before.
+    // Takes the event out of `prepared`; does nothing when that is empty.
     void post(Prepared &prepared) noexcept EXCLUDES(mutex_);
-    // The handler in progress goes on, and is the last.
+    // The handler in progress finishes; no other event is handled.
     void stop() EXCLUDES(mutex_);
 
 private:
@@ -69,11 +72,11 @@ private:
     Mutex mutex_;
     Condition changed_;
     std::deque<T> queue_ GUARDED_BY(mutex_);
-    std::list<Late> late_ GUARDED_BY(mutex_); // prepared and posted, in order
-    uint64_t posted_ GUARDED_BY(mutex_) = 0;  // that have come to queue_
-    uint64_t taken_ GUARDED_BY(mutex_) = 0;   // that have left it
+    Prepared postedPrepared_ GUARDED_BY(mutex_); // in order
+    uint64_t posted_ GUARDED_BY(mutex_) = 0;     // how many events have come to queue_
+    uint64_t taken_ GUARDED_BY(mutex_) = 0;      // how many have left it
     bool stopRequested_ GUARDED_BY(mutex_) = false;
-    std::thread thread_; // start()'s and the destructor's
+    std::thread thread_; // only start() and the destructor touch it
 };
 
 template <typename T>
@@ -102,9 +105,9 @@ bool EventQueue<T>::tryPost(T event) noexcept {
 template <typename T>
 void EventQueue<T>::post(Prepared &prepared) noexcept {
     const MutexLock lock(mutex_);
-    for (Late &late : prepared)
-        late.place = posted_;
-    late_.splice(late_.end(), prepared);
+    for (PreparedEvent &event : prepared)
+        event.postedBefore = posted_;
+    postedPrepared_.splice(postedPrepared_.end(), prepared);
     changed_.notifyAll();
 }
 
@@ -115,7 +118,7 @@ void EventQueue<T>::stop() {
     changed_.notifyAll();
 }
 
-// What an event holds is released here, after its handler, and not under the mutex.
+// Destroys each event here, after its handler has returned and not under the mutex.
 template <typename T>
 void EventQueue<T>::work() {
     for (;;) {
@@ -126,17 +129,17 @@ void EventQueue<T>::work() {
     }
 }
 
-// Waits for the next event; false when there is none any more.
+// Waits for the next event; false when the queue was stopped.
 template <typename T>
 bool EventQueue<T>::takeNext(T &event) {
     const MutexLock lock(mutex_);
-    while (queue_.empty() && late_.empty() && !stopRequested_)
+    while (queue_.empty() && postedPrepared_.empty() && !stopRequested_)
         changed_.wait(mutex_);
     if (stopRequested_)
         return false;
-    if (!late_.empty() && late_.front().place == taken_) {
-        event = std::move(late_.front().event);
-        late_.pop_front();
+    if (!postedPrepared_.empty() && postedPrepared_.front().postedBefore == taken_) {
+        event = std::move(postedPrepared_.front().event);
+        postedPrepared_.pop_front();
     } else {
         event = std::move(queue_.front());
         queue_.pop_front();

@@ -2,23 +2,21 @@
 
 #include <utility>
 
-#include "core/mutex.h"
-
 namespace vexausb {
 
 namespace {
 
-Mutex deviceListMutex; // held for a few instructions; nothing is locked inside it
+Mutex deviceListMutex; // no other lock is taken under it
 
-// Before libusbThread, so that at the process's end the thread's destructor runs first: a process
-// that ends without the last fini ends by std::terminate, whatever the list holds.
+// Defined before libusbThread, so destroyed after it: a process that exits without the last fini
+// ends in the thread's destructor, by std::terminate, whatever the list holds.
 std::shared_ptr<DeviceList> deviceList GUARDED_BY(deviceListMutex);
 
 } // namespace
 
+Mutex initFiniMutex;
 std::atomic<bool> libraryStarted{false};
 std::atomic<uint64_t> initCount{0};
-libusb_context *libusbContext = nullptr;
 std::thread libusbThread;
 std::atomic<bool> libusbRunning{true};
 

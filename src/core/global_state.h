@@ -5,34 +5,36 @@
 #include <memory>
 #include <thread>
 
-struct libusb_context;
+#include "core/mutex.h"
 
+// What the whole process shares.  lifecycle.cpp owns it: only init and fini change it.
 namespace vexausb {
 
 class DeviceList;
 
-// True between the end of the first init and the beginning of the last fini's work, which alone
-// write it: callers can use the device list and the context.
+// Held by lifecycle.cpp while it builds the shared state up or tears it down.  It is the first in
+// the order of the mutexes: a thread that holds another one must not lock it.
+extern Mutex initFiniMutex;
+
+// True from the end of the first init's work to the beginning of the last fini's: callers can use
+// the device list and the context.
 extern std::atomic<bool> libraryStarted;
 
-// Calls of init not yet matched by fini.  Everyone reads it; init and fini alone change it.
+// How many calls of init have had no fini yet.
 extern std::atomic<uint64_t> initCount;
 
-// The context, null when there is none.  LibUSB sets it while its gate is closed, and lets others
-// read it only while they are inside that gate.
-extern libusb_context *libusbContext;
+// "usb-libusb".
+extern std::thread libusbThread GUARDED_BY(initFiniMutex);
 
-// "usb-libusb".  LibUSB::init and LibUSB::fini alone touch it, one at a time.
-extern std::thread libusbThread;
-
-// The event loop runs while this is true; once cleared it stays so for the life of the process.
+// Whether the event loop is to run.  LibUSB::fini clears it; nothing sets it again in the life of
+// the process.
 extern std::atomic<bool> libusbRunning;
 
-// The device list, null when there is none.  Holding the reference keeps the list alive beyond a
-// last fini on another thread.
+// The device list, null when there is none.  Whoever holds the result can use the list even after
+// the last fini.
 std::shared_ptr<DeviceList> currentDeviceList();
 
-// Puts another list in place and hands out the former one.
+// Replaces the list and returns the former one.
 std::shared_ptr<DeviceList> exchangeDeviceList(std::shared_ptr<DeviceList> next);
 
 } // namespace vexausb

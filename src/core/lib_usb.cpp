@@ -15,7 +15,10 @@ namespace {
 
 UseGate contextGate{false};
 
-void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
+// Null when there is none.  Written while the gate is closed.
+libusb_context *libusbContext GUARDED_BY(initFiniMutex) = nullptr;
+
+void registerHotplug(libusb_hotplug_callback_fn onHotplug) REQUIRES(initFiniMutex) {
     const int events = LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT;
     for (const SupportedDevice &device : supportedDevices) {
         const int product =
@@ -25,31 +28,29 @@ void registerHotplug(libusb_hotplug_callback_fn onHotplug) {
                                              LIBUSB_HOTPLUG_MATCH_ANY, onHotplug, nullptr, nullptr);
         if (result != LIBUSB_SUCCESS)
             logLine(LogLevel::Error,
-                    "the bus is not followed for the kind %s: %s; updates list it all the same",
+                    "the bus is not followed for the kind %s: %s; updates still list it",
                     device.kind, libusb_error_name(result));
     }
 }
 
-void handleEvents() {
+void handleEvents(libusb_context *context) {
     while (libusbRunning.load()) {
-        libusb_handle_events(libusbContext);
-        event_duty::leaveToCalls();
+        libusb_handle_events(context);
+        event_duty::yieldToSynchronousTransfers();
     }
 }
 
-void endEventLoop() {
+void endEventLoop() REQUIRES(initFiniMutex) {
     if (!libusbThread.joinable())
         return;
     libusbRunning.store(false);
-    event_duty::end();
+    event_duty::endYield();
     libusb_interrupt_event_handler(libusbContext);
     libusbThread.join();
 }
 
 } // namespace
 
-// A context that cannot be had leaves the library without devices; nothing else depends on it.  A
-// thread that cannot be started leaves nothing behind, and the exception goes to init's caller.
 void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
     const int result = libusb_init(&libusbContext);
     if (result != LIBUSB_SUCCESS) {
@@ -64,7 +65,8 @@ void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
     registerHotplug(onHotplug);
     const bool loopRuns = libusbRunning.load();
     try {
-        libusbThread = startThread("usb-libusb", handleEvents);
+        libusbThread =
+            startThread("usb-libusb", [context = libusbContext]() { handleEvents(context); });
     } catch (...) {
         libusb_exit(std::exchange(libusbContext, nullptr));
         throw;
@@ -82,8 +84,11 @@ void LibUSB::fini() {
     libusbContext = nullptr;
 }
 
-UseGate::Use LibUSB::useContext() {
-    return contextGate.enter();
+LibUSB::ContextUse::ContextUse() : use_(contextGate.enter()) {}
+
+// Instead of the mutex the gate protects the context here: nobody writes it while a user is inside.
+libusb_context *LibUSB::ContextUse::context() const NO_THREAD_SAFETY_ANALYSIS {
+    return libusbContext;
 }
 
 } // namespace vexausb

@@ -1,22 +1,14 @@
 #include "core/lifecycle.h"
 
-#include "core/global_state.h"
 #include "core/lib_usb.h"
 #include "core/log.h"
-#include "core/mutex.h"
 
 namespace vexausb {
-
-namespace {
-
-Mutex transition; // held while the state is built up or torn down; the outermost of all
-
-} // namespace
 
 void beginUse(const LifecycleParts &parts) {
     if (initCount.fetch_add(1) != 0)
         return;
-    const MutexLock lock(transition);
+    const MutexLock lock(initFiniMutex);
     if (initCount.load() == 0 || currentDeviceList() != nullptr)
         return;
     readLogLevel();
@@ -34,7 +26,7 @@ void beginUse(const LifecycleParts &parts) {
 void endUse() {
     if (initCount.fetch_sub(1) != 1)
         return;
-    const MutexLock lock(transition);
+    const MutexLock lock(initFiniMutex);
     if (initCount.load() != 0 || currentDeviceList() == nullptr)
         return;
     libraryStarted.store(false);

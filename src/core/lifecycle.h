@@ -4,28 +4,31 @@
 
 #include <libusb.h>
 
+#include "core/global_state.h"
+#include "core/mutex.h"
+
 /*
- * The reference-counted use of the library: the first use builds the process-wide state up, the
- * last tears it down.
+ * Counts the uses of the library.  The first one builds the process-wide state up, the last one
+ * tears it down.
  *
- * Only a call that takes the counter from 0 to 1 or from 1 to 0 takes the transition mutex, so no
- * other call ever waits.  Two such calls may come to the mutex in the opposite order of their
- * counting.  So neither trusts what it counted: each makes the state match the counter as it is
- * then, which is right in either order and runs one build-up or tear-down at a time.
+ * Only a call that takes the counter from 0 to 1 or from 1 to 0 locks initFiniMutex, so no other
+ * call ever waits.  Two such calls may lock it in the opposite order of their counting.  So each
+ * reads the counter again under the mutex, and does its work only if the state does not match the
+ * counter yet.
  */
 namespace vexausb {
 
 class DeviceList;
 
-// What the first initialisation builds on top of the core.
+// What the first init needs of the device list; core_api.cpp provides it.
 struct LifecycleParts {
     std::shared_ptr<DeviceList> (*makeDeviceList)();
     libusb_hotplug_callback_fn onHotplug;
 };
 
-// Counts one use more.  Throws when the state cannot be built up; the use is counted all the same.
-void beginUse(const LifecycleParts &parts);
-// Counts one use less.  Needs no memory.
-void endUse();
+// Counts one use more.  Throws when the state cannot be built up; even then the use is counted.
+void beginUse(const LifecycleParts &parts) EXCLUDES(initFiniMutex);
+// Counts one use less.  Allocates no memory.
+void endUse() EXCLUDES(initFiniMutex);
 
 } // namespace vexausb

@@ -21,7 +21,7 @@ namespace {
 constexpr std::array<const char *, 4> kLevelNames{"", "error", "info", "debug"};
 constexpr size_t kLineSize = 512; // longer lines are cut
 
-// Any thread reads it; the first init writes it.
+// Any thread reads it; only the first init writes it.
 std::atomic<LogLevel> currentLevel{LogLevel::Silent};
 
 void writeWhole(const char *line, size_t length) {
@@ -35,24 +35,24 @@ void writeWhole(const char *line, size_t length) {
     }
 }
 
-// The bytes that a snprintf put into `size` bytes, or would have put.
-size_t clampLength(int length, size_t size) {
-    return length < 0 ? 0 : std::min(static_cast<size_t>(length), size - 1);
+// How many characters a snprintf that answered `result` has written into `size` bytes.
+size_t writtenLength(int result, size_t size) {
+    return result < 0 ? 0 : std::min(static_cast<size_t>(result), size - 1);
 }
 
 } // namespace
 
 void readLogLevel() {
     const char *const value = std::getenv("VEXA_USB_LOG");
-    const std::string_view wanted = value == nullptr ? "" : value;
-    const auto *const found = std::find(kLevelNames.begin(), kLevelNames.end(), wanted);
+    const std::string_view name = value == nullptr ? "" : value;
+    const auto *const found = std::find(kLevelNames.begin(), kLevelNames.end(), name);
     if (found != kLevelNames.end()) {
         currentLevel.store(static_cast<LogLevel>(found - kLevelNames.begin()));
         return;
     }
     currentLevel.store(LogLevel::Error);
     logLine(LogLevel::Error,
-            "VEXA_USB_LOG is '%s': taken for error; it can be error, info or debug", value);
+            "VEXA_USB_LOG is '%s': treated as error; it can be error, info or debug", value);
 }
 
 bool logs(LogLevel level) {
@@ -64,11 +64,11 @@ void logLine(LogLevel level, const char *format, ...) noexcept {
         return;
     const int savedErrno = errno;
     std::array<char, kLineSize> line;
-    std::array<char, 16> thread{}; // what the kernel gives, terminator included
+    std::array<char, 16> thread{}; // the longest name, with its terminator
     pthread_getname_np(pthread_self(), thread.data(), thread.size());
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    size_t length = clampLength(
+    size_t length = writtenLength(
         std::snprintf(line.data(), line.size(),
                       "vexa-usb %lld.%06ld %s %s: ", static_cast<long long>(now.tv_sec),
                       now.tv_nsec / 1000, thread.data(), kLevelNames[static_cast<size_t>(level)]),
@@ -76,8 +76,8 @@ void logLine(LogLevel level, const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     length +=
-        clampLength(std::vsnprintf(line.data() + length, line.size() - length, format, arguments),
-                    line.size() - length);
+        writtenLength(std::vsnprintf(line.data() + length, line.size() - length, format, arguments),
+                      line.size() - length);
     va_end(arguments);
     line[length] = '\n'; // in place of the terminator
     writeWhole(line.data(), length + 1);

@@ -3,22 +3,23 @@
 namespace vexausb {
 
 /*
- * What the library says of itself, on standard error, when the environment variable VEXA_USB_LOG
- * asks for it: error, info or debug.  Unset, the library is silent.
+ * The library's log: lines on standard error, of the level that the environment variable
+ * VEXA_USB_LOG names (error, info or debug).  If it is unset, nothing is written.
  *
  * A line has the monotonic clock's seconds, the name of the thread, the level, what happened, the
- * error's name and what to do about it.  It is written by one system call from the stack of
- * whichever thread logs: lines of several threads do not mix, and no memory or lock is needed.
+ * error's name and what to do about it.  It is made on the stack of the thread that logs, and
+ * written by one system call: lines of several threads do not mix, and neither a lock nor allocated
+ * memory is needed.
  */
 enum class LogLevel : int { Silent, Error, Info, Debug };
 
-// Takes the level from the environment; the first init does so.
+// Takes the level from the environment.  The first init calls it.
 void readLogLevel();
 
-// Whether lines of that level are written, for callers that would have to collect what to say.
+// Whether lines of that level are written.  For callers that can save the work of making one.
 bool logs(LogLevel level);
 
-// Writes a line, without its newline, when lines of that level are written.  Leaves errno alone.
+// Writes a line if lines of that level are written; `format` has no newline.  Keeps errno.
 [[gnu::format(printf, 2, 3)]] void logLine(LogLevel level, const char *format, ...) noexcept;
 
 } // namespace vexausb

@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
-// What clang checks of locks at compile time (-Wthread-safety); other compilers pass over it.
+// Annotations by which clang checks locks at compile time (-Wthread-safety); others ignore them.
 #if defined(__clang__)
 #define VEXA_THREAD_ANNOTATION(annotation) __attribute__((annotation))
 #else
@@ -20,7 +20,7 @@
 
 namespace vexausb {
 
-// A std::mutex whose guarded members the compiler knows.
+// A std::mutex that the annotations can name.
 class VEXA_THREAD_ANNOTATION(capability("mutex")) Mutex {
 public:
     Mutex() = default;
@@ -48,7 +48,8 @@ private:
     Mutex &mutex_;
 };
 
-// A condition variable for it.  A wait may end for no reason, so the caller looks again in a loop.
+// A condition variable for a Mutex.  A wait may end without a notification, so callers wait in a
+// loop that tests what they wait for.
 class Condition {
 public:
     void wait(Mutex &mutex) REQUIRES(mutex) {
@@ -56,7 +57,7 @@ public:
         inner_.wait(lock);
         lock.release(); // still held, by the caller
     }
-    // False once that time has come.
+    // False when that time has passed.
     bool waitUntil(Mutex &mutex, std::chrono::steady_clock::time_point time) REQUIRES(mutex) {
         std::unique_lock lock(mutex.inner_, std::adopt_lock);
         const bool inTime = inner_.wait_until(lock, time) == std::cv_status::no_timeout;

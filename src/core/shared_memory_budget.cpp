@@ -20,6 +20,7 @@ constexpr uint64_t kMebibyte = 1048576;
 constexpr uint64_t kLeastLimit = 64;
 constexpr uint64_t kShareOfLimit = 4;     // a quarter
 constexpr uint64_t kNeededPerDevice = 2;  // three transfers of 512 KiB, a call's, and upkeep
+constexpr uint64_t kMostBlocks = 4096;    // each is a mapping, of which a process may have 65,530
 constexpr uint64_t kPlaces = 1ULL << 40U; // for the locks of a process
 constexpr off_t kPlaceSize = 1ULL << 20U; // bytes, each for one MiB
 constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
@@ -28,6 +29,7 @@ constexpr const char *kLowLimit = "the system's limit for USB transfers (usbfs_m
                                   "64 MiB";
 constexpr const char *kNoRoom = "no more can be taken from the system's limit for USB transfers "
                                 "(usbfs_memory_mb), which the attached devices need, too";
+constexpr const char *kTooMany = "a process shares at most 4096 buffers";
 
 // What this process shares, as the others see it.  Owned and guarded by the budget below.  Where
 // locks cannot be had, each process counts for itself.
@@ -101,6 +103,7 @@ uint64_t Tally::othersMebibytes() const {
 
 // Alive for as long as the process.
 Mutex mutex;
+uint64_t reservedBlocks GUARDED_BY(mutex) = 0;
 Tally tally GUARDED_BY(mutex);
 uint64_t attachedDevices GUARDED_BY(mutex) = 0;
 // Bytes, written under the mutex.
@@ -152,14 +155,19 @@ Grant reserve(uint64_t blockSize, uint64_t count) {
     if (*limit != 0 && *limit < kLeastLimit)
         return {0, kLowLimit};
     const uint64_t allowed = allowedUnder(*limit);
-    const uint64_t asked = std::min(count, kUnlimited / 4 / blockSize);
-    const uint64_t granted = reserveUpTo(allowed, blockSize, asked);
+    const uint64_t mappable =
+        std::min({count, kMostBlocks - reservedBlocks, kUnlimited / 4 / blockSize});
+    const uint64_t granted = reserveUpTo(allowed, blockSize, mappable);
+    reservedBlocks += granted;
     updateKeepable(allowed);
-    return {granted, granted < count ? kNoRoom : nullptr};
+    if (granted < mappable)
+        return {granted, kNoRoom};
+    return {granted, granted < count ? kTooMany : nullptr};
 }
 
 void release(uint64_t blockSize, uint64_t count) {
     const MutexLock lock(mutex);
+    reservedBlocks -= count;
     setReserved(reserved.load() - blockSize * count);
 }
 

@@ -41,8 +41,8 @@ const char *statusText(int32_t status) {
     return kStatusTexts[static_cast<size_t>(status - kLowestStatus)];
 }
 
-// A device that leaves the bus during a transfer is an unknown error too: "removed" is said only
-// of a device whose departure the device list has seen.
+// A device that leaves the bus during a transfer is an unknown error, too.  The status "removed"
+// means that the device list has seen the departure.
 int32_t statusFromLibusbError(int libusbResult) {
     switch (libusbResult) {
     case LIBUSB_SUCCESS:

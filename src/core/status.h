@@ -4,10 +4,10 @@
 
 namespace vexausb {
 
-// Text of a status code; the empty text for a value that is none.
+// The text of a status code; empty for a value that is not a status code.
 const char *statusText(int32_t status);
 
-// The one mapping from a libusb result to a status code.
+// The status code for the result of a libusb function.
 int32_t statusFromLibusbError(int libusbResult);
 
 } // namespace vexausb

@@ -10,11 +10,11 @@ namespace vexausb {
 
 namespace {
 
-// A thread inherits the signal mask of the one that starts it, so the mask is set around the
-// start rather than at the new thread's beginning.
+// Blocks signals while it exists.  A new thread inherits the signal mask of the thread that starts
+// it, so the mask is set before the start, not in the new thread.
 //
-// Signals that a thread's own fault raises stay unblocked: a blocked one ends the process without
-// the crash handler, or the managed runtime, that would have dealt with it.
+// Signals that report a thread's own fault stay unblocked.  If they were blocked, a fault would end
+// the process without the crash handler, or the language runtime, that handles them.
 class BlockSignals {
 public:
     BlockSignals() {
@@ -37,7 +37,7 @@ private:
 void setThreadName(const std::string &name) {
     if (name.empty())
         return;
-    std::array<char, 16> buffer{}; // what the kernel takes, terminator included
+    std::array<char, 16> buffer{}; // the longest name, with its terminator
     name.copy(buffer.data(), buffer.size() - 1);
     pthread_setname_np(pthread_self(), buffer.data());
 }

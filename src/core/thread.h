@@ -6,12 +6,12 @@
 
 namespace vexausb {
 
-// Names the calling thread with at most the first 15 characters; an empty name changes nothing.
+// Gives the calling thread the first 15 characters of the name; an empty one changes nothing.
 void setThreadName(const std::string &name);
 
-// Starts a thread of the library: named, and from its first instruction on with every signal
-// blocked but those that report a fault of the thread itself, so that signals reach the caller's
-// own threads only.
+// Starts a thread of the library under that name.  From its first instruction on it blocks all
+// signals, so that they reach only the program's own threads, except those that report a fault of
+// the thread itself, such as SIGSEGV.
 std::thread startThread(std::string name, std::function<void()> body);
 
 } // namespace vexausb

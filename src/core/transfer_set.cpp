@@ -7,8 +7,8 @@
 namespace vexausb {
 
 TransferSet::TransferSet(Slots slots, libusb_device_handle *handle, uint8_t endpoint,
-                         std::optional<std::chrono::milliseconds> patience)
-    : slots_(std::move(slots)), patience_(patience) {
+                         std::optional<std::chrono::milliseconds> stopTimeout)
+    : slots_(std::move(slots)), stopTimeout_(stopTimeout) {
     for (const auto &slot : slots_) {
         slot->set = this;
         slot->transfer = libusb_alloc_transfer(0);
@@ -64,8 +64,8 @@ void TransferSet::stop() {
     const MutexLock lock(mutex_);
     if (std::exchange(stopRequested_, true))
         return;
-    if (patience_)
-        patienceEnds_ = std::chrono::steady_clock::now() + *patience_;
+    if (stopTimeout_)
+        stopDeadline_ = std::chrono::steady_clock::now() + *stopTimeout_;
     cancelAll();
 }
 
@@ -73,8 +73,8 @@ void TransferSet::waitIdle() {
     const MutexLock lock(mutex_);
     bool inTime = true;
     while (inTime && !isIdle()) {
-        if (patience_)
-            inTime = released_.waitUntil(mutex_, patienceEnds_);
+        if (stopTimeout_)
+            inTime = released_.waitUntil(mutex_, stopDeadline_);
         else
             released_.wait(mutex_);
     }

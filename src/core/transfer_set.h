@@ -39,7 +39,7 @@ public:
     // Cancels what is in flight; nothing is submitted any more.
     void stop() EXCLUDES(mutex_);
     // After stop(), and only while an event loop delivers completions: until nothing is in flight,
-    // or the patience is at its end.
+    // or the stop is longer ago than the time limit.
     void waitIdle() EXCLUDES(mutex_);
     // After waitIdle(), and before the handle is closed: memory that belongs to it is given back.
     void releaseMemory(CallerMemory callers) EXCLUDES(mutex_);
@@ -63,15 +63,15 @@ protected:
     using Slots = std::vector<std::unique_ptr<Slot>>;
 
     // Gives each of the slots a transfer; throws std::bad_alloc when there is none.  waitIdle()
-    // gives up when the stop was longer ago than `patience`; without it, never.
+    // gives up when the stop is longer ago than `stopTimeout`; without it, never.
     TransferSet(Slots slots, libusb_device_handle *handle, uint8_t endpoint,
-                std::optional<std::chrono::milliseconds> patience = std::nullopt);
+                std::optional<std::chrono::milliseconds> stopTimeout = std::nullopt);
 
     // The transfer has ended, and is no longer in flight.
     virtual void completed(Slot &slot) REQUIRES(mutex_) = 0;
     virtual void doReleaseMemory(CallerMemory /*callers*/) REQUIRES(mutex_) {}
-    // libusb's answer.  When refused, the slot is to be released: its transfer refers to the device
-    // all the same, and must not outlive the libusb context.
+    // libusb's answer.  When refused, the slot is to be released: its transfer holds a reference
+    // to the device even so, and must not outlive the libusb context.
     int submit(Slot &slot, uint8_t *buffer, int length) REQUIRES(mutex_);
     // The transfer is not needed any more.
     void release(Slot &slot) REQUIRES(mutex_);
@@ -88,8 +88,8 @@ private:
 
     // While any is in flight.
     std::optional<event_duty::Reserved> duty_ GUARDED_BY(mutex_);
-    const std::optional<std::chrono::milliseconds> patience_;
-    std::chrono::steady_clock::time_point patienceEnds_ GUARDED_BY(mutex_); // set by stop()
+    const std::optional<std::chrono::milliseconds> stopTimeout_;
+    std::chrono::steady_clock::time_point stopDeadline_ GUARDED_BY(mutex_); // set by stop()
     Condition released_;
 };
 

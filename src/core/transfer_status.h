@@ -4,7 +4,7 @@
 
 namespace vexausb {
 
-// libusb's name of a transfer's end, as libusb_error_name gives those of calls.
+// The name of a transfer's status, as libusb_error_name has for results of calls.
 const char *transferStatusName(libusb_transfer_status status);
 
 } // namespace vexausb

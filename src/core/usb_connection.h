@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 #include "core/mutex.h"
@@ -66,12 +65,6 @@ private:
 
     Mutex mutex_; // a set's own is taken inside it
     std::vector<std::shared_ptr<TransferSet>> transferSets_ GUARDED_BY(mutex_);
-};
-
-// The device has no such endpoint, or its packet size makes no sense.
-class EndpointError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
 };
 
 } // namespace vexausb

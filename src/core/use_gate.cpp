@@ -10,7 +10,7 @@ UseGate::Use::~Use() {
         gate_->left_.notifyAll();
 }
 
-bool UseGate::Use::wanted() const {
+bool UseGate::Use::closeRequested() const {
     const MutexLock lock(gate_->mutex_);
     return !gate_->isOpen_;
 }

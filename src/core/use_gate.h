@@ -7,15 +7,15 @@
 namespace vexausb {
 
 /*
- * Keeps something that must not be closed under its users' feet (a libusb context, a libusb
- * handle).  A user enters, and works only if it was let in; whoever closes the thing first closes
- * the gate.
+ * Keeps something from being closed while it is in use: a libusb context, a libusb handle.  A user
+ * enters the gate, and works only if it was let in.  Whoever closes the thing closes the gate
+ * first, which waits for the users inside.
  *
- * Threads: any.  The mutex is held for a few instructions only.
+ * Threads: any.  The mutex is never held for long.
  */
 class UseGate {
 public:
-    // One user's stay; leaves when it is destroyed.
+    // What enter() returns: the user is inside until it is destroyed.
     class Use {
     public:
         explicit Use(UseGate *gate) : gate_(gate) {}
@@ -25,8 +25,8 @@ public:
 
         // Whether the user was let in.
         explicit operator bool() const { return gate_ != nullptr; }
-        // Whether somebody waits for this user to leave.
-        bool wanted() const;
+        // Whether the gate has closed since: the user should leave soon.  Only if it was let in.
+        bool closeRequested() const;
 
     private:
         UseGate *const gate_;
@@ -38,9 +38,9 @@ public:
 
     void open() EXCLUDES(mutex_);
     Use enter() EXCLUDES(mutex_);
-    // Turns new users away.
+    // Lets nobody in any more, and returns at once.
     void refuse() EXCLUDES(mutex_);
-    // Turns new users away and waits for those inside, of whom the caller must not be one.
+    // Lets nobody in any more, and waits until all users have left.  The caller must not be one.
     void close() EXCLUDES(mutex_);
 
 private:

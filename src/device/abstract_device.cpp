@@ -7,7 +7,8 @@ namespace vexausb {
 
 namespace {
 
-std::atomic<uint64_t> deviceSequence{0}; // devices constructed in this process; numbers the workers
+// Counts the devices that this process has constructed, and numbers their threads.
+std::atomic<uint64_t> deviceSequence{0};
 
 } // namespace
 
@@ -21,6 +22,7 @@ AbstractDevice::~AbstractDevice() {
     eventQueue_->stop();
 }
 
+// The first event was prepared, and so needs no memory.
 void AbstractDevice::setRemoved() {
     removed_.store(true, std::memory_order_release);
     if (removal_.empty())

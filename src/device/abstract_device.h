@@ -14,29 +14,32 @@ using DeviceEventQueue = EventQueue<_vexa_usb_device_event>;
 using DeviceEventHandler = DeviceEventQueue::Handler;
 
 /*
- * An opened device as the exported functions see it, whatever carries it.
+ * An opened device as the exported functions see it.  DeviceLibUSB implements it.
  *
- * Life: made by its list entry's open(), held by the caller's handle.  The entry keeps a weak
- * reference, and turns it into a strong one only while it says that the device has gone.  So the
- * device is destroyed on the thread that closes the handle, or, when both happen at once, on the
- * thread that destroys the entry.  A call holds a reference, too, for callbacks that close from
- * within it.  Nothing depends on which of them comes last: close() has given everything back by
- * then.
+ * Life: made by its list entry's open(), held by the caller's handle.  The entry has a weak
+ * reference, which it turns into a strong one only while it calls setRemoved().  A call holds a
+ * strong reference until it returns, because a callback that it makes may close the handle.
+ * Whichever of these three releases the last reference destroys the device, on its own thread.  It
+ * does not matter which: close() has given back before everything that the device held of the bus.
  *
- * Threads: calls come on callers' threads; "usb-device" with a sequence number, owned by
- * its event queue, runs the caller's callback.  A close stops that worker without waiting for it,
- * so a callback may close its own device.  Of the events that are still queued when it returns
- * none is delivered; the one in hand, if there is one, still is.
+ * Threads: calls come on callers' threads.  The event queue's thread, "usb-device" with a sequence
+ * number, runs the caller's callback.  close() stops that thread without waiting for it, so a
+ * callback may close its own device.  A callback that is running finishes; events that are still
+ * queued are dropped.
  */
 class AbstractDevice {
 public:
+    // Starts the event queue's thread.  Throws, and leaves no thread behind, when that fails.
     explicit AbstractDevice(DeviceEventHandler handler);
     virtual ~AbstractDevice();
     AbstractDevice(const AbstractDevice &) = delete;
     AbstractDevice &operator=(const AbstractDevice &) = delete;
 
-    // Its list entry alone calls this.
+    // Sets the removed mark and posts event 256.  The list entry calls it, once.  Each further call
+    // would post the event again.
     void setRemoved();
+
+    // The calls answer a status.
     virtual int32_t getKernelDriverVersion(_vexa_usb_version &version);
     virtual int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) = 0;
     virtual int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) = 0;
@@ -62,8 +65,8 @@ public:
     virtual int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) = 0;
     virtual int32_t dataStreamBufferUnlock() = 0;
 
-    // The handle's owner is done with the device: gives back what it holds of the bus before it
-    // returns, whoever else still has a reference.  Needs no memory.
+    // Called when the caller closes the handle.  Before it returns it gives back everything that
+    // the device holds of the bus, even if others still have a reference.  Allocates no memory.
     virtual void close();
 
     bool isRemoved() const { return removed_.load(std::memory_order_acquire); }
@@ -76,12 +79,12 @@ public:
 
 protected:
     const std::shared_ptr<DeviceEventQueue> eventQueue_;
-    // Set while the device is constructed, constant afterwards.
+    // Set by the derived constructor, constant afterwards.
     bool eventPipeSupported_ = false;
-    // Written under the implementation's locks; read by any thread.
+    // Written by the derived class, under its mutexes; read by any thread.
     std::atomic<bool> eventPipeActive_{false};
     std::atomic<bool> dataStreamActive_{false};
-    // Set while the device is constructed, constant afterwards; 0 means no data stream.
+    // Set by the derived constructor, constant afterwards; 0 means that there is no data stream.
     uint64_t dataStreamMemorySizeMax_ = 0;
     uint64_t dataStreamRateMax_ = 0;
 
@@ -92,7 +95,7 @@ private:
 
 } // namespace vexausb
 
-// What the caller's handle points to: the one strong reference to the opened device.
+// What the caller's handle points to.
 struct _vexa_usb_device {
     std::shared_ptr<vexausb::AbstractDevice> device;
 };

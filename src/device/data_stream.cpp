@@ -50,12 +50,12 @@ bool DataStreamBuffer::closeUnlessLocked() {
     return false;
 }
 
-DataStream::DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize,
-                       uint64_t packet, std::unique_ptr<SharedBuffers> shared)
-    : bufferSize_(size),
-      packetSize_(packet),
-      allocationSize_(allocationSizeFor(size, packet)),
-      transferSize_(transferSizeFor(size, maxTransferSize, packet)),
+DataStream::DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTransferSize,
+                       uint64_t packetSize, std::unique_ptr<SharedBuffers> shared)
+    : bufferSize_(bufferSize),
+      packetSize_(packetSize),
+      allocationSize_(allocationSizeFor(bufferSize, packetSize)),
+      transferSize_(transferSizeFor(bufferSize, maxTransferSize, packetSize)),
       shared_(std::move(shared)) {
     buffers_.reserve(bufferCount);
     for (uint64_t i = 0; i < bufferCount; ++i)
@@ -70,24 +70,28 @@ bool DataStream::claim(uint64_t index) {
     DataStreamBuffer &buffer = *buffers_[index];
     if (!buffer.change(DataStreamBufferState::Free, DataStreamBufferState::Filling))
         return false;
-    if (shared_ != nullptr && buffer.pendingTransfers == 0)
-        chooseMemory(buffer);
+    if (shared_ == nullptr || buffer.isShared() || buffer.pendingTransfers > 0)
+        return true;
+    collectShared();
+    uint8_t *const memory = shared_->take();
+    if (memory != nullptr)
+        buffer.data = memory;
     return true;
 }
 
-void DataStream::chooseMemory(DataStreamBuffer &buffer) {
-    if (buffer.isShared()) {
-        if (SharedBuffers::isOverdrawn())
+// Up to the first buffer that is in use; at the latest, that is the one that has just been claimed.
+// A buffer that a transfer is still on its way to keeps its memory.
+void DataStream::collectShared() {
+    while (buffers_[collectIndex_]->state.load() == DataStreamBufferState::Free) {
+        DataStreamBuffer &buffer = *buffers_[collectIndex_];
+        if (buffer.isShared() && buffer.pendingTransfers == 0)
             makeOrdinary(buffer);
-    } else if (!std::exchange(buffer.askedToShare, true)) {
-        uint8_t *const memory = shared_->allocate();
-        if (memory != nullptr)
-            buffer.data = memory;
+        collectIndex_ = following(collectIndex_);
     }
 }
 
 void DataStream::makeOrdinary(DataStreamBuffer &buffer) {
-    shared_->release(std::exchange(buffer.data, buffer.ordinary.get()));
+    shared_->giveBack(std::exchange(buffer.data, buffer.ordinary.get()));
 }
 
 void DataStream::releaseShared(CallerMemory callers) {
@@ -102,7 +106,6 @@ void DataStream::releaseShared(CallerMemory callers) {
     shared_->handleCloses();
 }
 
-// False when the ring is full: the caller has not yet given back a buffer that is needed.
 bool DataStream::nextTransfer(DataStreamTransferInfo &info) {
     if (writeOffset_ == 0 && !claim(writeIndex_))
         return false;

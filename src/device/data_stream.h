@@ -28,11 +28,10 @@ struct DataStreamBuffer {
     bool isShared() const { return data != ordinary.get(); }
 
     std::atomic<DataStreamBufferState> state{DataStreamBufferState::Free};
-    // Always there, and never touched while shared memory stands in for it.
+    // Always there, and not touched while shared memory stands in for it.
     const std::unique_ptr<uint8_t[]> ordinary;
     // The rest is the producer's.
     uint8_t *data; // here, or shared with the kernel; the consumer may read it of a locked buffer
-    bool askedToShare = false;
     uint64_t pendingTransfers = 0; // prepared, and not completed
 };
 
@@ -56,9 +55,10 @@ struct DataStreamTransferInfo {
  * transfer has completed.  With buffers smaller than a packet it moves on from there to the ones
  * behind.
  *
- * A buffer's memory is chosen whenever it is claimed while no transfer is on its way to it: the
- * first time it becomes shared with the kernel, where that may be had, and it becomes ordinary
- * again when others need the room.  So a start need not wait for the whole ring.
+ * A buffer that is claimed gets a block of memory that the kernel fills itself, where there is one
+ * (SharedBuffers); else its own ordinary memory does.  The blocks of buffers that the caller has
+ * given back are used again first.  So a start does not wait for the whole ring to be mapped, and a
+ * caller that keeps up has a few blocks go round that stay in the processor's caches.
  *
  * Threads: one producer and one consumer at a time; StreamSession and DeviceLibUSB see to that
  * with a lock for each side.  The two meet in the buffers' states only, which change by atomic
@@ -69,8 +69,8 @@ struct DataStreamTransferInfo {
  */
 class DataStream {
 public:
-    DataStream(uint64_t size, uint64_t bufferCount, uint64_t maxTransferSize, uint64_t packet,
-               std::unique_ptr<SharedBuffers> shared = nullptr);
+    DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTransferSize,
+               uint64_t packetSize, std::unique_ptr<SharedBuffers> shared = nullptr);
     ~DataStream();
     DataStream(const DataStream &) = delete;
     DataStream &operator=(const DataStream &) = delete;
@@ -78,13 +78,17 @@ public:
     // The bytes that each buffer takes; throws std::length_error when that is too much.
     static uint64_t allocationSizeFor(uint64_t bufferSize, uint64_t packetSize);
 
-    // Producer.
+    // Producer.  Claims the next piece of the ring for a transfer; false when the ring is full: the
+    // caller has not yet given back a buffer that is needed.
     bool nextTransfer(DataStreamTransferInfo &info);
+    // In the order in which the transfers were prepared; each is taken to have filled its length.
     // The number of buffers that hold all their data now.
     uint64_t transferCompleted(const DataStreamTransferInfo &info);
 
-    // Consumer.
+    // Consumer.  Gives the oldest full buffer, which stays as it is until unlock(); false when none
+    // is full or one is locked.
     bool lock(uint8_t *&data, uint64_t &size);
+    // False when none is locked.
     bool unlock();
 
     // Once nothing is in flight, and before the device's handle is closed: gives back all shared
@@ -96,7 +100,7 @@ public:
 
 private:
     bool claim(uint64_t index);
-    void chooseMemory(DataStreamBuffer &buffer);
+    void collectShared();
     void makeOrdinary(DataStreamBuffer &buffer);
     bool advance(DataStreamTransferInfo &info);
     uint64_t following(uint64_t index) const {
@@ -118,6 +122,7 @@ private:
     // The producer's.
     uint64_t writeIndex_ = 0;
     uint64_t writeOffset_ = 0;
+    uint64_t collectIndex_ = 0; // the oldest buffer whose shared memory may come back
 };
 
 } // namespace vexausb

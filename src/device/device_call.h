@@ -9,16 +9,16 @@
 namespace vexausb {
 
 /*
- * The checks of an exported function that works on an opened device: those of every function, then
- * the device's own, in the order in which they are written, then the call itself.
+ * The checks of an exported function that works on an opened device, and then the call itself. Like
+ * those of ChecksOf they are made in the order in which they are called.
  */
 class DeviceCall final : public ChecksOf<DeviceCall> {
 public:
     explicit DeviceCall(const _vexa_usb_device *handle) : handle_(handle) {}
 
-    // The handle, and whatever else the function requires.
-    DeviceCall &parameters(bool good = true) {
-        return ChecksOf::parameters(handle_ != nullptr && good);
+    // Checks the handle, too.
+    DeviceCall &parameters(bool valid = true) {
+        return ChecksOf::parameters(handle_ != nullptr && valid);
     }
     DeviceCall &eventPipeSupported() {
         return state(&AbstractDevice::hasEventPipe, true, VEXA_USB_STATUS_NOT_SUPPORTED);
@@ -45,8 +45,8 @@ public:
         return state(&AbstractDevice::isRemoved, false, VEXA_USB_STATUS_DEVICE_REMOVED);
     }
 
-    // The device's answer, or the status of the first check that failed.  The device lives through
-    // the call even if a callback that is called from it closes the handle.
+    // The device's answer, or the status of the first check that failed.  The device is held during
+    // the call, because a callback that the call makes may close the handle.
     template <typename Call>
     int32_t then(Call call) {
         if (!passed())
@@ -56,9 +56,9 @@ public:
     }
 
 private:
-    DeviceCall &state(bool (AbstractDevice::*query)() const, bool wanted, int32_t statusIfNot) {
+    DeviceCall &state(bool (AbstractDevice::*query)() const, bool expected, int32_t statusIfNot) {
         if (passed())
-            require((handle_->device.get()->*query)() == wanted, statusIfNot);
+            require((handle_->device.get()->*query)() == expected, statusIfNot);
         return *this;
     }
 

@@ -10,6 +10,7 @@
 #include "core/event_duty.h"
 #include "core/log.h"
 #include "core/status.h"
+#include "device/endpoint_error.h"
 
 namespace vexausb {
 
@@ -140,7 +141,7 @@ int32_t DeviceLibUSB::controlTransfer(int32_t direction, int32_t type, int32_t r
         logFailedTransfer(0, result);
         return statusFromLibusbError(result);
     }
-    event_duty::callSucceeded();
+    event_duty::noteSynchronousTransfer();
     if (transferred != nullptr) {
         *transferred = static_cast<uint64_t>(result);
         return VEXA_USB_STATUS_SUCCESS;
@@ -154,7 +155,7 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
                                       uint64_t length, uint64_t *transferred) {
     const UseGate::Use use = connection_->use();
     while (length > 0) {
-        if (!use || use.wanted())
+        if (!use || use.closeRequested())
             return VEXA_USB_STATUS_UNKNOWN;
         const auto chunk = static_cast<int>(std::min(length, kTransferChunkSize));
         int actual = 0;
@@ -164,7 +165,7 @@ int32_t DeviceLibUSB::transferChunked(SynchronousTransfer transfer, uint8_t endp
             logFailedTransfer(endpoint, result);
             return statusFromLibusbError(result);
         }
-        event_duty::callSucceeded();
+        event_duty::noteSynchronousTransfer();
         if (transferred != nullptr)
             *transferred += static_cast<uint64_t>(actual);
         if (actual != chunk)

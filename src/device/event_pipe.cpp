@@ -8,6 +8,7 @@
 #include "core/transfer_status.h"
 #include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
+#include "device/endpoint_error.h"
 
 namespace vexausb {
 
@@ -27,12 +28,13 @@ size_t packetSizeOf(const UsbConnection &connection, uint8_t endpoint) {
 std::shared_ptr<EventPipe> EventPipe::make(UsbConnection &connection, uint8_t endpoint,
                                            std::shared_ptr<DeviceEventQueue> events,
                                            const DeviceName &name) {
-    auto pipe = std::make_shared<EventPipe>(connection, endpoint, std::move(events), name);
+    auto pipe =
+        std::make_shared<EventPipe>(MakeKey{}, connection, endpoint, std::move(events), name);
     connection.attach(pipe);
     return pipe;
 }
 
-EventPipe::EventPipe(const UsbConnection &connection, uint8_t endpoint,
+EventPipe::EventPipe(MakeKey /*key*/, const UsbConnection &connection, uint8_t endpoint,
                      std::shared_ptr<DeviceEventQueue> events, const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), endpoint, kPatience),
       events_(std::move(events)),
@@ -89,7 +91,7 @@ bool EventPipe::postBytes(const Slot &slot) {
     return true;
 }
 
-// An end that was asked for is no news.
+// An end that was asked for is not logged.
 void EventPipe::logEnd(const Slot &slot, const char *reason) const {
     if (!stopRequested_)
         logLine(LogLevel::Error,

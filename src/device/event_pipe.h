@@ -13,32 +13,36 @@ namespace vexausb {
 class UsbConnection;
 
 /*
- * Keeps one IN transfer armed and turns every byte of every packet into a device event.
+ * Keeps one IN transfer in flight and turns every byte that it brings into a device event.
  *
- * Life: held by its device, by the connection that is to end it, and by the transfer while that is
- * in flight; it knows the device's event queue, not the device, so a completion after the device's
- * end finds valid memory and posts to a queue that delivers nothing any more.  A pipe is armed once
- * and ends for good, by stop() or when its transfer ends with an error, which the log alone tells.
+ * Life: held by its device, by the connection that ends it, and by the transfer while that is in
+ * flight.  It holds the device's event queue, not the device: a completion after the device's end
+ * posts to a queue that delivers nothing any more.  A pipe is armed once.  It ends for good by
+ * stop(), or when its transfer fails; only the log tells of the latter.
  *
- * Threads: arm() on the caller's thread, completed() on whichever thread handles libusb's events:
- * of a completion and a stop, the one that comes second ends the transfer.
+ * Threads: arm() on the caller's thread, completed() on whichever thread handles libusb's events.
  *
- * The transfer is a bulk transfer whatever the endpoint's own type; the kernel sees to the latter.
+ * The transfer is submitted as a bulk transfer to an interrupt endpoint, too; the kernel uses the
+ * type that the endpoint has.
  */
 class EventPipe final : public TransferSet {
+    // Only make() has one, so only make() can construct a pipe.
+    struct MakeKey {
+        explicit MakeKey() = default;
+    };
+
 public:
-    // A pipe that is ready to be armed and that the connection ends when it closes.  The caller
-    // holds a Use of the connection.  Throws std::bad_alloc, or EndpointError where the device has
-    // no such endpoint.
+    // A pipe that is ready to be armed, and attached to the connection, which ends it when it
+    // closes.  The caller holds a Use of the connection.  Throws std::bad_alloc, or EndpointError
+    // if the device has no such endpoint.
     static std::shared_ptr<EventPipe> make(UsbConnection &connection, uint8_t endpoint,
                                            std::shared_ptr<DeviceEventQueue> events,
                                            const DeviceName &name);
 
-    // For make().
-    EventPipe(const UsbConnection &connection, uint8_t endpoint,
+    EventPipe(MakeKey key, const UsbConnection &connection, uint8_t endpoint,
               std::shared_ptr<DeviceEventQueue> events, const DeviceName &name);
 
-    // False when the transfer was refused; the pipe is of no use then.
+    // Submits the transfer.  False when it was refused; the pipe can only be released then.
     bool arm() EXCLUDES(mutex_);
 
 private:
@@ -51,7 +55,7 @@ private:
 
     const std::shared_ptr<DeviceEventQueue> events_;
     const DeviceName deviceName_;
-    std::vector<uint8_t> buffer_; // one packet; the transfer's once it is armed
+    std::vector<uint8_t> buffer_; // one packet; libusb writes to it while the transfer is in flight
 };
 
 } // namespace vexausb

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include <libusb.h>
 #include <sys/mman.h>
@@ -21,8 +22,6 @@ namespace vexausb {
 namespace {
 
 constexpr bool kBuiltToShare = VEXA_USB_SHARED_RING != 0;
-// Each buffer is a mapping of its own, of which a process can have 65,530.
-constexpr uint64_t kLeastSize = 65536;
 
 bool isPrivateWanted() {
     const char *const value = std::getenv("VEXA_USB_RING");
@@ -34,16 +33,15 @@ bool isPrivateWanted() {
 }
 
 // Null when nothing speaks against it.
-const char *reasonAgainst(const UsbConnection &connection, uint64_t size) {
+const char *reasonAgainst(const UsbConnection &connection) {
     if (isPrivateWanted())
         return "VEXA_USB_RING is private";
     if (!kBuiltToShare)
         return "the library is built without shared rings";
     if (libusb_dev_mem_alloc == nullptr || libusb_dev_mem_free == nullptr)
         return "this libusb cannot share memory";
-    if (!connection.eventLoopRuns())
-        return "the library has been finalised once, and nothing would fill the ring";
-    return size < kLeastSize ? "the buffers are smaller than 64 KiB" : nullptr;
+    return connection.eventLoopRuns() ? nullptr
+                                      : "nothing fills the ring after the library's last fini";
 }
 
 // What the kernel counts for a mapping.
@@ -54,7 +52,7 @@ uint64_t wholePages(uint64_t size) {
 
 shared_memory_budget::Grant grantFor(const UsbConnection &connection, uint64_t size,
                                      uint64_t count) {
-    const char *const against = reasonAgainst(connection, size);
+    const char *const against = reasonAgainst(connection);
     if (against != nullptr)
         return {0, against};
     return shared_memory_budget::reserve(wholePages(size), count);
@@ -84,40 +82,65 @@ std::unique_ptr<SharedBuffers> SharedBuffers::make(const UsbConnection &connecti
 
 SharedBuffers::SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
                              const DeviceName &name)
-    : handle_(handle), size_(size), left_(granted), deviceName_(name) {}
+    : handle_(handle), size_(size), left_(granted), deviceName_(name) {
+    spare_.reserve(granted);
+}
 
 SharedBuffers::~SharedBuffers() {
-    shared_memory_budget::release(wholePages(size_), left_);
+    askNoMore();
+}
+
+void SharedBuffers::askNoMore() {
+    if (left_ > 0)
+        shared_memory_budget::release(wholePages(size_), std::exchange(left_, 0));
+}
+
+uint8_t *SharedBuffers::take() {
+    if (shared_memory_budget::isOverdrawn())
+        askNoMore();
+    if (spare_.empty())
+        return left_ > 0 ? allocate() : nullptr;
+    uint8_t *const block = spare_.back();
+    spare_.pop_back();
+    return block;
 }
 
 uint8_t *SharedBuffers::allocate() {
-    if (left_ == 0)
-        return nullptr;
     --left_;
-    uint8_t *const memory = libusb_dev_mem_alloc(handle_, size_);
-    if (memory != nullptr)
-        return memory;
+    uint8_t *const block = libusb_dev_mem_alloc(handle_, size_);
+    if (block != nullptr)
+        return block;
     shared_memory_budget::release(wholePages(size_), 1);
-    if (!refused_)
+    if (!std::exchange(refused_, true))
         logLine(LogLevel::Info,
                 "%s: the kernel refused to share a buffer of %" PRIu64
                 " bytes, and copies to it instead",
                 deviceName_.text(), size_);
-    refused_ = true;
     return nullptr;
 }
 
-// Without the handle by what libusb does for it on Linux.
-void SharedBuffers::release(uint8_t *memory) {
-    if (handle_ != nullptr)
-        libusb_dev_mem_free(handle_, memory, size_);
+void SharedBuffers::giveBack(uint8_t *block) {
+    if (handle_ == nullptr || shared_memory_budget::isOverdrawn())
+        release(block);
     else
-        munmap(memory, size_);
+        spare_.push_back(block);
+}
+
+// Without the handle by what libusb does for it on Linux.
+void SharedBuffers::release(uint8_t *block) {
+    if (handle_ != nullptr)
+        libusb_dev_mem_free(handle_, block, size_);
+    else
+        munmap(block, size_);
     shared_memory_budget::release(wholePages(size_), 1);
 }
 
-bool SharedBuffers::isOverdrawn() {
-    return shared_memory_budget::isOverdrawn();
+void SharedBuffers::handleCloses() {
+    for (uint8_t *const block : spare_)
+        release(block);
+    spare_.clear();
+    askNoMore();
+    handle_ = nullptr;
 }
 
 } // namespace vexausb

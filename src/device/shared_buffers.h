@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "core/device_name.h"
 
@@ -12,8 +13,8 @@ namespace vexausb {
 class UsbConnection;
 
 /*
- * Memory for the buffers of one ring that the kernel fills itself (libusb_dev_mem_alloc), where
- * that is safe and fast; what arrives there is not copied once more.
+ * Blocks of memory, each for a buffer of one ring, that the kernel fills itself
+ * (libusb_dev_mem_alloc), where that is safe and fast; what arrives there is not copied once more.
  *
  * It belongs to the device's open file, which therefore stays open for as long as any of it is
  * mapped.  So it is given back through the handle before that is closed; only what the caller is
@@ -33,22 +34,25 @@ public:
     SharedBuffers(const SharedBuffers &) = delete;
     SharedBuffers &operator=(const SharedBuffers &) = delete;
 
-    // One buffer's memory, zeroed by the kernel; null when no more may be shared or the kernel
-    // refuses.
-    uint8_t *allocate();
-    void release(uint8_t *memory);
-    // Whether other devices need the room.
-    static bool isOverdrawn();
-    // What is still out is released without the handle from here on.
-    void handleCloses() { handle_ = nullptr; }
+    // The block that was given back last, or a new one, zeroed by the kernel; null when no more may
+    // be shared or the kernel refuses.
+    uint8_t *take();
+    // Kept for the next take(), unless other devices need the room.
+    void giveBack(uint8_t *block);
+    // Nothing is taken from here on.  What is still out gets unmapped when it is given back.
+    void handleCloses();
 
 private:
     SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
                   const DeviceName &name);
+    uint8_t *allocate();
+    void release(uint8_t *block);
+    void askNoMore();
 
     libusb_device_handle *handle_; // null once it closes
     const uint64_t size_;
-    uint64_t left_; // buffers that may still be asked for
+    uint64_t left_;                // blocks that may still be asked for
+    std::vector<uint8_t *> spare_; // given back; has room for all
     const DeviceName deviceName_;
     bool refused_ = false;
 };

@@ -14,7 +14,7 @@ StreamMode wantedStreamMode() {
         return StreamMode::Strict;
     if (!wanted.empty() && wanted != "default")
         logLine(LogLevel::Error,
-                "VEXA_USB_STREAM is '%s': taken for default; it can be strict or default", value);
+                "VEXA_USB_STREAM is '%s': treated as default; it can be strict or default", value);
     return StreamMode::Default;
 }
 

@@ -7,31 +7,33 @@
 #include "core/transfer_status.h"
 #include "core/usb_connection.h"
 #include "core/usbfs_limit.h"
+#include "device/endpoint_error.h"
 #include "device/shared_buffers.h"
 
 namespace vexausb {
 
-std::shared_ptr<StreamSession> StreamSession::make(UsbConnection &connection, const Shape &shape,
+std::shared_ptr<StreamSession> StreamSession::make(UsbConnection &connection,
+                                                   const Settings &settings,
                                                    std::shared_ptr<DeviceEventQueue> events,
                                                    const DeviceName &name) {
-    const int packetSize = connection.maxPacketSize(shape.endpoint);
+    const int packetSize = connection.maxPacketSize(settings.endpoint);
     if (packetSize <= 0)
         throw EndpointError("the endpoint has no packet size");
     auto session = std::make_shared<StreamSession>(
-        connection, shape, static_cast<uint64_t>(packetSize), std::move(events), name);
+        Key(), connection, settings, static_cast<uint64_t>(packetSize), std::move(events), name);
     connection.attach(session);
     return session;
 }
 
-StreamSession::StreamSession(const UsbConnection &connection, const Shape &shape,
+StreamSession::StreamSession(Key /*key*/, const UsbConnection &connection, const Settings &settings,
                              uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
-    : TransferSet(makeSlots(), connection.handle(), shape.endpoint),
-      ring_(shape.bufferSize, shape.bufferCount, kStreamMaxTransferSize, packetSize,
+    : TransferSet(makeSlots(), connection.handle(), settings.endpoint),
+      ring_(settings.bufferSize, settings.bufferCount, kStreamMaxTransferSize, packetSize,
             SharedBuffers::make(connection,
-                                DataStream::allocationSizeFor(shape.bufferSize, packetSize),
-                                shape.bufferCount, name)),
-      mode_(shape.mode),
+                                DataStream::allocationSizeFor(settings.bufferSize, packetSize),
+                                settings.bufferCount, name)),
+      mode_(settings.mode),
       events_(std::move(events)),
       deviceName_(name),
       started_(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED)),
@@ -60,7 +62,7 @@ void StreamSession::begin() {
 
 void StreamSession::completed(Slot &slot) {
     auto &piece = static_cast<Piece &>(slot);
-    if (mayGoOnAfter(piece)) {
+    if (acceptsMoreAfter(piece)) {
         submitNext(piece);
         return;
     }
@@ -69,8 +71,7 @@ void StreamSession::completed(Slot &slot) {
         logSilentEnd();
 }
 
-// Deals with what the transfer brought, and tells whether it is to be submitted again.
-bool StreamSession::mayGoOnAfter(const Piece &piece) {
+bool StreamSession::acceptsMoreAfter(const Piece &piece) {
     const libusb_transfer &transfer = *piece.transfer;
     const bool ended = failed_ || stopRequested_;
     const bool completed = transfer.status == LIBUSB_TRANSFER_COMPLETED;

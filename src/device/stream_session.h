@@ -30,13 +30,13 @@ inline constexpr uint64_t kStreamMaxTransferSize = 524288;
  * are posted under it; the queue's own lock is taken inside it.  The consumer's side is not under
  * the mutex: the device's stream mutex lets one thread at a time come there.
  *
- * Modes: by default, a transfer that brings less than it was to leaves a gap that nobody is told
+ * Modes: by default, a transfer that brings less than its length leaves a gap that nobody is told
  * of, and one behind the gap still counts.  A strict run ends at its first gap: no buffer is
  * reported from there on.
  */
 class StreamSession final : public TransferSet {
 public:
-    struct Shape {
+    struct Settings {
         uint8_t endpoint;
         uint64_t bufferSize;
         uint64_t bufferCount;
@@ -45,18 +45,23 @@ public:
 
     // A run that is ready to begin and that the connection ends when it closes.  The caller holds a
     // Use of the connection.  Throws EndpointError where the device has no such endpoint or its
-    // packets have no size, and other exceptions for want of memory.
-    static std::shared_ptr<StreamSession> make(UsbConnection &connection, const Shape &shape,
+    // packets have no size, and other exceptions when there is no memory.
+    static std::shared_ptr<StreamSession> make(UsbConnection &connection, const Settings &settings,
                                                std::shared_ptr<DeviceEventQueue> events,
                                                const DeviceName &name);
 
-    // For make().
-    StreamSession(const UsbConnection &connection, const Shape &shape, uint64_t packetSize,
-                  std::shared_ptr<DeviceEventQueue> events, const DeviceName &name);
+    // Only make() can have a Key.
+    class Key {
+        friend class StreamSession;
+        Key() = default;
+    };
+    StreamSession(Key, const UsbConnection &connection, const Settings &settings,
+                  uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
+                  const DeviceName &name);
 
     void begin() EXCLUDES(mutex_);
 
-    // The consumer's side.
+    // The consumer's side, for one thread at a time.
     bool lockBuffer(uint8_t *&data, uint64_t &size) { return ring_.lock(data, size); }
     bool unlockBuffer() { return ring_.unlock(); }
 
@@ -71,7 +76,8 @@ private:
     void doReleaseMemory(CallerMemory callers) override REQUIRES(mutex_) {
         ring_.releaseShared(callers);
     }
-    bool mayGoOnAfter(const Piece &piece) REQUIRES(mutex_);
+    // Reports what the transfer brought; whether it is to be submitted again.
+    bool acceptsMoreAfter(const Piece &piece) REQUIRES(mutex_);
     bool postFull(uint64_t buffers) REQUIRES(mutex_);
     void submitNext(Piece &piece) REQUIRES(mutex_);
     bool submitPiece(Piece &piece) REQUIRES(mutex_);

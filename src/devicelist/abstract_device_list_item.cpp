@@ -10,11 +10,16 @@ std::atomic<uint64_t> nextItemId{0};
 
 } // namespace
 
-AbstractDeviceListItem::AbstractDeviceListItem() : id(nextItemId.fetch_add(1) + 1) {}
+AbstractDeviceListItem::AbstractDeviceListItem() : id_(nextItemId.fetch_add(1) + 1) {}
 
 AbstractDeviceListItem::~AbstractDeviceListItem() {
     if (const std::shared_ptr<AbstractDevice> opened = openedDevice())
         opened->setRemoved();
+}
+
+void AbstractDeviceListItem::setIdentifiers(uint16_t vendor, uint16_t product) {
+    vendorId_ = vendor;
+    productId_ = product;
 }
 
 void AbstractDeviceListItem::setDevice(const std::shared_ptr<AbstractDevice> &opened) {

@@ -7,7 +7,6 @@
 
 #include <libusb.h>
 
-#include "core/global_state.h"
 #include "core/lib_usb.h"
 #include "core/log.h"
 #include "core/shared_memory_budget.h"
@@ -31,15 +30,15 @@ DeviceList::~DeviceList() {
         item->setLeft();
 }
 
-// Enumerating under the mutex keeps a departure from falling between the enumeration and the
-// adding, which would leave an entry for a device that has gone.
+// The mutex is held from the enumeration to the last entry: a departure in between would find no
+// entry to remove, and the device that has left would be added after it.
 void DeviceList::update() {
-    const UseGate::Use use = LibUSB::useContext();
+    const LibUSB::ContextUse use;
     if (!use)
         return;
     std::optional<LibusbDeviceArray> attached; // released after the unlocking
     const MutexLock lock(mutex_);
-    attached.emplace(libusbContext);
+    attached.emplace(use.context());
     if (attached->error() != LIBUSB_SUCCESS)
         logLine(LogLevel::Error, "the bus cannot be read: %s; 'lsusb' shows what the system sees",
                 libusb_error_name(attached->error()));
@@ -52,7 +51,7 @@ void DeviceList::update() {
     }
 }
 
-// Without memory for an entry the device is not listed before the next update.
+// If there is no memory for its entry, the device is not listed until the next update.
 void DeviceList::deviceArrived(libusb_device *device) {
     const MutexLock lock(mutex_);
     try {
@@ -89,19 +88,20 @@ DeviceList::Items::iterator DeviceList::findItem(uint8_t busNumber, uint8_t devi
                         [&](const auto &item) { return item->isAt(busNumber, deviceAddress); });
 }
 
-// All the memory first: an entry is listed and reported, or neither, and one that is listed can be
-// taken off again in any case.
-void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *news) {
+// Allocates everything first.  So an entry is both listed and reported, or neither, and removing it
+// later cannot fail.
+void DeviceList::addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *whatHappened) {
     auto added = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_ADDED, item});
     auto removal = events_->prepare({VEXA_USB_DEVICE_LIST_EVENT_REMOVED, nullptr});
     items_.push_back(std::move(item));
     removals_.splice(removals_.end(), removal);
     shared_memory_budget::setAttachedDevices(items_.size());
-    items_.back()->logChange(news);
+    items_.back()->logChange(whatHappened);
     events_->post(added);
 }
 
-// The entry moves into the event: no reference is left here that could turn out to be the last.
+// Moves the entry into the event.  A reference that stayed here could be the last one, and the
+// entry would be destroyed under the mutex.
 void DeviceList::removeItem(Items::iterator position) noexcept {
     Queue::Prepared removal;
     removal.splice(removal.begin(), removals_, removals_.begin());
@@ -113,11 +113,11 @@ void DeviceList::removeItem(Items::iterator position) noexcept {
     events_->post(removal);
 }
 
-void DeviceList::addIfUnknown(libusb_device *device, const char *news) {
+void DeviceList::addIfUnknown(libusb_device *device, const char *whatHappened) {
     const auto position =
         findItem(libusb_get_bus_number(device), libusb_get_device_address(device));
     if (position == items_.end())
-        addItem(std::make_shared<DeviceListItemLibUSB>(device), news);
+        addItem(std::make_shared<DeviceListItemLibUSB>(device), whatHappened);
 }
 
 } // namespace vexausb

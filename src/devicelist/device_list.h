@@ -15,33 +15,41 @@ struct libusb_device;
 namespace vexausb {
 
 /*
- * The supported devices that are attached.  Entries come in by hot-plug arrivals and by update(),
- * and leave by hot-plug departures or with the whole list.
+ * The supported devices that are attached.  Hot-plug arrivals and update() add entries; hot-plug
+ * departures remove them.
  *
- * Life: made by the first initialisation, dropped by the last fini; a call on another thread that
- * is still at work then keeps the list until it is done.
+ * Life: made by the first init, released by the last fini.  A call on another thread that is still
+ * using the list then keeps it until it returns.
  *
- * Threads: update() and snapshot() on callers' threads, arrivals and departures on whichever
- * thread handles libusb's events.  "usb-devicelist", owned by its event queue, calls the caller's
- * callbacks for each change, and then releases an entry that has left, which tells the device
- * opened from it: so that happens under no lock, and neither the last fini nor the bus waits for
- * it.
+ * Threads: deviceArrived() and deviceLeft() on whichever thread handles libusb's events, the other
+ * methods on callers' threads.  The event queue's thread, "usb-devicelist", calls the callers'
+ * callbacks for each change.  After that it releases an entry that has left, which tells the device
+ * opened from it.  So this happens under no lock, and neither the last fini nor libusb's events
+ * wait for it.
  *
- * Locks: the list's mutex is taken before that of its event queue.
+ * Locks: the event queue's mutex may be locked under the list's, never the other way round.
  */
 class DeviceList {
 public:
+    // What the queue carries.  It is declared with ListCallbacks, which the list includes.
     using DeviceListEvent = vexausb::DeviceListEvent;
 
+    // Starts "usb-devicelist".  The list is empty until the first update() or arrival.
     DeviceList();
+    // No callback is called any more, except in a delivery that is in progress.
     ~DeviceList();
     DeviceList(const DeviceList &) = delete;
     DeviceList &operator=(const DeviceList &) = delete;
 
+    // Reads the bus and adds every supported device that has no entry yet; removes none.  Throws
+    // when an entry cannot be made; those that were added before stay.
     void update() EXCLUDES(mutex_);
+    // libusb's hot-plug notices.  The caller has checked that the device is supported.
     void deviceArrived(libusb_device *device) EXCLUDES(mutex_);
     void deviceLeft(libusb_device *device) noexcept EXCLUDES(mutex_);
+    // The entries at this moment, oldest first.
     std::vector<std::shared_ptr<AbstractDeviceListItem>> snapshot() EXCLUDES(mutex_);
+    // As ListCallbacks::add and remove.
     void addCallback(ListCallbacks::Callback callback, uint32_t &id);
     void removeCallback(uint32_t id);
 
@@ -50,14 +58,15 @@ private:
     using Queue = EventQueue<DeviceListEvent>;
 
     Items::iterator findItem(uint8_t busNumber, uint8_t deviceAddress) REQUIRES(mutex_);
-    void addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *news) REQUIRES(mutex_);
+    // `whatHappened` is for the log.
+    void addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *whatHappened)
+        REQUIRES(mutex_);
     void removeItem(Items::iterator position) noexcept REQUIRES(mutex_);
-    // `news` is for the log.
-    void addIfUnknown(libusb_device *device, const char *news) REQUIRES(mutex_);
+    void addIfUnknown(libusb_device *device, const char *whatHappened) REQUIRES(mutex_);
 
     Mutex mutex_;
     Items items_ GUARDED_BY(mutex_);              // oldest first
-    Queue::Prepared removals_ GUARDED_BY(mutex_); // one for each of the items, for its departure
+    Queue::Prepared removals_ GUARDED_BY(mutex_); // a prepared removed event for each item
     const std::shared_ptr<ListCallbacks> callbacks_ = std::make_shared<ListCallbacks>();
     const std::shared_ptr<Queue> events_;
 };

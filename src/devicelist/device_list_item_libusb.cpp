@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "core/global_state.h"
 #include "core/lib_usb.h"
 #include "core/log.h"
 #include "core/status.h"
@@ -35,18 +34,17 @@ DeviceListItemLibUSB::DeviceListItemLibUSB(libusb_device *attached)
     libusb_device_descriptor descriptor{};
     if (libusb_get_device_descriptor(attached, &descriptor) != LIBUSB_SUCCESS)
         throw std::runtime_error("libusb_get_device_descriptor() failed");
-    vendorId = descriptor.idVendor;
-    productId = descriptor.idProduct;
+    setIdentifiers(descriptor.idVendor, descriptor.idProduct);
 }
 
 int32_t DeviceListItemLibUSB::open(std::shared_ptr<AbstractDevice> &opened,
                                    DeviceEventHandler handler) {
-    const UseGate::Use use = LibUSB::useContext();
+    const LibUSB::ContextUse use;
     if (!use || hasLeft()) {
         logFailedOpen(LIBUSB_ERROR_NO_DEVICE);
         return VEXA_USB_STATUS_UNKNOWN;
     }
-    const LibusbDeviceArray attached(libusbContext);
+    const LibusbDeviceArray attached(use.context());
     if (attached.error() != LIBUSB_SUCCESS) {
         logFailedOpen(attached.error());
         return statusFromLibusbError(attached.error());
@@ -79,9 +77,9 @@ int32_t DeviceListItemLibUSB::openDevice(libusb_device *found,
     return VEXA_USB_STATUS_SUCCESS;
 }
 
-void DeviceListItemLibUSB::logChange(const char *what) const {
+void DeviceListItemLibUSB::logChange(const char *whatHappened) const {
     if (logs(LogLevel::Info))
-        logLine(LogLevel::Info, "%s: %s", name().text(), what);
+        logLine(LogLevel::Info, "%s: %s", name().text(), whatHappened);
 }
 
 void DeviceListItemLibUSB::logFailedOpen(int result) const {

@@ -11,11 +11,12 @@
 namespace vexausb {
 
 /*
- * An entry for a device that libusb sees.  Bus number and device address are its only link to the
- * bus; it holds no libusb object, so it may live on after the libusb context.
+ * An entry for a device that libusb sees.  It finds the device by bus number and device address and
+ * holds no libusb object, so it may outlive the libusb context.
  */
 class DeviceListItemLibUSB final : public AbstractDeviceListItem {
 public:
+    // Throws when the device's descriptor cannot be read.
     explicit DeviceListItemLibUSB(libusb_device *attached);
 
     int32_t open(std::shared_ptr<AbstractDevice> &opened, DeviceEventHandler handler) override;
@@ -24,10 +25,10 @@ public:
         return bus == busNumber_ && address == deviceAddress_;
     }
 
-    void logChange(const char *what) const override;
+    void logChange(const char *whatHappened) const override;
 
 private:
-    DeviceName name() const { return {vendorId, productId, busNumber_, deviceAddress_}; }
+    DeviceName name() const { return {vendorId(), productId(), busNumber_, deviceAddress_}; }
     void logFailedOpen(int result) const;
     int32_t openDevice(libusb_device *found, std::shared_ptr<AbstractDevice> &opened,
                        DeviceEventHandler handler);

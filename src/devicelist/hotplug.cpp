@@ -7,10 +7,10 @@
 
 namespace vexausb {
 
-// libusb has matched the device against the registered identifiers already.  The result 0 keeps
-// the registration.  Once the event loop has ended, a synchronous transfer on any thread would
-// still come here now and then; the bus is then followed by updates alone.  Nothing may be thrown
-// through libusb, whose locks are held.
+// libusb calls this for the registered identifiers only.  The result 0 keeps the registration.
+//
+// After a re-initialisation there is no event loop, but a synchronous transfer on any thread may
+// still bring a notice here.  Such notices are ignored: from then on only updates add entries.
 int LIBUSB_CALL onHotplug(libusb_context * /*context*/, libusb_device *device,
                           libusb_hotplug_event event, void * /*userData*/) noexcept {
     const std::shared_ptr<DeviceList> list = currentDeviceList();

@@ -9,7 +9,8 @@ struct libusb_device;
 
 namespace vexausb {
 
-// The devices that libusb sees at the moment; references to them are held as long as this lives.
+// The devices that libusb sees at the moment of construction, with a reference to each.  On the
+// stack of one thread, inside a LibUSB::ContextUse.
 class LibusbDeviceArray {
 public:
     explicit LibusbDeviceArray(libusb_context *context);
@@ -17,8 +18,9 @@ public:
     LibusbDeviceArray(const LibusbDeviceArray &) = delete;
     LibusbDeviceArray &operator=(const LibusbDeviceArray &) = delete;
 
-    // A libusb error code when the devices could not be listed, else 0.
+    // 0, or a libusb error code when the devices could not be listed.
     int error() const;
+    // Empty after an error.
     std::span<libusb_device *const> devices() const;
 
 private:

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "firmware/formats/byte_order.h"
 #include "firmware/requests.h"
 
 namespace vexausb {
@@ -28,7 +29,7 @@ struct DfuStatus {
 
     bool isOk() const { return bytes[0] == kStatusOk; }
     std::chrono::milliseconds pollTimeout() const {
-        return std::chrono::milliseconds(bytes[1] | bytes[2] << 8 | bytes[3] << 16);
+        return std::chrono::milliseconds(littleEndian32(&bytes[1]) & 0xFFFFFFU); // three bytes
     }
     bool isSettled() const {
         const auto state = static_cast<State>(bytes[4]);
@@ -45,13 +46,13 @@ int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
     return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
 }
 
-// Returns once the device has taken the block, or refused it.
+// Returns once the device has accepted or refused the block.
 int32_t poll(AbstractDevice &device, DfuStatus &status) {
     for (;;) {
         const int32_t result = readStatus(device, status);
         if (result != VEXA_USB_STATUS_SUCCESS || status.isSettled())
             return result;
-        std::this_thread::sleep_for(status.pollTimeout()); // goes on after a signal
+        std::this_thread::sleep_for(status.pollTimeout()); // a signal does not end it
     }
 }
 
@@ -65,7 +66,7 @@ int32_t writeBlock(AbstractDevice &device, uint16_t number, const uint8_t *data,
     return status.isOk() ? VEXA_USB_STATUS_SUCCESS : VEXA_USB_STATUS_UNKNOWN;
 }
 
-// Takes the callback over, so that it is destroyed before the last requests are sent.
+// Takes `progress` by value, so that it is destroyed before the last requests are sent.
 int32_t writeImage(AbstractDevice &device, const uint8_t *data, uint64_t size, DfuProgress progress,
                    uint16_t &number) {
     for (uint64_t sent = 0; sent < size; ++number) {
@@ -82,10 +83,10 @@ int32_t writeImage(AbstractDevice &device, const uint8_t *data, uint64_t size, D
 
 } // namespace
 
-// The block without data at the end starts the manifestation.
+// An empty block ends the image: the device then begins to program it.
 int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
                     DfuProgress progress) {
-    uint16_t number = 0; // wraps, as wValue does
+    uint16_t number = 0; // the protocol's block number: 0 follows 65535
     int32_t status = writeImage(device, data, size, std::move(progress), number);
     if (status == VEXA_USB_STATUS_SUCCESS)
         status = sendBlock(device, number, nullptr, 0);

@@ -7,16 +7,16 @@
 
 namespace vexausb {
 
-using DfuProgress = std::function<void(double)>; // the share that is done; may be empty
+using DfuProgress = std::function<void(double)>; // gets the part that is done, 0 to 1; may be empty
 
 /*
- * Downloads an image to a device by USB Device Firmware Upgrade 1.1.  An error state is neither
- * looked for before the first block nor cleared after a failure.
+ * Downloads an image to a device by USB Device Firmware Upgrade 1.1.  It does not check for an
+ * error state before the first block, and does not clear one after a failure.
  *
- * Life: the image is read during the call only, and `progress` is called and destroyed during it.
+ * Life: the image is read during the call only; `progress` is called and destroyed during it.
  *
- * Threads: works on the caller's, on which `progress` is called after each block.  The device
- * decides how long it takes: it is polled for as long as it asks for that.
+ * Threads: works on the caller's thread, and calls `progress` there after each block.  How long it
+ * takes is up to the device, which is polled until it is ready for the next block.
  */
 int32_t dfuDownload(AbstractDevice &device, const uint8_t *data, uint64_t size,
                     DfuProgress progress);

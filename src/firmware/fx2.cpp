@@ -27,14 +27,14 @@ int32_t setCpu(AbstractDevice &device, Cpu state) {
     return status;
 }
 
-// Calls `write` for the records before the End Of File record that `wanted` names, whatever their
-// type, until one fails.
-template <typename Wanted, typename Write>
-int32_t writeRecords(const HexRecords &records, Wanted wanted, Write write) {
+// Calls `write` for each record before the End Of File record that is selected, of any type, until
+// one fails.
+template <typename Selected, typename Write>
+int32_t writeRecords(const HexRecords &records, Selected selected, Write write) {
     for (const HexRecord &record : records) {
         if (record.type == kHexEndOfFile)
             break;
-        const int32_t status = wanted(record) ? write(record) : VEXA_USB_STATUS_SUCCESS;
+        const int32_t status = selected(record) ? write(record) : VEXA_USB_STATUS_SUCCESS;
         if (status != VEXA_USB_STATUS_SUCCESS)
             return status;
     }
@@ -79,7 +79,7 @@ int32_t fx2Reset(AbstractDevice &device) {
     return status;
 }
 
-// The image is parsed once the loader runs, so that a malformed one leaves the chip in a defined
+// The image is parsed only once the loader runs, so that a malformed one leaves the chip in a known
 // state.
 int32_t fx2LoadFirmware(AbstractDevice &device, const uint8_t *image, uint64_t size) {
     int32_t status =

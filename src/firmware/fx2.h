@@ -7,20 +7,21 @@
 namespace vexausb {
 
 /*
- * Loads a Cypress EZ-USB FX2.  The chip itself writes memory below 0x3000 while its 8051 is held in
- * reset; memory above is written by a small loader program on the 8051.  So a load goes: loader
- * into the lower memory, upper memory through the loader, then the lower memory, where the loader
- * was.
+ * Loads a Cypress EZ-USB FX2.  The chip by itself writes the memory below 0x3000 while its 8051 is
+ * held in reset.  The memory from 0x3000 on is written by a small loader program on the 8051.  So a
+ * load first writes the loader to the lower memory, then the upper memory through the loader, and
+ * last the lower memory, over the loader.
  *
- * A load that fails leaves the chip as it is then: held in reset while its lower memory is
- * incomplete, else running the loader.
+ * A load that fails leaves the chip held in reset if its lower memory is incomplete, otherwise
+ * running the loader.
  *
- * Threads: all work on the caller's and hold nothing; the image is read during the call only.
+ * Threads: all functions work on the caller's thread and keep nothing; the image is read during the
+ * call only.
  */
 int32_t fx2Reset(AbstractDevice &device);
 // `image` is a stream of Intel HEX records as raw bytes; throws what parseHexBinary() throws.
 int32_t fx2LoadFirmware(AbstractDevice &device, const uint8_t *image, uint64_t size);
-// Tells the program on the chip to come back as another device, where it knows how.
+// Asks the program on the chip to leave the bus and come back as another device.
 int32_t fx2Renumerate(AbstractDevice &device);
 
 } // namespace vexausb

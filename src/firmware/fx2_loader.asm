@@ -1,20 +1,19 @@
-; The program that the library runs on a bare Cypress EZ-USB FX2 while it writes the memory from
-; 0x3000 on, which it does not leave to the chip itself.  For SDCC's assembler; scripts/fx2-loader
-; assembles it into fx2_loader_image.cpp.
+; The library runs this program on a bare Cypress EZ-USB FX2 to write the memory from 0x3000 on.
+; It is written for SDCC's assembler; scripts/fx2-loader assembles it into fx2_loader_image.cpp.
 ;
-; It answers vendor request 0xA3 to the device (bmRequestType 0x40, wValue: address, data stage: the
+; It handles vendor request 0xA3 to the device (bmRequestType 0x40, wValue: address, data stage: the
 ; bytes to write there), and acknowledges it once the bytes are in memory.
 ;
-; It takes over from the chip's built-in device without a disconnect, so the host goes on talking to
-; what it has enumerated.  The standard requests that a host may send to a device in use are
-; answered or acknowledged; SET_ADDRESS is the chip's own business; descriptors were read before and
-; are refused, like everything else.
+; It takes over from the chip's built-in device without a disconnect, so to the host it is still the
+; device that it has enumerated.  The standard requests that a host may send to a device in use are
+; answered or acknowledged.  The chip itself handles SET_ADDRESS.  All other requests are refused,
+; those for descriptors, too: the host has read them before.
 ;
 ; No interrupt is used, so the interrupt vectors are free; there is no stack either.
 ;
-; Registers: r2 request's type, r3 bytes left in the packet, r4 low half of the source's address,
-; answer, or how the request ends, r5 bytes left low, r6 bytes left high, r7 configuration, and r0:r1
-; (high:low) where to write.
+; Registers: r2 type of the request; r3 bytes left in the packet; r4 low byte of the source address,
+; or the answer, or how the request ends; r5 and r6 low and high byte of the number of bytes left;
+; r7 configuration; r0 and r1 high and low byte of the address to write to.
 
         .module fx2_loader
 
@@ -39,7 +38,7 @@ HSNAK          = 0x80       ; writing 1 acknowledges the request
         .area   LOADER (ABS)
         .org    0x0100
 
-; Takes over: a set-up packet that the built-in device has dealt with must not be seen as new.
+; Takes over.  A set-up packet that the built-in device has handled must not be handled again.
 start:
         mov     dptr, #USBIRQ
         mov     a, #SUDAV
@@ -49,8 +48,8 @@ start:
         movx    @dptr, a
         mov     r7, #1                  ; the host has configured the built-in device
 
-; Waits for a request.  The notice is cleared before the packet is read: a packet that comes in
-; between is noticed again.
+; Waits for a request.  The flag is cleared before the packet is read, so that a packet that comes
+; in between sets it again.
 request:
         mov     dptr, #USBIRQ
         movx    a, @dptr
@@ -82,8 +81,8 @@ request:
         cjne    r2, #0x40, standard
         cjne    r3, #0xA3, stallIt
 
-; Takes packets until all the bytes have come.  A new set-up packet ends the wait for data: the host
-; has given up, and the bytes written so far stay.
+; Takes packets until all bytes have come.  A new set-up packet ends the wait for data: the host has
+; given up.  The bytes written so far stay.
 nextPacket:
         mov     a, r5
         orl     a, r6
@@ -128,7 +127,7 @@ noBorrow:
         djnz    r3, copy
         sjmp    nextPacket
 
-; Standard requests, to the device or its interface or endpoints.
+; Standard requests to the device, its interface or its endpoints.
 standard:
         mov     a, r2
         anl     a, #0x60
@@ -148,7 +147,7 @@ notClear:
 notSet:
         cjne    r3, #11, stallIt        ; SET_INTERFACE
 
-; The status stage or a stall, unless another request has come meanwhile.
+; Ends the request by the status stage or a stall, unless another request has come meanwhile.
 acknowledge:
         mov     r4, #HSNAK
 finish:
@@ -180,7 +179,7 @@ notInterface:
         mov     a, r7
         mov     r4, a
 
-; Sends r3 bytes, or as many as the host wants, of r4 and zero.
+; Sends r4 and zero: r3 bytes of them, or fewer if the host asks for fewer.
 answer:
         mov     a, r6
         jnz     send
@@ -208,4 +207,4 @@ send:
         movx    @dptr, a
         sjmp    acknowledge
 
-; The rest up to 0x0403 is zero: the program does not need it.
+; The rest, up to 0x0403, is zero and not used by the program.

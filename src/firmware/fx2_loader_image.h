@@ -8,7 +8,7 @@ namespace vexausb {
 
 inline constexpr size_t kFx2LoaderImageSize = 1070;
 
-// The program of fx2_loader.asm as a stream of Intel HEX records in raw bytes.
+// The program of fx2_loader.asm, as Intel HEX records in their binary encoding.
 extern const std::array<uint8_t, kFx2LoaderImageSize> kFx2LoaderImage;
 
 } // namespace vexausb

@@ -24,7 +24,7 @@ int32_t writeSection(AbstractDevice &device, uint32_t address, std::span<const u
     return VEXA_USB_STATUS_SUCCESS;
 }
 
-// The boot loader jumps at once and need not answer.
+// The boot loader may jump before it answers, so the status of this request means nothing.
 int32_t jump(AbstractDevice &device, const Fx3ImageWalk &walk) {
     if (!walk.checksumRight())
         return VEXA_USB_STATUS_UNKNOWN;

@@ -22,7 +22,7 @@ constexpr size_t kReportDescriptorSize = 76;
 constexpr uint8_t kCommandReport = 1;
 constexpr uint8_t kDataReport = 2;
 constexpr size_t kDataPerReport = 1024;
-constexpr uint8_t kWriteComplete = 0x88; // four of them
+constexpr uint8_t kWriteComplete = 0x88; // the status is four such bytes
 constexpr int kAttempts = 5;
 
 enum class Command : uint16_t {
@@ -61,8 +61,7 @@ bool readReport(AbstractDevice &device, Report &report) {
 bool imx7SendCommand(AbstractDevice &device, Command command, uint32_t address = 0,
                      uint32_t count = 0) {
     CommandReport report{kCommandReport};
-    report[1] = static_cast<uint8_t>(static_cast<uint16_t>(command) >> 8);
-    report[2] = static_cast<uint8_t>(command);
+    putBigEndian16(&report[1], static_cast<uint16_t>(command));
     putBigEndian32(&report[3], address);
     putBigEndian32(&report[8], count);
     return withinAttempts([&]() { return sendReport(device, report); });
@@ -85,7 +84,8 @@ bool readWriteComplete(AbstractDevice &device) {
                        [](uint8_t byte) { return byte == kWriteComplete; });
 }
 
-// The last report is as long as the others; behind the image it holds what the one before it held.
+// The last report is as long as the others; its bytes after the image are those of the report
+// before.
 bool sendData(AbstractDevice &device, std::span<const uint8_t> image) {
     DataReport report{kDataReport};
     while (!image.empty()) {
@@ -119,8 +119,8 @@ bool imx7LoadSpl(AbstractDevice &device, std::span<const uint8_t> image) {
     return address && writeAndJump(device, image, *address);
 }
 
-// Some boot ROMs want their report descriptor to be read first; whether it could be is of no
-// interest.
+// Some boot ROMs expect that their report descriptor is read first.  It does not matter whether
+// that succeeds.
 bool imx7LoadUboot(AbstractDevice &device, std::span<const uint8_t> image) {
     std::array<uint8_t, kReportDescriptorSize> descriptor{};
     device.controlTransfer(VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_STANDARD, VEXA_USB_RECIPIENT_DEVICE,

@@ -6,7 +6,7 @@ namespace {
 
 constexpr uint8_t kMemoryRequest = 0xA0;
 
-// The data are read only in this direction.
+// Drops `const`: in this direction the data are only read.
 int32_t write(AbstractDevice &device, int32_t type, int32_t recipient, uint8_t request,
               uint16_t value, uint16_t index, const uint8_t *data, uint64_t length) {
     return device.controlTransfer(VEXA_USB_DIRECTION_OUT, type, recipient, request, value, index,

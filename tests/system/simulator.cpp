@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include <spawn.h>
@@ -121,9 +122,21 @@ bool systemLists(const std::string &name, size_t count) {
     return shellSays("[ $(lsusb -d " + name + " | wc -l) -eq " + std::to_string(count) + " ]");
 }
 
+void limitTransfers(const std::string &mebibytes) {
+    std::ofstream("/sys/module/usbcore/parameters/usbfs_memory_mb") << mebibytes;
+}
+
 size_t openDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+size_t sharedMappings() {
+    std::ifstream maps("/proc/self/maps");
+    size_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find("/dev/bus/usb") == std::string::npos ? 0 : 1;
+    return count;
 }
 
 } // namespace test

@@ -40,7 +40,11 @@ int32_t rewindStream(_vexa_usb_device *device);
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
                uint16_t product = 0, uint16_t afterMs = 0);
 
+// The memory that the system allows for the transfers of all programs.
+void limitTransfers(const std::string &mebibytes);
 size_t openDescriptors();
+// Mappings of devices' files into this process.
+size_t sharedMappings();
 
 // Whether the system comes to list that many devices with that name, "VENDOR:PRODUCT", of which a
 // half may be missing.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <random>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -174,6 +175,44 @@ TEST_F(SystemTest, TwentyDevicesStream) {
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(total, 20 * 4000000U);
+}
+
+// Opens all, starts a stream on each, and tells how many of them run.  No data come, so that all
+// transfers are in flight.
+size_t runningStreams(const std::vector<uint64_t> &ids) {
+    size_t running = 0;
+    std::vector<_vexa_usb_device *> opened;
+    for (const uint64_t id : ids) {
+        EventLog &events = EventLog::make();
+        opened.push_back(test::openDevice(id, events));
+        test::steer(opened.back(), sim::kRequestSilence, 1, sim::kStreamEndpoint);
+        EXPECT_EQ(vexa_usb_data_stream_start(opened.back(), sim::kStreamEndpoint, 1048576, 16), 0);
+        EXPECT_TRUE(events.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED));
+        running += 1 - events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR);
+    }
+    for (_vexa_usb_device *each : opened)
+        EXPECT_EQ(vexa_usb_close(each), 0);
+    EXPECT_EQ(test::sharedMappings(), 0U);
+    return running;
+}
+
+// Under each limit, as many devices stream as without shared rings.
+TEST_F(SystemTest, SharedRingsTakeNothingFromOthers) {
+    const char *const wanted = std::getenv("VEXA_STREAMING_DEVICES");
+    const std::string devices = wanted == nullptr ? "44" : wanted;
+    const Simulator simulator({"--count", devices}, std::stoul(devices));
+    const auto ids = test::listedIds();
+    for (const char *const mebibytes : {"16", "64", "128"}) {
+        test::limitTransfers(mebibytes);
+        ASSERT_EQ(setenv("VEXA_USB_RING", "private", 1), 0);
+        const size_t before = runningStreams(ids);
+        ASSERT_EQ(unsetenv("VEXA_USB_RING"), 0);
+        const size_t shared = runningStreams(ids);
+        std::printf("limit %s: of %zu devices %zu stream, with shared rings %zu\n", mebibytes,
+                    ids.size(), before, shared);
+        EXPECT_EQ(shared, before);
+    }
+    test::limitTransfers("256");
 }
 
 // A hundred packets of random lengths arrive byte for byte while a stream runs on the device.

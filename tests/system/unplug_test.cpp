@@ -283,6 +283,17 @@ private:
     _vexa_usb_device *device_ = nullptr;
 };
 
+// Whether three transfers of 300 kB are all that is in use: with 100 kB more they would be refused.
+void expectNoTransferMemoryInUse(uint64_t id) {
+    test::limitTransfers("1");
+    EventLog &events = EventLog::make();
+    _vexa_usb_device *const device = test::openDevice(id, events);
+    EXPECT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 300000, 8), 0);
+    EXPECT_TRUE(events.waitFor(kFull));
+    EXPECT_EQ(vexa_usb_close(device), 0);
+    test::limitTransfers("256");
+}
+
 // No removal is missed and nothing stays behind.
 TEST_F(UnplugTest, PlugCycles) {
     const char *const wanted = std::getenv("VEXA_PLUG_CYCLES");
@@ -308,6 +319,8 @@ TEST_F(UnplugTest, PlugCycles) {
         EXPECT_TRUE(i % 2 == 1 ? seen[i].second == seen[i - 1].second
                                : seen[i].second > seen[i - 1].second);
     EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(test::sharedMappings(), 0U);
+    expectNoTransferMemoryInUse(changes.all().back().second);
     EXPECT_LE(allocatedBytes(), memory + (32U << 10));
     EXPECT_GT(client.buffers, 0U);
     EXPECT_GT(client.eventBytes, 0U);

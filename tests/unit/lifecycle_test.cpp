@@ -58,8 +58,11 @@ TEST_F(LifecycleTest, ReinitialisedLibraryFollowsNoHotplugButUpdates) {
     vexa_usb_init();
     vexa_usb_fini();
     vexa_usb_init();
-    vexausb::libusbThread.join(); // has ended by itself
-    vexausb::libusbThread = std::thread([]() {});
+    {
+        const vexausb::MutexLock lock(vexausb::initFiniMutex);
+        vexausb::libusbThread.join(); // has ended by itself
+        vexausb::libusbThread = std::thread([]() {});
+    }
     fake::notifyArrival(fake::attach(VEXA_USB_VENDOR_ID, 1));
     fake::deliverEvents(); // as a synchronous transfer might
     EXPECT_EQ(test::Snapshot().count, 0U);

@@ -1,7 +1,6 @@
 // What the library says of itself, and when.
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <string>
 
@@ -10,6 +9,7 @@
 #include "core/log.h"
 #include "core/usbfs_limit.h"
 #include "support/device_fixtures.h"
+#include "support/fake_shared_memory.h"
 
 namespace {
 
@@ -207,18 +207,17 @@ TEST_F(LogTest, AnEventPipeThatEndsSaysWhy) {
     expectEnd([this]() { EXPECT_EQ(disable(), 0); }, "");
 }
 
-// Of the limit that the kernel tells where it has USB.
+// The limit doubled, or what is enough for most; no advice without a limit, nor for other errors.
 TEST(UsbfsLimit, AdviceNamesTheLimit) {
-    std::ifstream file("/sys/module/usbcore/parameters/usbfs_memory_mb");
-    uint64_t limit = 0;
-    const bool known = static_cast<bool>(file >> limit);
-    EXPECT_EQ(vexausb::usbfsMemoryLimit().has_value(), known);
-    EXPECT_EQ(vexausb::usbfsMemoryLimit().value_or(0), limit);
-    const std::string text = vexausb::refusalAdvice(LIBUSB_ERROR_NO_MEM).text.data();
-    EXPECT_EQ(text.find(" " + std::to_string(limit) + " MiB") != std::string::npos, limit > 0);
-    const std::string more = ": echo " + std::to_string(std::max<uint64_t>(2 * limit, 256)) + " > ";
-    EXPECT_EQ(text.find(more) != std::string::npos, limit > 0);
-    EXPECT_STREQ(vexausb::refusalAdvice(LIBUSB_ERROR_IO).text.data(), "");
+    const auto advice = [](const char *limit, int error = LIBUSB_ERROR_NO_MEM) {
+        fake::limitTransfers(limit);
+        return std::string(vexausb::refusalAdvice(error).text.data());
+    };
+    EXPECT_NE(advice("16\n").find(" 16 MiB for USB transfers; for more: echo 256 > /"), SIZE_MAX);
+    EXPECT_NE(advice("200").find(" 200 MiB for USB transfers; for more: echo 400 > /"), SIZE_MAX);
+    for (const char *none : {"0", "", "x"})
+        EXPECT_EQ(advice(none), "");
+    EXPECT_EQ(advice("256", LIBUSB_ERROR_IO), "");
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 
 namespace vexausb {
 
-// All of a file; throw std::ios_base::failure when it cannot be read.
+// The contents of a file.  Both throw std::ios_base::failure when it cannot be read.
 std::string readFileToString(const std::string &path);
 std::vector<uint8_t> readFileToBytes(const std::string &path);
 

@@ -6,12 +6,11 @@
 namespace vexausb {
 
 /*
- * Walks an FX3 boot image.  It consists of 32-bit words: a header word, which is not looked at;
- * sections, each a length, an address and as many data words; then length 0, the program's entry
- * and the sum of all data words.
+ * Reads an FX3 boot image one record at a time.  The image consists of 32-bit words: a header word,
+ * which is not examined; sections, each a length, an address and that many data words; at the end
+ * the length 0, the program's entry address and the sum of all data words.
  *
- * Life: reads the caller's image, which must outlive it.  next() gives one record after the other;
- * a record that does not fit into the image is broken, and nothing of it is given.
+ * Life: reads the caller's image, which must outlive it.
  *
  * Threads: one at a time.
  */
@@ -21,14 +20,16 @@ public:
         Section, // address(), data()
         Entry,   // address() of the program; checksumRight()
         End,     // of an image without an entry
-        Broken,  // runs past the end of the image
+        Broken,  // the record runs past the end of the image
     };
 
     explicit Fx3ImageWalk(std::span<const uint32_t> image) : image_(image) {}
 
+    // Reads the next record.  The functions below describe it, as Record says.
     Record next();
     uint32_t address() const { return address_; }
     std::span<const uint32_t> data() const { return data_; }
+    // Whether the sum at the end is that of all sections read so far.
     bool checksumRight() const { return storedSum_ == sum_; }
 
 private:

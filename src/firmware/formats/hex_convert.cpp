@@ -1,20 +1,22 @@
 #include "firmware/formats/hex_convert.h"
 
+#include <array>
 #include <stdexcept>
+
+#include "firmware/formats/byte_order.h"
 
 namespace vexausb {
 
 namespace {
 
-// The two bytes of an extended-address record, shifted to where they belong.
-uint32_t extendedBase(const HexRecordView &record, unsigned highShift, unsigned lowShift) {
-    if (record.data.size() < 2)
+uint32_t extendedAddress(const HexRecordView &record) {
+    if (record.data.size() < sizeof(uint16_t))
         throw std::runtime_error("");
-    return uint32_t{record.data[0]} << highShift | uint32_t{record.data[1]} << lowShift;
+    return bigEndian16(record.data.data());
 }
 
-// The image always ends where the latest record does: records are expected in ascending order, and
-// one that goes back cuts the image there.
+// The image ends where this record ends.  Records are expected in ascending order; one with a lower
+// address drops what the image held from there on.
 void place(std::vector<uint8_t> &image, uint32_t offset, const std::vector<uint8_t> &data) {
     image.resize(offset);
     image.insert(image.end(), data.begin(), data.end());
@@ -23,10 +25,10 @@ void place(std::vector<uint8_t> &image, uint32_t offset, const std::vector<uint8
 } // namespace
 
 void appendHexRecord(std::vector<uint8_t> &to, const HexRecordView &record) {
-    to.push_back(static_cast<uint8_t>(record.data.size()));
-    to.push_back(static_cast<uint8_t>(record.address >> 8));
-    to.push_back(static_cast<uint8_t>(record.address));
-    to.push_back(record.type);
+    std::array<uint8_t, kHexHeaderSize> header{static_cast<uint8_t>(record.data.size())};
+    putBigEndian16(&header[1], record.address);
+    header[3] = record.type;
+    to.insert(to.end(), header.begin(), header.end());
     to.insert(to.end(), record.data.begin(), record.data.end());
     to.push_back(record.checksum);
 }
@@ -40,7 +42,7 @@ std::vector<uint8_t> hexRecordsToBinary(const HexRecords &records) {
 
 void HexAddress::extend(const HexRecordView &record) {
     const bool isSegment = record.type == kHexExtendedSegmentAddress;
-    base_ = isSegment ? extendedBase(record, 12, 4) : extendedBase(record, 24, 16);
+    base_ = extendedAddress(record) << (isSegment ? 4 : 16);
 }
 
 std::vector<uint8_t> hexRecordsToImage(const HexRecords &records) {

@@ -8,15 +8,15 @@
 
 namespace vexausb {
 
-// What becomes of Intel HEX records; functions of their arguments alone.
+// Conversions of Intel HEX records.  The functions use nothing but their arguments: any thread.
 
-// Adds one record in raw bytes.
+// Appends the record in its binary encoding.
 void appendHexRecord(std::vector<uint8_t> &to, const HexRecordView &record);
-// The records as raw bytes, back to back, their checksums as they are.
+// The records in their binary encoding, without gaps and with the checksums that they have.
 std::vector<uint8_t> hexRecordsToBinary(const HexRecords &records);
 
-// Where data records go, as of the extended addresses before them.  Fed with the records in their
-// order; begins at address 0.
+// Computes the addresses of data records, which depend on the extended-address records before them.
+// To be given the records in their order; begins at address 0.
 class HexAddress {
 public:
     // Takes an extended-address record of either kind.
@@ -27,8 +27,9 @@ private:
     uint32_t base_ = 0;
 };
 
-// The memory from address 0 on, as of the records up to the End Of File record.  Throws
-// std::runtime_error for a type that it does not know and for an extended address of one byte.
+// The contents of the memory from address 0 on, from the records before the End Of File record.
+// Throws std::runtime_error for an unknown type, and for an extended address of fewer than two
+// bytes.
 std::vector<uint8_t> hexRecordsToImage(const HexRecords &records);
 
 } // namespace vexausb

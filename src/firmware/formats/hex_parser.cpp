@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "firmware/formats/byte_order.h"
 #include "firmware/formats/file_reader.h"
 #include "firmware/formats/strings.h"
 
@@ -14,17 +15,13 @@ namespace {
 
 constexpr size_t kShortestLine = 11;
 
-uint16_t addressOf(uint8_t high, uint8_t low) {
-    return static_cast<uint16_t>(high << 8 | low);
-}
-
-// A record's bytes, its checksum among them, add up to 0, modulo 256.
+// The bytes of a record, with its checksum, add up to 0 modulo 256.
 void verifySum(uint32_t sum) {
     if ((sum & 0xFFU) != 0)
         throw std::runtime_error("Invalid checksum");
 }
 
-// What a character stands for in a pair; a bit far above marks what is no digit.
+// Stands for a character that is not a digit; no value of a digit has this bit.
 constexpr uint16_t kNoDigit = 0x8000;
 
 constexpr std::array<uint16_t, 256> digitValues(int shift) {
@@ -50,7 +47,7 @@ unsigned digitAt(std::string_view text, size_t position) {
     return position < text.size() ? kLowDigits[static_cast<uint8_t>(text[position])] : kNoDigit;
 }
 
-// One digit counts as a number, too: files with such a pair are in use.
+// A pair whose second character is not a digit counts as its first: such files are in use.
 uint8_t byteAt(std::string_view line, size_t position) {
     const std::string_view pair = line.substr(position, 2);
     const unsigned first = digitAt(pair, 0);
@@ -73,7 +70,7 @@ std::string_view trimmedLine(std::string_view line) {
 
 HexRecordView viewOf(const uint8_t *record) {
     const uint8_t *const data = record + kHexHeaderSize;
-    return {addressOf(record[1], record[2]), record[3], {data, record[0]}, data[record[0]]};
+    return {bigEndian16(&record[1]), record[3], {data, record[0]}, data[record[0]]};
 }
 
 HexRecord ownedRecord(const HexRecordView &view) {
@@ -107,7 +104,8 @@ HexRecordView HexTextReader::parseLine(std::string_view text) {
     return viewOf(bytes_.data());
 }
 
-// Nearly all lines: whole pairs, and as many as the count asks for.  False for others.
+// Decodes a line that has whole pairs, as many as its count says; nearly all lines have.  False for
+// others.
 bool HexTextReader::decodeRegular(std::string_view text) {
     const size_t size = (text.size() - 1) / 2;
     if (size > bytes_.size())
@@ -127,7 +125,7 @@ bool HexTextReader::decodeRegular(std::string_view text) {
     return true;
 }
 
-// The checksum is at the end, whatever lies between it and the data.
+// Takes the last pair for the checksum, even if there is something between the data and it.
 void HexTextReader::decodeLeniently(std::string_view text) {
     const size_t beforeChecksum = kHexHeaderSize + byteAt(text, 1);
     for (size_t i = 0; i < beforeChecksum; ++i)

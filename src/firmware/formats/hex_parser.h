@@ -10,21 +10,20 @@
 #include "firmware/formats/hex_record.h"
 
 /*
- * Reads Intel HEX in its two encodings: lines of text, and the same fields as raw bytes, record
- * after record.  Records are given as they come: in the order of the input, of whatever type, also
- * those behind an End Of File record.
+ * Reads Intel HEX in its two encodings: lines of text, and the same fields as raw bytes, one record
+ * after the other.  All records are returned, in the order of the input: those of unknown types,
+ * too, and those after an End Of File record.
  *
- * Failures are thrown and leave nothing behind: std::out_of_range for a record that is longer than
- * its input, std::runtime_error for the rest, std::ios_base::failure for a file that cannot be
- * read.
+ * Throws std::out_of_range for a record that is longer than the rest of its input,
+ * std::ios_base::failure for a file that cannot be read, and std::runtime_error for other faults.
  */
 namespace vexausb {
 
 /*
- * Reads text record by record, without memory for the whole.
+ * Reads text one record at a time, so that the records need not all be in memory.
  *
- * Life: reads the caller's text, which must outlive it.  A record's data lie in the reader, until
- * the next call of next().
+ * Life: reads the caller's text, which must outlive it.  A record's data are in the reader, and
+ * valid until the next call of next().
  *
  * Threads: one at a time.
  */
@@ -32,9 +31,9 @@ class HexTextReader {
 public:
     explicit HexTextReader(std::string_view text) : rest_(text) {}
 
-    // Nothing at the end.
+    // The next record; empty at the end.
     std::optional<HexRecordView> next();
-    // The line that was read last, from 1.
+    // The number of the line that was read last; the first is 1.
     size_t line() const { return lineNumber_; }
 
 private:
@@ -42,9 +41,9 @@ private:
     bool decodeRegular(std::string_view text);
     void decodeLeniently(std::string_view text);
 
-    std::optional<std::string_view> rest_; // nothing behind the last line
+    std::optional<std::string_view> rest_; // empty once the last line was read
     size_t lineNumber_ = 0;
-    std::array<uint8_t, kLongestHexRecord> bytes_; // of the record, as in the binary form
+    std::array<uint8_t, kLongestHexRecord> bytes_; // of the record, as in the binary encoding
 };
 
 // All records at once, in memory of their own.

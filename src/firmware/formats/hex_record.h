@@ -16,12 +16,12 @@ enum HexRecordType : uint8_t {
     kHexStartLinearAddress = 0x05,
 };
 
-// In bytes: count, address (two), type, data, checksum.
+// A record in bytes: count, address (2), type, data, checksum.
 inline constexpr size_t kHexHeaderSize = 4;
 inline constexpr size_t kHexChecksumSize = 1;
 inline constexpr size_t kLongestHexRecord = kHexHeaderSize + UINT8_MAX + kHexChecksumSize;
 
-// A record whose data belong to somebody else.
+// A record that refers to data in somebody else's memory.
 struct HexRecordView {
     uint16_t address;
     uint8_t type;
@@ -29,7 +29,7 @@ struct HexRecordView {
     uint8_t checksum;
 };
 
-// One record of Intel HEX as it was read; its type can be any number.
+// A record with data of its own.  The type can be any number that was read.
 struct HexRecord {
     uint16_t address;
     uint8_t type;

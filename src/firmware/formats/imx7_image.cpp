@@ -17,7 +17,7 @@ constexpr size_t kSplSelfOffset = 20;
 constexpr std::array<uint8_t, 4> kUbootMagic{0x27, 0x05, 0x19, 0x56};
 constexpr size_t kUbootHeaderRead = 20;
 constexpr size_t kUbootLoadOffset = 16;
-constexpr uint32_t kUbootHeaderSize = 64; // in front of the payload
+constexpr uint32_t kUbootHeaderSize = 64; // up to the payload
 
 } // namespace
 

@@ -1,6 +1,7 @@
-// With the libusb stand-in, for callgrind to count what the library does:
-//   changes events PACKETS        packets of 64 events from completion to the caller's callback
-//   changes list ENTRIES CYCLES   a device comes and goes while so many others are listed
+// Runs the library on the libusb stand-in until it has made a number of callbacks, so that
+// callgrind can count the instructions for each:
+//   callbacks events PACKETS        packets of 64 bytes in the event pipe, each byte an event
+//   callbacks list ENTRIES CYCLES   a device comes and goes, while so many others are listed
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
@@ -12,7 +13,7 @@
 
 namespace {
 
-// Counts what the callbacks hear.
+// Counts the calls of the callbacks.
 struct Counter {
     std::mutex mutex;
     std::condition_variable changed;
@@ -23,9 +24,9 @@ struct Counter {
         ++count;
         changed.notify_all();
     }
-    void waitFor(uint64_t wanted) {
+    void waitFor(uint64_t calls) {
         std::unique_lock lock(mutex);
-        changed.wait(lock, [&]() { return count >= wanted; });
+        changed.wait(lock, [&]() { return count >= calls; });
     }
     static void deviceEvent(_vexa_usb_device_event, void *data) {
         static_cast<Counter *>(data)->add();
@@ -69,7 +70,7 @@ int main(int argc, char **argv) {
     const bool list = argc > 1 && std::string(argv[1]) == "list";
     for (uint64_t i = 0; i < (list ? number(2) : 1); ++i)
         fake::attach(VEXA_USB_VENDOR_ID, 1);
-    Counter &counter = *new Counter; // callbacks can come late
+    Counter &counter = *new Counter; // never deleted: callbacks may come after the end of main
     vexa_usb_init();
     uint32_t id = 0;
     if (list)

@@ -1,0 +1,239 @@
+// Rings in memory that the kernel fills itself, and the room for it that is everybody's.
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/log.h"
+#include "core/shared_memory_budget.h"
+#include "support/device_fixtures.h"
+#include "support/fake_shared_memory.h"
+
+namespace {
+
+namespace budget = vexausb::shared_memory_budget;
+
+constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
+constexpr uint64_t kMebibyte = 1048576;
+
+class SharedRingTest : public test::DeviceTest {
+protected:
+    SharedRingTest() { fake::shareMemory(fake::Sharing::All); }
+    ~SharedRingTest() override {
+        if (device != nullptr)
+            close();
+        fake::othersShare(0);
+        EXPECT_EQ(fake::sharedBlocks(), 0U);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+        fake::limitTransfers("256");
+    }
+
+    int32_t start(uint64_t bufferSize, uint64_t bufferCount) {
+        return vexa_usb_data_stream_start(device, 0x82, bufferSize, bufferCount);
+    }
+    // Has a buffer of 1000 bytes filled, locks it, and checks its part of the count.
+    void receive() {
+        fake::completeOldest();
+        ASSERT_TRUE(log.waitFor(kFull, ++received_));
+        ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        for (uint64_t i = 0; i < size; ++i)
+            ASSERT_EQ(data[i], expected_++) << received_;
+    }
+    void unlock() { ASSERT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0); }
+
+    uint8_t *data = nullptr;
+    uint64_t size = 0;
+
+private:
+    size_t received_ = 0;
+    uint8_t expected_ = 0;
+};
+
+TEST_F(SharedRingTest, FewBlocksGoRoundForACallerThatKeepsUp) {
+    ASSERT_EQ(start(1000, 16), 0);
+    std::set<const uint8_t *> places;
+    for (int i = 0; i < 100; ++i) {
+        receive();
+        EXPECT_TRUE(fake::isShared(data));
+        places.insert(data);
+        unlock();
+    }
+    EXPECT_LE(places.size(), 6U);
+    EXPECT_EQ(fake::toldToOthers(), 1);
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+}
+
+TEST_F(SharedRingTest, WhatIsRefusedIsOrdinaryMemory) {
+    fake::shareMemory(fake::Sharing::Half);
+    ASSERT_EQ(start(1000, 16), 0);
+    std::set<bool> kinds;
+    for (int i = 0; i < 10; ++i) { // none is locked, so that many blocks are needed
+        fake::completeOldest();
+        fake::waitInFlight(3);
+    }
+    ASSERT_TRUE(log.waitFor(kFull, 10));
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        kinds.insert(fake::isShared(data));
+        EXPECT_EQ(data[0], static_cast<uint8_t>(i * 1000));
+        EXPECT_EQ(data[999], static_cast<uint8_t>(i * 1000 + 999));
+        unlock();
+    }
+    EXPECT_EQ(kinds.size(), 2U);
+    fake::shareMemory(fake::Sharing::None);
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    ASSERT_EQ(start(1000, 16), 0);
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+}
+
+// What is not shared, and what the log says of it.
+TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
+    struct Case {
+        const char *ring;
+        const char *limit;
+        uint64_t bufferSize;
+        const char *said;
+    };
+    const Case cases[] = {
+        {"", "256", 1000, "fill 16 of the ring's 16 buffers of 1512 bytes itself\n"},
+        {"shared", "64", 1 << 21,
+         "fill 8 of the ring's 16 buffers of 2097152 bytes itself, and "
+         "copies to the others: no more can be taken"},
+        {"private", "256", 1000,
+         "fill 0 of the ring's 16 buffers of 1512 bytes itself, and copies "
+         "to the others: VEXA_USB_RING is private\n"},
+        {"", "16", 1000, "copies to the others: the system's limit for USB transfers (usbfs_"},
+        {"", "?", 1000, "copies to the others: the system's limit for USB transfers cannot be"},
+        {"own", "256", 1000, "VEXA_USB_RING is 'own': treated as shared"},
+    };
+    setenv("VEXA_USB_LOG", "info", 1);
+    vexausb::readLogLevel();
+    for (const Case &test : cases) {
+        setenv("VEXA_USB_RING", test.ring, 1);
+        fake::limitTransfers(test.limit);
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(start(test.bufferSize, 16), 0);
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(test.said), std::string::npos) << said;
+        EXPECT_EQ(fake::sharedBlocks() == 0, said.find("fill 0 of") != std::string::npos) << said;
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    }
+    fake::shareMemory(fake::Sharing::None);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(start(1000, 16), 0);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.find("the kernel refused"), said.rfind("the kernel refused")) << said;
+    EXPECT_NE(said.find("the kernel refused to share a buffer of 1512 bytes"), std::string::npos);
+    unsetenv("VEXA_USB_RING");
+    unsetenv("VEXA_USB_LOG");
+    vexausb::readLogLevel();
+}
+
+TEST_F(SharedRingTest, StartThatFailsHalfWayKeepsNothing) {
+    for (const int skip : {0, 1, 2}) {
+        fake::failCall("libusb_alloc_transfer", 0, skip);
+        EXPECT_EQ(start(1000, 16), -4);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+        fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM, skip);
+        EXPECT_EQ(start(1000, 16), 0);
+        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        EXPECT_EQ(fake::sharedBlocks(), 0U);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+    }
+}
+
+// What the caller is reading stays readable, although the device's handle closes; nothing else
+// does, and the device's file is not kept open for longer than until the close.
+TEST_F(SharedRingTest, LockedBufferOutlivesTheLastFini) {
+    ASSERT_EQ(start(1000, 16), 0);
+    receive();
+    unlock();
+    receive();
+    ASSERT_TRUE(fake::isShared(data));
+    const std::vector<uint8_t> before(data, data + size);
+    reinitialise();
+    EXPECT_EQ(std::vector<uint8_t>(data, data + size), before);
+    EXPECT_EQ(fake::sharedBlocks(), 1U);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+}
+
+TEST_F(SharedRingTest, EndsWithTheDeviceOrTheHandle) {
+    ASSERT_EQ(start(1000, 16), 0);
+    receive(); // and keeps it locked
+    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+    ASSERT_EQ(start(1000, 16), 0);
+    remove();
+    fake::completeOldest(LIBUSB_TRANSFER_NO_DEVICE);
+    EXPECT_GT(fake::sharedBlocks(), 0U);
+    EXPECT_EQ(close(), 0);
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+}
+
+// More devices than the limit has room for, with what is shared: it goes back, and nothing is lost.
+TEST_F(SharedRingTest, GivesWayToOtherDevices) {
+    fake::limitTransfers("64");
+    ASSERT_EQ(start(1000, 16), 0);
+    receive();
+    unlock();
+    EXPECT_TRUE(fake::isShared(data));
+    for (int i = 0; i < 31; ++i)
+        fake::attach(VEXA_USB_VENDOR_ID, 1);
+    vexa_usb_update_device_list();
+    for (int i = 0; i < 40; ++i) {
+        receive();
+        unlock();
+    }
+    EXPECT_FALSE(fake::isShared(data));
+    EXPECT_EQ(fake::sharedBlocks(), 0U);
+    EXPECT_EQ(fake::toldToOthers(), 0);
+}
+
+// What is granted of a ring of 32 MiB.
+TEST_F(SharedRingTest, AQuarterOfTheLimitForAllProgramsTogether) {
+    struct Case {
+        const char *limit;
+        int others;
+        size_t devices;
+        uint64_t granted;
+    };
+    const Case cases[] = {
+        {"16", 0, 1, 0},   {"63", 0, 1, 0},     {"64", 0, 1, 16},    {"64", 10, 1, 6},
+        {"64", 16, 1, 0},  {"64", 99, 1, 0},    {"64", 0, 31, 2},    {"64", 0, 99, 0},
+        {"128", 0, 1, 32}, {"256", 33, 1, 31},  {"0", 0, 240, 32},   {"no number", 0, 1, 0},
+        {"", 0, 1, 0},     {"256", 0, 112, 32}, {"256", 0, 113, 30},
+    };
+    for (const Case &test : cases) {
+        fake::limitTransfers(test.limit);
+        fake::othersShare(test.others);
+        budget::setAttachedDevices(test.devices);
+        const budget::Grant grant = budget::reserve(kMebibyte, 32);
+        EXPECT_EQ(grant.blocks, test.granted) << test.limit << ' ' << test.others;
+        EXPECT_EQ(grant.reason == nullptr, test.granted == 32);
+        budget::release(kMebibyte, grant.blocks);
+    }
+    fake::limitTransfers("256");
+    fake::othersShare(0);
+    budget::setAttachedDevices(1);
+    EXPECT_EQ(budget::reserve(kMebibyte, 40).blocks, 40U);
+    EXPECT_EQ(budget::reserve(kMebibyte, 40).blocks, 24U); // rings share the quarter
+    EXPECT_FALSE(budget::isOverdrawn());
+    budget::setAttachedDevices(97); // 62 MiB are left for all
+    EXPECT_TRUE(budget::isOverdrawn());
+    budget::release(kMebibyte, 2);
+    EXPECT_FALSE(budget::isOverdrawn());
+    fake::othersShare(62); // each gives back its half
+    budget::setAttachedDevices(97);
+    budget::release(kMebibyte, 30);
+    EXPECT_TRUE(budget::isOverdrawn());
+    budget::release(kMebibyte, 1);
+    EXPECT_FALSE(budget::isOverdrawn());
+    budget::release(kMebibyte, 31);
+    fake::limitTransfers("0");
+    EXPECT_EQ(budget::reserve(4096, 5000).blocks, 4096U); // a process has only so many mappings
+    budget::release(4096, 4096);
+}
+
+} // namespace
