@@ -283,12 +283,12 @@ private:
     _vexa_usb_device *device_ = nullptr;
 };
 
-// Whether three transfers of 300 kB are all that is in use: with 100 kB more they would be refused.
+// Whether three transfers of 330 kB are all that is in use: with 60 kB more they would be refused.
 void expectNoTransferMemoryInUse(uint64_t id) {
     test::limitTransfers("1");
     EventLog &events = EventLog::make();
     _vexa_usb_device *const device = test::openDevice(id, events);
-    EXPECT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 300000, 8), 0);
+    EXPECT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 330000, 8), 0);
     EXPECT_TRUE(events.waitFor(kFull));
     EXPECT_EQ(vexa_usb_close(device), 0);
     test::limitTransfers("256");
