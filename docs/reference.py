@@ -18,8 +18,8 @@ CHAPTERS = [
     ("stream", "Data stream", r"_data_stream_"),
     ("events", "Event pipe", r"_event_pipe_"),
     ("transfers", "Transfers", r"_transfer$|_read$|_write$"),
-    ("list", "Device list", r"_device_list"),
     ("device", "Opened devices", r"_open$|_close$|_get_.*(driver|descriptor|packet)"),
+    ("list", "Device list", r"_device_list"),
     ("library", "Library", r"_init$|_fini$|_version$|_status_str$"),
 ]
 
@@ -163,16 +163,15 @@ class Reference:
         about = Description(member)
         text = f".. c:function:: {declaration(member)}\n\n"
         text += self.paragraphs(about.paragraphs, "   ")
-        for name, direction, what in about.parameters:
-            mark = "receives: " if direction == "out" and not words(what).startswith("receives") else ""
-            text += f"   :param {name}: {mark}{self.inline(what)}\n"
+        for name, _, what in about.parameters:
+            text += f"   :param {name}: {self.inline(what)}\n"
         if about.returned is not None:
             text += f"   :returns: {self.inline(about.returned)}\n"
         if about.results:
-            text += "\n   **Answers**\n\n"
+            text += "   :Answers:\n"
         for value, _, what in about.results:
             label = value.replace("-", "minus-")
-            text += f"   * :ref:`{value} <status-{label}>`: {self.inline(what)}\n"
+            text += f"      * :ref:`{value} <status-{label}>`: {self.inline(what)}\n"
         return text + "\n"
 
     def types(self, only):
@@ -227,8 +226,10 @@ class Reference:
         for title, group in self.header.constants:
             page += self.title(title, "-")
             for name, value, about in group:
-                shown = f" ``{value}``" if "@" not in value else ""
-                page += f".. c:macro:: {name}\n\n  {shown}\n\n" + self.paragraphs(about.paragraphs, "   ")
+                # What the build chooses has no value here.
+                shown = f"``{value}``: " if "@" not in value else ""
+                page += f".. c:macro:: {name}\n\n"
+                page += self.paragraphs(about.paragraphs, "   ").replace("   ", f"   {shown}", 1)
         (directory / "constants.rst").write_text(page)
 
 

@@ -15,16 +15,22 @@ static inline void require(int32_t status, const char *what) {
     exit(1);
 }
 
-static inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback onEvent, void *data) {
+/* Null when no device is there, or it cannot be opened; VEXA_USB_LOG=error tells why. */
+static inline _vexa_usb_device *tryOpenFirst(vexa_usb_device_event_callback onEvent, void *data) {
     _vexa_usb_device_list_item **list;
     _vexa_usb_device *device = NULL;
-    int32_t status = VEXA_USB_STATUS_DEVICE_REMOVED;
     require(vexa_usb_update_device_list(), "update");
     require(vexa_usb_get_device_list(&list, NULL), "list");
     if (list[0] != NULL)
-        status = vexa_usb_open(list[0], onEvent, data, &device);
+        vexa_usb_open(list[0], onEvent, data, &device);
     vexa_usb_free_device_list(list);
-    require(status, "open");
+    return device;
+}
+
+static inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback onEvent, void *data) {
+    _vexa_usb_device *device = tryOpenFirst(onEvent, data);
+    if (device == NULL)
+        require(VEXA_USB_STATUS_UNKNOWN, "open");
     return device;
 }
 

@@ -30,14 +30,17 @@ int main(int argc, char **argv) {
     require(vexa_usb_register_device_list_event_callback(onChange, NULL, &registration),
             "register");
     require(vexa_usb_update_device_list(), "update"); /* reports what is attached already */
-    for (long session = 1; session <= sessions; ++session) {
+    for (long session = 1; session <= sessions;) {
         _vexa_usb_device *device;
         sem_wait(&came);
-        device = openFirst(onEvent, NULL);
+        device = tryOpenFirst(onEvent, NULL);
+        if (device == NULL)
+            continue; /* it has left again */
         printf("session %ld\n", session);
         fflush(stdout);
         sem_wait(&left);        /* here a driver would work, until a call answers -12 */
         vexa_usb_close(device); /* the handle of a device that has left is closed, too */
+        ++session;
     }
     vexa_usb_deregister_device_list_event_callback(registration);
     vexa_usb_fini();
