@@ -14,6 +14,7 @@ html_show_sphinx = False
 html_show_copyright = False
 html_copy_source = False
 highlight_language = "none"
+smartquotes = False  # would make one dash of the two before an option
 primary_domain = "c"
 
 cmake = pathlib.Path(__file__).with_name("CMakeLists.top").read_text(encoding="utf-8")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes the reference (reStructuredText) and the manual pages of section 3 (mdoc) from Doxygen's XML.
+"""Makes the reference (reStructuredText) and the manual pages (mdoc) from Doxygen's XML.
 
 Usage: reference.py XML-DIRECTORY REFERENCE-DIRECTORY MANUAL-DIRECTORY
 """
@@ -44,9 +44,9 @@ class Header:
         members = [member for file in self.files for member in file.iter("memberdef")]
         self.functions = [member for member in members if member.get("kind") == "function"]
         self.typedefs = [member for member in members if member.get("kind") == "typedef"]
-        self.constants = self.read_constants(members)
         self.kinds = {struct.get("id"): "struct" for struct in self.structs}
         self.kinds.update({member.get("id"): member.get("kind") for member in members})
+        self.constants = self.read_constants(members)
         self.introduction = next(node for file in self.files
                                  for node in file.findall("compounddef/detaileddescription")
                                  if len(node))
@@ -56,18 +56,18 @@ class Header:
     def read_constants(self, members):
         """Groups of constants, macros or enumerators: title and (name, value, description)s."""
         groups = {}
-        sections = {id(member): section for file in self.files for section in file.iter("sectiondef")
-                    for member in section.findall("memberdef")}
+        titles = {id(member): section.findtext("header") or "Others"
+                  for file in self.files for section in file.iter("sectiondef")
+                  for member in section.findall("memberdef")}
         for member in members:
-            entries = member.findall("enumvalue") if member.get("kind") == "enum" else [member]
-            if member.get("kind") not in ("define", "enum") or entries[0].find("initializer") is None:
-                continue
-            title = sections[id(member)].findtext("header") or "Others"
+            entries = [member] if member.get("kind") == "define" else member.findall("enumvalue")
             for entry in entries:
                 name = entry.findtext("name")
-                value = entry.findtext("initializer").strip("=() ")
-                if name != "VEXA_USB_API":
-                    groups.setdefault(title, []).append((name, value, Description(entry)))
+                value = (entry.findtext("initializer") or "").strip("=() ")
+                if value and name != "VEXA_USB_API":
+                    self.kinds[entry.get("id")] = "define"
+                    groups.setdefault(titles[id(member)], []).append(
+                        (name, value, Description(entry)))
         return list(groups.items())
 
     def chapter_of(self, name):
@@ -123,8 +123,7 @@ def declaration(function):
 class Reference:
     """Writes the pages of the HTML reference."""
 
-    ROLES = {"function": "func", "define": "macro", "typedef": "type", "struct": "struct",
-             "enum": "enum", "enumvalue": "enumerator"}
+    ROLES = {"function": "func", "define": "macro", "typedef": "type", "struct": "struct"}
 
     def __init__(self, header):
         self.header = header
@@ -141,8 +140,9 @@ class Reference:
 
     def markup(self, node):
         text = words(node)
-        if node.tag == "ref" and node.get("refid") in self.header.kinds:
-            return f":c:{self.ROLES[self.header.kinds[node.get('refid')]]}:`{text.removesuffix('()')}`"
+        role = self.ROLES.get(self.header.kinds.get(node.get("refid")))
+        if role:
+            return f":c:{role}:`{text.removesuffix('()')}`"
         if node.tag == "computeroutput":
             return f"``{text}``"
         if node.tag == "itemizedlist":
@@ -174,21 +174,17 @@ class Reference:
             text += f"      * :ref:`{value} <status-{label}>`: {self.inline(what)}\n"
         return text + "\n"
 
-    def types(self, only):
-        """The records and types whose names `only` accepts."""
+    def types(self):
         text = ""
         for struct in self.header.structs:
-            if not only(struct.findtext("compoundname")):
-                continue
             text += f".. c:struct:: {struct.findtext('compoundname')}\n\n"
             text += self.paragraphs(Description(struct).paragraphs, "   ")
             for field in struct.iter("memberdef"):
-                kind = words(field.find("type"))
-                text += f"   .. c:member:: {kind} {field.findtext('name')}{field.findtext('argsstring')}\n\n"
+                name = field.findtext("name") + field.findtext("argsstring")
+                text += f"   .. c:member:: {words(field.find('type'))} {name}\n\n"
                 text += self.paragraphs(Description(field).paragraphs, "      ")
         for typedef in self.header.typedefs:
-            if only(typedef.findtext("name")):
-                text += self.typedef(typedef)
+            text += self.typedef(typedef)
         return text
 
     def typedef(self, typedef):
@@ -209,7 +205,8 @@ class Reference:
         directory.mkdir(parents=True, exist_ok=True)
         chapters = list(reversed(CHAPTERS))
         index = self.title("Reference", "=")
-        index += "The functions of ``vexa_usb.h``. Each also has a manual page: ``man vexa_usb_open``.\n\n"
+        index += "The functions of ``vexa_usb.h``. Each has a manual page, too: "
+        index += "``man vexa_usb_open``.\n\n"
         index += ".. toctree::\n\n" + "".join(f"   {chapter[0]}\n" for chapter in chapters)
         index += "   types\n   constants\n\n" + self.title("What holds for all of them", "-")
         index += self.paragraphs(self.header.introduction.findall("para"), "")
@@ -221,7 +218,7 @@ class Reference:
                     page += self.function(function)
             (directory / f"{chapter[0]}.rst").write_text(page)
         (directory / "types.rst").write_text(
-            self.title("Types and records", "=") + self.types(lambda name: True))
+            self.title("Types and records", "=") + self.types())
         page = self.title("Constants", "=")
         for title, group in self.header.constants:
             page += self.title(title, "-")
@@ -229,7 +226,8 @@ class Reference:
                 # What the build chooses has no value here.
                 shown = f"``{value}``: " if "@" not in value else ""
                 page += f".. c:macro:: {name}\n\n"
-                page += self.paragraphs(about.paragraphs, "   ").replace("   ", f"   {shown}", 1)
+                text = self.paragraphs(about.paragraphs, "   ")
+                page += text.replace("   ", f"   {shown}", 1)
         (directory / "constants.rst").write_text(page)
 
 
@@ -237,6 +235,8 @@ class Manual:
     """Writes the manual pages, in mdoc(7)."""
 
     WIDTH = 78  # mdoc's lint wants lines of 80 characters at most
+    # Between sentences, and around functions that are not the library's.
+    BREAKS = re.compile(r"(?<=[.?!])\s+|\s(?=\w+\(\))|(?<=\(\))\s|(?<=\(\),)\s")
 
     def __init__(self, header):
         self.header = header
@@ -250,7 +250,7 @@ class Manual:
         """Running text: each sentence on a line of its own, as mdoc wants it."""
         text = re.sub(r"(?<!\w)-(?=\d)", r"\\-", text.replace("\\", "\\e"))
         lines = []
-        for sentence in re.split(r"(?<=[.?!])\s+|\s(?=\w+\(\))|(?<=\(\))\s|(?<=\(\),)\s", text.strip()):
+        for sentence in self.BREAKS.split(text.strip()):
             if function := re.fullmatch(r"(\w+)\(\)([.,]?)", sentence):
                 lines.append(f".Fn {' '.join(function.groups())}".rstrip())
                 continue
@@ -265,7 +265,7 @@ class Manual:
         if kind == "function":
             name = text.removesuffix("()")
             return f"Fn {name}" if name == self.page else f"Xr {name} 3"
-        if kind in ("define", "enum", "enumvalue"):
+        if kind == "define":
             return f"Dv {text}"
         if kind:
             return f"Vt {text}"
