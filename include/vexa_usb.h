@@ -443,13 +443,20 @@ VEXA_USB_API int32_t vexa_usb_interrupt_write(_vexa_usb_device *device, uint8_t 
 /**
  * Reads from a bulk IN endpoint and waits for all of it.
  *
- * Otherwise as vexa_usb_interrupt_read(), the status values included.
+ * Otherwise as vexa_usb_interrupt_read().
  *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 set
  * @param[out] data receives the bytes
  * @param length number of bytes, above 0
- * @return 0, -1, -3, -5, -11, -12, -13 or -14
+ * @retval 0 all of @p length was transferred
+ * @retval -1 the transfer failed, for instance by a stall
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null or @p length is 0
+ * @retval -11 not an IN endpoint
+ * @retval -12 device removed
+ * @retval -13 the device did not answer in time
+ * @retval -14 the device sent less
  */
 VEXA_USB_API int32_t vexa_usb_bulk_read(_vexa_usb_device *device, uint8_t endpoint, uint8_t *data,
                                         uint64_t length);
@@ -457,13 +464,20 @@ VEXA_USB_API int32_t vexa_usb_bulk_read(_vexa_usb_device *device, uint8_t endpoi
 /**
  * Writes to a bulk OUT endpoint and waits until all was taken.
  *
- * Otherwise as vexa_usb_interrupt_write(), the status values included.
+ * Otherwise as vexa_usb_interrupt_write().
  *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 clear
  * @param data the bytes; only read
  * @param length number of bytes, above 0
- * @return 0, -1, -3, -5, -11, -12, -13 or -14
+ * @retval 0 all of @p length was transferred
+ * @retval -1 the transfer failed, for instance by a stall
+ * @retval -3 library not initialised
+ * @retval -5 a pointer is null or @p length is 0
+ * @retval -11 not an OUT endpoint
+ * @retval -12 device removed
+ * @retval -13 the device did not take the data in time
+ * @retval -14 the device took less
  */
 VEXA_USB_API int32_t vexa_usb_bulk_write(_vexa_usb_device *device, uint8_t endpoint,
                                          const uint8_t *data, uint64_t length);
