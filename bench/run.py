@@ -28,6 +28,7 @@ import callgrind_cost
 STREAM_BYTES = 256 << 20
 # Buffer size and count; the fourth is the command's default, the third that of README's example.
 SHAPES = ((65536, 256), (524288, 32), (1048576, 16), (1048576, 32), (4194304, 4), (1000000, 16))
+UNSET = {name: value for name, value in os.environ.items() if name != "VEXA_USB_RING"}
 # Each way of streaming: the benchmark's mode, and settings in the environment.
 WAYS = {
     "bare loop": ("bare",),
@@ -90,14 +91,25 @@ def stream_once(build, way, shape):
     mode, *setting = WAYS[way]
     output = subprocess.run([f"{build}/bench/stream-bench", mode, *map(str, shape),
                              str(STREAM_BYTES)], check=True, capture_output=True, text=True,
-                            env={**os.environ, **dict(setting)}).stdout
+                            env={**UNSET, **dict(setting)}).stdout
     return [float(word) for word in output.split()]
+
+
+def require_shared(build, shape):
+    """Ends the measurement unless the whole ring may be shared."""
+    said = subprocess.run([f"{build}/bench/stream-bench", "library", *map(str, shape), "1"],
+                          check=True, capture_output=True, text=True,
+                          env={**UNSET, "VEXA_USB_LOG": "info"}).stderr
+    if f"may fill {shape[1]} of the ring's {shape[1]} " not in said:
+        raise SystemExit(f"the ring is not shared:\n{said}")
 
 
 def stream(build, rounds):
     limit_transfers(256)
     runs = {(shape, way): [] for shape in SHAPES for way in WAYS}
     with Simulator(build, "instrument,speed=super"):
+        for shape in SHAPES:
+            require_shared(build, shape)
         for turn in range(rounds + 1):
             for shape, way in runs:
                 result = stream_once(build, way, shape)

@@ -88,6 +88,14 @@ public:
         libusb_get_max_packet_size(libusb_get_device(handle), sim::kStreamEndpoint));
 };
 
+// As the library does, once all that is wanted has come.
+void cancelOthers(const std::vector<libusb_transfer *> &transfers, const libusb_transfer *done) {
+    for (libusb_transfer *const transfer : transfers) {
+        if (transfer != done)
+            libusb_cancel_transfer(transfer);
+    }
+}
+
 // Three transfers that are looked at and resubmitted as they complete, in a single thread.
 class BareLoop {
 public:
@@ -96,7 +104,6 @@ public:
         const Stopwatch watch;
         const uint64_t size = transferSize(shape.bufferSize, device.packetSize);
         left_ = shape.bytes;
-        std::vector<libusb_transfer *> transfers;
         std::vector<std::unique_ptr<uint8_t[]>> ordinary;
         for (int i = 0; i < kTransferCount; ++i) {
             uint8_t *memory = nullptr;
@@ -111,12 +118,12 @@ public:
             libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, memory,
                                       static_cast<int>(size), completed, this, 0);
             require(libusb_submit_transfer(transfer) == 0, "submit");
-            transfers.push_back(transfer);
+            transfers_.push_back(transfer);
             ++flying_;
         }
         while (flying_ > 0)
             libusb_handle_events(device.context);
-        for (libusb_transfer *transfer : transfers) {
+        for (libusb_transfer *transfer : transfers_) {
             if (shared)
                 libusb_dev_mem_free(device.handle, transfer->buffer, size);
             libusb_free_transfer(transfer);
@@ -128,20 +135,25 @@ public:
 private:
     static void LIBUSB_CALL completed(libusb_transfer *transfer) {
         auto &self = *static_cast<BareLoop *>(transfer->user_data);
-        const auto actual = static_cast<uint64_t>(transfer->actual_length);
-        lookAt(transfer->buffer, actual);
-        self.left_ -= std::min(actual, self.left_);
-        if (transfer->status != LIBUSB_TRANSFER_COMPLETED || self.left_ == 0 ||
-            libusb_submit_transfer(transfer) != 0)
-            --self.flying_;
+        if (transfer->status == LIBUSB_TRANSFER_COMPLETED && self.left_ > 0) {
+            const auto actual = static_cast<uint64_t>(transfer->actual_length);
+            lookAt(transfer->buffer, actual);
+            self.left_ -= std::min(actual, self.left_);
+            if (self.left_ > 0 && libusb_submit_transfer(transfer) == 0)
+                return;
+            cancelOthers(self.transfers_, transfer);
+        }
+        --self.flying_;
     }
 
+    std::vector<libusb_transfer *> transfers_;
     uint64_t left_ = 0;
     int flying_ = 0;
 };
 
 // What an expert writes: three transfers fill the buffers of a ring one after the other, and a
-// thread is woken for each full one.
+// thread is woken for each full one.  Buffers are rounded up to whole packets, so nothing
+// overshoots.
 class RingByHand {
 public:
     void run(const Shape &shape) {
@@ -156,6 +168,7 @@ public:
             libusb_transfer *const transfer = libusb_alloc_transfer(0);
             libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, nullptr,
                                       static_cast<int>(size_), completed, this, 0);
+            transfers_.push_back(transfer);
             ++flying_;
             submit(transfer);
         }
@@ -163,6 +176,9 @@ public:
         while (flying_ > 0)
             libusb_handle_events(device.context);
         consumer.join();
+        for (libusb_transfer *const transfer : transfers_)
+            libusb_free_transfer(transfer);
+        buffers_.clear();
         report(watch);
     }
 
@@ -177,23 +193,26 @@ private:
 
     static void LIBUSB_CALL completed(libusb_transfer *transfer) {
         auto &self = *static_cast<RingByHand *>(transfer->user_data);
-        if (transfer->status != LIBUSB_TRANSFER_COMPLETED)
-            std::abort();
-        bool done = false;
-        {
-            const std::lock_guard lock(self.mutex_);
-            if (++self.completed_ % self.pieces_ == 0)
-                self.full_.notify_one();
-            done = self.left_ == 0;
-            if (self.completed_ / self.pieces_ >= self.taken_ + self.buffers_.size())
-                std::abort(); // overflow
-        }
-        if (done) {
-            libusb_free_transfer(transfer);
-            --self.flying_;
-        } else {
+        const bool isWhole = transfer->status == LIBUSB_TRANSFER_COMPLETED;
+        if (isWhole && self.countCompleted()) {
             self.submit(transfer);
+            return;
         }
+        if (isWhole)
+            cancelOthers(self.transfers_, transfer);
+        --self.flying_;
+    }
+
+    // Wakes the consumer for a full buffer; false once the consumer has had all that is wanted.
+    bool countCompleted() {
+        const std::lock_guard lock(mutex_);
+        if (left_ == 0)
+            return false;
+        if (++completed_ % pieces_ == 0)
+            full_.notify_one();
+        if (completed_ / pieces_ >= taken_ + buffers_.size())
+            std::abort(); // overflow
+        return true;
     }
 
     void consume() {
@@ -215,6 +234,7 @@ private:
     std::vector<std::unique_ptr<uint8_t[]>> buffers_;
 
     // The event thread's.
+    std::vector<libusb_transfer *> transfers_;
     uint64_t next_ = 0;
     int flying_ = 0;
 

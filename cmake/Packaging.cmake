@@ -1,25 +1,74 @@
-# What `cmake --install` puts in place, besides the programs: the library, its headers, what other
-# projects find it by, the udev rule and the manual pages.
+# What `cmake --install` puts in place, and with which component: runtime (the shared library), system
+# (what gives users access to the devices), development, tool and simulator.
 include(CMakePackageConfigHelpers)
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/vexa-usb)
 
-install(TARGETS vexa-usb EXPORT vexa-usb-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(EXPORT vexa-usb-targets NAMESPACE vexa-usb:: DESTINATION ${packageDir})
-install(FILES include/vexa_usb.h ${CMAKE_BINARY_DIR}/include/vexa_usb_config.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS vexa-usb EXPORT vexa-usb-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 
+configure_file(packaging/70-vexa-usb.rules.in packaging/70-vexa-usb.rules @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/70-vexa-usb.rules
+    DESTINATION lib/udev/rules.d COMPONENT system)
+install(FILES packaging/tmpfiles.d/vexa-usb.conf DESTINATION lib/tmpfiles.d COMPONENT system)
+
+install(FILES include/vexa_usb.h ${PROJECT_BINARY_DIR}/include/vexa_usb_config.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(EXPORT vexa-usb-targets NAMESPACE vexa-usb::
+    DESTINATION ${packageDir} COMPONENT development)
 configure_package_config_file(packaging/vexa-usb-config.cmake.in
     packaging/vexa-usb-config.cmake INSTALL_DESTINATION ${packageDir})
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/packaging/vexa-usb-config-version.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/vexa-usb-config-version.cmake
     COMPATIBILITY SameMinorVersion)
 install(FILES
-    ${CMAKE_BINARY_DIR}/packaging/vexa-usb-config.cmake
-    ${CMAKE_BINARY_DIR}/packaging/vexa-usb-config-version.cmake
-    DESTINATION ${packageDir})
+    ${PROJECT_BINARY_DIR}/packaging/vexa-usb-config.cmake
+    ${PROJECT_BINARY_DIR}/packaging/vexa-usb-config-version.cmake
+    DESTINATION ${packageDir} COMPONENT development)
+install(FILES examples/stream.c
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 
+# The prefix is told from where the file lies, so that `cmake --install --prefix` may choose it; not
+# if the library's directory was given in full, nor for /usr, whose directories pkg-config leaves out
+# only where it sees them by these names.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(pcPrefix ${CMAKE_INSTALL_PREFIX})
+else()
+    file(RELATIVE_PATH pcPrefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+    string(REGEX REPLACE "/$" "" pcPrefix "\${pcfiledir}/${pcPrefix}")
+endif()
+foreach(directory INCLUDEDIR LIBDIR)
+    cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_${directory} BASE_DIRECTORY "\${prefix}"
+        OUTPUT_VARIABLE pc_${directory})
+endforeach()
+# A shared library brings libusb and the C++ library along; to a static one the program adds them.
+if(NOT BUILD_SHARED_LIBS)
+    set(pcStaticLibs " -lstdc++ -pthread -Wl,-z,nodelete\nRequires: libusb-1.0")
+endif()
 configure_file(packaging/vexa-usb.pc.in packaging/vexa-usb.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/packaging/vexa-usb.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-install(FILES ${CMAKE_BINARY_DIR}/packaging/70-vexa-usb.rules DESTINATION lib/udev/rules.d)
-install(FILES docs/man/vexa-usb.1 docs/man/vexa-usb-sim.1
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/vexa-usb.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+if(VEXA_BUILD_TOOLS)
+    install(TARGETS vexa-usb-tool
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+    install(FILES docs/man/vexa-usb.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    # Where the shells look; Debian's zsh looks below /usr for what packages bring elsewhere.
+    if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set(zshFunctions vendor-completions)
+    else()
+        set(zshFunctions site-functions)
+    endif()
+    install(FILES tools/completions/vexa-usb.bash RENAME vexa-usb
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+    install(FILES tools/completions/vexa-usb.zsh RENAME _vexa-usb
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zshFunctions} COMPONENT tool)
+    install(FILES tools/completions/vexa-usb.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
+endif()
+if(VEXA_BUILD_SIM)
+    install(TARGETS vexa-usb-sim
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
+    install(FILES docs/man/vexa-usb-sim.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT simulator)
+    install(FILES docs/simulator.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT simulator)
+endif()

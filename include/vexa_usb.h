@@ -560,11 +560,13 @@ VEXA_USB_API int32_t vexa_usb_event_pipe_disable(_vexa_usb_device *device);
  * where the system's limit for USB transfers (`/sys/module/usbcore/parameters/usbfs_memory_mb`) is
  * at least 64 MiB or 0 (none), as long as all programs that use this library share a quarter of it
  * at most, and 2 MiB stay free for each supported device on the bus.  What goes beyond that or is
- * refused is ordinary memory, to which the kernel copies; nothing else differs.  Shared buffers can
- * be read, written, and passed to read(), write() and to transfers.  What pins pages refuses them
- * with `EFAULT` (files opened with `O_DIRECT`, registered buffers of io_uring): set
- * `VEXA_USB_RING=private` for these.  `VEXA_USB_LOG=info` tells what is shared, and why not the
- * rest.
+ * refused is ordinary memory, to which the kernel copies.  Shared buffers are mapped device memory:
+ * they can be read, written, and passed to transfers and, in general, to write(), but not to what
+ * pins their pages, which answers `EFAULT`: files opened with `O_DIRECT` or on file systems without
+ * a page cache, registered buffers of io_uring, `MSG_ZEROCOPY`, `vmsplice`.  A debugger and a core
+ * dump do not show them, and a forked child sees what is there now.  Where that matters, set
+ * `VEXA_USB_RING=private` before the start.  `VEXA_USB_LOG=info` tells what is shared, and why not
+ * the rest.
  *
  * @param device the handle
  * @param endpoint the endpoint's address, bit 7 set

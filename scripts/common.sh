@@ -35,10 +35,16 @@ asRoot() {
     fi
 }
 
-# Installs the packages of scripts/packages that are missing; prints nothing if there are none.
+# Installs the packages of scripts/packages that are missing; prints nothing if none is.
 installPackages() {
-    local wanted missing
-    wanted=$(grep -v '^#' "$vexaRoot/scripts/packages")
+    # shellcheck disable=SC2046
+    installMissing $(grep -v '^#' "$vexaRoot/scripts/packages")
+}
+
+# installMissing PACKAGE...: the same for those named.
+installMissing() {
+    local missing wanted
+    wanted=$(printf '%s\n' "$@")
     # shellcheck disable=SC2086
     missing=$(comm -23 <(sort <<<"$wanted") \
         <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' $wanted 2>/dev/null |

@@ -29,6 +29,8 @@ std::unique_ptr<DeviceModel> makeBootDevice(const DeviceSpecification &specifica
 }
 
 std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specification) {
+    if (!specification.recording.empty())
+        return std::make_unique<Instrument>(specification.shape, specification.recording);
     return std::make_unique<Instrument>(specification.shape);
 }
 
@@ -141,6 +143,8 @@ void apply(DeviceSpecification &specification, const std::string &key, const std
         shape.serial = value;
     else if (key == "away")
         specification.away = parseTime(key, value);
+    else if (key == "file" && specification.kind == "instrument")
+        specification.recording = value;
     else if (specification.kind == "instrument" ||
              !applyBehaviour(specification.behaviour, key, value))
         throw std::invalid_argument(
@@ -180,6 +184,7 @@ std::string deviceSpecificationHelp() {
            "  KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
            "[,away=MS]\n"
            "away=MS plugs it in that many milliseconds after the start.\n"
+           "An instrument with file=PATH streams what is in that file, over and over.\n"
            "Numbers may be written in hexadecimal, with 0x.\n"
            "\n"
            "Kinds:\n" +

@@ -14,7 +14,8 @@ struct DeviceSpecification {
     std::string kind;
     DeviceShape shape;
     LoadBehaviour behaviour;
-    std::chrono::milliseconds away{0}; // the time until it is plugged in
+    std::string recording;             // the file that an instrument streams; empty: the pattern
+    std::chrono::milliseconds away{0}; // before it is plugged in for the first time
 };
 
 // Parses KIND[,KEY=VALUE...]; throws std::invalid_argument with a message for the user.

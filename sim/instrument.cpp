@@ -45,6 +45,9 @@ DeviceShape instrumentShape() {
 Instrument::Instrument(DeviceShape shape, Bytes loadedFirmware)
     : DeviceModel(withEndpoints(std::move(shape))), firmware_(std::move(loadedFirmware)) {}
 
+Instrument::Instrument(DeviceShape shape, const std::string &recording)
+    : DeviceModel(withEndpoints(std::move(shape))), recording_(recording) {}
+
 void Instrument::plugged(Port &port) {
     DeviceModel::plugged(port);
     streamPosition_ = 0;
@@ -164,7 +167,10 @@ Answer Instrument::takeData(uint8_t endpoint, std::span<const uint8_t> data) {
 Answer Instrument::sendStream(std::span<uint8_t> room) {
     if (vanishing_ && vanishing_->bytesLeft != 0)
         room = room.first(std::min<uint64_t>(room.size(), vanishing_->bytesLeft));
-    fillPattern(streamPosition_, room);
+    if (!recording_)
+        fillPattern(streamPosition_, room);
+    else if (!recording_->fill(streamPosition_, room))
+        return Answer::stall();
     streamPosition_ += room.size();
     if (vanishing_ && vanishing_->bytesLeft != 0 && (vanishing_->bytesLeft -= room.size()) == 0)
         vanish();

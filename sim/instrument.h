@@ -7,9 +7,11 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <string>
 
 #include "device_model.h"
 #include "instrument_protocol.h"
+#include "recording.h"
 
 namespace sim {
 
@@ -22,6 +24,8 @@ class Instrument final : public DeviceModel {
 public:
     // `loadedFirmware` is what a request for the firmware returns.
     explicit Instrument(DeviceShape shape, Bytes loadedFirmware = {});
+    // Streams what is in that file.
+    Instrument(DeviceShape shape, const std::string &recording);
 
     void plugged(Port &port) override;
 
@@ -45,6 +49,7 @@ private:
     };
 
     const Bytes firmware_;
+    const std::optional<Recording> recording_; // in place of the pattern
     uint64_t streamPosition_ = 0;
     std::optional<Vanishing> vanishing_;
     // Packets to be sent; one without bytes holds the time at which it is sent.

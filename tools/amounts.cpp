@@ -41,7 +41,7 @@ std::optional<uint64_t> unitFactor(std::string unit) {
     return uint64_t{1} << (10 * (prefix + 1));
 }
 
-// Puts the number of bytes in place of the text; returns what is wrong with it.
+// Replaces the text by the number of bytes; returns the error, empty when there is none.
 std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMore) {
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     const char *const last = text.data() + text.size();

@@ -8,16 +8,16 @@ class Validator;
 
 namespace tool {
 
-// What a single transfer or a file that is sent can have: it is held in memory as a whole.
+// The most bytes in a single transfer or a file to send, since all of them are held in memory.
 inline constexpr uint64_t kMostInMemory = uint64_t{256} << 20;
 
-// Checks for the amounts that a user gives; each refuses what is no number, is not finite, or does
-// not fit.
+// Checks for the amounts that a user gives. Each refuses text that is not a number, and numbers
+// that are infinite or too large.
 
-CLI::Validator positive();      // above 0, with a fraction if need be
-CLI::Validator notNegative();   // or 0
+CLI::Validator positive();      // above 0; fractions are allowed
+CLI::Validator notNegative();   // 0 or above; fractions are allowed
 CLI::Validator positiveCount(); // a whole number above 0
-// Bytes, with a unit such as k or M if need be; to be used as a transform.
+// A number of bytes, with or without a unit such as k or M; use these with transform().
 CLI::Validator byteCount();
 CLI::Validator byteCountInMemory();
 

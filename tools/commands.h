@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "device_list.h"
+
 namespace CLI {
 class App;
 }
@@ -12,14 +14,14 @@ namespace tool {
 
 // What every command takes.
 struct CommonOptions {
-    std::string device; // empty: the only one
+    DeviceChoice device;
     bool json = false;
     int64_t verbosity = 0; // how often --verbose was given
     bool progress = false;
 };
 
-// Each defines its command's options; the command runs when it was parsed, and throws an Error when
-// it fails.
+// Each defines the options of its command. The command runs after it has been parsed, and throws an
+// Error when it fails.
 void defineListCommand(CLI::App &command, CommonOptions &common);
 void defineInfoCommand(CLI::App &command, CommonOptions &common);
 void defineControlCommand(CLI::App &command, CommonOptions &common);
@@ -30,13 +32,16 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common);
 void defineEventsCommand(CLI::App &command, CommonOptions &common);
 void defineLoadCommand(CLI::App &command, CommonOptions &common);
 void defineHexCommand(CLI::App &command, CommonOptions &common);
+void defineDoctorCommand(CLI::App &command, CommonOptions &common);
 
-// Adds a command that is defined only once it has been named, so that the others cost nothing.
+// Adds a command whose options are defined only when it is named: the others cost no time.
 void addCommand(CLI::App &app, const char *name, const char *help,
                 std::function<void(CLI::App &)> define);
 
-// With a name for its position, the device can also be given without the option.
-void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position = {});
+// --device, --serial and --path. With a `position`, the device can also be a positional argument.
+void addDeviceOptions(CLI::App &command, CommonOptions &common, const std::string &position = {});
+// --serial and --path alone.
+void addPlaceOptions(CLI::App &command, CommonOptions &common);
 void addJsonOption(CLI::App &command, CommonOptions &common);
 void addVerboseOption(CLI::App &command, CommonOptions &common);
 

@@ -2,14 +2,15 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
-#include <vector>
+#include <optional>
 
+#include "device_list.h"
+#include "usb_device.h"
 #include "vexa_usb.h"
 
 namespace tool {
 
-// The library, for as long as this lives.
+// Keeps the library initialised while it lives.
 class Library {
 public:
     Library() { vexa_usb_init(); }
@@ -18,46 +19,29 @@ public:
     Library &operator=(const Library &) = delete;
 };
 
-// A snapshot of the device list, brought up to date.
-class DeviceList {
-public:
-    DeviceList();
-    ~DeviceList() { vexa_usb_free_device_list(list_); }
-    DeviceList(const DeviceList &) = delete;
-    DeviceList &operator=(const DeviceList &) = delete;
-
-    const std::vector<const _vexa_usb_device_list_item *> &items() const { return items_; }
-
-    // The device that `choice` names: its id, VENDOR:PRODUCT in hexadecimal, or nothing when
-    // there is only one.  Throws when that is not a name, or when no device or several match.
-    const _vexa_usb_device_list_item &choose(const std::string &choice) const;
-
-private:
-    _vexa_usb_device_list_item **list_ = nullptr;
-    std::vector<const _vexa_usb_device_list_item *> items_;
-};
-
-// An opened device.  `onEvent` runs on a thread of the library, perhaps a last time while or after
-// this is destroyed: what it needs, it must own.
+// An opened device. `onEvent` runs on a thread of the library and may be called once more during or
+// after the destruction of this object, so it must own everything that it uses.
 class Device {
 public:
     using EventHandler = std::function<void(_vexa_usb_device_event)>;
 
-    explicit Device(const std::string &choice, EventHandler onEvent = nullptr);
+    explicit Device(const DeviceChoice &choice, EventHandler onEvent = nullptr);
     ~Device() { vexa_usb_close(handle_); }
     Device(const Device &) = delete;
     Device &operator=(const Device &) = delete;
 
     _vexa_usb_device *get() const { return handle_; }
     uint64_t id() const { return id_; }
+    // Empty when the device is not found in /sys.
+    const std::optional<UsbDevice> &attached() const { return attached_; }
 
 private:
+    int32_t open(const _vexa_usb_device_list_item &item, EventHandler *onEvent);
+    void openEqual(const DeviceList &list, const ListedDevice &wanted, EventHandler *onEvent);
+
     _vexa_usb_device *handle_ = nullptr;
     uint64_t id_ = 0;
+    std::optional<UsbDevice> attached_;
 };
-
-// "5658:0001", and what kind of device that is.
-std::string identifierText(uint16_t vendor, uint16_t product);
-const char *kindText(uint16_t vendor, uint16_t product);
 
 } // namespace tool

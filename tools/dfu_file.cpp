@@ -15,9 +15,9 @@
 namespace tool {
 
 /*
- * A suffix as of DFU 1.1, at the end of the file and to be read backwards: a checksum over all
- * before that, the suffix's length, "UFD", the version of the format, vendor, product and device
- * version; a longer suffix has more in front of that.
+ * The suffix that DFU 1.1 defines. From the end of the file backwards: a checksum of everything
+ * before it, the length of the suffix, "UFD", the version of the format, vendor, product, device
+ * version. A longer suffix has more fields in front of these.
  */
 namespace {
 
@@ -51,7 +51,7 @@ struct Suffix {
         "without a DFU 1.1 suffix, can be loaded.");
 }
 
-// As of the standard, the checksum is left without the inversion at the end.
+// The standard omits the final inversion of the checksum.
 bool isRight(const Suffix &suffix, std::span<const uint8_t> file) {
     return static_cast<uint32_t>(~crc32_z(0, file.data(), file.size() - sizeof(suffix.checksum))) ==
            suffix.checksum;
@@ -60,12 +60,12 @@ bool isRight(const Suffix &suffix, std::span<const uint8_t> file) {
 void checkSuffix(const std::string &path, const Suffix &suffix, std::span<const uint8_t> file) {
     if (!isRight(suffix, file))
         throwWrongFile(path, "the checksum of its DFU suffix is wrong",
-                       "The file is damaged; get it anew.");
+                       "The file is damaged; get it again.");
     if (suffix.version == kDfuSeVersion)
         throwDfuSe(path);
     if (suffix.length < kShortestSuffix || suffix.length > file.size())
         throwWrongFile(path, fmt::format("a DFU suffix of {} bytes", suffix.length),
-                       "It has 16 at least, and not more than the file; get the file anew.");
+                       "It has 16 at least, and not more than the file; get the file again.");
     if (suffix.length == file.size())
         throwWrongFile(path, "there is nothing but a suffix in the file", "Nothing was sent.");
 }

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "errors.h"
+#include "input.h"
 
 namespace tool {
 
@@ -30,7 +31,7 @@ Bytes readFirmware(const std::string &path) {
     const size_t expected = input.size();
     if (expected > kMostFirmware)
         throwTooLarge(path);
-    Bytes bytes(expected + 1); // room to see the end of a file
+    Bytes bytes(expected + 1); // one more byte, to notice the end
     size_t filled = 0;
     while (const size_t count = input.read(std::span(bytes).subspan(filled))) {
         filled += count;

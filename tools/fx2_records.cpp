@@ -16,7 +16,7 @@ namespace tool {
 
 namespace {
 
-constexpr uint32_t kUpper = 0x3000; // from here on, memory is written by a program
+constexpr uint32_t kUpper = 0x3000; // from here on, a program on the chip writes
 constexpr uint32_t kAddresses = 0x10000;
 
 } // namespace

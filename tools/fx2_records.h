@@ -9,13 +9,13 @@
 
 namespace tool {
 
-// Makes the records of an Intel HEX file those that the library's FX2 loader takes, as raw bytes:
-// data records and one End Of File record, no address but the 16 bits of a record, and no record
-// on both sides of the address from where the chip is written in another way.
+// Converts the records of an Intel HEX file to the raw bytes that the library's FX2 loader takes:
+// data records with 16-bit addresses, then one End Of File record. The chip is written in two ways,
+// below and above one address; a record that crosses it is split.
 class Fx2Records {
 public:
     void take(const vexausb::HexRecordView &record);
-    // All of them; `path` is for the error when the file does not end.
+    // Returns all bytes; `path` is for the error when there is no End Of File record.
     Bytes finish(const std::string &path);
 
 private:

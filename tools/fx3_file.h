@@ -6,7 +6,7 @@
 
 namespace tool {
 
-// A boot image for a Cypress FX3, of a program: checked from its signature to its checksum.
+// Reads a program's boot image for a Cypress FX3, and checks all of it.
 std::vector<uint32_t> readFx3Image(const std::string &path);
 
 } // namespace tool

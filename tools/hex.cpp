@@ -20,6 +20,7 @@
 #include "hex_file.h"
 #include "hex_memory.h"
 #include "hex_placer.h"
+#include "output.h"
 #include "same_file.h"
 
 namespace tool {
@@ -27,7 +28,7 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kMostImage = 1U << 30;
-constexpr size_t kPiece = 1U << 16; // worth a system call
+constexpr size_t kPiece = 1U << 16; // of one write
 constexpr size_t kMostShown = 10;
 
 struct HexOptions {
@@ -53,8 +54,8 @@ private:
     uint64_t size() const;
 
     const std::string &path_;
-    // Opened before the work, so that what cannot be written is known; each is there only when all
-    // of it is.
+    // Opened before the work, so that errors show early. A file replaces an older one only when it
+    // is complete.
     std::optional<Output> binary_;
     std::optional<Output> image_;
     HexPlacer placer_;
@@ -81,8 +82,8 @@ void HexContents::read() {
     memory_.arrange();
 }
 
-// Nothing is written before all is known to be right, and both files are complete before either
-// replaces what was there.
+// Nothing is written before everything has been checked, and both files are complete before either
+// replaces an older one.
 void HexContents::writeFiles() {
     const Bytes records = binary_ ? fx2Records_.finish(path_) : Bytes();
     if (image_)

@@ -13,12 +13,13 @@
 #include "errors.h"
 #include "firmware/formats/hex_parser.h"
 #include "firmware_file.h"
+#include "input.h"
 
 namespace tool {
 
 namespace {
 
-constexpr size_t kPiece = 1U << 16; // what stays in the processor's caches is quickest
+constexpr size_t kPiece = 1U << 16; // fits the processor's caches
 
 constexpr const char *kLineHint =
     "A line of Intel HEX is ':', then pairs of hexadecimal digits: count, address (two), type, "
@@ -38,7 +39,7 @@ private:
     const std::string &path_;
     Input input_;
     Bytes buffer_;
-    size_t begin_ = 0; // of what was not given yet
+    size_t begin_ = 0; // of what next() has not returned yet
     size_t end_ = 0;
     size_t total_ = 0;
     bool atEnd_ = false;
@@ -77,7 +78,7 @@ void HexPieces::readMore() {
         throwTooLarge(path_);
 }
 
-// What is wrong with a record, be it for the reader or for who takes it, is wrong with that line.
+// Errors of the reader and of `take` both get the number of the line.
 bool takeRecord(vexausb::HexTextReader &reader, const HexTaker &take, const std::string &path,
                 size_t linesBefore) {
     const auto lineText = [&]() { return fmt::format("line {}: ", linesBefore + reader.line()); };
@@ -104,7 +105,8 @@ void readHexFile(const std::string &path, const HexTaker &take) {
         vexausb::HexTextReader reader(text);
         while (takeRecord(reader, take, path, lines))
             any = true;
-        lines += reader.line() - 1; // what is behind its last line goes on in the next piece
+        lines +=
+            reader.line() - 1; // the rest after the last line break continues in the next piece
     }
     if (!any)
         throwWrongFile(path, "there is no record in the file", kLineHint);

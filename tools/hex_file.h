@@ -8,8 +8,8 @@
 
 namespace tool {
 
-// Gives the records of an Intel HEX file one after the other, with their lines; errors, those that
-// are thrown by the taker included, say which line it is.
+// Passes each record of an Intel HEX file, with its line number, to `take`. Errors name the line,
+// also those that `take` throws.
 using HexTaker = std::function<void(const vexausb::HexRecordView &, size_t line)>;
 void readHexFile(const std::string &path, const HexTaker &take);
 

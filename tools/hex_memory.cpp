@@ -11,7 +11,7 @@ bool HexMemory::Piece::isContinuedBy(const Piece &next) const {
            next.size <= bytesPerLine && next.line == lineOf(end());
 }
 
-// Returns where; what is stored in one go lies in one block.
+// Returns the offset. The data of one call lie within one block.
 uint32_t HexMemory::store(std::span<const uint8_t> data) {
     if (blocks_.empty() || blocks_.back().size() + data.size() > kBlock)
         blocks_.emplace_back().reserve(kBlock);

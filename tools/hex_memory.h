@@ -12,7 +12,7 @@
 
 namespace tool {
 
-// The memory that the records of an Intel HEX file fill, in whatever order they come.
+// The memory that the records of an Intel HEX file fill. Records may come in any order.
 class HexMemory {
 public:
     // Bytes without a gap.
@@ -20,26 +20,26 @@ public:
         uint64_t address;
         uint64_t size;
     };
-    // Bytes that are given twice.
+    // Bytes that two records give.
     struct Overlap {
         uint64_t address;
         uint64_t size;
-        size_t line; // the two that give the first byte that differs, or else the first byte
+        size_t line; // of the first byte that differs, or else of the first byte
         size_t otherLine;
-        std::optional<uint64_t> differsAt; // nothing: the bytes are the same
+        std::optional<uint64_t> differsAt; // empty: the bytes are the same
     };
 
     void add(uint32_t address, std::span<const uint8_t> data, size_t line);
-    // Call it when all is there; what follows is by ascending address.
+    // Call this after the last add() and before the functions below.
     void arrange();
     const std::vector<Segment> &segments() const { return segments_; }
     const std::vector<Overlap> &overlaps() const { return overlaps_; }
-    // Gives every byte once.
+    // Passes every byte once, by ascending address.
     using Visit = std::function<void(uint64_t address, std::span<const uint8_t> data)>;
     void visit(const Visit &take) const;
 
 private:
-    // Lines in a row that continue one another, each but the last with as many bytes.
+    // Consecutive lines with consecutive addresses. All but the last have the same length.
     struct Piece {
         uint32_t address;
         uint32_t line;   // the first
@@ -58,7 +58,7 @@ private:
     std::span<const uint8_t> dataOf(const Piece &piece, uint64_t begin, uint64_t end) const;
     void noteOverlap(const Piece &furthest, const Piece &piece);
 
-    std::deque<Piece> pieces_; // no copy while it grows
+    std::deque<Piece> pieces_; // a deque grows without copying
     std::deque<Bytes> blocks_; // of kBlock bytes
     std::vector<Segment> segments_;
     std::vector<Overlap> overlaps_;

@@ -8,13 +8,13 @@
 
 namespace tool {
 
-// Follows the records of an Intel HEX file: where their data go, and where the file ends.
+// Computes the addresses of the records of an Intel HEX file, and notes where the file ends.
 class HexPlacer {
 public:
-    // The address of a data record that has data and is not behind the end.  Start addresses are
-    // passed over; throws for what nobody can place.
+    // Returns the address of a data record; nothing for other records, for empty ones and for those
+    // behind the end. Throws when a record has no valid address.
     std::optional<uint32_t> take(const vexausb::HexRecordView &record);
-    // By an End Of File record.
+    // Whether there was an End Of File record.
     bool ended() const { return ended_; }
 
 private:

@@ -20,9 +20,9 @@ namespace {
 using vexausb::bigEndian32;
 using vexausb::littleEndian32;
 
-constexpr const char *kDamaged = "The file is damaged or cut short; get it anew.";
+constexpr const char *kDamaged = "The file is damaged or cut short; get it again.";
 
-// An image vector table, and what it points to: where the image lies in memory.
+// Offsets in an image vector table, and the size of the boot data that it points to.
 constexpr size_t kBootDataOffset = 16;
 constexpr size_t kSelfOffset = 20;
 constexpr size_t kBootDataSize = 12;
@@ -58,7 +58,7 @@ uint32_t checksumOf(std::span<const uint8_t> bytes) {
     return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
 }
 
-// Its own place counts as zero.
+// The field of the checksum itself counts as zero.
 uint32_t headerChecksum(std::span<const uint8_t> image) {
     std::array<uint8_t, kHeaderSize> header{};
     std::copy_n(image.begin(), kHeaderSize, header.begin());

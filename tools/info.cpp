@@ -1,4 +1,6 @@
 #include <array>
+#include <string>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -6,7 +8,10 @@
 
 #include "commands.h"
 #include "device.h"
+#include "device_checks.h"
+#include "device_json.h"
 #include "errors.h"
+#include "finding.h"
 #include "progress.h"
 
 namespace tool {
@@ -18,7 +23,7 @@ using Json = nlohmann::json;
 constexpr uint8_t kEndpointIn = 0x80;
 constexpr uint8_t kHighestEndpoint = 15;
 
-// The library names no endpoints, but it knows the packet size of those that there are.
+// The library has no list of endpoints, but it knows the packet size of each that exists.
 Json endpoints(const Device &device) {
     Json rows = Json::array();
     for (uint8_t number = 1; number <= kHighestEndpoint; ++number) {
@@ -30,6 +35,8 @@ Json endpoints(const Device &device) {
                 continue;
             check(status, "reading the packet sizes");
             rows.push_back({{"address", address}, {"packet_size", size}});
+            if (device.attached())
+                rows.back()["type"] = device.attached()->endpointType(address);
         }
     }
     return rows;
@@ -46,25 +53,53 @@ Json streamLimits(const Device &device) {
     return {{"memory_size_max", memory}, {"rate_max", rate}};
 }
 
+Json warnings(const UsbDevice &device) {
+    Json texts = Json::array();
+    for (const Finding &found : {checkSpeed(device), checkPower(device), checkMemory({device})}) {
+        if (!found.isFine())
+            texts.push_back(found.text);
+    }
+    return texts;
+}
+
 Json describe(const Device &device) {
     _vexa_usb_device_descriptor descriptor{};
     check(vexa_usb_get_device_descriptor(device.get(), &descriptor, sizeof(descriptor)),
           "reading the device descriptor");
-    return {{"vendor", descriptor.idVendor},
-            {"product", descriptor.idProduct},
-            {"kind", kindText(descriptor.idVendor, descriptor.idProduct)},
-            {"release", descriptor.bcdDevice},
-            {"class",
-             {descriptor.bDeviceClass, descriptor.bDeviceSubClass, descriptor.bDeviceProtocol}},
-            {"configurations", descriptor.bNumConfigurations},
-            {"endpoints", endpoints(device)},
-            {"data_stream", streamLimits(device)}};
+    Json info{{"vendor", descriptor.idVendor},
+              {"product", descriptor.idProduct},
+              {"kind", kindText(descriptor.idVendor, descriptor.idProduct)},
+              {"release", descriptor.bcdDevice},
+              {"class",
+               {descriptor.bDeviceClass, descriptor.bDeviceSubClass, descriptor.bDeviceProtocol}},
+              {"configurations", descriptor.bNumConfigurations},
+              {"endpoints", endpoints(device)},
+              {"data_stream", streamLimits(device)}};
+    if (device.attached()) {
+        info.update(attachedJson(*device.attached()));
+        info["warnings"] = warnings(*device.attached());
+    }
+    return info;
+}
+
+void printAttached(const Json &info) {
+    constexpr std::array kLines{std::pair{"manufacturer", "manufacturer"},
+                                std::pair{"product_name", "product"}, std::pair{"serial", "serial"},
+                                std::pair{"path", "path"}};
+    for (const auto &[key, label] : kLines) {
+        const auto text = info.value(key, std::string());
+        if (!text.empty())
+            fmt::print("{:<14}  {}\n", label, text);
+    }
+    if (info.contains("speed"))
+        fmt::print("speed           {:g} Mbit/s\n", info["speed"].get<double>());
 }
 
 void print(const Json &info) {
     fmt::print("device          {}  {}\n",
                identifierText(info["vendor"].get<uint16_t>(), info["product"].get<uint16_t>()),
                info["kind"].get<std::string>());
+    printAttached(info);
     const auto release = info["release"].get<uint16_t>();
     fmt::print("release         {:x}.{:02x}\n", release >> 8, release & 0xFF);
     const auto codes = info["class"].get<std::array<unsigned, 3>>();
@@ -72,9 +107,9 @@ void print(const Json &info) {
     fmt::print("configurations  {}\n", info["configurations"].get<unsigned>());
     for (const Json &endpoint : info["endpoints"]) {
         const auto address = endpoint["address"].get<unsigned>();
-        fmt::print("endpoint {:#04x}   {:<3}  packets of {} bytes\n", address,
+        fmt::print("endpoint {:#04x}   {:<3}  {:<9}  packets of {} bytes\n", address,
                    (address & kEndpointIn) != 0 ? "IN" : "OUT",
-                   endpoint["packet_size"].get<unsigned>());
+                   endpoint.value("type", std::string()), endpoint["packet_size"].get<unsigned>());
     }
     const Json &stream = info["data_stream"];
     if (stream.is_null())
@@ -83,6 +118,11 @@ void print(const Json &info) {
         fmt::print("data stream     up to {:.0f} MB/s, {} of buffers\n",
                    stream["rate_max"].get<double>() / 1e6,
                    sizeText(stream["memory_size_max"].get<uint64_t>()));
+    if (!info.contains("warnings"))
+        return;
+    for (const Json &warning : info["warnings"])
+        fmt::print("warning         {} ('vexa-usb doctor' tells what to do)\n",
+                   warning.get<std::string>());
 }
 
 void info(const CommonOptions &common) {
@@ -90,7 +130,7 @@ void info(const CommonOptions &common) {
     const Device device(common.device);
     const Json described = describe(device);
     if (common.json)
-        fmt::print("{}\n", described.dump(2));
+        fmt::print("{}\n", described.dump(2, ' ', false, kReplaceWrongText));
     else
         print(described);
 }
@@ -98,7 +138,7 @@ void info(const CommonOptions &common) {
 } // namespace
 
 void defineInfoCommand(CLI::App &command, CommonOptions &common) {
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.callback([&common]() { info(common); });
 }

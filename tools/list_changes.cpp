@@ -9,7 +9,7 @@ namespace {
 
 using Mail = Mailbox<ListChange>;
 
-// Callbacks can come once more after their deregistration, so what they use is kept for ever.
+// A callback may run once more after its deregistration, so its mailbox is never freed.
 Mail &mail() {
     static auto *const changes = new Mail;
     return *changes;

@@ -15,8 +15,8 @@ struct ListChange {
     uint16_t product;
 };
 
-// Hears of the devices that come and go while it lives; those that are there already count as
-// come.  The library must be initialised for as long.
+// Collects the arrivals and departures of devices while it lives. Devices that are attached already
+// count as arrivals. The library must stay initialised meanwhile.
 class ListChanges {
 public:
     ListChanges();

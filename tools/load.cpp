@@ -34,15 +34,19 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
+// The library's loads cannot be stopped between two blocks.
+constexpr const char *kLoadGoesOn =
+    "\nvexa-usb: this ends once the load is complete; a second Ctrl-C ends it now, and leaves the "
+    "device with half a firmware:\n  plug it in again then, before the next load\n";
+
 struct LoadOptions {
-    std::string device;
     std::string file;
     double wait = 10;
     bool renumerate = false;
     bool force = false;
 };
 
-// A firmware in memory, and how it gets into a device.
+// A firmware in memory, and the function that loads it.
 struct Firmware {
     uint64_t size;
     std::function<int32_t(_vexa_usb_device *)> load;
@@ -58,7 +62,7 @@ int32_t renumerate(_vexa_usb_device *device) {
         std::this_thread::sleep_for(kPause);
         status = vexa_usb_fx2_renumerate(device);
     }
-    const bool left = status == VEXA_USB_STATUS_DEVICE_REMOVED; // without waiting to answer
+    const bool left = status == VEXA_USB_STATUS_DEVICE_REMOVED; // it left before it answered
     return left ? VEXA_USB_STATUS_SUCCESS : status;
 }
 
@@ -87,7 +91,7 @@ int32_t dfuRequest(_vexa_usb_device *device, int32_t direction, uint8_t request,
                                      VEXA_USB_RECIPIENT_INTERFACE, request, 0, 0, data, size);
 }
 
-// Brings the device out of an earlier download that failed; the load shows whether that worked.
+// Ends an earlier download that failed. Errors are ignored: the load itself will report them.
 void makeDfuIdle(_vexa_usb_device *device) {
     constexpr uint8_t kGetStatus = 3;
     constexpr uint8_t kClearStatus = 4;
@@ -104,8 +108,8 @@ void makeDfuIdle(_vexa_usb_device *device) {
         dfuRequest(device, VEXA_USB_DIRECTION_OUT, kClearStatus, nullptr, 0);
 }
 
-// The device leaves DFU mode with other identifiers than it has in it, and a file may be meant for
-// either: only the user can tell.
+// A device has different identifiers in DFU mode and outside it, and a file may name either. Only
+// the user knows which are meant.
 void refuseIfForAnother(const DfuFile &file, _vexa_usb_device *device) {
     _vexa_usb_device_descriptor descriptor{};
     check(vexa_usb_get_device_descriptor(device, &descriptor, sizeof(descriptor)),
@@ -118,9 +122,9 @@ void refuseIfForAnother(const DfuFile &file, _vexa_usb_device *device) {
                     "Nothing was sent. If it is right all the same, load it with --force.");
 }
 
-int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, bool progressForced) {
+int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, Progress::Form form) {
     makeDfuIdle(device);
-    Progress progress(progressForced, image.size(), std::nullopt);
+    Progress progress(form, {image.size(), std::nullopt});
     struct Shown {
         Progress &progress;
         double size;
@@ -137,10 +141,11 @@ int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, bool progressF
 Firmware dfuFirmware(const LoadOptions &options, const CommonOptions &common) {
     const auto file = std::make_shared<DfuFile>(readDfuFile(options.file));
     return {file->image.size(),
-            [file, forced = options.force, progress = common.progress](_vexa_usb_device *device) {
+            [file, forced = options.force,
+             form = Progress::formFor(common.progress, common.json)](_vexa_usb_device *device) {
                 if (!forced)
                     refuseIfForAnother(*file, device);
-                return downloadDfu(device, file->image, progress);
+                return downloadDfu(device, file->image, form);
             }};
 }
 
@@ -159,7 +164,7 @@ Firmware ubootFirmware(const LoadOptions &options, const CommonOptions & /*commo
     return imx7Firmware(readUbootImage(options.file), vexa_usb_imx7_load_firmware_uboot);
 }
 
-// The next device that comes after the one loaded has left; nothing when that takes too long.
+// The first device that arrives after the loaded one has left; nothing when the time is over.
 std::optional<ListChange> waitForReturn(ListChanges &changes, uint64_t id, Seconds atMost) {
     const Clock::time_point begin = Clock::now();
     bool left = false;
@@ -192,42 +197,54 @@ void report(uint64_t size, Seconds time, const std::optional<ListChange> &now, b
                    identifierText(now->vendor, now->product), kindText(now->vendor, now->product));
 }
 
+struct Loaded {
+    uint64_t id; // that the device had
+    Seconds time;
+};
+
+Loaded loadDevice(const LoadOptions &options, const CommonOptions &common,
+                  const Firmware &firmware) {
+    const Device device(common.device);
+    const InterruptNotice notice(kLoadGoesOn);
+    if (interrupted())
+        throw Error(Exit::Failed, "interrupted before the load; nothing was sent");
+    const Clock::time_point begin = Clock::now();
+    const int32_t status = firmware.load(device.get());
+    if (status != VEXA_USB_STATUS_SUCCESS)
+        throw Error(exitFor(status),
+                    fmt::format("loading {}: {} ({})", options.file,
+                                vexa_usb_get_status_str(status), status),
+                    "Check that it is the firmware for this device, which 'vexa-usb list' shows; "
+                    "plug the device in again if the next load fails, too.");
+    return {device.id(), Clock::now() - begin};
+}
+
+ListChange requireReturn(ListChanges &changes, uint64_t id, const LoadOptions &options,
+                         const Firmware &firmware) {
+    const auto now = waitForReturn(changes, id, Seconds(options.wait));
+    if (interrupted())
+        throw Error(Exit::Failed, "loaded, but interrupted before the device came back",
+                    "'vexa-usb list' shows whether it has.");
+    if (!now)
+        throw Error(
+            Exit::Timeout,
+            fmt::format("loaded, but no supported device has come back within {} s", options.wait),
+            fmt::format("'lsusb' shows what the device is now.{} --wait 0 does not wait.",
+                        firmware.stayHint));
+    return *now;
+}
+
 void load(const LoadOptions &options, const CommonOptions &common, const Firmware &firmware) {
     const Library library;
     catchInterrupts();
     std::optional<ListChanges> changes; // from before the load, so that none is missed
     if (options.wait > 0)
         changes.emplace();
-    Seconds time{};
-    uint64_t id = 0;
-    {
-        const Device device(options.device);
-        id = device.id();
-        const Clock::time_point begin = Clock::now();
-        const int32_t status = firmware.load(device.get());
-        time = Clock::now() - begin;
-        if (status != VEXA_USB_STATUS_SUCCESS)
-            throw Error(exitFor(status),
-                        fmt::format("loading {}: {} ({})", options.file,
-                                    vexa_usb_get_status_str(status), status),
-                        "Check that it is the firmware for this device, which 'vexa-usb list' "
-                        "shows; plug the device in again if the next load fails, too.");
-    }
+    const Loaded loaded = loadDevice(options, common, firmware);
     std::optional<ListChange> now;
-    if (changes) {
-        now = waitForReturn(*changes, id, Seconds(options.wait));
-        if (interrupted())
-            throw Error(Exit::Failed, "loaded, but interrupted before the device came back",
-                        "'vexa-usb list' shows whether it has.");
-        if (!now)
-            throw Error(Exit::Timeout,
-                        fmt::format("loaded, but no supported device has come back within {} s",
-                                    options.wait),
-                        fmt::format("'lsusb' shows what the device is now.{} --wait 0 does not "
-                                    "wait.",
-                                    firmware.stayHint));
-    }
-    report(firmware.size, time, now, common.json);
+    if (changes)
+        now = requireReturn(*changes, loaded.id, options, firmware);
+    report(firmware.size, loaded.time, now, common.json);
 }
 
 struct LoadKind {
@@ -248,8 +265,9 @@ constexpr std::array kKinds{
 
 void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) {
     const auto options = std::make_shared<LoadOptions>();
-    command.add_option("DEVICE", options->device, "The device: its id or VENDOR:PRODUCT")
+    command.add_option("DEVICE", common.device.device, "The device: its id or VENDOR:PRODUCT")
         ->required();
+    addPlaceOptions(command, common);
     command.add_option("FILE", options->file, "The firmware; - is standard input")->required();
     command
         .add_option("-w,--wait", options->wait,
@@ -261,7 +279,8 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
                          "Tell the firmware to leave the bus and come back");
     if (kind.read == dfuFirmware) {
         command.add_flag("--progress", common.progress,
-                         "Show the progress also when not on a terminal");
+                         "Show the progress also when not on a terminal, in a line a second; "
+                         "with --json, each an object on standard error");
         command.add_flag("--force", options->force,
                          "Load it although the file's DFU suffix names another device");
     }

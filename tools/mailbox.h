@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -9,8 +10,8 @@
 
 namespace tool {
 
-// Carries what a callback of the library is told to the program's own thread, in order.  Owned by
-// both; `mutex_` guards the letters.
+// A queue from a callback of the library to the program's own thread. Both share its ownership;
+// `mutex_` guards the letters.
 template <typename Letter>
 class Mailbox {
 public:
@@ -27,6 +28,11 @@ public:
         Letter letter = std::move(letters_.front());
         letters_.pop_front();
         return letter;
+    }
+
+    size_t size() {
+        const std::lock_guard lock(mutex_);
+        return letters_.size();
     }
 
 private:

@@ -18,15 +18,23 @@
 #include <fmt/format.h>
 
 #include "commands.h"
+#include "completion.h"
 #include "errors.h"
 #include "vexa_usb.h"
 
 namespace tool {
 
-void addDeviceOption(CLI::App &command, CommonOptions &common, const std::string &position) {
+void addDeviceOptions(CLI::App &command, CommonOptions &common, const std::string &position) {
     command.add_option("-d,--device" + (position.empty() ? position : "," + position),
-                       common.device,
+                       common.device.device,
                        "The device: its id or VENDOR:PRODUCT; not needed when there is one only");
+    addPlaceOptions(command, common);
+}
+
+void addPlaceOptions(CLI::App &command, CommonOptions &common) {
+    command.add_option("--serial", common.device.serial, "The device with this serial number");
+    command.add_option("--path", common.device.busPath,
+                       "The device at this place on the bus, for instance 1-2.3");
 }
 
 void addJsonOption(CLI::App &command, CommonOptions &common) {
@@ -53,6 +61,8 @@ void addCommand(CLI::App &app, const char *name, const char *help,
 
 namespace {
 
+constexpr const char *kCompletionCommand = "__complete"; // for the shells alone
+
 struct Command {
     const char *name;
     const char *help;
@@ -70,6 +80,8 @@ constexpr std::array kCommands{
     Command{"events", "Print the bytes that an endpoint sends", defineEventsCommand},
     Command{"load", "Boot a device from a firmware file", defineLoadCommand},
     Command{"hex", "Check and convert an Intel HEX file", defineHexCommand},
+    Command{"doctor", "Tell what keeps the devices from working, and how to mend it",
+            defineDoctorCommand},
 };
 
 std::string versionText() {
@@ -78,7 +90,7 @@ std::string versionText() {
                        version.patch, version.build, version.suffix);
 }
 
-// Says which word is no command, rather than only that one is missing.
+// Names the word that is not a command. CLI11 would only say that a command is missing.
 void throwIfUnknown(const CLI::App &app) {
     const CLI::App *named = &app;
     while (!named->get_subcommands().empty())
@@ -108,9 +120,7 @@ void defineHelpCommand(CLI::App &app) {
     });
 }
 
-int run(std::vector<std::string> words) {
-    CommonOptions common;
-    CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n", "vexa-usb"};
+void defineCommands(CLI::App &app, CommonOptions &common) {
     app.set_version_flag("-V,--version", versionText);
     app.require_subcommand(1);
     app.footer(std::string("'vexa-usb help COMMAND' tells about a command.\n") + kExitHelp);
@@ -123,8 +133,18 @@ int run(std::vector<std::string> words) {
         });
     }
     defineHelpCommand(app);
+}
+
+int run(std::vector<std::string> words) {
+    CommonOptions common;
+    CLI::App app{"Works with the USB instruments that libvexa-usb supports.\n", "vexa-usb"};
+    defineCommands(app, common);
+    if (words.size() > 1 && words.front() == kCompletionCommand) {
+        printCompletions(app, {words.begin() + 1, words.end()});
+        return static_cast<int>(Exit::Success);
+    }
     try {
-        std::reverse(words.begin(), words.end()); // as the parser wants them
+        std::reverse(words.begin(), words.end()); // the parser takes them from the back
         app.parse(std::move(words));
         return static_cast<int>(Exit::Success);
     } catch (const CLI::ParseError &error) {
@@ -142,7 +162,7 @@ int run(std::vector<std::string> words) {
 } // namespace tool
 
 int main(int argc, char **argv) {
-    // A reader of standard output that has gone shows as a failed write.
+    // Without the signal, a closed pipe shows as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
     try {
         const int status = tool::run({argv + 1, argv + argc});

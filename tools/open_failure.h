@@ -2,12 +2,13 @@
 
 #include <cstdint>
 
+#include "device_list.h"
 #include "errors.h"
 
 namespace tool {
 
-// Why a device with these identifiers could not be opened, as its node tells: no permission, or
-// another program has it.  `status` is what the library said.
-Error openFailure(uint16_t vendor, uint16_t product, int32_t status);
+// The error for a device that could not be opened: no permission, or a driver or another program
+// uses it. `status` is the result of the library's call.
+Error openFailure(const ListedDevice &device, int32_t status);
 
 } // namespace tool

@@ -5,14 +5,38 @@
 #include <cstdio>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace tool {
 
 namespace {
 
-constexpr std::chrono::milliseconds kInterval{100};
-constexpr int kBarWidth = 30;
+constexpr std::chrono::milliseconds kBarInterval{100};
+constexpr std::chrono::seconds kLineInterval{1};
+constexpr int kBarWidth = 14;
+
+std::string barText(double part) {
+    return fmt::format("[{:-<{}}] ", std::string(static_cast<size_t>(part * kBarWidth), '#'),
+                       kBarWidth);
+}
+
+// A line that does not fit would be broken, and could not be overwritten.
+size_t terminalWidth() {
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+std::string timeText(double seconds) {
+    const auto whole = static_cast<uint64_t>(seconds + 0.5);
+    const uint64_t minutes = whole / 60 % 60;
+    if (whole < 60)
+        return fmt::format("{} s", whole);
+    if (whole < 3600)
+        return fmt::format("{}:{:02}", minutes, whole % 60);
+    return fmt::format("{}:{:02}:{:02}", whole / 3600, minutes, whole % 60);
+}
 
 } // namespace
 
@@ -25,49 +49,94 @@ std::string sizeText(uint64_t bytes) {
     return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
-Progress::Progress(bool forced, std::optional<uint64_t> totalBytes,
-                   std::optional<std::chrono::duration<double>> totalTime)
-    : shown_(forced || isatty(STDERR_FILENO) != 0),
-      totalBytes_(totalBytes),
-      totalTime_(totalTime) {}
+Progress::Form Progress::formFor(bool isWanted, bool json) {
+    if (isWanted && json)
+        return Form::Json;
+    if (isatty(STDERR_FILENO) != 0)
+        return Form::Bar;
+    return isWanted ? Form::Lines : Form::None;
+}
 
 Progress::~Progress() {
     finish();
 }
 
+void Progress::update(uint64_t bytesDone, std::optional<double> ringFill) {
+    bytes_ = bytesDone;
+    ringFill_ = ringFill;
+    if (form_ == Form::None || Clock::now() < next_)
+        return;
+    next_ = Clock::now() + (form_ == Form::Bar ? Clock::duration(kBarInterval) : kLineInterval);
+    show();
+}
+
 void Progress::finish() {
-    if (!drawn_)
+    if (!shown_)
         return;
-    draw(lastBytes_);
-    fmt::print(stderr, "\n");
-    drawn_ = false;
+    show();
+    if (form_ == Form::Bar)
+        fmt::print(stderr, "\n");
+    shown_ = false;
 }
 
-void Progress::update(uint64_t bytesDone) {
-    lastBytes_ = bytesDone;
-    if (!shown_ || Clock::now() < nextDraw_)
-        return;
-    nextDraw_ = Clock::now() + kInterval;
-    draw(bytesDone);
-}
-
-void Progress::draw(uint64_t bytesDone) {
-    const std::chrono::duration<double> elapsed = Clock::now() - start_;
-    std::string bar;
-    if (totalBytes_ || totalTime_) {
-        const double done = totalBytes_
-                                ? static_cast<double>(bytesDone) /
-                                      static_cast<double>(std::max<uint64_t>(*totalBytes_, 1))
-                                : elapsed / *totalTime_;
-        const double part = std::clamp(done, 0.0, 1.0);
-        bar = fmt::format("[{:-<{}}] {:3.0f} %  ",
-                          std::string(static_cast<size_t>(part * kBarWidth), '#'), kBarWidth,
-                          part * 100);
+void Progress::show() {
+    const Seconds elapsed = Clock::now() - start_;
+    shown_ = true;
+    if (form_ == Form::Bar) {
+        const auto done = part(elapsed);
+        const std::string line =
+            ((done ? barText(*done) : "") + text(elapsed)).substr(0, terminalWidth() - 1);
+        width_ = std::max(width_, line.size());
+        fmt::print(stderr, "\r{:<{}}", line, width_);
+        std::fflush(stderr);
+    } else {
+        fmt::print(stderr, "{}\n", form_ == Form::Json ? json(elapsed) : text(elapsed));
     }
-    const double rate = static_cast<double>(bytesDone) / std::max(elapsed.count(), 1e-6) / 1e6;
-    fmt::print(stderr, "\r{}{:>10}  {:6.1f} MB/s ", bar, sizeText(bytesDone), rate);
-    std::fflush(stderr);
-    drawn_ = true;
+}
+
+double Progress::rate(Seconds elapsed) const {
+    return static_cast<double>(bytes_) / std::max(elapsed.count(), 1e-6);
+}
+
+std::optional<double> Progress::part(Seconds elapsed) const {
+    if (!total_.bytes && !total_.time)
+        return std::nullopt;
+    const double done = total_.bytes ? static_cast<double>(bytes_) /
+                                           static_cast<double>(std::max<uint64_t>(*total_.bytes, 1))
+                                     : elapsed / *total_.time;
+    return std::clamp(done, 0.0, 1.0);
+}
+
+std::optional<double> Progress::secondsLeft(Seconds elapsed) const {
+    if (total_.time)
+        return std::max((*total_.time - elapsed).count(), 0.0);
+    if (!total_.bytes || bytes_ == 0)
+        return std::nullopt;
+    return static_cast<double>(*total_.bytes - std::min(bytes_, *total_.bytes)) / rate(elapsed);
+}
+
+std::string Progress::text(Seconds elapsed) const {
+    std::string line;
+    if (const auto done = part(elapsed))
+        line = fmt::format("{:3.0f} %  ", *done * 100);
+    line += fmt::format("{:>10}  {:6.1f} MB/s", sizeText(bytes_), rate(elapsed) / 1e6);
+    if (ringFill_)
+        line += fmt::format("  ring {:.0f} % full", *ringFill_ * 100);
+    if (const auto left = secondsLeft(elapsed))
+        line += fmt::format("  {} left", timeText(*left));
+    return line;
+}
+
+std::string Progress::json(Seconds elapsed) const {
+    nlohmann::json line{
+        {"bytes", bytes_}, {"seconds", elapsed.count()}, {"bytes_per_second", rate(elapsed)}};
+    if (const auto done = part(elapsed))
+        line["part"] = *done;
+    if (const auto left = secondsLeft(elapsed))
+        line["seconds_left"] = *left;
+    if (ringFill_)
+        line["ring_fill"] = *ringFill_;
+    return line.dump();
 }
 
 } // namespace tool

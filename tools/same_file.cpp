@@ -13,7 +13,7 @@ bool look(const std::string &path, struct stat &status) {
     return (path == "-" ? fstat(STDOUT_FILENO, &status) : stat(path.c_str(), &status)) == 0;
 }
 
-// Also through a link to what is not there yet.
+// Follows links to files that do not exist yet, too.
 std::filesystem::path resolved(std::filesystem::path path) {
     constexpr int kMostLinks = 40; // as many as the system follows
     for (int i = 0; i < kMostLinks && is_symlink(symlink_status(path)); ++i)

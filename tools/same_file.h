@@ -4,8 +4,8 @@
 
 namespace tool {
 
-// Whether what is written to one path would be written to the other, be there a file yet or not; -
-// is standard output.
+// Whether both paths lead to the same file. The file need not exist yet; - is standard output.
+// Links are followed.
 bool isSameFile(const std::string &path, const std::string &other);
 
 } // namespace tool

@@ -1,8 +1,11 @@
 #include "stop_condition.h"
 
+#include <atomic>
 #include <csignal>
+#include <cstring>
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include "amounts.h"
 
@@ -11,12 +14,20 @@ namespace tool {
 namespace {
 
 volatile std::sig_atomic_t signalCame = 0;
+std::atomic<const char *> notice{nullptr}; // what the handler writes
+
+void onSignal(int /*number*/) {
+    signalCame = 1;
+    const char *const text = notice.load();
+    if (text != nullptr && write(STDERR_FILENO, text, std::strlen(text)) < 0)
+        notice.store(nullptr);
+}
 
 } // namespace
 
 void catchInterrupts() {
     struct sigaction action {};
-    action.sa_handler = [](int) { signalCame = 1; };
+    action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
@@ -24,6 +35,14 @@ void catchInterrupts() {
 
 bool interrupted() {
     return signalCame != 0;
+}
+
+InterruptNotice::InterruptNotice(const char *text) {
+    notice.store(text);
+}
+
+InterruptNotice::~InterruptNotice() {
+    notice.store(nullptr);
 }
 
 void StopCondition::addOptions(CLI::App &command) {

@@ -13,11 +13,21 @@ namespace tool {
 // How often a waiting loop looks whether it should end.
 inline constexpr std::chrono::milliseconds kWaitStep{100};
 
-// Ctrl-C, or SIGTERM, ends a loop in good order; a second one ends the program.
+// From now on the first Ctrl-C or SIGTERM only makes interrupted() true; a second one kills.
 void catchInterrupts();
 bool interrupted();
 
-// When a command that goes on by itself ends: after a time, a number of things, or an interrupt.
+// While it lives, the first such signal writes a text to standard error at once.
+class InterruptNotice {
+public:
+    // `text` must outlive this object.
+    explicit InterruptNotice(const char *text);
+    ~InterruptNotice();
+    InterruptNotice(const InterruptNotice &) = delete;
+    InterruptNotice &operator=(const InterruptNotice &) = delete;
+};
+
+// When an endless command stops: after a time, after a number of lines, or at an interrupt.
 class StopCondition {
 public:
     using Seconds = std::chrono::duration<double>;

@@ -1,23 +1,27 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "amounts.h"
-#include "bytes.h"
 #include "commands.h"
 #include "device.h"
+#include "device_json.h"
 #include "errors.h"
 #include "instrument_protocol.h"
 #include "mailbox.h"
+#include "output.h"
 #include "progress.h"
 #include "stop_condition.h"
 #include "stream_pattern.h"
@@ -42,6 +46,7 @@ struct StreamOptions {
     double silence = 5;
     bool checkPattern = false;
     bool keepGoing = false;
+    bool metadata = false;
 };
 
 // One run of a stream: drains the ring until enough has come.
@@ -51,6 +56,8 @@ public:
 
     void run();
     void report() const;
+    // Writes the file beside the recording; `failure` is empty when there was none.
+    void writeMetadata(const std::string &failure);
 
 private:
     void checkMemory() const;
@@ -62,17 +69,22 @@ private:
     void checkBytes(std::span<const uint8_t> bytes) const;
     [[noreturn]] void throwLost() const;
     void throwIfSilent() const;
+    void showProgress();
+    Seconds elapsed() const;
+    nlohmann::json result() const;
 
     const StreamOptions &options_;
     const CommonOptions &common_;
     const std::shared_ptr<Events> events_ = std::make_shared<Events>();
     std::optional<Output> output_;
+    std::optional<Output> metadata_; // opened before the work, so that errors show early
     const Library library_;
     const Device device_;
     Progress progress_;
+    const std::chrono::system_clock::time_point date_ = std::chrono::system_clock::now();
     Clock::time_point start_;
     Clock::time_point lastData_;
-    Clock::time_point end_;
+    std::optional<Clock::time_point> end_;
     uint64_t bytesDone_ = 0;
     uint64_t buffersDone_ = 0;
 };
@@ -82,14 +94,17 @@ StreamRun::StreamRun(const StreamOptions &options, const CommonOptions &common)
       common_(common),
       device_(common_.device,
               [events = events_](_vexa_usb_device_event event) { events->post(event); }),
-      progress_(common_.progress, options_.bytes,
-                options_.seconds ? std::optional<Seconds>(*options_.seconds) : std::nullopt) {
+      progress_(Progress::formFor(common_.progress, common_.json),
+                {options_.bytes,
+                 options_.seconds ? std::optional<Seconds>(*options_.seconds) : std::nullopt}) {
     checkMemory(); // before an existing file is emptied
+    if (options_.metadata)
+        metadata_.emplace(options_.output + ".json", Output::Existing::Replace);
     if (!options_.output.empty())
         output_.emplace(options_.output);
 }
 
-// The system would end a program that fills more memory than there is.
+// The system kills a program that uses more memory than there is.
 void StreamRun::checkMemory() const {
     uint64_t most = 0;
     check(vexa_usb_data_stream_memory_size_max(device_.get(), &most), "starting the stream");
@@ -101,7 +116,7 @@ void StreamRun::checkMemory() const {
                     "Give fewer or smaller buffers (--buffers, --buffer-size).");
 }
 
-// The simulated instrument's stream goes on where it was: the check wants it from the beginning.
+// A simulated instrument continues its stream where it stopped; the check needs its beginning.
 void StreamRun::begin() {
     if (options_.checkPattern) {
         uint8_t position[8] = {};
@@ -137,6 +152,7 @@ bool StreamRun::isFinished() const {
 void StreamRun::handleNext() {
     const auto event = events_->wait(kWaitStep);
     if (!event) {
+        showProgress();
         throwIfSilent();
         if (output_)
             output_->throwIfUnread();
@@ -153,7 +169,7 @@ void StreamRun::checkStatus(int32_t status) const {
     check(status, fmt::format("streaming, after {} bytes", bytesDone_));
 }
 
-// A device that leaves the bus refuses a transfer shortly before its removal becomes known.
+// A transfer to a device that is unplugged fails shortly before the removal is reported.
 void StreamRun::throwLost() const {
     const auto until = Clock::now() + kRemovalTime;
     while (Clock::now() < until && !interrupted()) {
@@ -186,7 +202,14 @@ void StreamRun::handleBuffer() {
     bytesDone_ += size;
     ++buffersDone_;
     lastData_ = Clock::now();
-    progress_.update(bytesDone_);
+    showProgress();
+}
+
+// Each full buffer has one event in the mailbox.
+void StreamRun::showProgress() {
+    const double fill =
+        static_cast<double>(events_->size()) / static_cast<double>(options_.bufferCount);
+    progress_.update(bytesDone_, std::min(fill, 1.0));
 }
 
 void StreamRun::checkBytes(std::span<const uint8_t> bytes) const {
@@ -207,36 +230,72 @@ void StreamRun::throwIfSilent() const {
                     "longer than that to fill (--silence).");
 }
 
+Seconds StreamRun::elapsed() const {
+    return end_.value_or(Clock::now()) - start_;
+}
+
+nlohmann::json StreamRun::result() const {
+    const double seconds = std::max(elapsed().count(), 1e-9);
+    nlohmann::json result{{"bytes", bytesDone_},
+                          {"seconds", seconds},
+                          {"bytes_per_second", static_cast<double>(bytesDone_) / seconds},
+                          {"buffers", buffersDone_},
+                          {"buffer_size", options_.bufferSize},
+                          {"gaps_possible", options_.keepGoing}};
+    if (!options_.keepGoing)
+        result["loss_reported"] = false;
+    if (options_.checkPattern)
+        result["pattern"] = "right";
+    return result;
+}
+
 void StreamRun::report() const {
-    const double seconds = std::max(Seconds(end_ - start_).count(), 1e-9);
-    const double rate = static_cast<double>(bytesDone_) / seconds;
-    const bool dataOnStdout = options_.output == "-";
-    if (common_.json) {
-        nlohmann::json result{{"bytes", bytesDone_},
-                              {"seconds", seconds},
-                              {"bytes_per_second", rate},
-                              {"buffers", buffersDone_},
-                              {"buffer_size", options_.bufferSize},
-                              {"gaps_possible", options_.keepGoing}};
-        if (!options_.keepGoing)
-            result["loss_reported"] = false;
-        if (options_.checkPattern)
-            result["pattern"] = "right";
-        fmt::print(dataOnStdout ? stderr : stdout, "{}\n", result.dump());
+    FILE *const to = options_.output == "-" ? stderr : stdout;
+    const nlohmann::json facts = result();
+    if (common_.json)
+        fmt::print(to, "{}\n", facts.dump());
+    else
+        fmt::print(to, "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, {}{}\n",
+                   sizeText(bytesDone_), facts["seconds"].get<double>(),
+                   facts["bytes_per_second"].get<double>() / 1e6, buffersDone_,
+                   sizeText(options_.bufferSize),
+                   options_.keepGoing ? "gaps possible" : "no loss reported",
+                   options_.checkPattern ? ", every byte right" : "");
+}
+
+void StreamRun::writeMetadata(const std::string &failure) {
+    if (!metadata_)
         return;
+    nlohmann::json facts = result();
+    facts["time"] = fmt::format("{:%FT%T}Z", fmt::gmtime(date_));
+    facts["endpoint"] = options_.endpoint;
+    facts["file"] = std::filesystem::path(options_.output).filename().string();
+    if (device_.attached())
+        facts["device"] = attachedJson(*device_.attached());
+    if (!failure.empty()) {
+        facts["failure"] = failure;
+        facts.erase("loss_reported");
+        facts.erase("pattern");
     }
-    fmt::print(dataOnStdout ? stderr : stdout,
-               "{} in {:.2f} s: {:.1f} MB/s, {} buffers of {}, {}{}\n", sizeText(bytesDone_),
-               seconds, rate / 1e6, buffersDone_, sizeText(options_.bufferSize),
-               options_.keepGoing ? "gaps possible" : "no loss reported",
-               options_.checkPattern ? ", every byte right" : "");
+    const std::string text = facts.dump(2, ' ', false, kReplaceWrongText) + "\n";
+    metadata_->write(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+    metadata_->close();
 }
 
 void stream(const StreamOptions &options, const CommonOptions &common) {
+    if (options.metadata && options.output == "-")
+        throw Error(Exit::Usage, "--metadata stands beside a file, not standard output",
+                    "Name a file with --output.");
     setenv("VEXA_USB_STREAM", options.keepGoing ? "default" : "strict", 1);
     catchInterrupts();
     StreamRun run(options, common);
-    run.run();
+    try {
+        run.run();
+    } catch (const Error &error) {
+        run.writeMetadata(error.what()); // describes what was recorded until then
+        throw;
+    }
+    run.writeMetadata({});
     run.report();
 }
 
@@ -248,6 +307,11 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     command.add_option("-o,--output", options->output,
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");
+    command
+        .add_flag("--metadata", options->metadata,
+                  "Describe the recording in a file beside it, OUTPUT.json: time, device, serial, "
+                  "rate")
+        ->needs("--output");
     CLI::Option *bytes =
         command.add_option("-b,--bytes", options->bytes, "End after N bytes, for instance 256M")
             ->transform(byteCount());
@@ -265,12 +329,13 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
         ->capture_default_str();
     command.add_flag("--keep-going", options->keepGoing,
                      "Go on after a transfer that failed or came short, which leaves a gap that "
-                     "nobody tells of; without it, that ends the stream");
+                     "is not reported; without it, that ends the stream");
     command.add_flag("--check", options->checkPattern,
                      "Check every byte of the simulated instrument's stream");
     command.add_flag("--progress", common.progress,
-                     "Show the progress also when not on a terminal");
-    addDeviceOption(command, common);
+                     "Show the progress also when not on a terminal, in a line a second; with "
+                     "--json, each an object on standard error");
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.footer("Without --bytes or --seconds it goes on until Ctrl-C. It ends with status "
                    "6 at the first\ngap in the data, and with status 1 when the reader of its "

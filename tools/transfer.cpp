@@ -12,6 +12,9 @@
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
+#include "hex_text.h"
+#include "input.h"
+#include "output.h"
 #include "words.h"
 
 namespace tool {
@@ -45,8 +48,8 @@ Bytes dataToSend(const TransferOptions &options) {
     return options.input.empty() ? parseHex(options.data) : readInput(options.input);
 }
 
-// Opened before the transfer: what a device has sent cannot be had again.  A file that was there
-// stays until the transfer has succeeded.
+// Opened before the transfer, because data that a device has sent cannot be read again. An existing
+// file is replaced only after the transfer has succeeded.
 std::unique_ptr<Output> openOutput(const TransferOptions &options) {
     if (options.output.empty())
         return nullptr;
@@ -152,7 +155,7 @@ void defineControlCommand(CLI::App &command, CommonOptions &common) {
                     "device (the default), interface, endpoint or other")
         ->transform(oneOf(recipients));
     addOutputOption(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.footer("Examples:\n"
                    "  vexa-usb control 6 0x0100 --type standard --in 18    the device descriptor\n"
@@ -171,7 +174,7 @@ void defineReadCommand(CLI::App &command, CommonOptions &common) {
         ->required()
         ->transform(byteCountInMemory());
     addOutputOption(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.callback([&common, options]() { read(*options, common); });
 }
@@ -180,7 +183,7 @@ void defineWriteCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
     addEndpointOptions(command, *options);
     addDataOptions(command, *options);
-    addDeviceOption(command, common);
+    addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.callback([&common, options]() { write(*options, common); });
 }

@@ -8,19 +8,19 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "bytes.h"
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
 #include "list_changes.h"
 #include "mailbox.h"
+#include "output.h"
 #include "stop_condition.h"
 
 namespace tool {
 
 namespace {
 
-// Not buffered: the reader hears in time.
+// Not buffered, so that a reader gets each line at once.
 void printLine(Output &output, std::string line) {
     line += '\n';
     output.write(std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
@@ -100,7 +100,7 @@ void defineWatchCommand(CLI::App &command, CommonOptions &common) {
 void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto stop = std::make_shared<StopCondition>();
-    addDeviceOption(command, common, "DEVICE");
+    addDeviceOptions(command, common, "DEVICE");
     command.add_option("-e,--endpoint", *endpoint, "Endpoint address")->default_str("0x81");
     stop->addOptions(command);
     addJsonOption(command, common);

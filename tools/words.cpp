@@ -11,10 +11,10 @@ namespace tool {
 
 namespace {
 
-std::string listOf(const std::map<std::string, int32_t> &words) {
+std::string listOf(const std::map<std::string, int32_t> &words, const char *between) {
     std::string list;
     for (const auto &[word, number] : words)
-        list += (list.empty() ? "" : ", ") + word;
+        list += (list.empty() ? "" : between) + word;
     return list;
 }
 
@@ -24,11 +24,11 @@ CLI::Validator oneOf(const std::map<std::string, int32_t> &words) {
     return {[&words](std::string &text) {
                 const auto found = words.find(text);
                 if (found == words.end())
-                    return fmt::format("'{}' is not one of: {}", text, listOf(words));
+                    return fmt::format("'{}' is not one of: {}", text, listOf(words, ", "));
                 text = std::to_string(found->second);
                 return std::string();
             },
-            "WORD"};
+            "{" + listOf(words, ",") + "}"};
 }
 
 } // namespace tool

@@ -10,8 +10,8 @@ class Validator;
 
 namespace tool {
 
-// Puts the number in place of the word; for any other word the error lists those that there are.
-// `words` must live on.
+// Replaces a word by its number; the error for any other word lists the valid ones.
+// `words` must outlive the validator.
 CLI::Validator oneOf(const std::map<std::string, int32_t> &words);
 
 } // namespace tool

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "core/mutex.h"
+#include "core/shared_memory_budget.h"
 #include "core/usb_connection.h"
 
 namespace vexausb::connection_registry {
@@ -23,6 +24,11 @@ Connections stopAccepting() {
     return std::exchange(connections, {});
 }
 
+Connections presentConnections() {
+    const MutexLock lock(mutex);
+    return connections;
+}
+
 } // namespace
 
 void open(bool eventLoopRuns) {
@@ -40,6 +46,15 @@ void close() {
     for (const auto &listed : remaining) {
         if (const auto connection = listed.lock())
             connection->close();
+    }
+}
+
+void makeRoom() {
+    if (!shared_memory_budget::isOverdrawn())
+        return;
+    for (const auto &listed : presentConnections()) {
+        if (const auto connection = listed.lock())
+            connection->releaseUnused();
     }
 }
 

@@ -23,6 +23,10 @@ void open(bool eventLoopRuns);
 // memory.
 void close();
 
+// Where more memory is shared with the kernel than the attached devices leave room for: what no
+// connection uses at the moment is given back.  For those without a mutex; throws std::bad_alloc.
+void makeRoom();
+
 // Makes a connection that owns the open handle.  Null when the registry is closed; the handle then
 // still belongs to the caller.  Any thread.
 std::shared_ptr<UsbConnection> connect(libusb_device_handle *handle);

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <limits>
 #include <optional>
-#include <random>
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include "core/mutex.h"
@@ -18,9 +18,10 @@ namespace {
 
 constexpr uint64_t kMebibyte = 1048576;
 constexpr uint64_t kLeastLimit = 64;
-constexpr uint64_t kShareOfLimit = 4;     // a quarter
-constexpr uint64_t kNeededPerDevice = 2;  // three transfers of 512 KiB, a call's, and upkeep
-constexpr uint64_t kMostBlocks = 4096;    // each is a mapping, of which a process may have 65,530
+constexpr uint64_t kShareOfLimit = 4;    // a quarter
+constexpr uint64_t kNeededPerDevice = 2; // MiB: three transfers of 512 KiB, and those of a call
+constexpr uint64_t kMostBlocks = 4096;   // each is a mapping, of which a process may have 65,530
+constexpr int kMostLooks = 256;
 constexpr uint64_t kPlaces = 1ULL << 40U; // for the locks of a process
 constexpr off_t kPlaceSize = 1ULL << 20U; // bytes, each for one MiB
 constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
@@ -35,25 +36,31 @@ constexpr const char *kTooMany = "a process shares at most 4096 buffers";
 // locks cannot be had, each process counts for itself.
 class Tally {
 public:
-    // So many MiB are shared by this process.
+    // Before anything else.
+    void open();
+    // So many MiB are shared by this process; none closes the file.
     void tell(uint64_t mebibytes);
     uint64_t othersMebibytes() const;
 
 private:
-    static uint64_t lockedBetween(int file, off_t begin, off_t end);
+    static uint64_t lockedBetween(int file, off_t begin, off_t end, int &looks);
     void change(short type, off_t begin, off_t end) const;
-    void open();
 
-    int file_ = -1; // open while anything is told
+    int file_ = -1; // open while anything is told, or is about to be
     off_t place_ = 0;
     off_t told_ = 0;
 };
 
+// Without a file, and where the kernel cannot tell a random number yet, programs may not see each
+// other; each then counts for itself.
 void Tally::open() {
+    if (file_ >= 0)
+        return;
     file_ = ::open(usbfsLimitFile(), O_RDONLY | O_CLOEXEC);
-    std::random_device random;
-    place_ = static_cast<off_t>(std::uniform_int_distribution<uint64_t>(0, kPlaces - 1)(random)) *
-             kPlaceSize;
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof(random), GRND_NONBLOCK) != sizeof(random))
+        random = static_cast<uint64_t>(getpid());
+    place_ = static_cast<off_t>(random % kPlaces) * kPlaceSize;
 }
 
 void Tally::change(short type, off_t begin, off_t end) const {
@@ -66,24 +73,27 @@ void Tally::change(short type, off_t begin, off_t end) const {
 }
 
 void Tally::tell(uint64_t mebibytes) {
+    if (file_ < 0)
+        return;
     const auto wanted = static_cast<off_t>(std::min<uint64_t>(mebibytes, kPlaceSize));
-    if (wanted > 0 && file_ < 0)
-        open();
     if (wanted > told_)
         change(F_RDLCK, told_, wanted);
     else if (wanted < told_)
         change(F_UNLCK, wanted, told_);
     told_ = wanted;
-    if (wanted == 0 && file_ >= 0) {
+    if (told_ == 0) {
         close(file_);
         file_ = -1;
     }
 }
 
 // The kernel names one lock of the range at a time; what lies on either side of it comes next.
-uint64_t Tally::lockedBetween(int file, off_t begin, off_t end) {
+// After so many looks the room counts as used up: whoever holds that many locks may mean harm.
+uint64_t Tally::lockedBetween(int file, off_t begin, off_t end, int &looks) {
     if (begin >= end)
         return 0;
+    if (looks-- <= 0)
+        return kPlaceSize;
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
@@ -93,12 +103,13 @@ uint64_t Tally::lockedBetween(int file, off_t begin, off_t end) {
         return 0;
     const off_t first = std::max(lock.l_start, begin);
     const off_t last = lock.l_len == 0 ? end : std::min(lock.l_start + lock.l_len, end);
-    return static_cast<uint64_t>(last - first) + lockedBetween(file, begin, first) +
-           lockedBetween(file, last, end);
+    return static_cast<uint64_t>(last - first) + lockedBetween(file, begin, first, looks) +
+           lockedBetween(file, last, end, looks);
 }
 
 uint64_t Tally::othersMebibytes() const {
-    return file_ < 0 ? 0 : lockedBetween(file_, 0, static_cast<off_t>(kPlaces) * kPlaceSize);
+    int looks = kMostLooks;
+    return file_ < 0 ? 0 : lockedBetween(file_, 0, static_cast<off_t>(kPlaces) * kPlaceSize, looks);
 }
 
 // Alive for as long as the process.
@@ -118,6 +129,8 @@ uint64_t toMebibytes(uint64_t bytes) {
 uint64_t allowedUnder(uint64_t limit) REQUIRES(mutex) {
     if (limit == 0)
         return kUnlimited / kMebibyte;
+    if (limit < kLeastLimit)
+        return 0;
     const uint64_t needed = attachedDevices * kNeededPerDevice;
     return std::min(limit / kShareOfLimit, limit > needed ? limit - needed : 0);
 }
@@ -127,14 +140,20 @@ void setReserved(uint64_t bytes) REQUIRES(mutex) {
     tally.tell(toMebibytes(bytes));
 }
 
-// Tells first and counts then, so that of two programs at the same moment one sees the other.
+// Asks before it tells, so that no other program makes way for a wish that cannot be granted, and
+// asks once more, since another may have told in between.
 uint64_t reserveUpTo(uint64_t allowed, uint64_t blockSize, uint64_t count) REQUIRES(mutex) {
     const uint64_t before = reserved.load();
-    setReserved(before + blockSize * count);
-    const uint64_t others = tally.othersMebibytes();
-    const uint64_t room = allowed > others ? (allowed - others) * kMebibyte : 0;
-    const uint64_t granted = std::min(count, room > before ? (room - before) / blockSize : 0);
-    setReserved(before + blockSize * granted);
+    uint64_t granted = count;
+    tally.open();
+    for (int round = 0; round < 2; ++round) {
+        const uint64_t others = tally.othersMebibytes();
+        const uint64_t room = allowed > others ? (allowed - others) * kMebibyte : 0;
+        granted = std::min(granted, room > before ? (room - before) / blockSize : 0);
+        setReserved(before + blockSize * granted);
+        if (granted == 0)
+            break;
+    }
     return granted;
 }
 
@@ -166,6 +185,8 @@ Grant reserve(uint64_t blockSize, uint64_t count) {
 }
 
 void release(uint64_t blockSize, uint64_t count) {
+    if (count == 0)
+        return;
     const MutexLock lock(mutex);
     reservedBlocks -= count;
     setReserved(reserved.load() - blockSize * count);
@@ -174,8 +195,11 @@ void release(uint64_t blockSize, uint64_t count) {
 void setAttachedDevices(size_t count) {
     const MutexLock lock(mutex);
     attachedDevices = count;
-    if (reserved.load() > 0)
-        updateKeepable(allowedUnder(usbfsMemoryLimit().value_or(0)));
+    if (reserved.load() == 0)
+        return;
+    const std::optional<uint64_t> limit = usbfsMemoryLimit();
+    if (limit)
+        updateKeepable(allowedUnder(*limit));
 }
 
 bool isOverdrawn() {

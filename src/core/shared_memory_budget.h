@@ -10,12 +10,12 @@
  * it is mapped, and the transfers of every other program need room under that limit, too.  So
  * nothing is shared where the limit is below 64 MiB; all programs that use this library share a
  * quarter of it at most, together; and 2 MiB stay free for each supported device that is attached,
- * which is more than the transfers of one device take without sharing.  As more devices come, rings
- * give shared memory back.
+ * about what the transfers of one device take without sharing.  As more devices come, rings give
+ * shared memory back.
  *
  * Programs tell each other what they share by locks on the file that holds the limit: a read lock
  * on one byte for each MiB, somewhere in the range of file offsets.  The kernel drops the locks of
- * a process that ends in whatever way.
+ * a process that ends in whatever way.  Containers with a /sys of their own do not see each other.
  *
  * Threads: any.  The state has a mutex of its own, inside which no other is taken.
  */

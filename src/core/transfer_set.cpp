@@ -80,6 +80,11 @@ void TransferSet::waitIdle() {
     }
 }
 
+void TransferSet::releaseUnused() {
+    const MutexLock lock(mutex_);
+    doReleaseUnused();
+}
+
 void TransferSet::releaseMemory(CallerMemory callers) {
     const MutexLock lock(mutex_);
     doReleaseMemory(callers);

@@ -41,6 +41,8 @@ public:
     // After stop(), and only while an event loop delivers completions: until nothing is in flight,
     // or the stop is longer ago than the time limit.
     void waitIdle() EXCLUDES(mutex_);
+    // Memory that belongs to the handle, and that nothing uses at the moment, is given back.
+    void releaseUnused() EXCLUDES(mutex_);
     // After waitIdle(), and before the handle is closed: memory that belongs to it is given back.
     void releaseMemory(CallerMemory callers) EXCLUDES(mutex_);
     // After the handle was closed: libusb has forgotten what was still in flight and will not call
@@ -69,6 +71,7 @@ protected:
 
     // The transfer has ended, and is no longer in flight.
     virtual void completed(Slot &slot) REQUIRES(mutex_) = 0;
+    virtual void doReleaseUnused() REQUIRES(mutex_) {}
     virtual void doReleaseMemory(CallerMemory /*callers*/) REQUIRES(mutex_) {}
     // libusb's answer.  When refused, the slot is to be released: its transfer holds a reference
     // to the device even so, and must not outlive the libusb context.

@@ -33,9 +33,15 @@ void UsbConnection::end(const std::shared_ptr<TransferSet> &transfers) {
         transfers->waitIdle();
     else
         close();
-    // Before close() could pass this set by and close the handle.
+    // Before detach(): a close() that did not find the set any more would close the handle first.
     transfers->releaseMemory(CallerMemory::Ends);
     detach(transfers);
+}
+
+void UsbConnection::releaseUnused() {
+    const MutexLock lock(mutex_);
+    for (const auto &set : transferSets_)
+        set->releaseUnused();
 }
 
 void UsbConnection::prepareClose() {

@@ -48,6 +48,8 @@ public:
 
     // Ends these transfers and forgets them; no memory of theirs is written to afterwards.
     void end(const std::shared_ptr<TransferSet> &transfers) EXCLUDES(mutex_, closing_);
+    // Gives back what its transfer sets have mapped of the device and do not use.
+    void releaseUnused() EXCLUDES(mutex_);
     // Begins what close() completes, without waiting for anything.
     void prepareClose() EXCLUDES(mutex_);
     // Returns when the handle is closed, also when another thread is at it.

@@ -94,6 +94,17 @@ void DataStream::makeOrdinary(DataStreamBuffer &buffer) {
     shared_->giveBack(std::exchange(buffer.data, buffer.ordinary.get()));
 }
 
+void DataStream::releaseUnused() {
+    if (shared_ == nullptr)
+        return;
+    for (const auto &buffer : buffers_) {
+        if (buffer->isShared() && buffer->pendingTransfers == 0 &&
+            buffer->state.load() == DataStreamBufferState::Free)
+            makeOrdinary(*buffer);
+    }
+    shared_->releaseUnused();
+}
+
 void DataStream::releaseShared(CallerMemory callers) {
     if (shared_ == nullptr)
         return;

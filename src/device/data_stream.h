@@ -31,7 +31,7 @@ struct DataStreamBuffer {
     // Always there, and not touched while shared memory stands in for it.
     const std::unique_ptr<uint8_t[]> ordinary;
     // The rest is the producer's.
-    uint8_t *data; // here, or shared with the kernel; the consumer may read it of a locked buffer
+    uint8_t *data; // ordinary memory or a block; the consumer may read this of a locked buffer
     uint64_t pendingTransfers = 0; // prepared, and not completed
 };
 
@@ -91,6 +91,8 @@ public:
     // False when none is locked.
     bool unlock();
 
+    // The blocks of buffers that nobody uses are unmapped, and the ring takes no more.
+    void releaseUnused();
     // Once nothing is in flight, and before the device's handle is closed: gives back all shared
     // memory but, if so wished, that of the buffer that the caller has locked.
     void releaseShared(CallerMemory callers);

@@ -1,5 +1,6 @@
 #include "device/shared_buffers.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdlib>
 #include <string_view>
@@ -22,6 +23,7 @@ namespace vexausb {
 namespace {
 
 constexpr bool kBuiltToShare = VEXA_USB_SHARED_RING != 0;
+constexpr uint64_t kStep = 8; // blocks
 
 bool isPrivateWanted() {
     const char *const value = std::getenv("VEXA_USB_RING");
@@ -60,49 +62,60 @@ shared_memory_budget::Grant grantFor(const UsbConnection &connection, uint64_t s
 
 } // namespace
 
+// The ring may share what the whole of it is granted now, but takes it in steps as it needs it, so
+// that a ring of which a few blocks go round leaves the rest to others.
 std::unique_ptr<SharedBuffers> SharedBuffers::make(const UsbConnection &connection, uint64_t size,
                                                    uint64_t count, const DeviceName &name) {
     const auto grant = grantFor(connection, size, count);
+    shared_memory_budget::release(wholePages(size), grant.blocks);
     logLine(LogLevel::Info,
-            "%s: the kernel may fill %" PRIu64 " of the ring's %" PRIu64 " buffers of %" PRIu64
-            " bytes itself%s%s",
+            "%s: the kernel may fill %" PRIu64 " of the ring's %" PRIu64 " buffers (%" PRIu64
+            " bytes with their spare packet) itself%s%s",
             name.text(), grant.blocks, count, size,
             grant.reason != nullptr ? ", and copies to the others: " : "",
             grant.reason != nullptr ? grant.reason : "");
     if (grant.blocks == 0)
         return nullptr;
-    try {
-        return std::unique_ptr<SharedBuffers>(
-            new SharedBuffers(connection.handle(), size, grant.blocks, name));
-    } catch (...) {
-        shared_memory_budget::release(wholePages(size), grant.blocks);
-        throw;
-    }
+    return std::unique_ptr<SharedBuffers>(
+        new SharedBuffers(connection.handle(), size, grant.blocks, name));
 }
 
-SharedBuffers::SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
+SharedBuffers::SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t count,
                              const DeviceName &name)
-    : handle_(handle), size_(size), left_(granted), deviceName_(name) {
-    spare_.reserve(granted);
+    : handle_(handle), size_(size), count_(count), wanted_(count), deviceName_(name) {
+    spare_.reserve(count);
 }
 
 SharedBuffers::~SharedBuffers() {
-    askNoMore();
-}
-
-void SharedBuffers::askNoMore() {
-    if (left_ > 0)
-        shared_memory_budget::release(wholePages(size_), std::exchange(left_, 0));
+    releaseUnused();
 }
 
 uint8_t *SharedBuffers::take() {
     if (shared_memory_budget::isOverdrawn())
-        askNoMore();
-    if (spare_.empty())
-        return left_ > 0 ? allocate() : nullptr;
-    uint8_t *const block = spare_.back();
-    spare_.pop_back();
+        releaseUnused();
+    if (!spare_.empty()) {
+        uint8_t *const block = spare_.back();
+        spare_.pop_back();
+        return block;
+    }
+    if (pause_ > 0) {
+        --pause_;
+        return nullptr;
+    }
+    if (left_ == 0)
+        reserveMore();
+    uint8_t *const block = left_ > 0 ? allocate() : nullptr;
+    if (block == nullptr)
+        pause_ = count_;
     return block;
+}
+
+void SharedBuffers::reserveMore() {
+    const uint64_t step = std::min(wanted_, kStep);
+    if (step == 0)
+        return;
+    left_ = shared_memory_budget::reserve(wholePages(size_), step).blocks;
+    wanted_ -= left_;
 }
 
 uint8_t *SharedBuffers::allocate() {
@@ -110,6 +123,7 @@ uint8_t *SharedBuffers::allocate() {
     uint8_t *const block = libusb_dev_mem_alloc(handle_, size_);
     if (block != nullptr)
         return block;
+    ++wanted_;
     shared_memory_budget::release(wholePages(size_), 1);
     if (!std::exchange(refused_, true))
         logLine(LogLevel::Info,
@@ -135,11 +149,16 @@ void SharedBuffers::release(uint8_t *block) {
     shared_memory_budget::release(wholePages(size_), 1);
 }
 
-void SharedBuffers::handleCloses() {
+void SharedBuffers::releaseUnused() {
     for (uint8_t *const block : spare_)
         release(block);
     spare_.clear();
-    askNoMore();
+    shared_memory_budget::release(wholePages(size_), std::exchange(left_, 0));
+    wanted_ = 0;
+}
+
+void SharedBuffers::handleCloses() {
+    releaseUnused();
     handle_ = nullptr;
 }
 

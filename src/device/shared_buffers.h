@@ -35,23 +35,28 @@ public:
     SharedBuffers &operator=(const SharedBuffers &) = delete;
 
     // The block that was given back last, or a new one, zeroed by the kernel; null when no more may
-    // be shared or the kernel refuses.
+    // be shared or the kernel refuses, which is not asked again before one round of the ring.
     uint8_t *take();
     // Kept for the next take(), unless other devices need the room.
     void giveBack(uint8_t *block);
+    // What was given back is unmapped, and the ring asks for no more.
+    void releaseUnused();
     // Nothing is taken from here on.  What is still out gets unmapped when it is given back.
     void handleCloses();
 
 private:
-    SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t granted,
+    SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t count,
                   const DeviceName &name);
     uint8_t *allocate();
     void release(uint8_t *block);
-    void askNoMore();
+    void reserveMore();
 
     libusb_device_handle *handle_; // null once it closes
     const uint64_t size_;
-    uint64_t left_;                // blocks that may still be asked for
+    const uint64_t count_;         // of the ring's buffers that may have a block
+    uint64_t wanted_;              // blocks of these that are not reserved
+    uint64_t left_ = 0;            // blocks that are reserved, and not allocated
+    uint64_t pause_ = 0;           // so many takes come before the kernel is asked again
     std::vector<uint8_t *> spare_; // given back; has room for all
     const DeviceName deviceName_;
     bool refused_ = false;

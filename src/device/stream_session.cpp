@@ -125,6 +125,7 @@ bool StreamSession::submitPiece(Piece &piece) {
 void StreamSession::fail() {
     failed_ = true;
     cancelAll();
+    ring_.releaseUnused();
     events_->post(error_);
 }
 

@@ -73,6 +73,7 @@ private:
 
     static Slots makeSlots();
     void completed(Slot &slot) override REQUIRES(mutex_);
+    void doReleaseUnused() override REQUIRES(mutex_) { ring_.releaseUnused(); }
     void doReleaseMemory(CallerMemory callers) override REQUIRES(mutex_) {
         ring_.releaseShared(callers);
     }

@@ -7,6 +7,7 @@
 
 #include <libusb.h>
 
+#include "core/connection_registry.h"
 #include "core/lib_usb.h"
 #include "core/log.h"
 #include "core/shared_memory_budget.h"
@@ -30,15 +31,20 @@ DeviceList::~DeviceList() {
         item->setLeft();
 }
 
-// The mutex is held from the enumeration to the last entry: a departure in between would find no
-// entry to remove, and the device that has left would be added after it.
 void DeviceList::update() {
     const LibUSB::ContextUse use;
     if (!use)
         return;
+    addAttached(use.context());
+    connection_registry::makeRoom();
+}
+
+// The mutex is held from the enumeration to the last entry: a departure in between would find no
+// entry to remove, and the device that has left would be added after it.
+void DeviceList::addAttached(libusb_context *context) {
     std::optional<LibusbDeviceArray> attached; // released after the unlocking
     const MutexLock lock(mutex_);
-    attached.emplace(use.context());
+    attached.emplace(context);
     if (attached->error() != LIBUSB_SUCCESS)
         logLine(LogLevel::Error, "the bus cannot be read: %s; 'lsusb' shows what the system sees",
                 libusb_error_name(attached->error()));
@@ -53,9 +59,12 @@ void DeviceList::update() {
 
 // If there is no memory for its entry, the device is not listed until the next update.
 void DeviceList::deviceArrived(libusb_device *device) {
-    const MutexLock lock(mutex_);
     try {
-        addIfUnknown(device, "plugged in");
+        {
+            const MutexLock lock(mutex_);
+            addIfUnknown(device, "plugged in");
+        }
+        connection_registry::makeRoom();
     } catch (const std::bad_alloc &) {
         logLine(LogLevel::Error, "no memory to list a device that was plugged in: "
                                  "vexa_usb_update_device_list() will do so");

@@ -10,6 +10,7 @@
 #include "devicelist/abstract_device_list_item.h"
 #include "devicelist/list_callbacks.h"
 
+struct libusb_context;
 struct libusb_device;
 
 namespace vexausb {
@@ -57,6 +58,7 @@ private:
     using Items = std::list<std::shared_ptr<AbstractDeviceListItem>>;
     using Queue = EventQueue<DeviceListEvent>;
 
+    void addAttached(libusb_context *context) EXCLUDES(mutex_);
     Items::iterator findItem(uint8_t busNumber, uint8_t deviceAddress) REQUIRES(mutex_);
     // `whatHappened` is for the log.
     void addItem(std::shared_ptr<AbstractDeviceListItem> item, const char *whatHappened)

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <new>
 
+#include <malloc.h>
+
 namespace {
 
 enum class Plan { None, One, All };
@@ -12,6 +14,7 @@ enum class Plan { None, One, All };
 std::atomic<Plan> plan{Plan::None};
 std::atomic<uint64_t> left{0}; // allocations that succeed before the one that fails
 std::atomic<bool> failed{false};
+std::atomic<uint64_t> used{0};
 
 bool mustFail() {
     const Plan now = plan.load();
@@ -42,17 +45,23 @@ bool restore() {
     return failed.load();
 }
 
+uint64_t inUse() {
+    return used.load();
+}
+
 } // namespace allocations
 
 void *operator new(size_t size) {
     void *const memory = mustFail() ? nullptr : std::malloc(size);
     if (memory == nullptr)
         throw std::bad_alloc();
+    used.fetch_add(malloc_usable_size(memory), std::memory_order_relaxed);
     return memory;
 }
 void operator delete(void *memory) noexcept {
+    used.fetch_sub(malloc_usable_size(memory), std::memory_order_relaxed);
     std::free(memory);
 }
 void operator delete(void *memory, size_t /*size*/) noexcept {
-    std::free(memory);
+    operator delete(memory);
 }

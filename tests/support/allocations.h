@@ -12,6 +12,9 @@ void failAll();
 // Whether any has failed since.
 bool restore();
 
+// The bytes that are allocated at the moment, by whomever.
+uint64_t inUse();
+
 // While it is above 0, nothing is counted nor fails on this thread.
 inline thread_local int exemptions = 0;
 class Exempt {

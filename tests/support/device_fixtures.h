@@ -45,15 +45,35 @@ protected:
         return opened;
     }
     int32_t close() { return vexa_usb_close(std::exchange(device, nullptr)); }
+    int32_t start(uint64_t bufferSize = 512, uint64_t bufferCount = 4, uint8_t endpoint = 0x82) {
+        return vexa_usb_data_stream_start(device, endpoint, bufferSize, bufferCount);
+    }
+    int32_t stop() { return vexa_usb_data_stream_stop(device); }
+    int32_t enable(uint8_t endpoint = 0x81) { return vexa_usb_event_pipe_enable(device, endpoint); }
+    int32_t disable() { return vexa_usb_event_pipe_disable(device); }
     void remove() {
         fake::detach(usbDevice);
         fake::notifyDeparture(usbDevice);
         ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
     }
-    // What happens to devices that are still open at the last fini, and a new beginning.
+    // Whether the last fini has begun to close this device.
+    static bool isTurnedAway(_vexa_usb_device *closing) {
+        uint16_t size = 0;
+        return vexa_usb_get_max_packet_size(closing, 0x82, &size) < 0;
+    }
+    // What happens to devices that are still open at the last fini, and a new beginning, in which
+    // nobody delivers events.
     void reinitialise() {
         vexa_usb_fini();
         vexa_usb_init();
+    }
+    // A new beginning as in a new process.
+    void beginAgain() {
+        vexa_usb_fini();
+        vexausb::libusbRunning.store(true);
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        device = open();
     }
 
     EventLog &log = EventLog::make();

@@ -25,6 +25,8 @@ struct Snapshot {
 // Opens the oldest entry of the list, with a log for its events; answers what the opening did.
 inline int32_t openFirst(EventLog &log, _vexa_usb_device *&device) {
     const Snapshot snapshot;
+    if (snapshot.count == 0)
+        return VEXA_USB_STATUS_UNKNOWN;
     return vexa_usb_open(snapshot.list[0], EventLog::callback, &log, &device);
 }
 

@@ -1,23 +1,26 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "support/allocations.h"
+#include "support/waiting.h"
 #include "vexa_usb.h"
 
 namespace test {
 
-inline constexpr std::chrono::seconds kLong{20}; // far longer than anything here should take
-
 // Collects a device's events.
 class EventLog {
 public:
+    using Counted = std::pair<uint32_t, size_t>; // an event, and how often it is to have come
+
     // Devices' callbacks may run a last time after the close, so logs live for ever.
     static EventLog &make() {
         static auto *const logs = new std::vector<EventLog *>;
@@ -28,37 +31,37 @@ public:
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &log = *static_cast<EventLog *>(data);
         const allocations::Exempt exempt;
-        const std::lock_guard lock(log.mutex);
-        log.events.push_back(event);
-        log.changed.notify_all();
+        const std::lock_guard lock(log.mutex_);
+        log.events_.push_back(event);
+        ++log.counts_[event];
+        log.changed_.notify_all();
     }
 
     size_t count(uint32_t event) {
-        const std::lock_guard lock(mutex);
-        return countLocked(event);
+        const allocations::Exempt exempt;
+        const std::lock_guard lock(mutex_);
+        return counts_[event];
     }
-    bool waitFor(uint32_t event, size_t atLeast = 1) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, kLong, [&]() { return countLocked(event) >= atLeast; });
-    }
-    bool waitForEither(uint32_t event, size_t atLeast, uint32_t other) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(
-            lock, kLong, [&]() { return countLocked(event) >= atLeast || countLocked(other) > 0; });
+    bool waitFor(uint32_t event, size_t atLeast = 1) { return waitForAny({{event, atLeast}}); }
+    bool waitForAny(std::initializer_list<Counted> wanted) {
+        const allocations::Exempt exempt;
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, kLong, [&]() {
+            return std::any_of(wanted.begin(), wanted.end(), [this](const Counted &one) {
+                return counts_[one.first] >= one.second;
+            });
+        });
     }
     std::vector<uint32_t> all() {
-        const std::lock_guard lock(mutex);
-        return events;
+        const std::lock_guard lock(mutex_);
+        return events_;
     }
 
 private:
-    size_t countLocked(uint32_t event) const {
-        return static_cast<size_t>(std::count(events.begin(), events.end(), event));
-    }
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<uint32_t> events;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<uint32_t, size_t> counts_;
+    std::vector<uint32_t> events_;
 };
 
 } // namespace test

@@ -1,6 +1,7 @@
 #include "support/fake_libusb.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "support/allocations.h"
@@ -68,16 +70,16 @@ struct State {
 class ExemptMutex {
 public:
     void lock() {
-        inner.lock();
+        inner_.lock();
         ++allocations::exemptions;
     }
     void unlock() {
         --allocations::exemptions;
-        inner.unlock();
+        inner_.unlock();
     }
 
 private:
-    std::mutex inner;
+    std::mutex inner_;
 };
 
 ExemptMutex mutex;       // guards state
@@ -96,15 +98,16 @@ void violation(const char *what) {
     std::abort();
 }
 
-bool fails(const std::string &function, int &result) {
+// What the call is to answer, if it is to fail.
+std::optional<int> failureOf(const std::string &function) {
     const auto found =
         std::find_if(state.failures.begin(), state.failures.end(),
                      [&](const Failure &failure) { return failure.function == function; });
     if (found == state.failures.end() || found->skip-- > 0)
-        return false;
-    result = found->result;
+        return std::nullopt;
+    const int result = found->result;
     state.failures.erase(found);
-    return true;
+    return result;
 }
 
 // A lock for a call of that function, which begins with what onCall() has asked for.
@@ -121,10 +124,10 @@ std::unique_lock<ExemptMutex> enter(const char *function) {
     return lock;
 }
 
-// Notes the call; true when it is to fail.
-bool called(const std::string &function, int &result, const std::string &argument = {}) {
+// The same, of a call that is noted.
+std::optional<int> called(const std::string &function, const std::string &argument = {}) {
     state.calls.push_back(argument.empty() ? function : function + "(" + argument + ")");
-    return fails(function, result);
+    return failureOf(function);
 }
 
 void checkHandle(const libusb_device_handle *handle) {
@@ -190,9 +193,16 @@ bool matches(const Registration &registration, const libusb_device_descriptor &d
 
 void deliver(const Notice &notice, const std::vector<Registration> &registrations) {
     for (const Registration &registration : registrations) {
-        if (matches(registration, notice.device->shape.descriptor))
-            registration.callback(nullptr, notice.device, notice.event, nullptr);
+        if (matches(registration, notice.device->shape.descriptor) &&
+            registration.callback(nullptr, notice.device, notice.event, nullptr) != 0)
+            violation("a notice ends its registration");
     }
+}
+
+void notify(libusb_device *device, libusb_hotplug_event event) {
+    const std::lock_guard lock(mutex);
+    state.notices.push_back({device, event});
+    changed.notify_all();
 }
 
 } // namespace
@@ -237,16 +247,6 @@ void detach(libusb_device *device) {
     const std::lock_guard lock(mutex);
     std::erase(state.attached, device);
 }
-
-namespace {
-
-void notify(libusb_device *device, libusb_hotplug_event event) {
-    const std::lock_guard lock(mutex);
-    state.notices.push_back({device, event});
-    changed.notify_all();
-}
-
-} // namespace
 
 void notifyArrival(libusb_device *device) {
     notify(device, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED);
@@ -302,8 +302,7 @@ void waitInFlight(size_t count) {
 
 void completeOldest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
-    libusb_transfer *const transfer = state.flying.front();
-    finish(transfer, status, actual);
+    finish(state.flying.front(), status, actual);
 }
 
 bool completeOn(uint8_t endpoint) {
@@ -357,7 +356,7 @@ void holdEvents(bool held) {
 
 bool eventsPending() {
     const std::lock_guard lock(mutex);
-    return !state.notices.empty();
+    return !state.notices.empty() || !state.done.empty();
 }
 
 bool closedInFlight() {
@@ -367,13 +366,13 @@ bool closedInFlight() {
 
 } // namespace fake
 
-// The parts of libusb that the library uses.
+// The parts of libusb that the library uses, with parameters named as they are here.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 int libusb_init(libusb_context **context) {
     const auto lock = enter("libusb_init");
-    int result = LIBUSB_SUCCESS;
-    if (called("libusb_init", result))
-        return result;
+    if (const auto failure = called("libusb_init"))
+        return *failure;
     if (state.context != nullptr)
         violation("two contexts at once");
     state.context = *context = new libusb_context;
@@ -383,8 +382,7 @@ int libusb_init(libusb_context **context) {
 
 void libusb_exit(libusb_context *context) {
     const auto lock = enter("libusb_exit");
-    int result = 0;
-    called("libusb_exit", result);
+    called("libusb_exit");
     checkContext(context);
     checkNothingIsLeft();
     if (state.handling != 0)
@@ -399,10 +397,9 @@ int libusb_hotplug_register_callback(libusb_context *context, int events, int fl
                                      libusb_hotplug_callback_fn callback, void *data,
                                      libusb_hotplug_callback_handle *handle) {
     const std::lock_guard lock(mutex);
-    int result = 0;
-    if (called("libusb_hotplug_register_callback", result,
-               std::to_string(vendor) + "," + std::to_string(product)))
-        return result;
+    if (const auto failure = called("libusb_hotplug_register_callback",
+                                    std::to_string(vendor) + "," + std::to_string(product)))
+        return *failure;
     checkContext(context);
     if (events != 3 || flags != 0 || deviceClass != LIBUSB_HOTPLUG_MATCH_ANY || data != nullptr ||
         handle != nullptr)
@@ -433,17 +430,15 @@ int libusb_handle_events(libusb_context *context) {
 void libusb_interrupt_event_handler(libusb_context *context) {
     const std::lock_guard lock(mutex);
     checkContext(context);
-    int result = 0;
-    called("libusb_interrupt_event_handler", result);
+    called("libusb_interrupt_event_handler");
     state.interrupted = true;
     changed.notify_all();
 }
 
 ssize_t libusb_get_device_list(libusb_context *context, libusb_device ***list) {
     const std::lock_guard lock(mutex);
-    int result = 0;
-    if (called("libusb_get_device_list", result))
-        return result;
+    if (const auto failure = called("libusb_get_device_list"))
+        return *failure;
     checkContext(context);
     *list = static_cast<libusb_device **>(
         std::calloc(state.attached.size() + 1, sizeof(libusb_device *)));
@@ -465,9 +460,8 @@ void libusb_free_device_list(libusb_device **list, int unref) {
 
 int libusb_get_device_descriptor(libusb_device *device, libusb_device_descriptor *descriptor) {
     const std::lock_guard lock(mutex);
-    int result = 0;
-    if (called("libusb_get_device_descriptor", result))
-        return result;
+    if (const auto failure = called("libusb_get_device_descriptor"))
+        return *failure;
     *descriptor = device->shape.descriptor;
     return LIBUSB_SUCCESS;
 }
@@ -486,9 +480,8 @@ libusb_device *libusb_get_device(libusb_device_handle *handle) {
 
 int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
     const auto lock = enter("libusb_get_max_packet_size");
-    int result = 0;
-    if (called("libusb_get_max_packet_size", result))
-        return result;
+    if (const auto failure = called("libusb_get_max_packet_size"))
+        return *failure;
     const auto found = device->shape.packetSizes.find(endpoint);
     return found == device->shape.packetSizes.end() ? LIBUSB_ERROR_NOT_FOUND : found->second;
 }
@@ -496,11 +489,10 @@ int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
 int libusb_open(libusb_device *device, libusb_device_handle **handle) {
     const std::lock_guard callbacks(callbackLock);
     const std::lock_guard lock(mutex);
-    int result = 0;
     if (state.lists.empty())
         violation("use of a device whose list was freed");
-    if (called("libusb_open", result))
-        return result;
+    if (const auto failure = called("libusb_open"))
+        return *failure;
     *handle = new libusb_device_handle{device};
     state.handles.push_back(*handle);
     return LIBUSB_SUCCESS;
@@ -509,8 +501,7 @@ int libusb_open(libusb_device *device, libusb_device_handle **handle) {
 void libusb_close(libusb_device_handle *handle) {
     const std::lock_guard callbacks(callbackLock);
     const std::lock_guard lock(mutex);
-    int result = 0;
-    called("libusb_close", result);
+    called("libusb_close");
     checkHandle(handle);
     const auto isOf = [&](const libusb_transfer *transfer) {
         return transfer->dev_handle == handle;
@@ -525,10 +516,8 @@ namespace {
 
 int interfaceCall(const char *function, libusb_device_handle *handle, int interface) {
     const auto lock = enter(function);
-    int result = LIBUSB_SUCCESS;
-    called(function, result, std::to_string(interface));
     checkHandle(handle);
-    return result;
+    return called(function, std::to_string(interface)).value_or(LIBUSB_SUCCESS);
 }
 
 int synchronous(const char *function, libusb_device_handle *handle, unsigned char endpoint,
@@ -536,13 +525,11 @@ int synchronous(const char *function, libusb_device_handle *handle, unsigned cha
     fake::TransferHandler handler;
     {
         const std::lock_guard lock(mutex);
-        int result = 0;
-        const bool failed = called(function, result, std::to_string(length));
         checkHandle(handle);
         if (timeout != 1000)
             violation("unexpected time limit");
-        if (failed)
-            return result;
+        if (const auto failure = called(function, std::to_string(length)))
+            return *failure;
         handler = state.transfer;
     }
     *actual = length;
@@ -581,24 +568,22 @@ int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, u
                             uint16_t value, uint16_t index, unsigned char *data, uint16_t length,
                             unsigned timeout) {
     const std::lock_guard lock(mutex);
-    int result = 0;
-    const bool failed = called("libusb_control_transfer", result,
-                               std::to_string(requestType) + "," + std::to_string(request) + "," +
-                                   std::to_string(value) + "," + std::to_string(index) + "," +
-                                   std::to_string(length));
     checkHandle(handle);
     if (timeout != 1000)
         violation("unexpected time limit");
-    if (failed)
-        return result;
+    std::string arguments = std::to_string(requestType);
+    for (const unsigned argument :
+         {unsigned{request}, unsigned{value}, unsigned{index}, unsigned{length}})
+        arguments += "," + std::to_string(argument);
+    if (const auto failure = called("libusb_control_transfer", arguments))
+        return *failure;
     return state.control ? state.control({requestType, request, value, index, data, length})
                          : length;
 }
 
 libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
     const auto lock = enter("libusb_alloc_transfer");
-    int result = 0;
-    if (called("libusb_alloc_transfer", result) || isochronousPackets != 0)
+    if (called("libusb_alloc_transfer") || isochronousPackets != 0)
         return nullptr;
     auto *const transfer = static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
     state.allocated.push_back(transfer);
@@ -627,9 +612,8 @@ int libusb_submit_transfer(libusb_transfer *transfer) {
         violation("a transfer with a time limit, or of another kind");
     if (transfer->callback == nullptr || transfer->buffer == nullptr || transfer->length <= 0)
         violation("a transfer without memory or callback");
-    int result = 0;
-    if (fails("libusb_submit_transfer", result))
-        return result;
+    if (const auto failure = failureOf("libusb_submit_transfer"))
+        return *failure;
     state.flying.push_back(transfer);
     changed.notify_all();
     return LIBUSB_SUCCESS;
@@ -646,18 +630,12 @@ int libusb_cancel_transfer(libusb_transfer *transfer) {
 }
 
 const char *libusb_error_name(int error) {
-    static const std::map<int, const char *> names{
-        {LIBUSB_SUCCESS, "LIBUSB_SUCCESS"},
-        {LIBUSB_ERROR_IO, "LIBUSB_ERROR_IO"},
-        {LIBUSB_ERROR_INVALID_PARAM, "LIBUSB_ERROR_INVALID_PARAM"},
-        {LIBUSB_ERROR_ACCESS, "LIBUSB_ERROR_ACCESS"},
-        {LIBUSB_ERROR_NO_DEVICE, "LIBUSB_ERROR_NO_DEVICE"},
-        {LIBUSB_ERROR_NOT_FOUND, "LIBUSB_ERROR_NOT_FOUND"},
-        {LIBUSB_ERROR_BUSY, "LIBUSB_ERROR_BUSY"},
-        {LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT"},
-        {LIBUSB_ERROR_PIPE, "LIBUSB_ERROR_PIPE"},
-        {LIBUSB_ERROR_NO_MEM, "LIBUSB_ERROR_NO_MEM"},
-    };
-    const auto found = names.find(error);
-    return found == names.end() ? "LIBUSB_ERROR_OTHER" : found->second;
+    constexpr std::array kNames{
+        "LIBUSB_SUCCESS",      "LIBUSB_ERROR_IO",          "LIBUSB_ERROR_INVALID_PARAM",
+        "LIBUSB_ERROR_ACCESS", "LIBUSB_ERROR_NO_DEVICE",   "LIBUSB_ERROR_NOT_FOUND",
+        "LIBUSB_ERROR_BUSY",   "LIBUSB_ERROR_TIMEOUT",     "LIBUSB_ERROR_OVERFLOW",
+        "LIBUSB_ERROR_PIPE",   "LIBUSB_ERROR_INTERRUPTED", "LIBUSB_ERROR_NO_MEM"};
+    const auto place = static_cast<size_t>(-error);
+    return place < kNames.size() ? kNames[place] : "LIBUSB_ERROR_OTHER";
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

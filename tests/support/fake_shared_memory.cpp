@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -24,11 +24,7 @@ struct LimitFile {
     LimitFile() : path("/proc/self/fd/" + std::to_string(file)) {
         vexausb::setUsbfsLimitFile(path.c_str());
         fake::limitTransfers("256");
-        const char *const wanted = std::getenv("VEXA_TEST_SHARING");
-        if (wanted != nullptr && std::strcmp(wanted, "none") == 0)
-            fake::shareMemory(fake::Sharing::None);
-        if (wanted != nullptr && std::strcmp(wanted, "half") == 0)
-            fake::shareMemory(fake::Sharing::Half);
+        fake::shareAsAsked();
     }
     const int file = memfd_create("limit", 0);
     const std::string path;
@@ -62,6 +58,12 @@ namespace fake {
 
 void shareMemory(Sharing sharing) {
     mode.store(sharing);
+}
+
+void shareAsAsked() {
+    const char *const value = std::getenv("VEXA_TEST_SHARING");
+    const std::string_view wanted = value == nullptr ? "" : value;
+    shareMemory(wanted == "none" ? Sharing::None : wanted == "half" ? Sharing::Half : Sharing::All);
 }
 
 void limitTransfers(const char *mebibytes) {

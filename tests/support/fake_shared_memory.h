@@ -14,6 +14,7 @@ enum class Sharing {
     All,
 };
 void shareMemory(Sharing sharing);
+void shareAsAsked(); // in the environment
 // The text in the limit's file; 256 at first.
 void limitTransfers(const char *mebibytes);
 // How much other programs share, and how much this one has told them, in MiB.

@@ -1,6 +1,5 @@
 #include "simulator.h"
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -8,26 +7,17 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "instrument_protocol.h"
+#include "support/device_list_snapshot.h"
 
 namespace test {
 
 namespace {
-
-constexpr std::chrono::milliseconds kStep{10};
-constexpr int kMostSteps = 3000;
-
-std::vector<uint8_t> bytesOf(const void *object, size_t size) {
-    std::vector<uint8_t> bytes(size);
-    std::memcpy(bytes.data(), object, size);
-    return bytes;
-}
 
 // Whether the shell's condition comes true.
 bool shellSays(const std::string &condition) {
@@ -36,12 +26,17 @@ bool shellSays(const std::string &condition) {
     });
 }
 
-} // namespace
-
-bool waitStep(int &step) {
-    std::this_thread::sleep_for(kStep);
-    return ++step < kMostSteps;
+std::vector<uint64_t> idsOf(bool (*wanted)(const _vexa_usb_device_list_item &)) {
+    const Snapshot snapshot;
+    std::vector<uint64_t> ids;
+    for (uint64_t i = 0; i < snapshot.count; ++i) {
+        if (wanted(*snapshot.list[i]))
+            ids.push_back(snapshot.list[i]->id);
+    }
+    return ids;
 }
+
+} // namespace
 
 Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wait) {
     // The list hears of an earlier simulator's end a moment after the kernel.
@@ -49,13 +44,15 @@ Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wa
         throw std::runtime_error("earlier devices are still listed");
     arguments.insert(arguments.begin(), {VEXA_SIMULATOR, "--attach", "--port", "0"});
     std::vector<char *> words;
+    words.reserve(arguments.size() + 1);
     for (std::string &argument : arguments)
         words.push_back(argument.data());
     words.push_back(nullptr);
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", 0, 0);
-    const int error = posix_spawn(&process, VEXA_SIMULATOR, &files, nullptr, words.data(), environ);
+    const int error =
+        posix_spawn(&process_, VEXA_SIMULATOR, &files, nullptr, words.data(), environ);
     posix_spawn_file_actions_destroy(&files);
     if (error != 0)
         throw std::runtime_error("cannot start " VEXA_SIMULATOR);
@@ -65,9 +62,9 @@ Simulator::Simulator(std::vector<std::string> arguments, size_t devices, bool wa
 
 // Waits until the kernel has let the devices go, so that the next test finds an empty bus.
 Simulator::~Simulator() {
-    kill(process, SIGTERM);
+    kill(process_, SIGTERM);
     int status = 0;
-    waitpid(process, &status, 0);
+    waitpid(process_, &status, 0);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         std::fprintf(stderr, "the simulator ended with status %#x\n",
                      static_cast<unsigned>(status));
@@ -76,24 +73,6 @@ Simulator::~Simulator() {
     if (!shellSays("! lsusb | grep -qv 'ID 1d6b:'")) // nothing but root hubs
         std::abort();
 }
-
-namespace {
-
-std::vector<uint64_t> idsOf(bool (*wanted)(const _vexa_usb_device_list_item &)) {
-    _vexa_usb_device_list_item **list = nullptr;
-    uint64_t count = 0;
-    std::vector<uint64_t> ids;
-    if (vexa_usb_get_device_list(&list, &count) != VEXA_USB_STATUS_SUCCESS)
-        return ids;
-    for (uint64_t i = 0; i < count; ++i) {
-        if (wanted(*list[i]))
-            ids.push_back(list[i]->id);
-    }
-    vexa_usb_free_device_list(list);
-    return ids;
-}
-
-} // namespace
 
 std::vector<uint64_t> listedIds(bool update) {
     if (update)
@@ -107,18 +86,13 @@ std::vector<uint64_t> listedInstruments() {
     });
 }
 
-_vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,
-                             int32_t *status) {
-    _vexa_usb_device_list_item **list = nullptr;
+_vexa_usb_device *openDevice(uint64_t id, EventLog &events, int32_t *status) {
+    const Snapshot snapshot;
     _vexa_usb_device *device = nullptr;
-    int32_t result = vexa_usb_get_device_list(&list, nullptr);
-    if (result == VEXA_USB_STATUS_SUCCESS) {
-        result = VEXA_USB_STATUS_UNKNOWN;
-        for (auto **item = list; *item != nullptr; ++item) {
-            if ((*item)->id == id)
-                result = vexa_usb_open(*item, callback, data, &device);
-        }
-        vexa_usb_free_device_list(list);
+    int32_t result = VEXA_USB_STATUS_UNKNOWN;
+    for (uint64_t i = 0; i < snapshot.count; ++i) {
+        if (snapshot.list[i]->id == id)
+            result = vexa_usb_open(snapshot.list[i], EventLog::callback, &events, &device);
     }
     if (status != nullptr)
         *status = result;
@@ -139,7 +113,9 @@ int32_t rewindStream(_vexa_usb_device *device) {
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
                uint16_t product, uint16_t afterMs) {
     const sim::VanishRequest request{afterBytes, returnAfterMs, product, afterMs};
-    return steer(device, sim::kRequestVanish, 0, 0, bytesOf(&request, sizeof(request)));
+    std::vector<uint8_t> bytes(sizeof(request));
+    std::memcpy(bytes.data(), &request, sizeof(request));
+    return steer(device, sim::kRequestVanish, 0, 0, bytes);
 }
 
 bool systemLists(const std::string &name, size_t count) {

@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include "support/event_log.h"
+#include "support/waiting.h"
 #include "vexa_usb.h"
 
 namespace test {
@@ -20,7 +22,7 @@ public:
     Simulator &operator=(const Simulator &) = delete;
 
 private:
-    pid_t process = 0;
+    pid_t process_ = 0;
 };
 
 // The ids of the listed devices, after an update.
@@ -29,8 +31,7 @@ std::vector<uint64_t> listedIds(bool update = true);
 std::vector<uint64_t> listedInstruments();
 
 // Opens the listed device with that id; null when that fails, with the status in `status`.
-_vexa_usb_device *openDevice(uint64_t id, vexa_usb_device_event_callback callback, void *data,
-                             int32_t *status = nullptr);
+_vexa_usb_device *openDevice(uint64_t id, EventLog &events, int32_t *status = nullptr);
 
 // A vendor request that steers the simulated instrument.
 int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value = 0, uint16_t index = 0,
@@ -38,21 +39,6 @@ int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value = 0, uin
 int32_t rewindStream(_vexa_usb_device *device);
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
                uint16_t product = 0, uint16_t afterMs = 0);
-
-// Whether `condition` comes true within a generous time.
-template <typename Condition>
-bool eventually(Condition condition);
-
-bool waitStep(int &step);
-
-template <typename Condition>
-bool eventually(Condition condition) {
-    for (int step = 0; !condition();) {
-        if (!waitStep(step))
-            return false;
-    }
-    return true;
-}
 
 // The memory that the system allows for the transfers of all programs.
 void limitTransfers(const std::string &mebibytes);

@@ -18,7 +18,7 @@
 
 namespace {
 
-using test::Events;
+using test::EventLog;
 
 constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
 constexpr uint32_t kError = VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR;
@@ -50,8 +50,7 @@ protected:
             vexa_usb_close(std::exchange(device, nullptr));
         ASSERT_TRUE(test::eventually([this]() {
             const auto ids = test::listedIds();
-            device =
-                ids.size() == 1 ? test::openDevice(ids[0], Events::callback, &events) : nullptr;
+            device = ids.size() == 1 ? test::openDevice(ids[0], events) : nullptr;
             return device != nullptr;
         }));
     }
@@ -71,8 +70,8 @@ protected:
     // has come that far.
     void drain(const std::atomic<uint64_t> &target) {
         for (uint64_t position = 0; position < target; reached = position) {
-            ASSERT_TRUE(
-                events.wait({{kFull, seen + 1}, {kError, errors + 1}, {kRemoved, removals + 1}}))
+            ASSERT_TRUE(events.waitForAny(
+                {{kFull, seen + 1}, {kError, errors + 1}, {kRemoved, removals + 1}}))
                 << "silent after " << position;
             while (paused)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -82,7 +81,7 @@ protected:
             uint64_t size = 0;
             const int32_t status = vexa_usb_data_stream_buffer_lock(device, &data, &size);
             if (status == VEXA_USB_STATUS_DEVICE_REMOVED) {
-                ASSERT_TRUE(events.wait(kRemoved, removals + 1)); // says so a little later
+                ASSERT_TRUE(events.waitFor(kRemoved, removals + 1)); // says so a little later
                 return;
             }
             ASSERT_EQ(status, 0);
@@ -126,7 +125,7 @@ protected:
     }
 
     std::mt19937 engine{20260314};
-    Events &events = Events::make();
+    EventLog &events = EventLog::make();
     _vexa_usb_device *device = nullptr;
     uint64_t seen = 0;
     uint64_t errors = 0;
@@ -163,7 +162,7 @@ TEST_F(StrictTest, NoWrongByteWhateverHappens) {
         const int32_t stopped = vexa_usb_data_stream_stop(device);
         EXPECT_TRUE(stopped == 0 || stopped == VEXA_USB_STATUS_DEVICE_REMOVED);
         // The last event; a device that is removed meanwhile gives none.
-        ASSERT_TRUE(events.wait({{kStopped, stops + 1}, {kRemoved, removals + 1}}));
+        ASSERT_TRUE(events.waitForAny({{kStopped, stops + 1}, {kRemoved, removals + 1}}));
         stops = events.count(kStopped);
         // Nothing is reported behind the end.  What a removed device reported could not be read.
         if (events.count(kError) > errors && events.count(kRemoved) == removals) {

@@ -1,6 +1,4 @@
 // The device list and its entries, and opening from them.
-#include <thread>
-
 #include "support/device_fixtures.h"
 
 namespace {
@@ -9,7 +7,7 @@ constexpr uint16_t kVendor = VEXA_USB_VENDOR_ID;
 
 class DeviceListTest : public test::FakeBusTest {
 protected:
-    void start() { vexa_usb_init(); }
+    DeviceListTest() { vexa_usb_init(); }
     ~DeviceListTest() override { vexa_usb_fini(); }
 
     static std::vector<std::pair<uint16_t, uint16_t>> listed() {
@@ -21,8 +19,7 @@ protected:
         return result;
     }
     static void waitCount(uint64_t count) {
-        while (test::Snapshot().count != count)
-            std::this_thread::yield();
+        EXPECT_TRUE(test::eventually([&]() { return test::Snapshot().count == count; }));
     }
     int32_t open(const _vexa_usb_device_list_item *record) {
         _vexa_usb_device *device = nullptr;
@@ -38,7 +35,6 @@ protected:
 };
 
 TEST_F(DeviceListTest, UpdateAddsSupportedDevicesOnce) {
-    start();
     EXPECT_TRUE(listed().empty());
     fake::attach(0x04B4, 0x8613);
     fake::attach(0x04B4, 0x8614);
@@ -57,7 +53,6 @@ TEST_F(DeviceListTest, UpdateAddsSupportedDevicesOnce) {
 }
 
 TEST_F(DeviceListTest, UnreadableDevicesAndBusesAreSkipped) {
-    start();
     fake::attach(kVendor, 1);
     fake::attach(kVendor, 2);
     fake::failCall("libusb_get_device_list");
@@ -69,7 +64,6 @@ TEST_F(DeviceListTest, UnreadableDevicesAndBusesAreSkipped) {
 }
 
 TEST_F(DeviceListTest, FollowsHotplug) {
-    start();
     libusb_device *const first = fake::attach(kVendor, 1);
     fake::notifyArrival(first);
     waitCount(1);
@@ -88,7 +82,6 @@ TEST_F(DeviceListTest, FollowsHotplug) {
 }
 
 TEST_F(DeviceListTest, OpenMakesItsCallsInOrder) {
-    start();
     fake::attach(kVendor, 1);
     vexa_usb_update_device_list();
     const test::Snapshot snapshot;
@@ -105,7 +98,6 @@ TEST_F(DeviceListTest, OpenMakesItsCallsInOrder) {
 }
 
 TEST_F(DeviceListTest, OpenFailsCleanly) {
-    start();
     libusb_device *const device = fake::attach(kVendor, 1);
     vexa_usb_update_device_list();
     const test::Snapshot snapshot;

@@ -1,10 +1,12 @@
 // Opened devices: checks, queries, synchronous transfers, removal.
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <future>
+#include <string>
 #include <thread>
-#include <utility>
+#include <vector>
 
 #include "device/abstract_device.h"
 #include "support/device_fixtures.h"
@@ -12,38 +14,6 @@
 namespace {
 
 using test::DeviceTest;
-
-TEST_F(DeviceTest, EveryCallOnARemovedDeviceSaysSo) {
-    uint8_t byte = 0;
-    uint8_t *pointer = nullptr;
-    uint64_t number = 0;
-    uint16_t size = 0;
-    _vexa_usb_version version{};
-    _vexa_usb_device_descriptor descriptor{};
-    EXPECT_EQ(vexa_usb_get_kernel_driver_version(device, &version), -2);
-    ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), 0);
-    remove();
-    EXPECT_EQ(vexa_usb_get_kernel_driver_version(device, &version), -12);
-    EXPECT_EQ(vexa_usb_get_device_descriptor(device, &descriptor, 16), -12);
-    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x81, &size), -12);
-    EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 0, 0, 0, nullptr, 70000), -12);
-    EXPECT_EQ(vexa_usb_bulk_read(device, 0x81, &byte, 1), -12);
-    EXPECT_EQ(vexa_usb_interrupt_write(device, 0x01, &byte, 1), -12);
-    EXPECT_EQ(vexa_usb_event_pipe_enable(device, 0x81), -12);
-    // Direction and state are looked at first.
-    EXPECT_EQ(vexa_usb_bulk_read(device, 0x02, &byte, 1), -11);
-    EXPECT_EQ(vexa_usb_bulk_write(device, 0x81, &byte, 1), -11);
-    EXPECT_EQ(vexa_usb_event_pipe_disable(device), -6);
-    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x82, 512, 4), -8);
-    EXPECT_EQ(vexa_usb_data_stream_start(device, 0x02, 512, 4), -11);
-    EXPECT_EQ(vexa_usb_data_stream_stop(device), -12);
-    EXPECT_EQ(vexa_usb_data_stream_buffer_lock(device, &pointer, &number), -12);
-    EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), -12);
-    EXPECT_EQ(vexa_usb_data_stream_rate_max(device, &number), -12);
-    EXPECT_EQ(close(), 0);
-    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 1U);
-    EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED), 0U);
-}
 
 TEST_F(DeviceTest, DescriptorKeepsItsOddities) {
     _vexa_usb_device_descriptor record;
@@ -63,7 +33,9 @@ TEST_F(DeviceTest, PacketSizes) {
     EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x8F, &size), -10);
     fake::failCall("libusb_get_max_packet_size", LIBUSB_ERROR_OTHER);
     EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &size), -1);
-    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, nullptr), -5);
+    fake::describe(usbDevice).packetSizes[0x82] = 0;
+    EXPECT_EQ(vexa_usb_get_max_packet_size(device, 0x82, &size), 0);
+    EXPECT_EQ(size, 0);
 }
 
 TEST_F(DeviceTest, ControlTransfers) {
@@ -82,8 +54,25 @@ TEST_F(DeviceTest, ControlTransfers) {
     EXPECT_EQ(vexa_usb_control_transfer(device, 0, 0, 0, 9, 1, 0, nullptr, 0), -1);
 }
 
+TEST_F(DeviceTest, TransfersGoToTheirEndpoints) {
+    std::vector<uint8_t> endpoints;
+    fake::onTransfer([&](uint8_t endpoint, uint8_t *, int, int *) {
+        endpoints.push_back(endpoint);
+        return 0;
+    });
+    std::array<uint8_t, 4> data{};
+    EXPECT_EQ(vexa_usb_interrupt_read(device, 0x81, data.data(), 1), 0);
+    EXPECT_EQ(vexa_usb_interrupt_write(device, 0x02, data.data(), 2), 0);
+    EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, data.data(), 3), 0);
+    EXPECT_EQ(vexa_usb_bulk_write(device, 0x04, data.data(), 4), 0);
+    EXPECT_EQ(endpoints, (std::vector<uint8_t>{0x81, 0x02, 0x83, 0x04}));
+    EXPECT_EQ(fake::takeCalls(), (std::vector<std::string>{
+                                     "libusb_interrupt_transfer(1)", "libusb_interrupt_transfer(2)",
+                                     "libusb_bulk_transfer(3)", "libusb_bulk_transfer(4)"}));
+}
+
 TEST_F(DeviceTest, LongTransfersGoInPieces) {
-    std::vector<uint8_t> data(3 * 524288);
+    std::vector<uint8_t> data(3UL * 524288);
     const auto calls = [&](uint64_t length) {
         fake::takeCalls();
         EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, data.data(), length), 0);
@@ -125,32 +114,37 @@ TEST_F(DeviceTest, LongTransfersGoInPieces) {
     }
 }
 
-// The last fini waits for the pieces in progress, all at once, and only then closes.
+// The last fini lets the pieces in progress end, turns all devices' callers away at once, and only
+// then closes.
 TEST_F(DeviceTest, FiniWaitsForAllDevicesAtOnce) {
-    std::atomic<int> inside = 0;
     std::atomic<int> pieces = 0;
-    fake::onTransfer([&](uint8_t, uint8_t *, int length, int *actual) {
-        thread_local bool begun = false;
-        inside += std::exchange(begun, true) ? 0 : 1;
+    std::promise<void> goOn;
+    const auto gone = goOn.get_future().share();
+    fake::onTransfer([&](uint8_t, uint8_t *, int, int *) {
         ++pieces;
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        *actual = length;
+        gone.wait();
         return 0;
     });
-    std::vector<_vexa_usb_device *> devices{open(), open(), open(), open()};
+    std::vector<_vexa_usb_device *> devices{open(), open(), open()};
     std::vector<std::thread> threads;
+    threads.reserve(devices.size() + 1);
     for (_vexa_usb_device *each : devices) {
         threads.emplace_back([each]() {
-            std::vector<uint8_t> data(20 * 524288);
+            std::vector<uint8_t> data(2UL * 524288);
             EXPECT_EQ(vexa_usb_bulk_read(each, 0x83, data.data(), data.size()), -1);
         });
     }
-    while (inside < 4)
-        std::this_thread::yield();
-    vexa_usb_fini();
-    EXPECT_LE(pieces, 8);
+    close();
+    fake::takeCalls();
+    EXPECT_TRUE(test::eventually([&]() { return pieces == 3; }));
+    threads.emplace_back(vexa_usb_fini);
+    for (_vexa_usb_device *each : devices)
+        EXPECT_TRUE(test::eventually([each]() { return isTurnedAway(each); }));
+    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
+    goOn.set_value();
     for (std::thread &thread : threads)
         thread.join();
+    EXPECT_EQ(pieces, 3);
     vexa_usb_init();
     for (_vexa_usb_device *each : devices)
         vexa_usb_close(each);
@@ -167,6 +161,7 @@ TEST_F(DeviceTest, CloseGivesBackWhoeverElseHoldsTheDevice) {
               (std::vector<std::string>{"libusb_release_interface(0)", "libusb_close"}));
     EXPECT_TRUE(fake::inFlight().empty());
     held->setRemoved();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to be told, if it were
     device = open();
     EXPECT_EQ(log.count(VEXA_USB_DEVICE_EVENT_REMOVED), 0U);
 }
@@ -198,12 +193,8 @@ TEST_F(RateTest, FollowsTheUsbVersion) {
         fake::attach(VEXA_USB_VENDOR_ID, 1, bcdUsb);
         vexa_usb_init();
         vexa_usb_update_device_list();
-        test::EventLog &log = test::EventLog::make();
         _vexa_usb_device *device = nullptr;
-        {
-            const test::Snapshot snapshot;
-            ASSERT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &device), 0);
-        }
+        ASSERT_EQ(test::openFirst(test::EventLog::make(), device), 0);
         uint64_t value = 1;
         const int32_t expected = rate == 0 ? -2 : 0;
         EXPECT_EQ(vexa_usb_data_stream_rate_max(device, &value), expected) << bcdUsb;

@@ -1,5 +1,6 @@
 // Threads and the event queue.
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -13,6 +14,7 @@
 
 #include "core/event_queue.h"
 #include "core/thread.h"
+#include "support/waiting.h"
 
 namespace {
 
@@ -73,9 +75,19 @@ TEST(EventQueue, StopDropsWhatIsQueued) {
     queue.reset();
     EXPECT_FALSE(watch.expired());
     shared->goOn.set_value();
-    while (!watch.expired())
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([&]() { return watch.expired(); }));
     EXPECT_EQ(shared->handled, (std::vector<int>{1, 2}));
+}
+
+// A worker that has nothing to do hears of the stop, and ends.
+TEST(EventQueue, StopsIdle) {
+    auto queue = std::make_shared<EventQueue<int>>([](const int &) {});
+    const std::weak_ptr<EventQueue<int>> watch = queue;
+    queue->start("idle");
+    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // time to become idle
+    queue->stop();
+    queue.reset();
+    EXPECT_TRUE(test::eventually([&]() { return watch.expired(); }));
 }
 
 // What an event holds is released by the worker, after the handler, and nowhere else.

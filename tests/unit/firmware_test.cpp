@@ -148,7 +148,10 @@ TEST_F(FirmwareTest, Fx3WalksTheSections) {
     ASSERT_EQ(load(), 0);
     ASSERT_EQ(sent.size(), 4U);
     EXPECT_EQ(sent[0].value, 0xFC00);
+    EXPECT_EQ(sent[0].index, 0x4000);
     EXPECT_EQ(sent[0].data.size(), 2048U);
+    const auto *const firstData = reinterpret_cast<const uint8_t *>(&image[3]);
+    EXPECT_EQ(sent[0].data + sent[1].data, Bytes(firstData, firstData + 2400));
     EXPECT_EQ(sent[1].value, 0x0400); // behind a 64 KiB boundary
     EXPECT_EQ(sent[1].index, 0x4001);
     EXPECT_EQ(sent[1].data.size(), 352U);
@@ -163,10 +166,12 @@ TEST_F(FirmwareTest, Fx3WalksTheSections) {
     for (const auto &[length, status, requests] :
          std::initializer_list<std::tuple<size_t, int32_t, size_t>>{{1, 0, 0},
                                                                     {2, -5, 0},
+                                                                    {3, -5, 0},
                                                                     {602, -5, 0},
                                                                     {sectionEnd, 0, 2},
                                                                     {sectionEnd + 1, -5, 2},
                                                                     {sectionEnd + 3, 0, 3},
+                                                                    {sectionEnd + 4, -5, 3},
                                                                     {sectionEnd + 5, -5, 3}}) {
         sent.clear();
         EXPECT_EQ(vexa_usb_fx3_load_firmware(device, image.data(), length), status) << length;
@@ -181,7 +186,9 @@ TEST_F(FirmwareTest, Fx3WalksTheSections) {
 
 TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
     const Bytes idle{0, 0, 0, 0, 5, 0};
-    const Bytes image(4097, 0x42);
+    Bytes image(4097);
+    for (size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<uint8_t>(i % 251);
     std::vector<double> progress;
     const auto callback = [](void *data, double done) {
         static_cast<std::vector<double> *>(data)->push_back(done);
@@ -191,20 +198,23 @@ TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
         progress.clear();
         return vexa_usb_dfu_download(device, image.data(), size, callback, &progress);
     };
-    answers = {{0, 0, 0, 0, 4, 0}, {0, 20, 0, 0, 4, 0}, idle, idle};
+    answers = {{0, 0, 0, 0, 4, 0}, {0, 4, 1, 0, 4, 0}, idle, idle};
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(download(4097), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+    const auto polled = std::chrono::steady_clock::now() - before;
+    EXPECT_GE(polled, std::chrono::milliseconds(260));
+    EXPECT_LT(polled, std::chrono::milliseconds(1028)); // as if the bytes were in another order
     const Request status{0xA1, 3, 0, 0, {}};
-    const std::vector<Request> expected{{0x21, 1, 0, 0, Bytes(4096, 0x42)},
+    const std::vector<Request> expected{{0x21, 1, 0, 0, Bytes(image.begin(), image.end() - 1)},
                                         status,
                                         status,
                                         status,
-                                        {0x21, 1, 1, 0, {0x42}},
+                                        {0x21, 1, 1, 0, {image.back()}},
                                         status,
                                         {0x21, 1, 2, 0, {}},
                                         status};
     EXPECT_EQ(sent, expected);
+    EXPECT_EQ(fake::countCalls("libusb_control_transfer(161,3,0,0,6)"), 5U);
     EXPECT_EQ(progress, (std::vector<double>{4096.0 / 4097, 1}));
     answers = {idle};
     EXPECT_EQ(download(4096), 0);
@@ -309,13 +319,24 @@ TEST_F(Imx7Test, RetriesCommandsOnly) {
 }
 
 TEST_F(Imx7Test, LooksAtTheHeaders) {
-    for (const size_t wrong : std::initializer_list<size_t>{0, 12, 15}) {
-        ++spl[wrong];
-        EXPECT_EQ(load(), -1);
-        --spl[wrong];
+    for (size_t wrong = 0; wrong < 24; ++wrong) {
+        const bool counts = wrong == 0 || (wrong >= 12 && wrong < 16);
+        spl[wrong] = static_cast<uint8_t>(spl[wrong] + 1);
+        EXPECT_EQ(load(), counts ? -1 : 0) << wrong;
+        EXPECT_EQ(sent.empty(), counts) << wrong;
+        spl[wrong] = static_cast<uint8_t>(spl[wrong] - 1);
     }
+    sent.clear();
     EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), 23), -1);
     EXPECT_TRUE(sent.empty());
+    spl[20] = 1; // all of the address, least significant byte first
+    spl[21] = 2;
+    spl[22] = 3;
+    spl[23] = 4;
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(Bytes(&sent[3].data[3], &sent[3].data[7]), (Bytes{4, 3, 2, 1}));
+    EXPECT_EQ(Bytes(&sent[8].data[3], &sent[8].data[7]), (Bytes{4, 3, 2, 1}));
+    sent.clear();
 
     Bytes uboot = Bytes{0x27, 0x05, 0x19, 0x56} + Bytes(60);
     uboot[16] = 0x87;
@@ -324,6 +345,20 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), 19), -1);
     EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, spl.data(), spl.size()), -1);
     EXPECT_EQ(sent, (std::vector<Request>{descriptor, descriptor}));
+    for (size_t wrong = 0; wrong < 4; ++wrong) {
+        uboot[wrong] ^= 1;
+        EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), uboot.size()), -1);
+        uboot[wrong] ^= 1;
+    }
+    // The header alone, or less of it, is sent as it is.
+    for (size_t size = 20; size < 64; size += 43) {
+        sent.clear();
+        answers = {Bytes(), kSecurity, Bytes{4}, kSecurity, kComplete};
+        EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), size), 0) << size;
+        ASSERT_EQ(sent.size(), 11U);
+        EXPECT_EQ(sent[4].data[11], size);
+        EXPECT_EQ(Bytes(&sent[5].data[1], &sent[5].data[1] + size), Bytes(&uboot[0], &uboot[size]));
+    }
     sent.clear();
     steps = 0;
     failAt = 0; // whether the descriptor could be read does not matter
@@ -331,41 +366,16 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), uboot.size()), 0);
     ASSERT_EQ(sent.size(), 11U);
     EXPECT_EQ(Bytes(&sent[4].data[3], &sent[4].data[7]), (Bytes{0x87, 0x7F, 0xFF, 0xC0}));
-}
 
-TEST_F(FirmwareTest, ChecksInOrder) {
-    const uint8_t byte = 0;
-    const uint32_t word = 0;
-    using Call = std::function<int32_t(_vexa_usb_device *, bool)>;
-    const std::vector<Call> calls{
-        [&](auto *handle, bool good) {
-            return vexa_usb_dfu_download(handle, &byte, good ? 1 : 0, nullptr, nullptr);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_imx7_load_firmware_spl(handle, good ? &byte : nullptr, 1);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_imx7_load_firmware_uboot(handle, &byte, good ? 1 : 0);
-        },
-        [&](auto *handle, bool good) {
-            return vexa_usb_fx3_load_firmware(handle, good ? &word : nullptr, 1);
-        },
-        [](auto *handle, bool good) { return vexa_usb_fx2_reset(good ? handle : nullptr); },
-        [](auto *handle, bool good) { return vexa_usb_fx2_renumerate(good ? handle : nullptr); },
-        [](auto *handle, bool good) {
-            return vexa_usb_fx2_load_firmware(good ? handle : nullptr, nullptr, 0);
-        },
-    };
-    remove();
-    for (const Call &call : calls) {
-        EXPECT_EQ(call(nullptr, true), VEXA_USB_STATUS_INVALID_PARAMETERS);
-        EXPECT_EQ(call(device, false), VEXA_USB_STATUS_INVALID_PARAMETERS);
-        EXPECT_EQ(call(device, true), VEXA_USB_STATUS_DEVICE_REMOVED);
+    // One byte of the mark of a completed write is wrong.
+    for (size_t wrong = 1; wrong < 5; ++wrong) {
+        Bytes mark = kComplete;
+        --mark[wrong];
+        sent.clear();
+        answers = {kSecurity, Bytes{4}, kSecurity, mark};
+        EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), spl.size()), -1) << wrong;
+        EXPECT_EQ(sent.size(), 8U) << wrong;
     }
-    // The removal does not matter where there is nothing to do.
-    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 1), VEXA_USB_STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(vexa_usb_lpc4370_load_firmware(device, &byte, 0), VEXA_USB_STATUS_INVALID_PARAMETERS);
-    EXPECT_TRUE(sent.empty());
 }
 
 } // namespace

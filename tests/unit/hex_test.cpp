@@ -68,6 +68,9 @@ TEST(HexText, RefusesTheRest) {
     EXPECT_EQ(thrownByText(":00 00001FF"), "runtime error:"); // " 0" is no number
     EXPECT_EQ(thrownByText(":02000000FF"), "runtime error:"); // ends at the data
     EXPECT_EQ(thrownByText(":040000000102FF"), "runtime error:");
+    EXPECT_EQ(thrownByText(":0000001FF"), "runtime error:");                    // a character short
+    EXPECT_EQ(thrownByText(":0200000001FD"), "runtime error:Invalid checksum"); // a byte short
+    EXPECT_EQ(thrownByText(":020000000102F"), "runtime error:");
     EXPECT_EQ(thrownByText(":00000001FF\n:0"), "runtime error:"); // also behind the end record
 }
 
@@ -108,6 +111,15 @@ TEST(HexImage, PlacesRecords) {
     image = hexRecordsToImage({record(kHexExtendedLinearAddress, 0, {0xFF, 0xFF}),
                                record(kHexExtendedSegmentAddress, 0, {0, 0}), record(0, 1, {5})});
     EXPECT_EQ(image, (Bytes{0, 5}));
+    // A segment's base may reach above 16 bits, where the offset carries.
+    image = hexRecordsToImage(
+        {record(kHexExtendedSegmentAddress, 0, {0xFF, 0xFF}), record(0, 0xFFFF, {1})});
+    EXPECT_EQ(image.size(), 0xFFFF0U + 0xFFFF + 1);
+    HexAddress address;
+    address.extend(record(kHexExtendedLinearAddress, 0, {0x12, 0x34}).view());
+    EXPECT_EQ(address.of(record(0, 0x5678, {}).view()), 0x12345678U);
+    address.extend(record(kHexExtendedLinearAddress, 0, {0xFF, 0xFF}).view());
+    EXPECT_EQ(address.of(record(0, 0xFFFF, {}).view()), 0xFFFFFFFFU);
     for (const uint8_t type : Bytes{3, 5, 6, 255})
         EXPECT_EQ(thrownBy([&]() {
                       hexRecordsToImage({record(type, 0, {0, 0})});

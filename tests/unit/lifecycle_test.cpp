@@ -1,16 +1,24 @@
 // Start-up and shut-down.
+#include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/supported_devices.h"
+#include "support/allocations.h"
 #include "support/device_fixtures.h"
 
 namespace {
 
+const bool loopRunsAtFirst = vexausb::libusbRunning.load(); // before any test has set it
+
 class LifecycleTest : public test::FakeBusTest {};
 
 TEST_F(LifecycleTest, StartsAndStopsInOrder) {
+    EXPECT_TRUE(loopRunsAtFirst);
     vexa_usb_init();
     vexa_usb_init();
     vexa_usb_fini();
@@ -42,8 +50,7 @@ TEST_F(LifecycleTest, WithoutContextTheListStaysEmpty) {
     libusb_device *const late = fake::attach(VEXA_USB_VENDOR_ID, 2);
     vexa_usb_init();
     fake::notifyArrival(late);
-    while (test::Snapshot().count == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([]() { return test::Snapshot().count == 1; }));
     vexa_usb_fini();
 }
 
@@ -85,30 +92,185 @@ TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
     vexa_usb_fini();
 }
 
+// What comes while the first init or the last fini is at work waits for its end; then the state is
+// as the counter says, and whole.
+TEST_F(LifecycleTest, InitAndFiniDuringATransition) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    std::vector<std::thread> threads;
+    const auto during = [&](const char *point, const std::vector<void (*)()> &calls) {
+        fake::onCall(point, [&threads, calls]() {
+            for (const auto call : calls) {
+                const uint64_t before = vexausb::initCount.load();
+                threads.emplace_back(call);
+                EXPECT_TRUE(
+                    test::eventually([&]() { return vexausb::initCount.load() != before; }));
+                EXPECT_EQ(vexa_usb_update_device_list(), -3);
+            }
+        });
+    };
+    const auto expect = [&](uint64_t count, size_t starts) {
+        for (std::thread &thread : std::exchange(threads, {}))
+            thread.join();
+        EXPECT_EQ(vexausb::initCount.load(), count);
+        EXPECT_EQ(vexa_usb_update_device_list(), count == 0 ? -3 : 0);
+        EXPECT_EQ(fake::countCalls("libusb_init"), starts);
+        EXPECT_EQ(fake::countCalls("libusb_exit") + (count == 0 ? 0 : 1), starts);
+    };
+    during("libusb_init", {vexa_usb_fini, vexa_usb_init});
+    vexa_usb_init();
+    expect(1, 1);
+    EXPECT_EQ(test::Snapshot().count, 1U);
+    during("libusb_exit", {vexa_usb_init, vexa_usb_fini});
+    vexa_usb_fini();
+    expect(0, 1);
+    during("libusb_init", {vexa_usb_fini});
+    vexa_usb_init();
+    expect(0, 2);
+    vexa_usb_init();
+    during("libusb_exit", {vexa_usb_init});
+    vexa_usb_fini();
+    expect(1, 4);
+    EXPECT_EQ(test::Snapshot().count, 1U);
+    vexa_usb_fini();
+}
+
+size_t threadCount() {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(threads), end(threads)));
+}
+
+// No thread, connection or ring is left, whichever way a device was closed.
+TEST_F(LifecycleTest, NothingAccumulates) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    constexpr uint64_t kBufferSize = 65536;
+    const size_t threads = threadCount();
+    const uint64_t memory = allocations::inUse();
+    for (int round = 0; round < 100; ++round) {
+        test::EventLog &log = test::EventLog::make();
+        vexausb::libusbRunning.store(true);
+        vexa_usb_init();
+        vexa_usb_update_device_list();
+        _vexa_usb_device *device = nullptr;
+        ASSERT_EQ(test::openFirst(log, device), 0);
+        for (int run = 0; run < 2; ++run) {
+            ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, kBufferSize, 4), 0);
+            if (run == 0) {
+                ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
+            }
+        }
+        ASSERT_EQ(vexa_usb_event_pipe_enable(device, 0x81), 0);
+        if (round % 2 == 0) {
+            vexa_usb_fini();
+            vexa_usb_init();
+        }
+        ASSERT_EQ(vexa_usb_close(device), 0);
+        vexa_usb_fini();
+    }
+    EXPECT_EQ(fake::countCalls("libusb_close"), 100U);
+    EXPECT_FALSE(fake::closedInFlight());
+    EXPECT_TRUE(test::eventually([&]() { return threadCount() <= threads; }));
+    EXPECT_LT(allocations::inUse(), memory + 10 * kBufferSize);
+}
+
+// Neither does a device that is closed leave anything, nor a stream that is stopped.
+class AccumulationTest : public test::DeviceTest {};
+
+TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
+    constexpr uint64_t kAllowed = 40000;
+    const uint64_t memory = allocations::inUse();
+    for (int round = 0; round < 300; ++round) {
+        ASSERT_EQ(start(8192, 4), 0);
+        ASSERT_EQ(stop(), 0);
+        fake::takeCalls();
+    }
+    EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
+    for (int round = 0; round < 300; ++round) {
+        ASSERT_EQ(close(), 0);
+        device = open();
+        fake::takeCalls();
+    }
+    EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
+}
+
+class TearDownTest : public test::DeviceTest {
+protected:
+    // Has the last fini begin on a thread of its own, at the next call of that function, and go as
+    // far as turning the device's callers away.
+    void finiAt(const char *function) {
+        fake::onCall(function, [this]() {
+            finishing = std::thread(vexa_usb_fini);
+            EXPECT_TRUE(test::eventually([this]() { return isTurnedAway(device); }));
+        });
+    }
+    void expectTornDown() {
+        finishing.join();
+        EXPECT_TRUE(fake::inFlight().empty());
+        EXPECT_FALSE(fake::closedInFlight());
+        vexa_usb_init();
+        EXPECT_EQ(close(), 0);
+        beginAgain();
+    }
+
+    std::thread finishing;
+};
+
+TEST_F(TearDownTest, OpenDuringTheLastFini) {
+    const test::Snapshot snapshot;
+    _vexa_usb_device *opened = nullptr;
+    finiAt("libusb_claim_interface");
+    EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+    EXPECT_EQ(opened, nullptr);
+    expectTornDown();
+}
+
+TEST_F(TearDownTest, StartDuringTheLastFini) {
+    for (const char *point :
+         {"libusb_get_max_packet_size", "libusb_alloc_transfer", "libusb_submit_transfer"}) {
+        SCOPED_TRACE(point);
+        finiAt(point);
+        EXPECT_EQ(start(512, 8), 0);
+        expectTornDown();
+        finiAt(point);
+        enable(); // armed, or refused
+        expectTornDown();
+    }
+}
+
+// Both wait for the same transfers; one of them closes.
+TEST_F(TearDownTest, CloseDuringTheLastFini) {
+    ASSERT_EQ(start(512, 8), 0);
+    fake::holdEvents(true);
+    std::thread closing([this]() { EXPECT_EQ(close(), 0); });
+    EXPECT_TRUE(test::eventually([]() { return fake::inFlight().empty(); }));
+    std::thread fini(vexa_usb_fini);
+    EXPECT_TRUE(test::eventually([]() { return vexa_usb_update_device_list() != 0; }));
+    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
+    fake::holdEvents(false);
+    closing.join();
+    fini.join();
+    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
+    vexa_usb_init();
+}
+
 // Everything at once: the fake stops the program when a context is used or doubled wrongly.
 TEST_F(LifecycleTest, ManyThreadsInitAndFini) {
     fake::attach(VEXA_USB_VENDOR_ID, 1);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 6; ++i) {
-        threads.emplace_back([]() {
-            for (int round = 0; round < 200; ++round) {
-                vexa_usb_init();
-                vexa_usb_update_device_list();
-                test::EventLog &log = test::EventLog::make();
-                {
-                    const test::Snapshot snapshot;
-                    _vexa_usb_device *device = nullptr;
-                    if (snapshot.status == 0 && snapshot.count > 0 &&
-                        vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &device) ==
-                            0) {
-                        vexa_usb_data_stream_start(device, 0x82, 4096, 4);
-                        vexa_usb_close(device);
-                    }
-                }
-                vexa_usb_fini();
+    const auto cycle = []() {
+        test::EventLog &log = test::EventLog::make();
+        for (int round = 0; round < 200; ++round) {
+            vexa_usb_init();
+            vexa_usb_update_device_list();
+            _vexa_usb_device *device = nullptr;
+            if (test::openFirst(log, device) == 0) {
+                vexa_usb_data_stream_start(device, 0x82, 4096, 4);
+                vexa_usb_close(device);
             }
-        });
-    }
+            vexa_usb_fini();
+        }
+    };
+    std::vector<std::thread> threads(6);
+    for (std::thread &thread : threads)
+        thread = std::thread(cycle);
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(vexausb::initCount.load(), 0U);

@@ -1,12 +1,19 @@
 // What the library says of itself, and when.
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <string>
 
+#include <unistd.h>
+
 #include "core/log.h"
+#include "core/usbfs_limit.h"
 #include "support/device_fixtures.h"
+#include "support/fake_shared_memory.h"
 
 namespace {
+
+using Action = std::function<void()>;
 
 class LogTest : public test::DeviceTest {
 protected:
@@ -16,7 +23,7 @@ protected:
     }
 
     // What is written to standard error meanwhile.
-    static std::string logOf(const char *level, const std::function<void()> &action) {
+    static std::string logOf(const char *level, const Action &action) {
         if (level == nullptr)
             unsetenv("VEXA_USB_LOG");
         else
@@ -26,10 +33,12 @@ protected:
         action();
         return testing::internal::GetCapturedStderr();
     }
-    static bool says(const std::string &log, const std::string &text) {
-        return log.find(text) != std::string::npos;
+    static void expectSays(const std::string &log, const std::string &text, bool expected = true) {
+        EXPECT_EQ(log.find(text) != std::string::npos, expected) << text << " in:\n" << log;
     }
-    int32_t start() { return vexa_usb_data_stream_start(device, 0x82, 512, 3); }
+    static void expectError(const Action &action, const std::string &text) {
+        expectSays(logOf("error", action), text);
+    }
 };
 
 TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
@@ -37,19 +46,34 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
         fake::failCall("libusb_bulk_transfer", LIBUSB_ERROR_PIPE);
         uint8_t byte = 0;
         EXPECT_EQ(vexa_usb_bulk_read(device, 0x83, &byte, 1), -1);
+        fake::failCall("libusb_control_transfer", LIBUSB_ERROR_PIPE);
+        EXPECT_EQ(vexa_usb_fx2_renumerate(device), -1);
         fake::failCall("libusb_get_device_list");
         EXPECT_EQ(vexa_usb_update_device_list(), 0);
     };
     EXPECT_EQ(logOf(nullptr, refuse), "");
     EXPECT_EQ(logOf("", refuse), "");
-    for (const char *level : {"error", "info", "debug"}) {
-        const std::string said = logOf(level, refuse);
-        EXPECT_TRUE(says(said, " error: the bus cannot be read"));
-        EXPECT_EQ(says(said, " debug: 5658:0001 at 001/001: a transfer on endpoint 0x83 failed"),
-                  std::string(level) == "debug");
-        EXPECT_EQ(said.back(), '\n');
+    for (const std::string level : {"error", "info", "debug"}) {
+        const std::string said = logOf(level.c_str(), refuse);
+        EXPECT_EQ(said.find(' ', said.find('.')) - said.find('.'), 7U) << said; // microseconds
+        expectSays(said, " unit-tests error: the bus cannot be read");
+        for (const std::string endpoint : {"0x83", "0x00"})
+            expectSays(said,
+                       " debug: 5658:0001 at 001/001: a transfer on endpoint " + endpoint +
+                           " failed: LIBUSB_ERROR_PIPE\n",
+                       level == "debug");
     }
-    EXPECT_TRUE(says(logOf("loud", refuse), "VEXA_USB_LOG is 'loud'"));
+    expectSays(logOf("loud", refuse), "VEXA_USB_LOG is 'loud'");
+}
+
+TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {
+    logOf("error", []() {
+        const int saved = dup(STDERR_FILENO);
+        ::close(STDERR_FILENO);
+        vexausb::logLine(vexausb::LogLevel::Error, "unheard");
+        dup2(saved, STDERR_FILENO);
+        ::close(saved);
+    });
 }
 
 TEST_F(LogTest, AFailedOpenSaysWhy) {
@@ -58,113 +82,142 @@ TEST_F(LogTest, AFailedOpenSaysWhy) {
         _vexa_usb_device *opened = nullptr;
         EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
     };
-    const auto failing = [&](const char *function, int result) {
-        return logOf("error", [&]() {
-            fake::failCall(function, result);
-            tryOpening();
-        });
+    const struct {
+        const char *function;
+        int result;
+        const char *text;
+    } cases[] = {
+        {"libusb_open", LIBUSB_ERROR_ACCESS, "udev rule 70-vexa-usb.rules"},
+        {"libusb_open", LIBUSB_ERROR_IO, "/dev/bus/usb/001/001 cannot be"},
+        {"libusb_claim_interface", LIBUSB_ERROR_BUSY, "another program"},
+        {"libusb_claim_interface", LIBUSB_ERROR_NO_DEVICE, "has just left"},
+        {"libusb_claim_interface", LIBUSB_ERROR_IO, "plug the device in"},
+        {"libusb_get_device_list", LIBUSB_ERROR_OTHER, "cannot be opened"},
+        {"libusb_get_device_descriptor", LIBUSB_ERROR_IO, "cannot be opened"},
     };
-    EXPECT_TRUE(says(failing("libusb_open", LIBUSB_ERROR_ACCESS), "udev rule 70-vexa-usb.rules"));
-    EXPECT_TRUE(says(failing("libusb_open", LIBUSB_ERROR_IO), "/dev/bus/usb/001/001 cannot be"));
-    EXPECT_TRUE(says(failing("libusb_claim_interface", LIBUSB_ERROR_BUSY), "another program"));
-    EXPECT_TRUE(says(failing("libusb_get_device_list", LIBUSB_ERROR_OTHER), "cannot be opened"));
-    EXPECT_TRUE(says(failing("libusb_get_device_descriptor", LIBUSB_ERROR_IO), "cannot be opened"));
+    for (const auto &each : cases) {
+        fake::failCall(each.function, each.result);
+        expectError(tryOpening, each.text);
+    }
+    fake::detach(usbDevice); // without a notice yet
+    expectError(tryOpening, "LIBUSB_ERROR_NO_DEVICE: the device has left");
     remove();
-    EXPECT_TRUE(says(logOf("error", tryOpening), "it has left"));
+    expectError(tryOpening, "it has left");
 }
 
 TEST_F(LogTest, AFailedDetachIsTold) {
-    EXPECT_TRUE(says(logOf("error",
-                           [this]() {
-                               close();
-                               fake::failCall("libusb_kernel_driver_active", 1);
-                               fake::failCall("libusb_detach_kernel_driver");
-                               device = open();
-                           }),
-                     "kernel driver: LIBUSB_ERROR_IO; unload"));
+    close();
+    fake::failCall("libusb_kernel_driver_active", 1);
+    fake::failCall("libusb_detach_kernel_driver");
+    expectError([this]() { device = open(); }, "kernel driver: LIBUSB_ERROR_IO; unload");
 }
 
 TEST_F(LogTest, TellsWhoComesAndGoes) {
     libusb_device *const other = fake::attach(VEXA_USB_VENDOR_ID, 7);
-    const auto comeAndGo = [&](const std::function<void()> &action) {
-        return logOf("info", [&]() {
-            action();
-            fake::deliverEvents();
-        });
+    const auto expectNews = [&](const Action &action, const char *text) {
+        expectSays(logOf("info",
+                         [&]() {
+                             action();
+                             fake::deliverEvents();
+                         }),
+                   text);
     };
-    EXPECT_TRUE(
-        says(comeAndGo([&]() { fake::notifyArrival(other); }), "5658:0007 at 001/002: plug"));
-    EXPECT_TRUE(says(comeAndGo([&]() { fake::notifyDeparture(other); }), "001/002: unplugged"));
-    EXPECT_TRUE(says(comeAndGo([]() { vexa_usb_update_device_list(); }), "001/002: listed"));
-    const std::string ends = logOf("info", [this]() {
-        close();
-        reinitialise();
-    });
-    EXPECT_TRUE(says(ends, ": ended\n") && says(ends, ": started\n"));
+    expectNews([&]() { fake::notifyArrival(other); }, "5658:0007 at 001/002: plugged in\n");
+    expectNews([&]() { fake::notifyDeparture(other); }, "001/002: unplugged\n");
+    expectNews([]() { vexa_usb_update_device_list(); }, "001/002: listed\n");
+    close();
+    expectNews([&]() { device = open(); }, "5658:0001 at 001/001: opened\n");
+    expectNews([&]() { reinitialise(); }, ": ended\n");
+    expectNews([&]() { reinitialise(); }, ": started\n");
 }
 
 TEST_F(LogTest, AnEndpointThatCannotBeUsedIsTold) {
-    const auto refused = [&](const std::function<int32_t()> &call, int32_t status) {
-        return logOf("error", [&]() { EXPECT_EQ(call(), status); });
-    };
-    const auto stream = [this]() { return vexa_usb_data_stream_start(device, 0x8F, 512, 4); };
-    const auto pipe = [this]() { return vexa_usb_event_pipe_enable(device, 0x8F); };
-    EXPECT_TRUE(says(refused(stream, -1), "endpoint 0x8f cannot be used"));
-    EXPECT_TRUE(says(refused(pipe, -1), "endpoint 0x8f cannot be used"));
+    expectError([this]() { start(512, 4, 0x8F); }, "endpoint 0x8f cannot be used: the endpoint");
+    expectError([this]() { enable(0x8F); }, "endpoint 0x8f cannot be used: LIBUSB_ERROR_NOT_FOUND");
     fake::failCall("libusb_alloc_transfer", 0);
-    EXPECT_TRUE(says(refused([this]() { return start(); }, -4), "no memory"));
-    fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_IO);
-    EXPECT_TRUE(says(refused([this]() { return vexa_usb_event_pipe_enable(device, 0x81); }, -1),
-                     "its transfer was refused"));
+    expectError([this]() { start(); }, "endpoint 0x82 cannot be used: no memory");
+    fake::failCall("libusb_alloc_transfer", 0);
+    expectError([this]() { enable(); }, "endpoint 0x81 cannot be used: no memory");
+    fake::failCall("libusb_submit_transfer");
+    expectError([this]() { enable(); },
+                "endpoint 0x81 sends no events: its transfer was refused: LIBUSB_ERROR_IO\n");
 }
 
 TEST_F(LogTest, AStreamThatEndsSaysWhy) {
-    const auto run = [this](const std::function<void()> &action) {
-        const std::string said = logOf("info", [&]() {
-            ASSERT_EQ(start(), 0);
+    const auto run = [this](const Action &action) {
+        std::string said = logOf("info", [&]() {
+            ASSERT_EQ(start(512, 3), 0);
             action();
             fake::deliverEvents();
-            EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+            EXPECT_EQ(stop(), 0);
         });
-        EXPECT_TRUE(says(said, " info: 5658:0001 at 001/001: stream on endpoint 0x82 started"));
+        expectSays(said, " info: 5658:0001 at 001/001: stream on endpoint 0x82 started\n");
         return said;
     };
-    EXPECT_TRUE(says(run([]() { fake::completeOldest(); }), "the caller holds 1 that"));
-    EXPECT_TRUE(says(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
-                     "after 0 bytes: LIBUSB_TRANSFER_COMPLETED with 100 of 512 bytes; the rest"));
+    expectSays(run([]() { fake::completeOldest(); }), "the caller holds 1 that");
+    const auto giveBackOne = [this]() {
+        uint8_t *data = nullptr;
+        uint64_t size = 0;
+        EXPECT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0);
+        fake::completeOldest();
+        fake::waitInFlight(3);
+        fake::completeOldest();
+    };
+    expectSays(run(giveBackOne), "after 1024 bytes: no buffer is free, the caller holds 1 that");
+    expectSays(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
+               "after 0 bytes: LIBUSB_TRANSFER_COMPLETED with 100 of 512 bytes; the rest");
     const std::string allFailed = run([]() {
         for (int i = 0; i < 3; ++i)
             fake::completeOldest(LIBUSB_TRANSFER_STALL);
     });
-    EXPECT_TRUE(says(allFailed, "LIBUSB_TRANSFER_STALL with 0 of 512 bytes; its piece is missing"));
-    EXPECT_TRUE(says(allFailed, "no transfer is left"));
+    expectSays(allFailed, "LIBUSB_TRANSFER_STALL with 0 of 512 bytes; its piece is missing");
+    expectSays(allFailed, "no transfer is left");
     fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM);
-    EXPECT_TRUE(says(run([]() {}), "after 0 bytes: a transfer was refused"));
+    expectSays(run([]() {}), "after 0 bytes: a transfer was refused: LIBUSB_ERROR_NO_MEM");
     // What a stop cancels is no news.
-    EXPECT_FALSE(says(run([]() {}), " error: "));
+    expectSays(run([]() {}), " error: ", false);
     setenv("VEXA_USB_STREAM", "none", 1);
-    EXPECT_TRUE(says(run([]() {}), "VEXA_USB_STREAM is 'none'"));
+    expectSays(run([]() {}), "VEXA_USB_STREAM is 'none'");
     unsetenv("VEXA_USB_STREAM");
 }
 
 TEST_F(LogTest, AnEventPipeThatEndsSaysWhy) {
-    const auto ending = [this](const std::function<void()> &action) {
+    const auto expectEnd = [this](const Action &action, const std::string &text) {
         close();
         device = open();
-        return logOf("error", [&]() {
-            ASSERT_EQ(vexa_usb_event_pipe_enable(device, 0x81), 0);
+        const std::string said = logOf("error", [&]() {
+            ASSERT_EQ(enable(), 0);
+            fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 1);
+            fake::waitInFlight(1);
             action();
             fake::deliverEvents();
         });
+        expectSays(said, text);
+        EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), text.empty() ? 0 : 1);
     };
-    EXPECT_TRUE(says(ending([]() { fake::completeOldest(LIBUSB_TRANSFER_OVERFLOW); }),
-                     "endpoint 0x81 has ended: LIBUSB_TRANSFER_OVERFLOW"));
-    EXPECT_TRUE(says(ending([]() {
-                         fake::failCall("libusb_submit_transfer");
-                         fake::completeOldest();
-                     }),
-                     "has ended: LIBUSB_ERROR_IO; close"));
-    EXPECT_EQ(ending([this]() { EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0); }), "");
+    expectEnd([]() { fake::completeOldest(LIBUSB_TRANSFER_OVERFLOW); },
+              "endpoint 0x81 has ended: LIBUSB_TRANSFER_OVERFLOW; close");
+    expectEnd(
+        []() {
+            fake::failCall("libusb_submit_transfer");
+            fake::completeOldest();
+        },
+        "endpoint 0x81 has ended: LIBUSB_ERROR_IO; close");
+    expectEnd([this]() { EXPECT_EQ(disable(), 0); }, "");
+}
+
+// The limit doubled, or what is enough for most; no advice without a limit, nor for other errors.
+TEST(UsbfsLimit, AdviceNamesTheLimit) {
+    const auto advice = [](const char *limit, int error = LIBUSB_ERROR_NO_MEM) {
+        fake::limitTransfers(limit);
+        return std::string(vexausb::refusalAdvice(error).text.data());
+    };
+    EXPECT_NE(advice("16\n").find(" 16 MiB for USB transfers; for more: echo 256 > /"), SIZE_MAX);
+    EXPECT_NE(advice("200").find(" 200 MiB for USB transfers; for more: echo 400 > /"), SIZE_MAX);
+    for (const char *none : {"0", "", "x"})
+        EXPECT_EQ(advice(none), "");
+    EXPECT_EQ(advice("256", LIBUSB_ERROR_IO), "");
 }
 
 } // namespace

@@ -20,6 +20,7 @@ class SharedRingTest : public test::DeviceTest {
 protected:
     SharedRingTest() { fake::shareMemory(fake::Sharing::All); }
     ~SharedRingTest() override {
+        fake::shareAsAsked();
         if (device != nullptr)
             close();
         fake::othersShare(0);
@@ -31,9 +32,11 @@ protected:
     int32_t start(uint64_t bufferSize, uint64_t bufferCount) {
         return vexa_usb_data_stream_start(device, 0x82, bufferSize, bufferCount);
     }
-    // Has a buffer of 1000 bytes filled, locks it, and checks its part of the count.
-    void receive() {
-        fake::completeOldest();
+    // Has a buffer of 1000 bytes filled, locks it, and checks its part of the count; without
+    // `fill`, one that is full.
+    void receive(bool fill = true) {
+        if (fill)
+            fake::completeOldest();
         ASSERT_TRUE(log.waitFor(kFull, ++received_));
         ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
         for (uint64_t i = 0; i < size; ++i)
@@ -96,12 +99,13 @@ TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
         const char *said;
     };
     const Case cases[] = {
-        {"", "256", 1000, "fill 16 of the ring's 16 buffers of 1512 bytes itself\n"},
+        {"", "256", 1000,
+         "fill 16 of the ring's 16 buffers (1512 bytes with their spare packet) itself\n"},
         {"shared", "64", 1 << 21,
-         "fill 8 of the ring's 16 buffers of 2097152 bytes itself, and "
+         "fill 8 of the ring's 16 buffers (2097152 bytes with their spare packet) itself, and "
          "copies to the others: no more can be taken"},
         {"private", "256", 1000,
-         "fill 0 of the ring's 16 buffers of 1512 bytes itself, and copies "
+         "fill 0 of the ring's 16 buffers (1512 bytes with their spare packet) itself, and copies "
          "to the others: VEXA_USB_RING is private\n"},
         {"", "16", 1000, "copies to the others: the system's limit for USB transfers (usbfs_"},
         {"", "?", 1000, "copies to the others: the system's limit for USB transfers cannot be"},
@@ -128,6 +132,23 @@ TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
     unsetenv("VEXA_USB_RING");
     unsetenv("VEXA_USB_LOG");
     vexausb::readLogLevel();
+}
+
+TEST_F(SharedRingTest, ARunThatFailedKeepsOnlyWhatIsFullOrInFlight) {
+    ASSERT_EQ(start(1000, 16), 0);
+    for (int i = 0; i < 10; ++i) {
+        fake::completeOldest();
+        fake::waitInFlight(3);
+    }
+    for (int i = 0; i < 10; ++i) {
+        receive(false);
+        unlock();
+    }
+    EXPECT_GE(fake::sharedBlocks(), 13U);
+    fake::failCall("libusb_submit_transfer");
+    fake::completeOldest();
+    ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR));
+    EXPECT_LE(fake::sharedBlocks(), 5U);
 }
 
 TEST_F(SharedRingTest, StartThatFailsHalfWayKeepsNothing) {
@@ -172,16 +193,25 @@ TEST_F(SharedRingTest, EndsWithTheDeviceOrTheHandle) {
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
 
-// More devices than the limit has room for, with what is shared: it goes back, and nothing is lost.
+// More devices than the limit has room for, with what is shared: what no transfer and no caller
+// uses goes back at once, the rest as the ring goes round, and nothing is lost.
 TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     fake::limitTransfers("64");
     ASSERT_EQ(start(1000, 16), 0);
-    receive();
-    unlock();
+    for (int i = 0; i < 10; ++i) {
+        fake::completeOldest();
+        fake::waitInFlight(3);
+    }
+    for (int i = 0; i < 10; ++i) {
+        receive(false);
+        unlock();
+    }
     EXPECT_TRUE(fake::isShared(data));
+    EXPECT_GE(fake::sharedBlocks(), 13U);
     for (int i = 0; i < 31; ++i)
         fake::attach(VEXA_USB_VENDOR_ID, 1);
     vexa_usb_update_device_list();
+    EXPECT_LE(fake::sharedBlocks(), 4U);
     for (int i = 0; i < 40; ++i) {
         receive();
         unlock();

@@ -1,0 +1,693 @@
+#include "bridge.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "guard.h"
+
+namespace bridge {
+
+// A file descriptor that is readable while it is set.  Whoever uses it holds the mutex of what it
+// tells about; waiting needs none.
+class Signal {
+public:
+    Signal() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (descriptor_ < 0)
+            throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    ~Signal() { close(descriptor_); }
+    Signal(const Signal &) = delete;
+    Signal &operator=(const Signal &) = delete;
+
+    void set() {
+        if (!isSet_)
+            isSet_ = eventfd_write(descriptor_, 1) == 0;
+    }
+    void clear() {
+        eventfd_t count = 0;
+        if (isSet_ && eventfd_read(descriptor_, &count) == 0)
+            isSet_ = false;
+    }
+    int descriptor() const { return descriptor_; }
+
+private:
+    const int descriptor_;
+    bool isSet_ = false;
+};
+
+// What Python knows by a number and can wait for.
+class Source {
+public:
+    virtual ~Source() = default;
+    // Nothing comes from it any more.
+    virtual void end() = 0;
+
+    // Null for what cannot be waited for.
+    const Signal *signal(int32_t what) const {
+        const auto index = static_cast<size_t>(what);
+        return index < signals_.size() ? &signals_[index] : nullptr;
+    }
+
+protected:
+    std::mutex events_; // the queues and their signals; the innermost
+    std::array<Signal, 3> signals_;
+};
+
+// The sources by their numbers, which are not used again.  Never destroyed: the library's threads
+// may come after main has returned.
+class Sources {
+public:
+    uint64_t add(const std::shared_ptr<Source> &source) {
+        const std::lock_guard lock(mutex_);
+        sources_.emplace(++last_, source);
+        return last_;
+    }
+    template <typename Kind>
+    std::shared_ptr<Kind> find(uint64_t id) {
+        const std::lock_guard lock(mutex_);
+        const auto found = sources_.find(id);
+        return found == sources_.end() ? nullptr : std::dynamic_pointer_cast<Kind>(found->second);
+    }
+    void remove(uint64_t id) {
+        std::shared_ptr<Source> removed; // ends without the mutex
+        const std::lock_guard lock(mutex_);
+        const auto found = sources_.find(id);
+        if (found == sources_.end())
+            return;
+        removed = std::move(found->second);
+        sources_.erase(found);
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<uint64_t, std::shared_ptr<Source>> sources_;
+    uint64_t last_ = 0;
+};
+
+Sources &sources() {
+    static Sources &all = *new Sources;
+    return all;
+}
+
+void *asData(uint64_t id) {
+    return reinterpret_cast<void *>(id); // NOLINT(performance-no-int-to-ptr): only ever cast back
+}
+
+// An opened device: its handle with the calls in progress, its stream with the views of the ring,
+// and its events.  The handle is closed by whoever is the last to need it.
+class Device final : public Source, public std::enable_shared_from_this<Device> {
+public:
+    int32_t open(uint64_t id, const _vexa_usb_device_list_item *record) {
+        _vexa_usb_device *opened = nullptr;
+        const int32_t status =
+            shielded([&]() { return vexa_usb_open(record, onEvent, asData(id), &opened); });
+        const std::lock_guard lock(mutex_);
+        handle_ = opened;
+        return status;
+    }
+
+    _vexa_usb_device *enter() {
+        const std::lock_guard lock(mutex_);
+        if (handle_ == nullptr || closing_)
+            return nullptr;
+        ++calls_;
+        return handle_;
+    }
+    void leave() {
+        std::unique_lock lock(mutex_);
+        --calls_;
+        settle(lock);
+        settled_.notify_all();
+    }
+
+    void end() override { close(0); }
+    int32_t close(uint32_t timeoutMs) {
+        std::unique_lock lock(mutex_);
+        closing_ = true;
+        wakeAll();
+        forgetUnviewed();
+        settle(lock);
+        const auto mayReturn = [this]() {
+            return !leaving_ && (handle_ == nullptr || (calls_ == 0 && !stopping_));
+        };
+        if (!settled_.wait_for(lock, std::chrono::milliseconds(timeoutMs), mayReturn))
+            return kBridgeBusy;
+        return handle_ == nullptr ? VEXA_USB_STATUS_SUCCESS : kBridgeViewed;
+    }
+
+    int32_t streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict);
+    int32_t streamStop();
+    int32_t streamNext(uint8_t **data, uint64_t *size);
+    void streamViewed() {
+        const std::lock_guard lock(mutex_);
+        lockedIsViewed_ = true;
+    }
+    void viewGone() {
+        std::unique_lock lock(mutex_);
+        --views_;
+        settle(lock);
+    }
+
+    int32_t download(_vexa_usb_device *handle, const uint8_t *data, uint64_t size);
+    double takeProgress() {
+        const std::lock_guard lock(events_);
+        signals_[kBridgeLoad].clear();
+        return progress_;
+    }
+    void tellProgress(double progress) {
+        const std::lock_guard lock(events_);
+        progress_ = progress;
+        signals_[kBridgeLoad].set();
+    }
+
+    int64_t takeEvent();
+    bool isRemoved(uint32_t timeoutMs) {
+        std::unique_lock lock(events_);
+        return removal_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                 [this]() { return removed_; });
+    }
+
+private:
+    static void onEvent(_vexa_usb_device_event event, void *data);
+    static void onProgress(void *data, double progress);
+    void post(_vexa_usb_device_event event);
+    bool isOfStream(_vexa_usb_device_event event) const;
+    void wakeAll();
+    void settle(std::unique_lock<std::mutex> &lock);
+    void closeNow(std::unique_lock<std::mutex> &lock);
+    void stopNow(std::unique_lock<std::mutex> &lock);
+    void forgetUnviewed();
+    int32_t lockNext(uint8_t **data, uint64_t *size);
+    int32_t giveBack();
+
+    std::mutex mutex_; // the state from here to `views_`; taken before `events_`
+    std::condition_variable settled_;
+    _vexa_usb_device *handle_ = nullptr;
+    bool closing_ = false; // by Python
+    bool leaving_ = false; // by some thread, now
+    uint64_t calls_ = 0;
+    bool streaming_ = false;    // from the start to the end of the stop
+    bool stopWanted_ = false;   // by Python
+    bool stopping_ = false;     // by some thread, now
+    uint8_t *locked_ = nullptr; // the buffer that Python looks at
+    bool lockedIsViewed_ = false;
+    uint64_t views_ = 0;
+
+    // Under `events_`, as are the signals.
+    std::condition_variable removal_;
+    std::deque<_vexa_usb_device_event> queue_;
+    bool ended_ = false;
+    bool removed_ = false;
+    bool expectsStreamEvents_ = false;
+    bool failed_ = false;
+    uint64_t full_ = 0;
+    uint64_t stopsToCome_ = 0; // stopped events; what comes before them is of an earlier stream
+    double progress_ = 0;
+};
+
+// The views of rings, by their addresses; a ring with a view is not freed, so these are unique.
+class Views {
+public:
+    void add(const void *data, const std::shared_ptr<Device> &device) {
+        const std::lock_guard lock(mutex_);
+        views_.emplace(data, device);
+    }
+    // Null when there is none.
+    std::shared_ptr<Device> take(const void *data) {
+        const std::lock_guard lock(mutex_);
+        const auto found = views_.find(data);
+        if (found == views_.end())
+            return nullptr;
+        std::shared_ptr<Device> device = std::move(found->second);
+        views_.erase(found);
+        return device;
+    }
+
+private:
+    std::mutex mutex_;
+    std::multimap<const void *, std::shared_ptr<Device>> views_;
+};
+
+Views &views() {
+    static Views &all = *new Views;
+    return all;
+}
+
+void Device::onEvent(_vexa_usb_device_event event, void *data) {
+    const auto device = sources().find<Device>(reinterpret_cast<uint64_t>(data));
+    if (device != nullptr)
+        device->post(event);
+}
+
+bool Device::isOfStream(_vexa_usb_device_event event) const {
+    return (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL ||
+            event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR) &&
+           (expectsStreamEvents_ || stopsToCome_ > 0);
+}
+
+void Device::post(_vexa_usb_device_event event) {
+    const std::lock_guard lock(events_);
+    if (isOfStream(event)) {
+        if (stopsToCome_ > 0 || failed_)
+            return;
+        if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
+            failed_ = true;
+        else
+            ++full_;
+        signals_[kBridgeStream].set();
+        return;
+    }
+    if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED && stopsToCome_ > 0)
+        --stopsToCome_;
+    if (event == VEXA_USB_DEVICE_EVENT_REMOVED) {
+        removed_ = true;
+        removal_.notify_all();
+        signals_[kBridgeStream].set();
+    }
+    queue_.push_back(event);
+    signals_[kBridgeEvents].set();
+}
+
+int64_t Device::takeEvent() {
+    const std::lock_guard lock(events_);
+    if (queue_.empty() && ended_)
+        return kBridgeClosed;
+    if (queue_.empty())
+        return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : int64_t{kBridgeEmpty};
+    const _vexa_usb_device_event event = queue_.front();
+    queue_.pop_front();
+    if (queue_.empty() && !ended_ && !removed_)
+        signals_[kBridgeEvents].clear();
+    return event;
+}
+
+void Device::wakeAll() {
+    const std::lock_guard lock(events_);
+    ended_ = true;
+    signals_[kBridgeStream].set();
+    signals_[kBridgeEvents].set();
+}
+
+// Does what was asked for and had to wait for others.
+void Device::settle(std::unique_lock<std::mutex> &lock) {
+    if (handle_ == nullptr || views_ > 0)
+        return;
+    if (closing_ && calls_ == 0 && !stopping_) {
+        closeNow(lock);
+    } else if (stopWanted_ && streaming_ && !stopping_) {
+        stopNow(lock);
+    }
+}
+
+void Device::closeNow(std::unique_lock<std::mutex> &lock) {
+    _vexa_usb_device *const handle = std::exchange(handle_, nullptr);
+    leaving_ = true;
+    lock.unlock();
+    vexa_usb_close(handle);
+    lock.lock();
+    leaving_ = false;
+    settled_.notify_all();
+}
+
+void Device::stopNow(std::unique_lock<std::mutex> &lock) {
+    stopping_ = true;
+    locked_ = nullptr;
+    {
+        const std::lock_guard events(events_);
+        ++stopsToCome_;
+        expectsStreamEvents_ = false;
+    }
+    _vexa_usb_device *const handle = handle_;
+    lock.unlock();
+    const int32_t status = vexa_usb_data_stream_stop(handle);
+    lock.lock();
+    if (status != VEXA_USB_STATUS_SUCCESS) { // removed: the close frees the stream
+        const std::lock_guard events(events_);
+        --stopsToCome_;
+    }
+    streaming_ = false;
+    stopping_ = false;
+    settle(lock);
+    settled_.notify_all();
+}
+
+int32_t Device::streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict) {
+    static std::mutex environment; // of this process, which the start reads
+    std::unique_lock lock(mutex_);
+    settled_.wait(lock, [this]() { return !stopping_; });
+    if (streaming_ && stopWanted_)
+        return kBridgeViewed;
+    if (streaming_)
+        return VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE;
+    {
+        const std::lock_guard events(events_);
+        if (removed_)
+            return VEXA_USB_STATUS_DEVICE_REMOVED;
+        expectsStreamEvents_ = true;
+        failed_ = false;
+        full_ = 0;
+        signals_[kBridgeStream].clear();
+    }
+    int32_t status = VEXA_USB_STATUS_SUCCESS;
+    {
+        const std::lock_guard environmentLock(environment);
+        const char *const wanted = strict ? "strict" : "default";
+        const char *const present = std::getenv("VEXA_USB_STREAM");
+        if (present == nullptr || std::string(present) != wanted)
+            setenv("VEXA_USB_STREAM", wanted, 1);
+        status =
+            shielded([&]() { return vexa_usb_data_stream_start(handle_, endpoint, size, count); });
+    }
+    streaming_ = status == VEXA_USB_STATUS_SUCCESS;
+    stopWanted_ = false;
+    if (!streaming_) {
+        const std::lock_guard events(events_);
+        expectsStreamEvents_ = false;
+    }
+    return status;
+}
+
+int32_t Device::streamStop() {
+    std::unique_lock lock(mutex_);
+    if (!streaming_)
+        return VEXA_USB_STATUS_SUCCESS;
+    stopWanted_ = true;
+    {
+        const std::lock_guard events(events_);
+        signals_[kBridgeStream].set();
+    }
+    forgetUnviewed();
+    settle(lock);
+    settled_.wait(lock, [this]() { return !stopping_; });
+    return streaming_ ? kBridgeViewed : VEXA_USB_STATUS_SUCCESS;
+}
+
+// Python was interrupted before it had made a view.
+void Device::forgetUnviewed() {
+    if (locked_ != nullptr && !lockedIsViewed_ && views().take(locked_) != nullptr)
+        --views_;
+    lockedIsViewed_ = true;
+}
+
+int32_t Device::giveBack() {
+    if (locked_ == nullptr)
+        return VEXA_USB_STATUS_SUCCESS;
+    forgetUnviewed();
+    locked_ = nullptr;
+    return vexa_usb_data_stream_buffer_unlock(handle_);
+}
+
+int32_t Device::lockNext(uint8_t **data, uint64_t *size) {
+    {
+        const std::lock_guard events(events_);
+        if (full_ == 0) {
+            if (removed_)
+                return VEXA_USB_STATUS_DEVICE_REMOVED;
+            if (failed_)
+                return kBridgeStreamFailed;
+            signals_[kBridgeStream].clear();
+            return kBridgeEmpty;
+        }
+        --full_;
+    }
+    // Empty only when a byte of the event pipe was taken for a full buffer.
+    const int32_t status = vexa_usb_data_stream_buffer_lock(handle_, data, size);
+    return status == VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY ? kBridgeEmpty : status;
+}
+
+int32_t Device::streamNext(uint8_t **data, uint64_t *size) {
+    const std::lock_guard lock(mutex_);
+    if (!streaming_ || stopWanted_ || closing_)
+        return kBridgeClosed;
+    int32_t status = giveBack();
+    if (status == VEXA_USB_STATUS_SUCCESS)
+        status = lockNext(data, size);
+    if (status == VEXA_USB_STATUS_SUCCESS) {
+        locked_ = *data;
+        lockedIsViewed_ = false;
+        views().add(locked_, shared_from_this());
+        ++views_;
+    }
+    return status;
+}
+
+void Device::onProgress(void *data, double progress) {
+    auto *const device = static_cast<Device *>(data);
+    device->tellProgress(progress);
+    std::unique_lock lock(device->mutex_);
+    // To close is the one way to end a download; it is the only call on the device.
+    if (device->closing_ && device->calls_ == 1 && device->views_ == 0 &&
+        device->handle_ != nullptr)
+        device->closeNow(lock);
+}
+
+int32_t Device::download(_vexa_usb_device *handle, const uint8_t *data, uint64_t size) {
+    return shielded([&]() { return vexa_usb_dfu_download(handle, data, size, onProgress, this); });
+}
+
+// Changes of the device list.
+class Watch final : public Source {
+public:
+    int32_t start(uint64_t id) {
+        return shielded([&]() {
+            return vexa_usb_register_device_list_event_callback(onChange, asData(id),
+                                                                &registration_);
+        });
+    }
+    void end() override {
+        {
+            const std::lock_guard lock(events_);
+            if (ended_)
+                return;
+            ended_ = true;
+            signals_[kBridgeEvents].set();
+        }
+        vexa_usb_deregister_device_list_event_callback(registration_);
+    }
+    int32_t take(BridgeChange *change) {
+        const std::lock_guard lock(events_);
+        if (queue_.empty())
+            return ended_ ? kBridgeClosed : kBridgeEmpty;
+        *change = queue_.front();
+        queue_.pop_front();
+        if (queue_.empty() && !ended_)
+            signals_[kBridgeEvents].clear();
+        return VEXA_USB_STATUS_SUCCESS;
+    }
+
+private:
+    static void onChange(uint32_t type, const _vexa_usb_device_list_item *item, void *data) {
+        const auto watch = sources().find<Watch>(reinterpret_cast<uint64_t>(data));
+        if (watch == nullptr)
+            return;
+        const std::lock_guard lock(watch->events_);
+        watch->queue_.push_back({item->id, type, item->vendor_id, item->product_id});
+        watch->signals_[kBridgeEvents].set();
+    }
+
+    uint32_t registration_ = 0;
+    std::deque<BridgeChange> queue_;
+    bool ended_ = false;
+};
+
+// Calls `call` with the source; without one, answers `otherwise`.
+template <typename Kind, typename Result, typename Call>
+Result with(uint64_t id, Result otherwise, Call call) {
+    const std::shared_ptr<Kind> source = sources().find<Kind>(id);
+    return source == nullptr ? otherwise : call(*source);
+}
+
+namespace {
+
+std::atomic<bool> isForked = false;
+std::atomic<bool> isLeaving = false;
+pthread_t leavingThread;
+
+} // namespace
+
+Departure::~Departure() {
+    while (isLeaving && pthread_equal(pthread_self(), leavingThread) == 0)
+        pause();
+}
+
+DeviceCall::DeviceCall(uint64_t device) : device_(sources().find<Device>(device)) {
+    handle_ = device_ == nullptr ? nullptr : device_->enter();
+}
+
+DeviceCall::~DeviceCall() {
+    if (handle_ != nullptr)
+        device_->leave();
+}
+
+} // namespace bridge
+
+using namespace bridge;
+
+const char *bridgeException(void) {
+    return exceptionText.c_str();
+}
+
+void bridgeLeave(void) {
+    leavingThread = pthread_self();
+    isLeaving = true;
+}
+
+void bridgeForked(void) {
+    isForked = true;
+    // Instead of the library's destructors, which would end the process by std::terminate.
+    on_exit(
+        [](int status, void *) {
+            std::fflush(nullptr);
+            _exit(status);
+        },
+        nullptr);
+}
+
+uint64_t bridgeDeviceNew(void) {
+    return shielded([]() { return sources().add(std::make_shared<Device>()); });
+}
+
+int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record) {
+    const Departure departure;
+    return with<Device>(device, int32_t{VEXA_USB_STATUS_NO_MEMORY},
+                        [&](Device &found) { return found.open(device, record); });
+}
+
+int32_t bridgeClose(uint64_t device, uint32_t timeoutMs) {
+    if (isForked)
+        return VEXA_USB_STATUS_SUCCESS;
+    const Departure departure;
+    return with<Device>(device, int32_t{VEXA_USB_STATUS_SUCCESS},
+                        [&](Device &found) { return found.close(timeoutMs); });
+}
+
+int32_t bridgeIsRemoved(uint64_t device, uint32_t timeoutMs) {
+    return with<Device>(device, int32_t{0},
+                        [&](Device &found) -> int32_t { return found.isRemoved(timeoutMs); });
+}
+
+int64_t bridgeTakeEvent(uint64_t device) {
+    const Departure departure;
+    return with<Device>(device, int64_t{kBridgeClosed},
+                        [](Device &found) { return found.takeEvent(); });
+}
+
+int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize,
+                          uint64_t bufferCount, int32_t strict) {
+    const Departure departure;
+    const DeviceCall call(device);
+    return call.handle() == nullptr
+               ? kBridgeClosed
+               : call.device().streamStart(endpoint, bufferSize, bufferCount, strict != 0);
+}
+
+int32_t bridgeStreamStop(uint64_t device) {
+    if (isForked)
+        return VEXA_USB_STATUS_SUCCESS;
+    const Departure departure;
+    const DeviceCall call(device);
+    return call.handle() == nullptr ? kBridgeClosed : call.device().streamStop();
+}
+
+int32_t bridgeStreamNext(uint64_t device, uint8_t **data, uint64_t *size) {
+    const Departure departure;
+    const DeviceCall call(device);
+    return call.handle() == nullptr ? kBridgeClosed : call.device().streamNext(data, size);
+}
+
+void bridgeStreamViewed(uint64_t device) {
+    with<Device>(device, 0, [](Device &found) {
+        found.streamViewed();
+        return 0;
+    });
+}
+
+void bridgeViewGone(void *data) {
+    if (isForked)
+        return;
+    const std::shared_ptr<Device> device = views().take(data);
+    if (device != nullptr)
+        device->viewGone();
+}
+
+int32_t bridgeDfuDownload(uint64_t device, const uint8_t *data, uint64_t size) {
+    const Departure departure;
+    const DeviceCall call(device);
+    return call.handle() == nullptr ? kBridgeClosed
+                                    : call.device().download(call.handle(), data, size);
+}
+
+double bridgeProgress(uint64_t device) {
+    return with<Device>(device, 0.0, [](Device &found) { return found.takeProgress(); });
+}
+
+void bridgeLoadEnded(uint64_t device) {
+    with<Device>(device, 0, [](Device &found) {
+        found.tellProgress(1);
+        return 0;
+    });
+}
+
+uint64_t bridgeWatchNew(int32_t *status) {
+    const uint64_t id = shielded([]() { return sources().add(std::make_shared<Watch>()); });
+    *status = with<Watch>(id, int32_t{VEXA_USB_STATUS_NO_MEMORY},
+                          [&](Watch &found) { return found.start(id); });
+    if (*status == VEXA_USB_STATUS_SUCCESS)
+        return id;
+    sources().remove(id);
+    return 0;
+}
+
+int32_t bridgeTakeChange(uint64_t watch, BridgeChange *change) {
+    const Departure departure;
+    return with<Watch>(watch, int32_t{kBridgeClosed},
+                       [&](Watch &found) { return found.take(change); });
+}
+
+int32_t bridgeWait(uint64_t id, int32_t what, int32_t timeoutMs) {
+    const Departure departure;
+    const std::shared_ptr<Source> source = sources().find<Source>(id);
+    const Signal *const signal = source == nullptr ? nullptr : source->signal(what);
+    if (signal == nullptr)
+        return kBridgeReady; // whoever looks then is told that it is closed
+    pollfd waited{signal->descriptor(), POLLIN, 0};
+    const int ready = poll(&waited, 1, timeoutMs);
+    if (ready == 0)
+        return kBridgeTimedOut;
+    return ready < 0 ? kBridgeInterrupted : kBridgeReady;
+}
+
+int32_t bridgeDuplicate(uint64_t id, int32_t what) {
+    const std::shared_ptr<Source> source = sources().find<Source>(id);
+    const Signal *const signal = source == nullptr ? nullptr : source->signal(what);
+    return signal == nullptr ? -1 : fcntl(signal->descriptor(), F_DUPFD_CLOEXEC, 0);
+}
+
+void bridgeFree(uint64_t id) {
+    if (isForked)
+        return;
+    const std::shared_ptr<Source> source = sources().find<Source>(id);
+    if (source == nullptr)
+        return;
+    source->end();
+    sources().remove(id);
+}
