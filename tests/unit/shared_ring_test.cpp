@@ -42,6 +42,17 @@ protected:
         for (uint64_t i = 0; i < size; ++i)
             ASSERT_EQ(data[i], expected_++) << received_;
     }
+    // Ten buffers are full at once, so that as many blocks are needed.
+    void fillAndDrain() {
+        for (int i = 0; i < 10; ++i) {
+            fake::completeOldest();
+            fake::waitInFlight(3);
+        }
+        for (int i = 0; i < 10; ++i) {
+            receive(false);
+            unlock();
+        }
+    }
     void unlock() { ASSERT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0); }
 
     uint8_t *data = nullptr;
@@ -136,14 +147,7 @@ TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
 
 TEST_F(SharedRingTest, ARunThatFailedKeepsOnlyWhatIsFullOrInFlight) {
     ASSERT_EQ(start(1000, 16), 0);
-    for (int i = 0; i < 10; ++i) {
-        fake::completeOldest();
-        fake::waitInFlight(3);
-    }
-    for (int i = 0; i < 10; ++i) {
-        receive(false);
-        unlock();
-    }
+    fillAndDrain();
     EXPECT_GE(fake::sharedBlocks(), 13U);
     fake::failCall("libusb_submit_transfer");
     fake::completeOldest();
@@ -198,14 +202,7 @@ TEST_F(SharedRingTest, EndsWithTheDeviceOrTheHandle) {
 TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     fake::limitTransfers("64");
     ASSERT_EQ(start(1000, 16), 0);
-    for (int i = 0; i < 10; ++i) {
-        fake::completeOldest();
-        fake::waitInFlight(3);
-    }
-    for (int i = 0; i < 10; ++i) {
-        receive(false);
-        unlock();
-    }
+    fillAndDrain();
     EXPECT_TRUE(fake::isShared(data));
     EXPECT_GE(fake::sharedBlocks(), 13U);
     for (int i = 0; i < 31; ++i)
