@@ -22,8 +22,8 @@ class TransferSet;
  *
  * Threads: any.  close() first turns synchronous users away and waits for those inside (they look
  * at every piece whether somebody waits, so that takes one transfer's time limit at most), then
- * ends the asynchronous transfers.  libusb_close takes a lock that libusb holds while it runs
- * transfer callbacks, so none of the mutexes that those take is held there.
+ * ends the asynchronous transfers.  libusb_close takes locks that libusb holds while it runs
+ * transfer and hot-plug callbacks, so none of the mutexes that those take is held there.
  */
 class UsbConnection {
 public:

@@ -99,7 +99,7 @@ TEST_F(FollowingCallsTest, StreamsDoNotWaitForThem) {
 // The last fini ends the turn.
 TEST_F(FollowingCallsTest, TheLastFiniDoesNotWaitForThem) {
     auto shortest = std::chrono::steady_clock::duration::max();
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(vexa_usb_control_transfer(device, 0, 2, 0, 1, 0, 0, nullptr, 0), 0);
         notifyArrival(); // after which the thread leaves
         ASSERT_TRUE(isHeard(test::kLong));
