@@ -32,7 +32,9 @@ else()
     foreach(flag -fstack-protector-strong -fstack-clash-protection
             -fcf-protection -mbranch-protection=standard)
         string(MAKE_C_IDENTIFIER "VEXA_TAKES${flag}" takesFlag)
+        set(CMAKE_REQUIRED_FLAGS -Werror) # clang only warns of a flag for another processor
         check_cxx_compiler_flag(${flag} ${takesFlag})
+        unset(CMAKE_REQUIRED_FLAGS)
         if(${takesFlag})
             add_compile_options(${flag})
         endif()
