@@ -13,9 +13,9 @@ namespace {
 
 constexpr const char *kLimit = "/sys/module/usbcore/parameters/usbfs_memory_mb";
 constexpr uint64_t kMega = 1U << 20;
-constexpr uint64_t kInFlight = 3 * (512U << 10); // of one stream
-constexpr uint64_t kSharedRing = 64 * kMega;     // below it, streams copy to their rings
-constexpr uint64_t kAdvised = 256;               // MiB
+constexpr uint64_t kInFlight = 3 * (kMega / 2); // of one stream
+constexpr uint64_t kSharedRing = 64 * kMega;    // below it, streams copy to their rings
+constexpr uint64_t kAdvised = 256;              // MiB
 constexpr double kSuperSpeed = 5000;
 
 // A SuperSpeed stream needs a ring that the kernel fills without a copy.

@@ -90,7 +90,7 @@ void printChoices(const std::string &type) {
 
 void printValues(const CLI::Option &option, const CLI::App &app) {
     constexpr std::array<std::string_view, 5> kFiles{"FILE", "output", "input", "binary", "image"};
-    const std::string name = option.get_single_name();
+    const std::string &name = option.get_single_name();
     if (std::find(kFiles.begin(), kFiles.end(), name) != kFiles.end())
         fmt::print(":files\n");
     else if (name == "serial")

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -29,7 +30,7 @@ size_t terminalWidth() {
 }
 
 std::string timeText(double seconds) {
-    const auto whole = static_cast<uint64_t>(seconds + 0.5);
+    const auto whole = static_cast<uint64_t>(std::llround(seconds));
     const uint64_t minutes = whole / 60 % 60;
     if (whole < 60)
         return fmt::format("{} s", whole);
