@@ -91,6 +91,7 @@ public:
     // False when none is locked.
     bool unlock();
 
+    // The next two are for the producer's side, too.
     // The blocks of buffers that nobody uses are unmapped, and the ring takes no more.
     void releaseUnused();
     // Once nothing is in flight, and before the device's handle is closed: gives back all shared

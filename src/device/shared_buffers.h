@@ -16,9 +16,9 @@ class UsbConnection;
  * Blocks of memory, each for a buffer of one ring, that the kernel fills itself
  * (libusb_dev_mem_alloc), where that is safe and fast; what arrives there is not copied once more.
  *
- * It belongs to the device's open file, which therefore stays open for as long as any of it is
- * mapped.  So it is given back through the handle before that is closed; only what the caller is
- * still reading at that moment stays, and is unmapped without the handle later.
+ * They belong to the device's open file, which therefore stays open for as long as any of them is
+ * mapped.  So they are given back through the handle before that is closed; only what the caller is
+ * still reading then stays, and is unmapped without the handle later.
  *
  * Life: owned by its ring, which gives every buffer back before it ends.
  *
