@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "vhci_ports.h"
+
 namespace sim {
 
 namespace {
@@ -20,6 +22,7 @@ namespace {
 constexpr std::chrono::milliseconds kPollInterval{10};
 constexpr std::chrono::milliseconds kRetryInterval{200};
 constexpr int kMaxFailures = 10;
+constexpr int kMaxPostponed = 100; // then it is another server's device of that name
 constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 
 [[noreturn]] void fail(const std::string &reason) {
@@ -38,8 +41,8 @@ int openOutput() {
 
 } // namespace
 
-Attacher::Attacher(EventLoop &loop, uint16_t port)
-    : loop_(loop), port_(port), output_(openOutput()) {}
+Attacher::Attacher(EventLoop &loop, const Connection::Devices &devices, uint16_t port)
+    : loop_(loop), devices_(devices), port_(port), output_(openOutput()) {}
 
 Attacher::~Attacher() {
     close(output_);
@@ -53,6 +56,15 @@ void Attacher::attach(const ExportedDevice &device) {
 
 // The client asks this process for the device, so nothing may wait for the client here.
 void Attacher::startNext() {
+    if (portsHoldDepartedDevices(devices_) && ++postponed_ < kMaxPostponed) {
+        loop_.after(kPollInterval, [this]() { startNext(); });
+        return;
+    }
+    postponed_ = 0;
+    startClient();
+}
+
+void Attacher::startClient() {
     std::array<std::string, 8> words{
         "usbip",     "--tcp-port", std::to_string(port_),         "attach", "-r",
         "127.0.0.1", "-b",         waiting_.front()->name().busId};
@@ -73,6 +85,7 @@ void Attacher::startNext() {
              "usbip");
     if (error != 0)
         fail(fmt::format("usbip: {}", std::strerror(error)));
+    choosing_ = true;
     awaitEnd(process);
 }
 
@@ -82,6 +95,7 @@ void Attacher::awaitEnd(pid_t process) {
         loop_.after(kPollInterval, [this, process]() { awaitEnd(process); });
         return;
     }
+    choosing_ = false;
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
         finished();
     else

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include "connection.h"
 #include "event_loop.h"
 #include "exported_device.h"
 
@@ -16,25 +17,33 @@ namespace sim {
 // the event loop throws std::runtime_error, whose text says what to do.
 class Attacher {
 public:
-    Attacher(EventLoop &loop, uint16_t port);
+    Attacher(EventLoop &loop, const Connection::Devices &devices, uint16_t port);
     ~Attacher();
     Attacher(const Attacher &) = delete;
     Attacher &operator=(const Attacher &) = delete;
 
     void attach(const ExportedDevice &device);
+    // Whether the client is choosing a port at this moment.  No device may leave then: the kernel
+    // would give away its port before it has noticed, and take the next device there for the old
+    // one, whose transfers then never end.
+    bool isChoosingPort() const { return choosing_; }
 
 private:
     void startNext();
+    void startClient();
     void awaitEnd(pid_t process);
     void retry();
     void finished();
     std::string clientOutput() const;
 
     EventLoop &loop_;
+    const Connection::Devices &devices_; // all of the bus
     const uint16_t port_;
     const int output_;                           // a file in memory to which the client writes
     std::deque<const ExportedDevice *> waiting_; // the first is the one that is being attached
-    int failures_ = 0;                           // how often the client has failed for it
+    bool choosing_ = false;
+    int postponed_ = 0; // how often the start of the client has been put off
+    int failures_ = 0;  // how often the client has failed for it
 };
 
 } // namespace sim

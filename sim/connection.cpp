@@ -54,7 +54,7 @@ bool Connection::work(bool readable) {
     }
     if (device_ != nullptr)
         offerAll();
-    return socket_.flush() && peerIsThere && !(leaving_ && socket_.drained());
+    return socket_.flush() && peerIsThere && !(ending_ && socket_.drained());
 }
 
 bool Connection::handleInput() {
@@ -187,9 +187,13 @@ void Connection::offerPending() {
         onOutput();
 }
 
-// Wakes the connection even if there is nothing to send, so that it ends.
 void Connection::deviceLeft() {
     leaving_ = true;
+}
+
+// Wakes the connection even if there is nothing to send, so that it ends.
+void Connection::disconnect() {
+    ending_ = true;
     if (onOutput)
         onOutput();
 }

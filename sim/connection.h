@@ -41,6 +41,7 @@ public:
 
     void offerPending() override;
     void deviceLeft() override;
+    void disconnect() override;
 
 private:
     // A transfer that the client has submitted and that has not been answered yet.
@@ -76,7 +77,8 @@ private:
     ExportedDevice *device_ = nullptr; // once imported
     Pending pending_;
     size_t pendingBytes_ = 0; // the memory of the transfers in `pending_`
-    bool leaving_ = false;    // the device has left; the connection ends when everything is sent
+    bool leaving_ = false;    // the device has left, and answers no more
+    bool ending_ = false;     // the connection ends when everything is sent
 };
 
 } // namespace sim

@@ -4,6 +4,12 @@
 
 namespace sim {
 
+namespace {
+
+constexpr std::chrono::milliseconds kUnplugInterval{5};
+
+} // namespace
+
 ExportedDevice::ExportedDevice(EventLoop &loop, usbip::ExportedName name,
                                std::unique_ptr<DeviceModel> model)
     : loop_(loop), name_(std::move(name)) {
@@ -12,6 +18,7 @@ ExportedDevice::ExportedDevice(EventLoop &loop, usbip::ExportedName name,
 
 void ExportedDevice::imported(Importer *by) {
     importer_ = by;
+    wasImported_ = true;
     model().plugged(*this);
 }
 
@@ -45,12 +52,21 @@ void ExportedDevice::after(std::chrono::milliseconds delay, std::function<void()
 }
 
 void ExportedDevice::unplug(std::optional<std::chrono::milliseconds> returnAfter) {
-    if (returnAfter)
-        stayAway(*returnAfter);
-    else
-        present_ = false;
+    present_ = false;
     if (importer_ != nullptr)
         importer_->deviceLeft();
+    disconnect(returnAfter);
+}
+
+void ExportedDevice::disconnect(std::optional<std::chrono::milliseconds> returnAfter) {
+    if (importer_ != nullptr && mayUnplug && !mayUnplug()) {
+        loop_.after(kUnplugInterval, [this, returnAfter]() { disconnect(returnAfter); });
+        return;
+    }
+    if (returnAfter)
+        stayAway(*returnAfter);
+    if (importer_ != nullptr)
+        importer_->disconnect();
 }
 
 void ExportedDevice::become(std::unique_ptr<DeviceModel> other,

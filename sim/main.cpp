@@ -22,8 +22,9 @@
 
 namespace {
 
-constexpr int kUsage = 2;             // exit status
-constexpr uint32_t kMaxDevices = 127; // on one bus
+constexpr int kUsage = 2; // exit status
+constexpr uint32_t kDevicesPerBus = 127;
+constexpr uint32_t kMaxDevices = 2 * kDevicesPerBus;
 
 struct Options {
     uint16_t port = 3240;
@@ -50,7 +51,7 @@ private:
 
 Simulator::Simulator(const Options &options) : server_(loop_, devices_, options.port) {
     if (options.attach)
-        attacher_.emplace(loop_, server_.port());
+        attacher_.emplace(loop_, devices_, server_.port());
     endOnSignal();
     for (const std::string &text : options.devices) {
         const sim::DeviceSpecification specification = sim::parseDeviceSpecification(text);
@@ -62,14 +63,17 @@ Simulator::Simulator(const Options &options) : server_(loop_, devices_, options.
 }
 
 void Simulator::addDevice(const sim::DeviceSpecification &specification) {
-    const auto number = static_cast<uint32_t>(devices_.size() + 1);
-    if (number > kMaxDevices)
+    const auto index = static_cast<uint32_t>(devices_.size());
+    const uint32_t bus = index / kDevicesPerBus + 1;
+    const uint32_t number = index % kDevicesPerBus + 1;
+    if (index == kMaxDevices)
         throw std::invalid_argument(fmt::format("at most {} devices", kMaxDevices));
     sim::ExportedDevice &device = devices_.emplace_back(
-        loop_, sim::usbip::ExportedName{fmt::format("1-{}", number), 1, number + 1},
+        loop_, sim::usbip::ExportedName{fmt::format("{}-{}", bus, number), bus, number + 1},
         sim::makeDevice(specification));
     if (attacher_) {
         device.onReturn = [this, &device]() { attacher_->attach(device); };
+        device.mayUnplug = [this]() { return !attacher_->isChoosingPort(); };
         if (specification.away.count() == 0)
             loop_.after({}, device.onReturn);
     }
