@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "vexa_usb.h"
+
+namespace endurance {
+
+// Longer than anything takes on a slow and busy machine.
+inline constexpr std::chrono::seconds kPatience{60};
+
+/*
+ * What a device's callback has received, and what it should.
+ *
+ * The library's thread for the device's events puts in, the user of the device takes out.  A
+ * callback can run once more after the close, so an inbox is not destroyed or reused soon after.
+ */
+class Inbox {
+public:
+    using Clock = std::chrono::steady_clock;
+    enum class News { Full, Error, Removed, Stopped, Silence };
+
+    // The callback for vexa_usb_open(); `inbox` is the Inbox.
+    static void callback(_vexa_usb_device_event event, void *inbox);
+
+    // Forgets everything.
+    void clear();
+    // Waits for one more full buffer than `seen`, or for the stream's or the device's end.
+    News waitForBuffer(uint64_t seen);
+    // Waits for the end that is named, or the removal; Silence when neither comes.
+    News waitForEnd(News end, std::chrono::seconds patience = kPatience);
+    // These bytes are to come next.  They must not look like events of the stream.
+    void expectBytes(std::vector<uint8_t> bytes);
+    // Waits for all of them; how long ago they were announced as the last one came, or nothing when
+    // they do not come or the device has gone.
+    std::optional<Clock::duration> waitForBytes();
+
+    bool started();
+    bool removed();
+    bool failed(); // the stream
+    // A byte that was not due.
+    bool wrongByte();
+
+private:
+    bool has(News end) const;
+
+    std::mutex mutex_; // guards the rest
+    std::condition_variable changed_;
+    uint64_t full_ = 0;
+    bool started_ = false;
+    bool error_ = false;
+    bool removed_ = false;
+    bool stopped_ = false;
+    bool wrongByte_ = false;
+    std::vector<uint8_t> bytes_; // expected
+    size_t received_ = 0;        // of them
+    Clock::time_point announced_;
+    Clock::time_point complete_;
+};
+
+} // namespace endurance
