@@ -34,9 +34,6 @@ uint64_t DataStream::allocationSizeFor(uint64_t bufferSize, uint64_t packetSize)
     return bufferSize % packetSize == 0 ? bufferSize : bufferSize + packetSize;
 }
 
-DataStreamBuffer::DataStreamBuffer(uint64_t allocationSize)
-    : ordinary(new uint8_t[allocationSize]), data(ordinary.get()) {}
-
 bool DataStreamBuffer::change(DataStreamBufferState from, DataStreamBufferState to) {
     return state.compare_exchange_strong(from, to);
 }
@@ -56,10 +53,11 @@ DataStream::DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTr
       packetSize_(packetSize),
       allocationSize_(allocationSizeFor(bufferSize, packetSize)),
       transferSize_(transferSizeFor(bufferSize, maxTransferSize, packetSize)),
+      memory_(allocationSize_, bufferCount),
       shared_(std::move(shared)) {
     buffers_.reserve(bufferCount);
     for (uint64_t i = 0; i < bufferCount; ++i)
-        buffers_.push_back(std::make_unique<DataStreamBuffer>(allocationSize_));
+        buffers_.push_back(std::make_unique<DataStreamBuffer>(memory_.buffer(i)));
 }
 
 DataStream::~DataStream() {
@@ -91,7 +89,7 @@ void DataStream::collectShared() {
 }
 
 void DataStream::makeOrdinary(DataStreamBuffer &buffer) {
-    shared_->giveBack(std::exchange(buffer.data, buffer.ordinary.get()));
+    shared_->giveBack(std::exchange(buffer.data, buffer.ordinary));
 }
 
 void DataStream::releaseUnused() {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/transfer_set.h"
+#include "device/ring_memory.h"
 #include "device/shared_buffers.h"
 
 namespace vexausb {
@@ -19,17 +20,17 @@ enum class DataStreamBufferState : uint32_t {
 };
 
 struct DataStreamBuffer {
-    explicit DataStreamBuffer(uint64_t allocationSize);
+    explicit DataStreamBuffer(uint8_t *memory) : ordinary(memory), data(memory) {}
 
     bool change(DataStreamBufferState from, DataStreamBufferState to);
     // Nobody gets it any more; false when the caller holds it.
     bool closeUnlessLocked();
 
-    bool isShared() const { return data != ordinary.get(); }
+    bool isShared() const { return data != ordinary; }
 
     std::atomic<DataStreamBufferState> state{DataStreamBufferState::Free};
-    // Always there, and not touched while shared memory stands in for it.
-    const std::unique_ptr<uint8_t[]> ordinary;
+    // The ring's, always there, and not touched while shared memory stands in for it.
+    uint8_t *const ordinary;
     // The rest is the producer's.
     uint8_t *data; // ordinary memory or a block; the consumer may read this of a locked buffer
     uint64_t pendingTransfers = 0; // prepared, and not completed
@@ -114,6 +115,7 @@ private:
     const uint64_t packetSize_;
     const uint64_t allocationSize_;
     const uint64_t transferSize_;
+    const RingMemory memory_;
     std::vector<std::unique_ptr<DataStreamBuffer>> buffers_;
     const std::unique_ptr<SharedBuffers> shared_; // the producer's; null when nothing may be shared
 
