@@ -24,18 +24,27 @@ void Inbox::callback(_vexa_usb_device_event event, void *inbox) {
         self.stopped_ = true;
         break;
     default:
-        if (self.received_ == self.bytes_.size() || self.bytes_[self.received_] != event)
-            self.wrongByte_ = true;
-        else if (++self.received_ == self.bytes_.size())
-            self.complete_ = Clock::now();
+        self.take(static_cast<uint8_t>(event));
     }
     self.changed_.notify_all();
+}
+
+void Inbox::take(uint8_t byte) {
+    const bool isRight = received_ < bytes_.size() && bytes_[received_] == byte;
+    if (!isRight && foundFirst_)
+        wrongByte_ = true;
+    else if (!isRight)
+        received_ = !bytes_.empty() && bytes_[0] == byte ? 1 : 0;
+    else if (++received_ == bytes_.size()) {
+        foundFirst_ = true;
+        complete_ = Clock::now();
+    }
 }
 
 void Inbox::clear() {
     const std::lock_guard lock(mutex_);
     full_ = 0;
-    started_ = error_ = removed_ = stopped_ = wrongByte_ = false;
+    started_ = error_ = removed_ = stopped_ = wrongByte_ = foundFirst_ = false;
     bytes_.clear();
     received_ = 0;
 }

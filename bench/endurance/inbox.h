@@ -35,7 +35,9 @@ public:
     News waitForBuffer(uint64_t seen);
     // Waits for the end that is named, or the removal; Silence when neither comes.
     News waitForEnd(News end, std::chrono::seconds patience = kPatience);
-    // These bytes are to come next.  They must not look like events of the stream.
+    // These bytes are to come next.  They must not look like events of the stream.  What comes
+    // before the first ones is left over from another user of the device; so these have to be long
+    // enough not to be among that by chance.
     void expectBytes(std::vector<uint8_t> bytes);
     // Waits for all of them; how long ago they were announced as the last one came, or nothing when
     // they do not come or the device has gone.
@@ -49,6 +51,7 @@ public:
 
 private:
     bool has(News end) const;
+    void take(uint8_t byte);
 
     std::mutex mutex_; // guards the rest
     std::condition_variable changed_;
@@ -58,6 +61,7 @@ private:
     bool removed_ = false;
     bool stopped_ = false;
     bool wrongByte_ = false;
+    bool foundFirst_ = false;    // the first bytes that were expected
     std::vector<uint8_t> bytes_; // expected
     size_t received_ = 0;        // of them
     Clock::time_point announced_;

@@ -42,7 +42,7 @@ struct Resources {
     uint64_t residentKib = 0;
     size_t threads = 0;
     size_t descriptors = 0;
-    size_t mappings = 0;
+    size_t mappings = 0; // but those of streams' buffers
 };
 
 } // namespace endurance

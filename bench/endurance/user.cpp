@@ -22,6 +22,7 @@ constexpr uint64_t kRingBytes = 8U << 20;
 constexpr double kSmallestBuffer = 1e4;
 constexpr double kLargestByThat = 200; // times as large
 constexpr std::chrono::seconds kBetweenErrorAndRemoval{3};
+constexpr size_t kFirstEventBytes = 32;
 constexpr uint8_t kLowestEventByte = 16; // the stream's own events lie below
 
 } // namespace
@@ -77,6 +78,7 @@ bool User::openDevice() {
     inbox_->clear();
     std::tie(device_, id_) = claims_.open(*inbox_, engine_() % UINT32_MAX);
     seen_ = position_ = 0;
+    eventsCame_ = false;
     mayBeRemoved_ = settings_.foreign;
     tally_.open += device_ == nullptr ? 0 : 1;
     return device_ != nullptr;
@@ -124,7 +126,7 @@ void User::session(Ending ending) {
             } else if (goesOn && ending != Ending::Removal && random(0, 3) == 0)
                 loopBack();
             else if (goesOn && ending != Ending::Removal)
-                sendEvents();
+                goesOn = sendEvents();
         }
         goesOn ? end(ending) : afterTheEnd();
     }
@@ -181,20 +183,24 @@ bool User::drainOne() {
     return right == size;
 }
 
-void User::sendEvents() {
-    std::vector<uint8_t> bytes(random(1, 64));
+// False when they may still come after a transfer that failed.
+bool User::sendEvents() {
+    std::vector<uint8_t> bytes(!eventsCame_ ? kFirstEventBytes : random(1, 64));
     for (uint8_t &byte : bytes)
         byte = static_cast<uint8_t>(random(kLowestEventByte, UINT8_MAX));
     inbox_->expectBytes(bytes);
     if (!isFine(control(sim::kRequestSendEvents, 0, 0, bytes.data(), bytes.size()), "events"))
-        return;
+        return false;
     const auto latency = inbox_->waitForBytes();
     if (latency) {
         tally_.addLatency(*latency);
         tally_.eventBytes += bytes.size();
-    } else if (!inbox_->removed()) {
+        eventsCame_ = true;
+    } else if (!inbox_->removed() &&
+               !settings_.foreign) { // who ends an event pipe tells only the log
         tally_.finding("events did not come");
     }
+    return latency.has_value();
 }
 
 void User::loopBack() {

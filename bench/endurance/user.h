@@ -73,7 +73,7 @@ private:
     bool startStream();
     bool drain(std::chrono::steady_clock::time_point until);
     bool drainOne();
-    void sendEvents();
+    bool sendEvents();
     void loopBack();
     void pullDevice();
     void end(Ending ending);
@@ -96,6 +96,7 @@ private:
     uint64_t id_ = 0;
     uint64_t seen_ = 0;     // full buffers
     uint64_t position_ = 0; // in the stream
+    bool eventsCame_ = false;
     bool mayBeRemoved_ = false;
 };
 
