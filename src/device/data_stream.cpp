@@ -18,8 +18,6 @@ uint64_t roundUp(uint64_t value, uint64_t step) {
 
 // Pieces of nearly equal size rather than full ones and a small rest.
 uint64_t transferSizeFor(uint64_t bufferSize, uint64_t maxTransferSize, uint64_t packetSize) {
-    if (bufferSize <= maxTransferSize)
-        return roundUp(bufferSize, packetSize);
     const uint64_t pieces =
         bufferSize / maxTransferSize + (bufferSize % maxTransferSize != 0 ? 1 : 0);
     return roundUp(bufferSize / pieces, packetSize);
