@@ -83,7 +83,8 @@ class Client:
             findings.append(f"a client ended with {status}: {errors[-2000:]}")
             return None
         result = json.loads(self.output.read().splitlines()[-1])
-        for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams"):
+        for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",
+                     "timeouts"):
             count(name, result[name])
         return result
 

@@ -102,6 +102,10 @@ public:
         for (const auto &user : users_)
             user->leave = true;
     }
+    void letGiveUp() {
+        for (const auto &user : users_)
+            user->mayGiveUp = true;
+    }
     bool allInLastSession() const {
         for (const auto &user : users_) {
             if (!user->isLast)
@@ -138,6 +142,7 @@ public:
         result["removals"] = tally_.removals.load();
         result["overflows"] = tally_.overflows.load();
         result["lost_streams"] = tally_.lostStreams.load();
+        result["timeouts"] = tally_.timeouts.load();
         result["open"] = tally_.open.load();
         result["findings"] = tally_.findings();
         result["latency_ms"] = {latency(50), latency(99)};
@@ -183,8 +188,10 @@ bool use(const Options &options) {
             if (options.samples)
                 say(users.report(begin));
         }
-        if (options.untilRemoved)
+        if (options.untilRemoved) {
+            users.letGiveUp();
             say({{"ready", true}});
+        }
         users.join();
         result = users.report(begin);
         good = users.allGood();
@@ -211,6 +218,9 @@ int main(int argc, char **argv) {
     app.add_option("--seed", options.seed, "another seed, another order of things");
     app.add_option("--buffer-size", settings.bufferSize, "bytes; each stream its own if not given");
     app.add_option("--buffer-count", settings.bufferCount, "buffers of a ring");
+    int64_t longest = 5;
+    app.add_option("--session", longest, "seconds that a device is used at most")
+        ->check(CLI::PositiveNumber);
     int64_t delay = 0;
     app.add_option("--delay", delay, "milliseconds that each answer of a stream is late");
     app.add_option("--pulls", settings.pulls, "devices to unplug, and plug in again, a second");
@@ -225,6 +235,7 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
+    settings.longest = std::chrono::seconds(longest);
     settings.delay = std::chrono::milliseconds(delay);
 
     vexa_usb_init();

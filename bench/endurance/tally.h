@@ -19,6 +19,7 @@ public:
     std::atomic<uint64_t> removals = 0;    // that an open device's callback was told of
     std::atomic<uint64_t> overflows = 0;   // streams that ended since nobody drained them
     std::atomic<uint64_t> lostStreams = 0; // streams that ended with an error that nobody caused
+    std::atomic<uint64_t> timeouts = 0;    // of requests to the device
     std::atomic<uint64_t> open = 0;        // devices, now
 
     // Something that must not happen; tells it on standard error.

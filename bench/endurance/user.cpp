@@ -67,6 +67,9 @@ void User::run(bool untilRemoved) {
     while (untilRemoved) {
         if (openDevice()) {
             session(Ending::Removal);
+            if (inbox_->removed())
+                return;
+        } else if (mayGiveUp) {
             return;
         }
         std::this_thread::sleep_for(milliseconds(random(20, 200)));
@@ -101,6 +104,10 @@ bool User::isFine(int32_t status, const char *call) {
     // USB errors come before the library has taken notice of the removal.
     if (mayBeRemoved_)
         return false;
+    if (status == VEXA_USB_STATUS_TIMEOUT) { // the machine is too busy to answer in a second
+        ++tally_.timeouts;
+        return false;
+    }
     tally_.finding(std::string(call) + " answers " + vexa_usb_get_status_str(status));
     return false;
 }
@@ -116,7 +123,9 @@ void User::session(Ending ending) {
     isLast = ending == Ending::Removal;
     if (isFine(vexa_usb_event_pipe_enable(device_, sim::kEventEndpoint), "event pipe") &&
         startStream()) {
-        const auto until = steady_clock::now() + milliseconds(random(500, 5000));
+        const auto until =
+            steady_clock::now() +
+            milliseconds(random(500, static_cast<uint64_t>(settings_.longest.count())));
         bool goesOn = true;
         while (goesOn && (ending == Ending::Removal || steady_clock::now() < until)) {
             goesOn = drain(steady_clock::now() + milliseconds(random(50, 500)));

@@ -19,8 +19,9 @@ namespace endurance {
 
 // What all users of this process are to do.
 struct Settings {
-    std::chrono::milliseconds delay{0}; // each answer of the stream comes that much later
-    uint64_t bufferSize = 0;            // 0: a random shape for each stream
+    std::chrono::milliseconds longest{5000}; // session
+    std::chrono::milliseconds delay{0};      // each answer of the stream comes that much later
+    uint64_t bufferSize = 0;                 // 0: a random shape for each stream
     uint64_t bufferCount = 0;
     double pulls = 0; // devices that are pulled each second, by all users together
     bool overflows = false;
@@ -44,7 +45,7 @@ private:
  * and looks at every byte, has it send events, sends it data that come back, and ends that in one
  * of the ways in which it can end.  Whatever the library does that it must not is a finding.
  *
- * One thread runs a user; `leave` and `pull` are set by any other.
+ * One thread runs a user; others set `leave`, `pull` and `mayGiveUp`.
  */
 class User {
 public:
@@ -58,8 +59,9 @@ public:
     void run(bool untilRemoved);
 
     std::atomic<bool> leave = false;
-    std::atomic<bool> pull = false;   // the device; taken back once that is done
-    std::atomic<bool> isLast = false; // the last session streams
+    std::atomic<bool> pull = false;      // the device; taken back once that is done
+    std::atomic<bool> isLast = false;    // the last session streams
+    std::atomic<bool> mayGiveUp = false; // the devices go now, and none may be left for this user
 
 private:
     enum class Ending { Stop, Close, Pull, Overflow, Removal };

@@ -276,16 +276,4 @@ TEST_F(SystemTest, InitAndFiniCycles) {
     vexa_usb_init();
 }
 
-// A long run at an awkward buffer size; its length in GiB comes from the environment.
-TEST_F(SystemTest, Soak) {
-    const char *const gibibytes = std::getenv("VEXA_SOAK_GIB");
-    if (gibibytes == nullptr)
-        GTEST_SKIP() << "on demand: scripts/test --soak";
-    const Simulator simulator({"instrument,speed=super"});
-    openFirst();
-    const uint64_t half = std::strtoull(gibibytes, nullptr, 10) << 29;
-    streamAndCheck(1000000, 64, half);
-    streamAndCheck(777777, 64, half);
-}
-
 } // namespace

@@ -198,11 +198,11 @@ TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
         progress.clear();
         return vexa_usb_dfu_download(device, image.data(), size, callback, &progress);
     };
-    answers = {{0, 0, 0, 0, 4, 0}, {0, 4, 1, 0, 4, 0}, idle, idle};
+    answers = {{0, 0, 0, 0, 4, 0}, {0, 5, 1, 0, 4, 0}, idle, idle};
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(download(4097), 0);
     const auto polled = std::chrono::steady_clock::now() - before;
-    EXPECT_GE(polled, std::chrono::milliseconds(260));
+    EXPECT_GE(polled, std::chrono::milliseconds(261));
     EXPECT_LT(polled, std::chrono::milliseconds(1028)); // as if the bytes were in another order
     const Request status{0xA1, 3, 0, 0, {}};
     const std::vector<Request> expected{{0x21, 1, 0, 0, Bytes(image.begin(), image.end() - 1)},
