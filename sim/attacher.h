@@ -8,6 +8,7 @@
 
 #include "event_loop.h"
 #include "exported_device.h"
+#include "listen_address.h"
 
 namespace sim {
 
@@ -16,7 +17,7 @@ namespace sim {
 // the event loop throws std::runtime_error, whose text says what to do.
 class Attacher {
 public:
-    Attacher(EventLoop &loop, uint16_t port);
+    Attacher(EventLoop &loop, const ListenAddress &server);
     ~Attacher();
     Attacher(const Attacher &) = delete;
     Attacher &operator=(const Attacher &) = delete;
@@ -31,6 +32,7 @@ private:
     std::string clientOutput() const;
 
     EventLoop &loop_;
+    const std::string host_;
     const uint16_t port_;
     const int output_;                           // a file in memory to which the client writes
     std::deque<const ExportedDevice *> waiting_; // the first is the one that is being attached
