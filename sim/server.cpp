@@ -4,7 +4,6 @@
 #include <exception>
 #include <string>
 #include <system_error>
-#include <utility>
 
 #include <fmt/format.h>
 #include <netinet/in.h>
@@ -51,11 +50,8 @@ void endWhenSilent(int descriptor) {
 
 } // namespace
 
-Server::Server(EventLoop &loop, Connection::Devices &devices, ListenAddress address)
-    : loop_(loop),
-      devices_(devices),
-      address_(std::move(address)),
-      listener_(openListener(address_)) {
+Server::Server(EventLoop &loop, Connection::Devices &devices, const ListenAddress &address)
+    : loop_(loop), devices_(devices), address_(address), listener_(openListener(address_)) {
     loop_.watch(listener_, POLLIN, [this](short) { acceptClient(); });
 }
 

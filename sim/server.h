@@ -12,7 +12,7 @@ namespace sim {
 // Listens for clients and serves their connections.
 class Server {
 public:
-    Server(EventLoop &loop, Connection::Devices &devices, ListenAddress address);
+    Server(EventLoop &loop, Connection::Devices &devices, const ListenAddress &address);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
