@@ -2,7 +2,8 @@
 """Measures a device of another machine: inside the virtual machine, behind a link of chosen delay
 and loss (scripts/vm-lab), exported by the simulator itself or by the system's usbipd.
 
-  scripts/vm -t 3000 bench/network.py BUILD rates SECONDS    throughput over links, in tables
+  scripts/vm -t 3000 bench/network.py BUILD rates SECONDS    throughput over links, in tables; the
+                                                             better of two rounds of each
   scripts/vm -t 1500 bench/network.py BUILD ends             what a broken link looks like, and when
   scripts/vm -t 3000 bench/network.py BUILD defaults         how long a dead link goes unnoticed
                                                              as Linux comes
@@ -22,7 +23,7 @@ LAB, SERIAL = "10.77.0.2", "LAB"
 CONTROLLER = "/sys/devices/platform/vhci_hcd.0"
 HERE = os.path.dirname(os.path.abspath(__file__))
 VM_LAB = f"{HERE}/../scripts/vm-lab"
-SIZES = ((65536, 128), (262144, 64), (524288, 32), (1048576, 32))
+SIZES = ((16384, 512), (65536, 128), (262144, 64), (524288, 32))
 NAMES = {False: "vexa-usb-sim --listen", True: "usbipd"}
 # What the guide tells to set, so that a dead link is noticed.
 SETTINGS = {"tcp_keepalive_time": 5, "tcp_keepalive_intvl": 2, "tcp_keepalive_probes": 3,
@@ -246,7 +247,7 @@ def measure(server, size, count, seconds):
 def rates(build, seconds):
     checked = 0
     for usbipd in (False, True):
-        print(f"\nExported by {NAMES[usbipd]}; {seconds} s each, load average "
+        print(f"\nExported by {NAMES[usbipd]}; the better of twice {seconds} s, load average "
               f"{os.getloadavg()[0]:.1f} in the machine; MB/s, and the limit that follows from the "
               f"round trip:\n")
         shapes = " | ".join(f"{count} x {size >> 10} KiB" for size, count in SIZES)
@@ -260,8 +261,9 @@ def rates(build, seconds):
                 link(delay, loss)
                 cells = []
                 for size, count in SIZES:
-                    rate, bytes_ = measure(server, size, count, seconds)
-                    checked += bytes_
+                    runs = [measure(server, size, count, seconds) for _ in range(2)]
+                    rate = max(rate for rate, _ in runs)
+                    checked += sum(read for _, read in runs)
                     limit = 3 * min(size, 524288) / 1e3 / delay if delay else None
                     if limit and rate > limit:
                         complain(f"faster than possible: {rate} of {limit}")

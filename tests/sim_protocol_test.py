@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Bad input to the simulator ends that connection with a logged reason, never the server; and its
 version."""
+import os
 import socket
 import struct
 import subprocess
@@ -15,7 +16,8 @@ for bad, status, reason in (("", 2, "is no address"), ("lab", 2, "is no address"
     ended = subprocess.run([sys.argv[1], "--listen", bad, "--port", "0"], text=True, timeout=20,
                            stderr=subprocess.PIPE)
     assert ended.returncode == status and reason in ended.stderr, (bad, ended)
-for own in ("127.1.2.3", "::1", "::ffff:127.0.0.1"):
+hasIpv6 = os.path.exists("/proc/net/if_inet6")
+for own in ("127.1.2.3", "::1", "::ffff:127.0.0.1")[:3 if hasIpv6 else 1]:
     with subprocess.Popen([sys.argv[1], "--listen", own, "--port", "0"], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, text=True) as simulator:
         said = simulator.stdout.readline().removeprefix("listening on ").strip()
