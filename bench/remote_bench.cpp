@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 constexpr uint8_t kEventByte = 0x55; // none of those that mean something for a stream
+constexpr std::chrono::milliseconds kOnTheWay{500}; // the longest that an event is
 
 void say(const std::string &what) {
     static std::mutex mutex;
@@ -90,14 +91,15 @@ public:
         if (rate > 0)
             thread_ = std::thread([this, rate]() { work(Seconds(1 / rate)); });
     }
-    ~Talker() {
+    ~Talker() { end(); }
+    Talker(const Talker &) = delete;
+    Talker &operator=(const Talker &) = delete;
+
+    void end() {
         ended_ = true;
         if (thread_.joinable())
             thread_.join();
     }
-    Talker(const Talker &) = delete;
-    Talker &operator=(const Talker &) = delete;
-
     uint64_t sent() const { return sent_; }
     uint64_t failed() const { return failed_; }
 
@@ -127,7 +129,8 @@ private:
 
 class Run {
 public:
-    explicit Run(_vexa_usb_device *device, Events &events) : device_(device), events_(events) {}
+    Run(_vexa_usb_device *device, Events &events)
+        : device_(device), events_(events), bytesBefore_(events.bytes()) {}
 
     // Reads until that time is over or the device has left.
     void read(Seconds time) {
@@ -149,7 +152,7 @@ public:
         say("bytes " + std::to_string(position_) + " seconds " + std::to_string(seconds_) +
             " pause " + std::to_string(pause_) + " asked " + std::to_string(talker.sent()) +
             " unsure " + std::to_string(talker.failed()) + " events " +
-            std::to_string(events_.bytes()));
+            std::to_string(events_.bytes() - bytesBefore_));
     }
 
 private:
@@ -166,6 +169,7 @@ private:
 
     _vexa_usb_device *const device_;
     Events &events_;
+    const uint64_t bytesBefore_;
     uint64_t position_ = 0;
     double pause_ = 0; // the longest between two buffers
     double seconds_ = 0;
@@ -178,6 +182,7 @@ void run(uint64_t size, uint64_t count, Seconds time, double eventRate) {
     _vexa_usb_device *const device = bench::openFirst(Events::callback, &events);
     uint8_t position[8]{};
     bench::require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "event pipe");
+    std::this_thread::sleep_for(kOnTheWay); // those that another run has left
     bench::require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
                                              VEXA_USB_RECIPIENT_DEVICE, sim::kRequestSeek, 0, 0,
                                              position, sizeof(position)) == 0,
@@ -185,11 +190,11 @@ void run(uint64_t size, uint64_t count, Seconds time, double eventRate) {
     bench::require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, size, count) == 0,
                    "start");
     Run reader(device, events);
-    {
-        const Talker talker(device, eventRate);
-        reader.read(time);
-        reader.report(talker);
-    }
+    Talker talker(device, eventRate);
+    reader.read(time);
+    talker.end();
+    std::this_thread::sleep_for(kOnTheWay);
+    reader.report(talker);
     timed("stop", [&]() { return vexa_usb_data_stream_stop(device); });
     timed("close", [&]() { return vexa_usb_close(device); });
     timed("fini", []() {
