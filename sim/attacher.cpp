@@ -30,19 +30,24 @@ constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 }
 
 // Collects the client's output, which is shown only if the client fails.
-int openOutput() {
+int openOutput(const std::string &host) {
     if (access(kController, F_OK) != 0)
         fail("the kernel's virtual host controller is unavailable; as root: modprobe vhci-hcd");
     if (access(kController, W_OK) != 0)
-        fail("this needs root; run vexa-usb-sim --attach as root, or without --attach and, as "
-             "root, usbip attach -r 127.0.0.1 -b 1-1");
+        fail(fmt::format("this needs root; run vexa-usb-sim --attach as root, or without --attach "
+                         "and, as root, usbip attach -r {} -b 1-1",
+                         host));
     return memfd_create("usbip", MFD_CLOEXEC);
 }
 
 } // namespace
 
-Attacher::Attacher(EventLoop &loop, const Connection::Devices &devices, uint16_t port)
-    : loop_(loop), devices_(devices), port_(port), output_(openOutput()) {}
+Attacher::Attacher(EventLoop &loop, const Connection::Devices &devices, const ListenAddress &server)
+    : loop_(loop),
+      devices_(devices),
+      host_(server.localHost()),
+      port_(server.port()),
+      output_(openOutput(host_)) {}
 
 Attacher::~Attacher() {
     close(output_);
@@ -66,8 +71,8 @@ void Attacher::startNext() {
 
 void Attacher::startClient() {
     std::array<std::string, 8> words{
-        "usbip",     "--tcp-port", std::to_string(port_),         "attach", "-r",
-        "127.0.0.1", "-b",         waiting_.front()->name().busId};
+        "usbip", "--tcp-port", std::to_string(port_),         "attach", "-r",
+        host_,   "-b",         waiting_.front()->name().busId};
     std::array<char *, words.size() + 1> arguments{};
     for (size_t i = 0; i < words.size(); ++i)
         arguments[i] = words[i].data();

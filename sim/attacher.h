@@ -9,6 +9,7 @@
 #include "connection.h"
 #include "event_loop.h"
 #include "exported_device.h"
+#include "listen_address.h"
 
 namespace sim {
 
@@ -17,7 +18,7 @@ namespace sim {
 // the event loop throws std::runtime_error, whose text says what to do.
 class Attacher {
 public:
-    Attacher(EventLoop &loop, const Connection::Devices &devices, uint16_t port);
+    Attacher(EventLoop &loop, const Connection::Devices &devices, const ListenAddress &server);
     ~Attacher();
     Attacher(const Attacher &) = delete;
     Attacher &operator=(const Attacher &) = delete;
@@ -38,6 +39,7 @@ private:
 
     EventLoop &loop_;
     const Connection::Devices &devices_; // all of the bus
+    const std::string host_;
     const uint16_t port_;
     const int output_;                           // a file in memory to which the client writes
     std::deque<const ExportedDevice *> waiting_; // the first is the one that is being attached

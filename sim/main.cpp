@@ -18,6 +18,7 @@
 #include "connection.h"
 #include "device_specification.h"
 #include "event_loop.h"
+#include "listen_address.h"
 #include "server.h"
 
 namespace {
@@ -27,6 +28,7 @@ constexpr uint32_t kDevicesPerBus = 127;
 constexpr uint32_t kMaxDevices = 2 * kDevicesPerBus;
 
 struct Options {
+    std::string listen = "127.0.0.1";
     uint16_t port = 3240;
     uint32_t count = 1;
     bool attach = false;
@@ -40,6 +42,7 @@ public:
     void run() { loop_.run(); }
 
 private:
+    void announce() const;
     void addDevice(const sim::DeviceSpecification &specification);
     void endOnSignal();
 
@@ -49,16 +52,28 @@ private:
     std::optional<sim::Attacher> attacher_;
 };
 
-Simulator::Simulator(const Options &options) : server_(loop_, devices_, options.port) {
+Simulator::Simulator(const Options &options)
+    : server_(loop_, devices_, sim::ListenAddress(options.listen, options.port)) {
     if (options.attach)
-        attacher_.emplace(loop_, devices_, server_.port());
+        attacher_.emplace(loop_, devices_, server_.address());
     endOnSignal();
     for (const std::string &text : options.devices) {
         const sim::DeviceSpecification specification = sim::parseDeviceSpecification(text);
         for (uint32_t i = 0; i < options.count; ++i)
             addDevice(specification);
     }
-    fmt::print("listening on 127.0.0.1:{}\n", server_.port());
+    announce();
+}
+
+void Simulator::announce() const {
+    const sim::ListenAddress &address = server_.address();
+    if (!address.isLoopback())
+        fmt::print(stderr,
+                   "vexa-usb-sim: warning: USB/IP knows no password and no encryption: whoever "
+                   "reaches {} can use these devices; let only a network in that you trust, or "
+                   "leave --listen out and go through an ssh tunnel\n",
+                   address.text());
+    fmt::print("listening on {}\n", address.text());
     std::fflush(stdout);
 }
 
@@ -102,8 +117,13 @@ int main(int argc, char **argv) {
                "    modprobe vhci-hcd; usbip attach -r 127.0.0.1 -b 1-1\n"
                "  vexa-usb-sim --attach instrument,speed=super    both in one, as root\n");
     app.set_version_flag("-V,--version", "vexa-usb-sim " VEXA_SIMULATOR_VERSION);
-    app.add_option("-p,--port", options.port,
-                   "TCP port on the loopback address; 0 takes a free one")
+    app.add_option(
+           "-l,--listen", options.listen,
+           "Address of this machine where clients reach it, in numbers. USB/IP has no "
+           "password: with another than the loopback address, whoever reaches it can use the "
+           "devices")
+        ->capture_default_str();
+    app.add_option("-p,--port", options.port, "TCP port; 0 takes a free one")
         ->capture_default_str();
     app.add_flag("-a,--attach", options.attach, "Plug the devices into this machine (needs root)");
     app.add_option("-n,--count", options.count, "Simulate N of each device")

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <string>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -23,30 +24,34 @@ void setOption(int descriptor, int level, int option, int value) {
     setsockopt(descriptor, level, option, &value, sizeof(value));
 }
 
-// On the loopback address only, because the protocol has no authentication.
-int openListener(uint16_t port) {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+int openListener(ListenAddress &address) {
+    const int descriptor = socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor < 0)
         throwErrno("socket");
     setOption(descriptor, SOL_SOCKET, SO_REUSEADDR, 1);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
-        listen(descriptor, SOMAXCONN) != 0) {
-        const int error = errno;
+    try {
+        address.listenWith(descriptor);
+    } catch (...) {
         close(descriptor);
-        errno = error;
-        throwErrno(fmt::format("cannot listen on 127.0.0.1:{}", port));
+        throw;
     }
     return descriptor;
 }
 
+// A client whose machine or network has died says nothing any more: its connection is to end, so
+// that the device can be attached again.
+void endWhenSilent(int descriptor) {
+    setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, 10);        // seconds
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, 5);        // seconds
+    setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, 4);          // probes
+    setOption(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, 30000); // milliseconds, for data sent
+}
+
 } // namespace
 
-Server::Server(EventLoop &loop, Connection::Devices &devices, uint16_t port)
-    : loop_(loop), devices_(devices), listener_(openListener(port)) {
+Server::Server(EventLoop &loop, Connection::Devices &devices, const ListenAddress &address)
+    : loop_(loop), devices_(devices), address_(address), listener_(openListener(address_)) {
     loop_.watch(listener_, POLLIN, [this](short) { acceptClient(); });
 }
 
@@ -57,18 +62,12 @@ Server::~Server() {
     close(listener_);
 }
 
-uint16_t Server::port() const {
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &size);
-    return ntohs(address.sin_port);
-}
-
 void Server::acceptClient() {
     const int descriptor = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor < 0)
         return;
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    endWhenSilent(descriptor);
     auto connection = std::make_unique<Connection>(descriptor, devices_);
     // Not at once: the connection may be in the middle of its work, and serve() may destroy it.
     connection->onOutput = [this, descriptor]() {

@@ -1,23 +1,23 @@
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <memory>
 
 #include "connection.h"
 #include "event_loop.h"
+#include "listen_address.h"
 
 namespace sim {
 
 // Listens for clients and serves their connections.
 class Server {
 public:
-    Server(EventLoop &loop, Connection::Devices &devices, uint16_t port);
+    Server(EventLoop &loop, Connection::Devices &devices, const ListenAddress &address);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
 
-    uint16_t port() const;
+    const ListenAddress &address() const { return address_; }
 
 private:
     void acceptClient();
@@ -27,6 +27,7 @@ private:
 
     EventLoop &loop_;
     Connection::Devices &devices_;
+    ListenAddress address_;
     const int listener_;
     std::map<int, std::unique_ptr<Connection>> connections_;
 };

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Bad input to the simulator ends that connection with a logged reason, never the server; and its
 version."""
+import os
 import socket
 import struct
 import subprocess
@@ -8,6 +9,21 @@ import sys
 
 version = subprocess.run([sys.argv[1], "--version"], stdout=subprocess.PIPE, text=True, check=True)
 assert version.stdout.startswith("vexa-usb-sim 0."), version.stdout
+
+# Where it listens.
+for bad, status, reason in (("", 2, "is no address"), ("lab", 2, "is no address"),
+                            ("10.0.0.1/8", 2, "is no address"), ("192.0.2.1", 1, "'ip address'")):
+    ended = subprocess.run([sys.argv[1], "--listen", bad, "--port", "0"], text=True, timeout=20,
+                           stderr=subprocess.PIPE)
+    assert ended.returncode == status and reason in ended.stderr, (bad, ended)
+hasIpv6 = os.path.exists("/proc/net/if_inet6")
+for own in ("127.1.2.3", "::1", "::ffff:127.0.0.1")[:3 if hasIpv6 else 1]:
+    with subprocess.Popen([sys.argv[1], "--listen", own, "--port", "0"], stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True) as simulator:
+        said = simulator.stdout.readline().removeprefix("listening on ").strip()
+        socket.create_connection((own, int(said.rpartition(":")[2])), timeout=10).close()
+        simulator.terminate()
+        assert said.rpartition(":")[0].strip("[]") == own and not simulator.stderr.read(), said
 
 simulator = subprocess.Popen([sys.argv[1], "--port", "0"], stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE, text=True)

@@ -1,0 +1,222 @@
+// Streams from the simulated instrument, strictly and with its event pipe, looks at every byte, and
+// writes a line, with the monotonic clock's seconds, for each thing that bench/network.py wants to
+// know the time of.
+//
+// Usage: remote-bench BUFFER-SIZE BUFFERS SECONDS EVENTS-PER-SECOND
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "devices.h"
+#include "instrument_protocol.h"
+#include "stream_pattern.h"
+#include "vexa_usb.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr uint8_t kEventByte = 0x55; // none of those that mean something for a stream
+constexpr std::chrono::milliseconds kOnTheWay{500}; // the longest that an event is
+
+void say(const std::string &what) {
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    const double now = Seconds(Clock::now().time_since_epoch()).count();
+    std::printf("%.3f %s\n", now, what.c_str());
+    std::fflush(stdout);
+}
+
+double since(Clock::time_point begin) {
+    return Seconds(Clock::now() - begin).count();
+}
+
+// Says what a call answered and how long that took.
+template <typename Call>
+int32_t timed(const char *what, Call call) {
+    const auto begin = Clock::now();
+    const int32_t status = call();
+    say(std::string(what) + " " + std::to_string(status) + " " + std::to_string(since(begin)));
+    return status;
+}
+
+// The events of a device, for the thread that reads its stream.
+class Events {
+public:
+    static void callback(_vexa_usb_device_event event, void *self) {
+        static_cast<Events *>(self)->post(event);
+    }
+    std::optional<uint32_t> next(std::chrono::milliseconds patience) {
+        std::unique_lock lock(mutex_);
+        if (!changed_.wait_for(lock, patience, [this]() { return !waiting_.empty(); }))
+            return std::nullopt;
+        const uint32_t event = waiting_.front();
+        waiting_.pop_front();
+        return event;
+    }
+    uint64_t bytes() const { return bytes_; }
+
+private:
+    void post(uint32_t event) {
+        if (event == kEventByte) {
+            ++bytes_;
+            return;
+        }
+        const std::lock_guard lock(mutex_);
+        waiting_.push_back(event);
+        changed_.notify_one();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<uint32_t> waiting_;
+    std::atomic<uint64_t> bytes_ = 0;
+};
+
+// Has the device send events, by control transfers, until it is told to end.
+class Talker {
+public:
+    Talker(_vexa_usb_device *device, double rate) : device_(device) {
+        if (rate > 0)
+            thread_ = std::thread([this, rate]() { work(Seconds(1 / rate)); });
+    }
+    ~Talker() { end(); }
+    Talker(const Talker &) = delete;
+    Talker &operator=(const Talker &) = delete;
+
+    void end() {
+        ended_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    uint64_t sent() const { return sent_; }
+    uint64_t failed() const { return failed_; }
+
+private:
+    void work(Seconds interval) {
+        while (!ended_) {
+            const auto begin = Clock::now();
+            uint8_t byte = kEventByte;
+            const int32_t status = vexa_usb_control_transfer(
+                device_, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR, VEXA_USB_RECIPIENT_DEVICE,
+                sim::kRequestSendEvents, 0, 0, &byte, 1);
+            ++(status == 0 ? sent_ : failed_);
+            if (status != 0)
+                say("control " + std::to_string(status) + " " + std::to_string(since(begin)));
+            if (status == VEXA_USB_STATUS_DEVICE_REMOVED)
+                return;
+            std::this_thread::sleep_for(interval);
+        }
+    }
+
+    _vexa_usb_device *const device_;
+    std::atomic<bool> ended_ = false;
+    std::atomic<uint64_t> sent_ = 0;
+    std::atomic<uint64_t> failed_ = 0;
+    std::thread thread_;
+};
+
+class Run {
+public:
+    Run(_vexa_usb_device *device, Events &events)
+        : device_(device), events_(events), bytesBefore_(events.bytes()) {}
+
+    // Reads until that time is over or the device has left.
+    void read(Seconds time) {
+        const auto begin = Clock::now();
+        auto last = begin;
+        while (!removed_ && Clock::now() - begin < time) {
+            const auto event = events_.next(std::chrono::milliseconds(100));
+            if (event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL && takeBuffer()) {
+                pause_ = std::max(pause_, since(last));
+                last = Clock::now();
+            } else if (event) {
+                say("event " + std::to_string(*event));
+                removed_ = event == VEXA_USB_DEVICE_EVENT_REMOVED;
+            }
+        }
+        seconds_ = Seconds(last - begin).count();
+    }
+    void report(const Talker &talker) const {
+        say("bytes " + std::to_string(position_) + " seconds " + std::to_string(seconds_) +
+            " pause " + std::to_string(pause_) + " asked " + std::to_string(talker.sent()) +
+            " unsure " + std::to_string(talker.failed()) + " events " +
+            std::to_string(events_.bytes() - bytesBefore_));
+    }
+
+private:
+    bool takeBuffer() {
+        uint8_t *data = nullptr;
+        uint64_t size = 0;
+        if (vexa_usb_data_stream_buffer_lock(device_, &data, &size) != 0)
+            return false;
+        const size_t right = sim::firstPatternError(position_, {data, size});
+        bench::require(right == size, "a wrong byte");
+        position_ += size;
+        return vexa_usb_data_stream_buffer_unlock(device_) == 0;
+    }
+
+    _vexa_usb_device *const device_;
+    Events &events_;
+    const uint64_t bytesBefore_;
+    uint64_t position_ = 0;
+    double pause_ = 0; // the longest between two buffers
+    double seconds_ = 0;
+    bool removed_ = false;
+};
+
+void run(uint64_t size, uint64_t count, Seconds time, double eventRate) {
+    // The library's threads may call a last time after the close.
+    auto &events = *new Events;
+    _vexa_usb_device *const device = bench::openFirst(Events::callback, &events);
+    uint8_t position[8]{};
+    bench::require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "event pipe");
+    std::this_thread::sleep_for(kOnTheWay); // those that another run has left
+    bench::require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
+                                             VEXA_USB_RECIPIENT_DEVICE, sim::kRequestSeek, 0, 0,
+                                             position, sizeof(position)) == 0,
+                   "rewinding");
+    bench::require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, size, count) == 0,
+                   "start");
+    Run reader(device, events);
+    Talker talker(device, eventRate);
+    reader.read(time);
+    talker.end();
+    std::this_thread::sleep_for(kOnTheWay);
+    reader.report(talker);
+    timed("stop", [&]() { return vexa_usb_data_stream_stop(device); });
+    timed("close", [&]() { return vexa_usb_close(device); });
+    timed("fini", []() {
+        vexa_usb_fini();
+        return 0;
+    });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    if (argc != 5) {
+        std::fprintf(stderr, "usage: remote-bench BUFFER-SIZE BUFFERS SECONDS EVENTS-PER-SECOND\n");
+        return 2;
+    }
+    setenv("VEXA_USB_STREAM", "strict", 1);
+    try {
+        run(std::strtoull(argv[1], nullptr, 10), std::strtoull(argv[2], nullptr, 10),
+            Seconds(std::strtod(argv[3], nullptr)), std::strtod(argv[4], nullptr));
+    } catch (const std::exception &error) {
+        say(std::string("failed: ") + error.what());
+        std::_Exit(1);
+    }
+    return 0;
+}
