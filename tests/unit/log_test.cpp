@@ -153,7 +153,7 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
             fake::deliverEvents();
             EXPECT_EQ(stop(), 0);
         });
-        expectSays(said, " info: 5658:0001 at 001/001: stream on endpoint 0x82 started\n");
+        expectSays(said, " info: 5658:0001 at 001/001: stream on endpoint 0x82 started");
         return said;
     };
     expectSays(run([]() { fake::completeOldest(); }), "the caller holds 1 that");
@@ -181,6 +181,9 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
     expectSays(run([]() {}), " error: ", false);
     setenv("VEXA_USB_STREAM", "none", 1);
     expectSays(run([]() {}), "VEXA_USB_STREAM is 'none'");
+    setenv("VEXA_USB_STREAM", "strict", 1);
+    expectSays(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
+               "with 100 of 512 bytes; the stream ends; stop it, and start it again\n");
     unsetenv("VEXA_USB_STREAM");
 }
 
