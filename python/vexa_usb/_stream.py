@@ -1,6 +1,7 @@
 """A data stream, read in place."""
 from __future__ import annotations
 
+import asyncio
 import gc
 import threading
 import warnings
@@ -88,6 +89,20 @@ class Stream(Source[memoryview]):
             self._view = None
         self.viewed[:] = [memory for memory in self.viewed if memory() is not None]
 
+    def get(self, timeout: float | None = None) -> memoryview:
+        """The next buffer, waited for that many seconds, or without end."""
+        try:
+            return super().get(timeout)
+        except StreamError:
+            raise self._failure() from None
+
+    async def aget(self, timeout: float | None = None) -> memoryview:
+        """As get(), in asyncio's loop.  Nothing is lost when it is cancelled."""
+        try:
+            return await super().aget(timeout)
+        except StreamError:
+            raise await asyncio.to_thread(self._failure) from None  # waits
+
     def _take(self) -> memoryview | None:
         with self._lock:
             if self._closed:
@@ -102,7 +117,7 @@ class Stream(Source[memoryview]):
         if status == lib.kBridgeEmpty:
             return None
         if status == lib.kBridgeStreamFailed:
-            raise self._failure()
+            raise StreamError(self._name)
         check(status, self._name)
         return None
 
