@@ -1,5 +1,5 @@
 # What `cmake --install` puts in place, and with which component: runtime (the shared library), system
-# (what gives users access to the devices), development, tool and simulator.
+# (what gives users access to the devices), development, python, tool and simulator.
 include(CMakePackageConfigHelpers)
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/vexa-usb)
 
@@ -24,8 +24,11 @@ install(FILES
     ${PROJECT_BINARY_DIR}/packaging/vexa-usb-config.cmake
     ${PROJECT_BINARY_DIR}/packaging/vexa-usb-config-version.cmake
     DESTINATION ${packageDir} COMPONENT development)
-install(FILES examples/stream.c
-    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+    PATTERN CMakeLists.txt EXCLUDE PATTERN python EXCLUDE)
+# scripts/docs makes them, if it is asked to.
+install(DIRECTORY build/docs/man/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development
+    OPTIONAL)
 
 # The prefix is told from where the file lies, so that `cmake --install --prefix` may choose it; not
 # if the library's directory was given in full, nor for /usr, whose directories pkg-config leaves out
@@ -47,6 +50,25 @@ endif()
 configure_file(packaging/vexa-usb.pc.in packaging/vexa-usb.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/vexa-usb.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+if(TARGET vexa-usb-python)
+    execute_process(COMMAND ${VEXA_PYTHON} -c "import os, sys, sysconfig
+print(sys.platlibdir, 'python' + sysconfig.get_python_version(),
+      os.path.basename(sysconfig.get_path('platlib')), sep='/', end='')"
+        OUTPUT_VARIABLE pythonDir COMMAND_ERROR_IS_FATAL ANY)
+    set(VEXA_USB_PYTHON_DIR ${pythonDir} CACHE STRING
+        "Where the Python package is installed, below the prefix")
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/python/vexa_usb ${PROJECT_BINARY_DIR}/python/vexa_usb.egg-info
+        DESTINATION ${VEXA_USB_PYTHON_DIR} COMPONENT python OPTIONAL PATTERN __pycache__ EXCLUDE)
+    # In the build tree it finds the library beside it.
+    install(CODE "
+        file(GLOB native \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${VEXA_USB_PYTHON_DIR}/vexa_usb/_native*.so\")
+        if(native)
+            file(RPATH_REMOVE FILE \"\${native}\")
+        endif()" COMPONENT python)
+    install(DIRECTORY examples/python DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT python
+        PATTERN __pycache__ EXCLUDE)
+endif()
 
 if(VEXA_BUILD_TOOLS)
     install(TARGETS vexa-usb-tool

@@ -380,6 +380,49 @@ def test_examples(library, instrument, language):
     assert example(language, "record", "/dev/full", "1")[0] not in (0, -signal.SIGABRT)
 
 
+# Runs a sample of the documentation until each of its lines has run.  One that begins in the middle
+# gets a library and a device; where it listens for events, the device leaves and comes back.
+SAMPLE = """import ast, asyncio, struct, sys, time, vexa_usb
+text = sys.argv[1]
+code = compile(text, "sample", "exec", ast.PyCF_ALLOW_TOP_LEVEL_AWAIT)
+left = {line for _, _, line in code.co_lines() if line}
+def trace(frame, event, argument):
+    if frame.f_code is not code:
+        return None
+    if event == "line" and not left:
+        sys.exit()
+    left.discard(frame.f_lineno)
+    if event == "exception" and argument[0] not in (StopIteration, StopAsyncIteration):
+        left.add(argument[0])  # is not to be hidden
+    return trace
+names = {}
+if "Library()" not in text:
+    library = vexa_usb.Library()
+    device = library.open()
+    names = {"library": library, "device": device}
+    if "events()" in text:
+        device.control_out(8, data=struct.pack("<QIHH", 0, 1000, 0, 1000))
+try:
+    sys.settrace(trace)
+    if coroutine := eval(code, names):
+        asyncio.run(coroutine)
+finally:
+    while "events()" in text and all(info == device.info for info in library.devices()):
+        time.sleep(0.1)
+sys.exit(f"not run: lines {left}" if left else 0)
+"""
+SAMPLES = [pytest.param(code, id=f"{path.name}-{number}")
+           for path in (TOP / "README.md", *sorted((TOP / "docs").glob("*.md")))
+           for number, code in enumerate(re.findall("```python\n(.*?)```", path.read_text(), re.S), 1)]
+
+
+@pytest.mark.parametrize("sample", SAMPLES)
+def test_samples_of_the_documentation(instrument, sample):
+    instrument.wait(1)
+    status, said = Program(SAMPLE, "sample", sample, forks=PLOTTER).ended()
+    assert status == 0, said
+
+
 def test_scope_draws(instrument):
     picture = pathlib.Path(BUILD) / "scope.png"
     picture.unlink(missing_ok=True)
