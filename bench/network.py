@@ -349,9 +349,9 @@ def beside(server):
             lab("cut")
             if not reader.wait(90):
                 complain(f"no end: {reader.lines}")
-            print(f"link dead, {'with' if event_rate else 'without'} a call that waits: the longest "
-                  f"pause of another device in the process is {reader.result()['other']:.1f} s",
-                  flush=True)
+            print(f"link dead, {'with' if event_rate else 'without'} a call that waits: the "
+                  f"longest pause of another device in the process is "
+                  f"{reader.result()['other']:.1f} s", flush=True)
             link(10)
             server.detach()
         here.terminate()
