@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 
 #include <libusb.h>
@@ -41,16 +42,32 @@ public:
     libusb_device_handle *handle = nullptr;
 };
 
-// Initialises the library and opens the first instrument with it that can be opened.
+// Initialises the library and opens the first instrument with it.
 inline _vexa_usb_device *openFirst(vexa_usb_device_event_callback callback, void *data) {
     vexa_usb_init();
     vexa_usb_update_device_list();
     _vexa_usb_device_list_item **list = nullptr;
     vexa_usb_get_device_list(&list, nullptr);
     _vexa_usb_device *device = nullptr;
-    for (size_t i = 0; list != nullptr && list[i] != nullptr && device == nullptr; ++i)
-        vexa_usb_open(list[i], callback, data, &device);
-    require(device != nullptr, "no instrument");
+    require(list != nullptr && list[0] != nullptr &&
+                vexa_usb_open(list[0], callback, data, &device) == 0,
+            "no instrument");
+    vexa_usb_free_device_list(list);
+    return device;
+}
+
+// Initialises the library and opens a device of that product with it; null when none can be opened.
+inline _vexa_usb_device *openProduct(uint16_t product, vexa_usb_device_event_callback callback,
+                                     void *data) {
+    vexa_usb_init();
+    vexa_usb_update_device_list();
+    _vexa_usb_device_list_item **list = nullptr;
+    vexa_usb_get_device_list(&list, nullptr);
+    _vexa_usb_device *device = nullptr;
+    for (size_t i = 0; list != nullptr && list[i] != nullptr && device == nullptr; ++i) {
+        if (list[i]->product_id == product)
+            vexa_usb_open(list[i], callback, data, &device);
+    }
     vexa_usb_free_device_list(list);
     return device;
 }

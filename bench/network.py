@@ -337,6 +337,26 @@ def leaving(server):
     server.detach()
 
 
+def beside(server):
+    """Another device, which is plugged in here, streams in the same process when the link dies."""
+    with subprocess.Popen([f"{server.build}/vexa-usb-sim", "--attach", "--port", "3242",
+                           "instrument,speed=super,product=2"], stdout=subprocess.DEVNULL) as here:
+        time.sleep(3)
+        for event_rate in (0, 10):
+            server.attach()
+            reader = Reader(server.build, 524288, 32, 40, event_rate)
+            time.sleep(3)
+            lab("cut")
+            if not reader.wait(90):
+                complain(f"no end: {reader.lines}")
+            print(f"link dead, {'with' if event_rate else 'without'} a call that waits: the "
+                  f"longest pause of another device in the process is "
+                  f"{reader.result()['other']:.1f} s", flush=True)
+            link(10)
+            server.detach()
+        here.terminate()
+
+
 def idle(server, what, patience):
     """An opened device that waits for events when the link dies."""
     server.attach()
@@ -384,6 +404,8 @@ def ends(build):
             broken(server, "link dead, streaming", 0, lambda: lab("cut"))
             broken(server, "link dead, streaming and calling", 10, lambda: lab("cut"))
             leaving(server)
+            if not usbipd:
+                beside(server)
             idle(server, "link dead, only the event pipe", 60)
 
             freed(server)

@@ -1,6 +1,7 @@
 // Streams from the simulated instrument, strictly and with its event pipe, looks at every byte, and
 // writes a line, with the monotonic clock's seconds, for each thing that bench/network.py wants to
-// know the time of.
+// know the time of.  The device is one of product 1; if there is one of product 2, it streams in
+// the same process, to show whether it has to wait for the other.
 //
 // Usage: remote-bench BUFFER-SIZE BUFFERS SECONDS EVENTS-PER-SECOND
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "devices.h"
 #include "instrument_protocol.h"
@@ -27,6 +29,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
+constexpr uint16_t kProduct = 1;
+constexpr uint16_t kOtherProduct = 2;
 constexpr uint8_t kEventByte = 0x55; // none of those that mean something for a stream
 constexpr std::chrono::milliseconds kOnTheWay{500}; // the longest that an event is
 
@@ -129,8 +133,9 @@ private:
 
 class Run {
 public:
-    Run(_vexa_usb_device *device, Events &events)
-        : device_(device), events_(events), bytesBefore_(events.bytes()) {}
+    // `name` stands before what it says.
+    Run(_vexa_usb_device *device, Events &events, std::string name = {})
+        : device_(device), events_(events), name_(std::move(name)), bytesBefore_(events.bytes()) {}
 
     // Reads until that time is over or the device has left.
     void read(Seconds time) {
@@ -142,17 +147,19 @@ public:
                 pause_ = std::max(pause_, since(last));
                 last = Clock::now();
             } else if (event) {
-                say("event " + std::to_string(*event));
+                say(name_ + "event " + std::to_string(*event));
                 removed_ = event == VEXA_USB_DEVICE_EVENT_REMOVED;
             }
         }
         seconds_ = Seconds(last - begin).count();
     }
-    void report(const Talker &talker) const {
+    double longestPause() const { return pause_; }
+    void report(const Talker &talker, double otherPause) const {
         say("bytes " + std::to_string(position_) + " seconds " + std::to_string(seconds_) +
             " pause " + std::to_string(pause_) + " asked " + std::to_string(talker.sent()) +
             " unsure " + std::to_string(talker.failed()) + " events " +
-            std::to_string(events_.bytes() - bytesBefore_));
+            std::to_string(events_.bytes() - bytesBefore_) + " other " +
+            std::to_string(otherPause));
     }
 
 private:
@@ -169,6 +176,7 @@ private:
 
     _vexa_usb_device *const device_;
     Events &events_;
+    const std::string name_;
     const uint64_t bytesBefore_;
     uint64_t position_ = 0;
     double pause_ = 0; // the longest between two buffers
@@ -176,25 +184,66 @@ private:
     bool removed_ = false;
 };
 
-void run(uint64_t size, uint64_t count, Seconds time, double eventRate) {
-    // The library's threads may call a last time after the close.
-    auto &events = *new Events;
-    _vexa_usb_device *const device = bench::openFirst(Events::callback, &events);
+void start(_vexa_usb_device *device, uint64_t size, uint64_t count) {
     uint8_t position[8]{};
-    bench::require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "event pipe");
-    std::this_thread::sleep_for(kOnTheWay); // those that another run has left
     bench::require(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_OUT, VEXA_USB_TYPE_VENDOR,
                                              VEXA_USB_RECIPIENT_DEVICE, sim::kRequestSeek, 0, 0,
                                              position, sizeof(position)) == 0,
                    "rewinding");
     bench::require(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, size, count) == 0,
                    "start");
+}
+
+// The stream of the other device, if there is one.
+class Other {
+public:
+    explicit Other(Seconds time)
+        : events_(*new Events),
+          device_(bench::openProduct(kOtherProduct, Events::callback, &events_)),
+          reader_(device_, events_, "other ") {
+        if (device_ == nullptr)
+            return;
+        start(device_, 1U << 20, 32);
+        thread_ = std::thread([this, time]() { reader_.read(time); });
+    }
+    ~Other() {
+        longestPause();
+        if (device_ != nullptr)
+            vexa_usb_close(device_);
+        vexa_usb_fini();
+    }
+    Other(const Other &) = delete;
+    Other &operator=(const Other &) = delete;
+
+    // Once it has ended.
+    double longestPause() {
+        if (thread_.joinable())
+            thread_.join();
+        return reader_.longestPause();
+    }
+
+private:
+    Events &events_;
+    _vexa_usb_device *const device_;
+    Run reader_;
+    std::thread thread_;
+};
+
+void run(uint64_t size, uint64_t count, Seconds time, double eventRate) {
+    // The library's threads may call a last time after the close.
+    auto &events = *new Events;
+    _vexa_usb_device *const device = bench::openProduct(kProduct, Events::callback, &events);
+    bench::require(device != nullptr, "no instrument");
+    bench::require(vexa_usb_event_pipe_enable(device, sim::kEventEndpoint) == 0, "event pipe");
+    std::this_thread::sleep_for(kOnTheWay); // those that another run has left
+    start(device, size, count);
+    Other other(time);
     Run reader(device, events);
     Talker talker(device, eventRate);
     reader.read(time);
     talker.end();
     std::this_thread::sleep_for(kOnTheWay);
-    reader.report(talker);
+    reader.report(talker, other.longestPause());
     timed("stop", [&]() { return vexa_usb_data_stream_stop(device); });
     timed("close", [&]() { return vexa_usb_close(device); });
     timed("fini", []() {
