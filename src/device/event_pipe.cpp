@@ -20,6 +20,8 @@ size_t packetSizeOf(const UsbConnection &connection, uint8_t endpoint) {
     const int size = connection.maxPacketSize(endpoint);
     if (size < 0)
         throw EndpointError(libusb_error_name(size));
+    if (size == 0)
+        throw EndpointError("the endpoint has no packet size");
     return static_cast<size_t>(size);
 }
 
