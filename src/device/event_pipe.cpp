@@ -21,7 +21,7 @@ size_t packetSizeOf(const UsbConnection &connection, uint8_t endpoint) {
     if (size < 0)
         throw EndpointError(libusb_error_name(size));
     if (size == 0)
-        throw EndpointError("its packets have no room");
+        throw EndpointError("the endpoint has no packet size");
     return static_cast<size_t>(size);
 }
 

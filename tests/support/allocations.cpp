@@ -58,6 +58,12 @@ void *operator new(size_t size) {
     used.fetch_add(malloc_usable_size(memory), std::memory_order_relaxed);
     return memory;
 }
+// The fuzzer's own; the sanitizer's would not match the operator below.
+void *operator new(size_t size, const std::nothrow_t & /*tag*/) noexcept {
+    void *const memory = std::malloc(size);
+    used.fetch_add(malloc_usable_size(memory), std::memory_order_relaxed);
+    return memory;
+}
 void operator delete(void *memory) noexcept {
     used.fetch_sub(malloc_usable_size(memory), std::memory_order_relaxed);
     std::free(memory);

@@ -49,6 +49,8 @@ struct State {
     std::vector<Registration> registrations;
     std::deque<Notice> notices;
     std::vector<libusb_transfer *> allocated;
+    std::map<const libusb_transfer *, void *> owners;
+    std::vector<const void *> refused; // owners
     std::vector<libusb_transfer *> flying;
     std::deque<libusb_transfer *> done;
     std::vector<libusb_device_handle *> handles;
@@ -107,6 +109,7 @@ std::optional<int> failureOf(const std::string &function) {
         return std::nullopt;
     const int result = found->result;
     state.failures.erase(found);
+    ++fake::failuresMet;
     return result;
 }
 
@@ -158,17 +161,25 @@ void checkNothingIsLeft() {
         violation("a device list outlives its context");
 }
 
-// All of it unless `actual` says how much.
-void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
+void finishFilled(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
     std::erase(state.flying, transfer);
-    if (actual < 0)
-        actual = status == LIBUSB_TRANSFER_COMPLETED ? transfer->length : 0;
     transfer->status = status;
     transfer->actual_length = actual;
-    for (int i = 0; status == LIBUSB_TRANSFER_COMPLETED && i < actual; ++i)
-        transfer->buffer[i] = state.nextByte++;
     state.done.push_back(transfer);
     changed.notify_all();
+}
+
+// All of it unless `actual` says how much.
+void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
+    if (actual < 0)
+        actual = status == LIBUSB_TRANSFER_COMPLETED ? transfer->length : 0;
+    for (int i = 0; status == LIBUSB_TRANSFER_COMPLETED && i < actual; ++i)
+        transfer->buffer[i] = state.nextByte++;
+    finishFilled(transfer, status, actual);
+}
+
+fake::InFlight seen(const libusb_transfer *transfer) {
+    return {transfer->endpoint, transfer->buffer, transfer->length, state.owners[transfer]};
 }
 
 bool finishOneBySelf() {
@@ -248,6 +259,11 @@ void detach(libusb_device *device) {
     std::erase(state.attached, device);
 }
 
+void reattach(libusb_device *device) {
+    const std::lock_guard lock(mutex);
+    state.attached.push_back(device);
+}
+
 void notifyArrival(libusb_device *device) {
     notify(device, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED);
 }
@@ -289,8 +305,13 @@ std::vector<InFlight> inFlight() {
     const std::lock_guard lock(mutex);
     std::vector<InFlight> result;
     for (const libusb_transfer *transfer : state.flying)
-        result.push_back({transfer->endpoint, transfer->buffer, transfer->length});
+        result.push_back(seen(transfer));
     return result;
+}
+
+size_t refusals(const void *owner) {
+    const std::lock_guard lock(mutex);
+    return static_cast<size_t>(std::count(state.refused.begin(), state.refused.end(), owner));
 }
 
 void waitInFlight(size_t count) {
@@ -313,6 +334,18 @@ bool completeOn(uint8_t endpoint) {
     if (found == state.flying.end())
         return false;
     finish(*found, LIBUSB_TRANSFER_COMPLETED, -1);
+    return true;
+}
+
+bool completeOf(const void *owner, const std::function<End(const InFlight &transfer)> &end) {
+    const std::lock_guard lock(mutex);
+    const auto found =
+        std::find_if(state.flying.begin(), state.flying.end(),
+                     [&](const libusb_transfer *flying) { return state.owners[flying] == owner; });
+    if (found == state.flying.end())
+        return false;
+    const End how = end(seen(*found));
+    finishFilled(*found, how.status, how.actual);
     return true;
 }
 
@@ -587,6 +620,7 @@ libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
         return nullptr;
     auto *const transfer = static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
     state.allocated.push_back(transfer);
+    state.owners[transfer] = fake::allocatingFor;
     return transfer;
 }
 
@@ -612,8 +646,10 @@ int libusb_submit_transfer(libusb_transfer *transfer) {
         violation("a transfer with a time limit, or of another kind");
     if (transfer->callback == nullptr || transfer->buffer == nullptr || transfer->length <= 0)
         violation("a transfer without memory or callback");
-    if (const auto failure = failureOf("libusb_submit_transfer"))
+    if (const auto failure = failureOf("libusb_submit_transfer")) {
+        state.refused.push_back(state.owners[transfer]);
         return *failure;
+    }
     state.flying.push_back(transfer);
     changed.notify_all();
     return LIBUSB_SUCCESS;

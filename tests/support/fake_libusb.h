@@ -31,12 +31,16 @@ void reset();
 libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb = 0x0200);
 Device &describe(libusb_device *device);
 void detach(libusb_device *device);
+// Brings one back that was taken away, to the same place.
+void reattach(libusb_device *device);
 // Hot-plug notices, delivered on the thread that handles events, to matching registrations.
 void notifyArrival(libusb_device *device);
 void notifyDeparture(libusb_device *device);
 
 // The call after `skip` more of this function returns `result` (null for an allocation).
 void failCall(const std::string &function, int result = LIBUSB_ERROR_IO, int skip = 0);
+// How many such failures this thread has met.
+inline thread_local size_t failuresMet = 0;
 // The calls of interest so far, as "function" or "function(argument)"; clears them.
 std::vector<std::string> takeCalls();
 size_t countCalls(const std::string &function);
@@ -60,17 +64,27 @@ void onControl(ControlHandler handler);
 void onCall(const std::string &function, std::function<void()> action);
 
 // Asynchronous transfers, oldest first.
+inline thread_local void *allocatingFor = nullptr; // of the transfers that this thread allocates
 struct InFlight {
     uint8_t endpoint;
     uint8_t *buffer;
     int length;
+    void *owner;
 };
 std::vector<InFlight> inFlight();
+// How many transfers of that owner were refused.
+size_t refusals(const void *owner);
 void waitInFlight(size_t count);
 // Ends the oldest; completed ones are filled with the bytes that follow in a counting pattern.
 void completeOldest(libusb_transfer_status status = LIBUSB_TRANSFER_COMPLETED, int actual = -1);
 // Ends the oldest on that endpoint, with all its data; false when there is none.
 bool completeOn(uint8_t endpoint);
+// Ends the oldest of that owner as `end` says, which fills it.
+struct End {
+    libusb_transfer_status status;
+    int actual;
+};
+bool completeOf(const void *owner, const std::function<End(const InFlight &transfer)> &end);
 void completeNewest(libusb_transfer_status status, int actual = -1);
 // Completes whatever is submitted by itself, up to that many transfers.
 void completeBySelf(uint64_t count);

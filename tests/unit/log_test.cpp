@@ -135,7 +135,8 @@ TEST_F(LogTest, AnEndpointThatCannotBeUsedIsTold) {
     expectError([this]() { start(512, 4, 0x8F); }, "endpoint 0x8f cannot be used: the endpoint");
     expectError([this]() { enable(0x8F); }, "endpoint 0x8f cannot be used: LIBUSB_ERROR_NOT_FOUND");
     fake::failCall("libusb_get_max_packet_size", 0);
-    expectError([this]() { enable(); }, "endpoint 0x81 cannot be used: its packets have no room");
+    expectError([this]() { enable(); },
+                "endpoint 0x81 cannot be used: the endpoint has no packet size");
     fake::failCall("libusb_alloc_transfer", 0);
     expectError([this]() { start(); }, "endpoint 0x82 cannot be used: no memory");
     fake::failCall("libusb_alloc_transfer", 0);
