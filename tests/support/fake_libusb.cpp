@@ -632,6 +632,7 @@ void libusb_free_transfer(libusb_transfer *transfer) {
     if (isWithLibusb(transfer))
         violation("a transfer freed in flight");
     std::erase(state.allocated, transfer);
+    state.owners.erase(transfer);
     std::free(transfer);
 }
 
