@@ -110,6 +110,9 @@ TEST_F(LogTest, AFailedDetachIsTold) {
     fake::failCall("libusb_kernel_driver_active", 1);
     fake::failCall("libusb_detach_kernel_driver");
     expectError([this]() { device = open(); }, "kernel driver: LIBUSB_ERROR_IO; unload");
+    close();
+    fake::failCall("libusb_kernel_driver_active", 1);
+    EXPECT_EQ(logOf("error", [this]() { device = open(); }), "");
 }
 
 TEST_F(LogTest, TellsWhoComesAndGoes) {

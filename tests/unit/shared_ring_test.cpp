@@ -78,6 +78,18 @@ TEST_F(SharedRingTest, FewBlocksGoRoundForACallerThatKeepsUp) {
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
 
+TEST_F(SharedRingTest, TheKernelIsAskedAgainARoundAfterItRefused) {
+    fake::shareMemory(fake::Sharing::None);
+    ASSERT_EQ(start(1000, 8), 0);
+    fake::shareMemory(fake::Sharing::All);
+    for (int i = 0; i < 24; ++i) {
+        receive();
+        EXPECT_TRUE(i >= 5 || !fake::isShared(data));
+        unlock();
+    }
+    EXPECT_TRUE(fake::isShared(data));
+}
+
 TEST_F(SharedRingTest, WhatIsRefusedIsOrdinaryMemory) {
     fake::shareMemory(fake::Sharing::Half);
     ASSERT_EQ(start(1000, 16), 0);
