@@ -22,7 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds kPollInterval{10};
 constexpr std::chrono::milliseconds kRetryInterval{200};
 constexpr int kMaxFailures = 10;
-constexpr int kMaxPostponed = 100; // then it is another server's device of that name
+// After a second it is another server's device that has the same name.
+constexpr int kMaxPostponed = 100;
 constexpr const char *kController = "/sys/devices/platform/vhci_hcd.0/attach";
 
 [[noreturn]] void fail(const std::string &reason) {

@@ -47,7 +47,7 @@ Connection::~Connection() {
 
 bool Connection::work(bool readable) {
     bool peerIsThere = true;
-    if (readable && !leaving_)
+    if (readable)
         peerIsThere = socket_.receive();
     // A client that does not read its answers gets no more of them until it does.
     while (!socket_.isFull() && !leaving_ && handleInput()) {

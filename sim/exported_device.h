@@ -37,7 +37,7 @@ public:
     const usbip::ExportedName &name() const { return name_; }
     DeviceModel &model() { return *models_.back(); }
     // Whether it was plugged in, and is no more.
-    bool hasLeft() const { return wasImported_ && importer_ == nullptr; }
+    bool hasLeft() const { return wasImported_ && (importer_ == nullptr || !present_); }
     bool isAvailable() const { return present_ && importer_ == nullptr; }
 
     // A client has imported the device, which plugs it in, or has released it.

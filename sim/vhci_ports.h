@@ -4,8 +4,8 @@
 
 namespace sim {
 
-// Whether a port of the kernel's virtual host controller still has a device that has left: one of
-// these, or any at a port that counts as free.
+// Whether the kernel's virtual host controller has yet to notice that a device has left: one of
+// these devices still has a port, or a device is still known at a port that is already free.
 bool portsHoldDepartedDevices(const Connection::Devices &devices);
 
 } // namespace sim

@@ -1,6 +1,8 @@
 // Uses many simulated instruments at once for a long time, and looks at every byte.  Its last line
 // is what came of it, as JSON; with --samples it tells that every second.
 //
+// "lost_streams" ended with an error while their user was busy with something else.
+//
 // Exit status: 0 when nothing happened that must not, 1 when something did, 2 for wrong arguments.
 #include <chrono>
 #include <cstdint>
@@ -92,8 +94,7 @@ public:
     ~Users() { join(); }
 
     void join() {
-        for (const auto &user : users_)
-            user->leave = true;
+        leave();
         for (std::thread &thread : threads_)
             thread.join();
         threads_.clear();

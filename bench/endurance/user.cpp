@@ -106,7 +106,9 @@ bool User::isFine(int32_t status, const char *call) {
     if (status == VEXA_USB_STATUS_SUCCESS)
         return true;
     // USB errors come before the library has taken notice of the removal.
-    if (mayBeRemoved_)
+    if (mayBeRemoved_ &&
+        (status == VEXA_USB_STATUS_UNKNOWN || status == VEXA_USB_STATUS_DEVICE_REMOVED ||
+         status == VEXA_USB_STATUS_TIMEOUT || status == VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED))
         return false;
     if (status == VEXA_USB_STATUS_TIMEOUT) { // the machine is too busy to answer in a second
         ++tally_.timeouts;

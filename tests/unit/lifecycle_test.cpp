@@ -170,7 +170,8 @@ TEST_F(LifecycleTest, NothingAccumulates) {
     EXPECT_EQ(fake::countCalls("libusb_close"), 100U);
     EXPECT_FALSE(fake::closedInFlight());
     EXPECT_TRUE(test::eventually([&]() { return threadCount() <= threads; }));
-    EXPECT_LT(allocations::inUse(), memory + 10 * kBufferSize);
+    EXPECT_LT(allocations::inUse(),
+              memory + 5 * kBufferSize); // a ring is not counted, its object is
 }
 
 // Neither does a device that is closed leave anything, nor a stream that is stopped.
