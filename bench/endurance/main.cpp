@@ -183,8 +183,12 @@ bool use(const Options &options) {
                 leaving = true;
                 users.leave();
             }
-            for (pulls += leaving ? 0 : options.settings.pulls; pulls >= 1; --pulls)
+            if (!leaving)
+                pulls += options.settings.pulls;
+            while (pulls >= 1) {
                 users.pullOne();
+                pulls -= 1;
+            }
             users.watch();
             if (options.samples)
                 say(users.report(begin));
