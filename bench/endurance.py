@@ -2,6 +2,7 @@
 """Inside the virtual machine: a random mix of everything, for as long as wanted.
 
   endurance.py BUILD [--seconds N] [--seed N] [--log FILE]
+  endurance.py BUILD --each N [--seed N]
 
 Simulated instruments of both speeds, and bare processors that come to the bus one after the other.
 One process uses instruments from the beginning to the end; its memory, threads, descriptors and
@@ -9,6 +10,10 @@ mappings must stay flat. Beside it others come and go, with strict and default s
 private rings; some are killed or stopped for a while, devices are reset or their authorisation is
 taken away, and bare processors are booted. Every byte that is read is looked at. The same seed
 gives the same mix, but for what the machine's speed decides.
+
+With --each there is no process that stays: clients come and go, and everything that the system, an
+administrator or another program can do to them, the devices and the simulator happens to them one
+after the other, in random order and each N times.
 
 The log gets the samples of the process that stays, a line of JSON each; endurance_chart.py draws
 them. Exit status 1 when something happened that must not.
@@ -18,10 +23,12 @@ import json
 import os
 import pathlib
 import random
+import re
 import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 FIRMWARE = "examples/fx2_renumerate.hex"
@@ -33,6 +40,7 @@ options = argparse.ArgumentParser()
 options.add_argument("build")
 options.add_argument("--seconds", type=float, default=60)
 options.add_argument("--seed", type=int, default=1)
+options.add_argument("--each", type=int)
 options.add_argument("--log")
 options = options.parse_args()
 chance = random.Random(options.seed)
@@ -70,10 +78,12 @@ class Client:
         self.process.kill()
         count("clients killed")
 
-    def pause(self):
+    def pause(self, seconds=1):
+        """Others go on meanwhile."""
+        if self.process.poll() is not None:
+            return
         self.process.send_signal(signal.SIGSTOP)
-        time.sleep(1)
-        self.process.send_signal(signal.SIGCONT)
+        threading.Timer(seconds, self.process.send_signal, (signal.SIGCONT,)).start()
         count("clients stopped for a while")
 
     def finish(self):
@@ -97,27 +107,56 @@ class Client:
         return result
 
 
-def instruments():
-    return [device for device in pathlib.Path("/sys/bus/usb/devices").glob("*-*")
-            if ":" not in device.name and (device / "product").exists()
-            and "Simulated instrument" in (device / "product").read_text()]
-
-
-def disturb_a_device():
+def is_instrument(device):
     try:
-        device = chance.choice(instruments())
-        if chance.random() < 0.5:
-            subprocess.run(["usbreset", "/".join((device / name).read_text().strip().zfill(3)
-                                                 for name in ("busnum", "devnum"))],
-                           capture_output=True, timeout=60)
-            count("resets")
-        else:
-            (device / "authorized").write_text("0")
-            time.sleep(0.3)
-            (device / "authorized").write_text("1")
-            count("authorisations taken and given")
-    except (OSError, IndexError):  # it has left
-        pass
+        return ":" not in device.name and "Simulated instrument" in (device / "product").read_text()
+    except OSError:  # it is just leaving
+        return False
+
+
+def instruments():
+    return [one for one in pathlib.Path("/sys/bus/usb/devices").glob("*-*") if is_instrument(one)]
+
+
+def write(path, text):
+    with open(path, "w") as file:
+        file.write(text)
+
+
+def reset(device):
+    subprocess.run(["usbreset", "/".join((device / name).read_text().strip().zfill(3)
+                                         for name in ("busnum", "devnum"))],
+                   capture_output=True, timeout=60)
+    count("resets")
+
+
+def deauthorise(device):
+    write(device / "authorized", "0")
+    time.sleep(chance.choice((0, 0.3)))
+    write(device / "authorized", "1")
+    count("authorisations taken and given")
+
+
+def unbind(device):
+    """Takes the device away from the kernel, so that it has no interfaces, and gives it back."""
+    write("/sys/bus/usb/drivers/usb/unbind", device.name)
+    time.sleep(chance.choice((0, 0.3)))
+    write("/sys/bus/usb/drivers/usb/bind", device.name)
+    count("devices unbound and bound")
+
+
+def unclaim(device):
+    """Takes a claimed interface away from the process that has claimed it."""
+    write("/sys/bus/usb/drivers/usbfs/unbind", f"{device.name}:1.0")
+    count("interfaces unbound")
+
+
+def disturb_a_device(action):
+    for _ in range(20):
+        try:
+            return action(chance.choice(instruments()))
+        except (OSError, IndexError):  # it has left, or nobody has claimed it
+            time.sleep(0.1)
 
 
 def boot():
@@ -135,26 +174,71 @@ def boot():
             print(done.stderr, file=sys.stderr)
 
 
-def simulator():
-    devices = ["instrument,speed=high", "instrument,speed=super"] * 5
-    devices += [f"fx2,away={int(options.seconds * 1000 * (i + 1) / 8)}" for i in range(6)]
-    process = subprocess.Popen([f"{options.build}/vexa-usb-sim", "--attach", "--port", "0", *devices],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+class Bus:
+    """The simulator, with its devices plugged in."""
+
+    def __init__(self, *devices):
+        self.devices = devices
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen(
+            [f"{options.build}/vexa-usb-sim", "--attach", "--port", "0", *self.devices],
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.port = self.process.stdout.readline().strip().rpartition(":")[2]
+        wait_for(lambda: len(instruments()) == sum("instrument" in one for one in self.devices))
+
+    def pause(self, seconds):
+        self.process.send_signal(signal.SIGSTOP)
+        time.sleep(seconds)
+        self.process.send_signal(signal.SIGCONT)
+        count("simulator stopped for a while")
+
+    def replace(self):
+        self.process.kill()
+        self.process.wait()
+        wait_for(lambda: not instruments())
+        self.start()
+        count("simulators killed")
+
+    def replug(self):
+        """Unplugs a device by the system's own command, and plugs it in again."""
+        ports = re.findall(r"Port (\d+):.*?(\d+-\d+) -> usbip:\S*/(\S+)",
+                           run("usbip", "port").stdout, re.DOTALL)
+        port, device, name = chance.choice(ports)
+        run("usbip", "detach", "-p", port)
+        wait_for(lambda: not pathlib.Path("/sys/bus/usb/devices", device).exists())
+        wait_for(lambda: run("usbip", "--tcp-port", self.port, "attach", "-r", "127.0.0.1",
+                             "-b", name).returncode == 0)
+        count("devices detached and attached")
+
+    def end(self):
+        self.process.terminate()
+        if self.process.wait(timeout=60) != 0:
+            findings.append("the simulator failed")
+
+
+def run(*command):
+    return subprocess.run(command, capture_output=True, text=True, timeout=60)
+
+
+def wait_for(condition):
     end = time.time() + 60
-    while len(instruments()) < 10 and time.time() < end:
-        time.sleep(0.2)
-    return process
+    while not condition():
+        if time.time() > end:
+            findings.append("the devices did not come or go")
+            return
+        time.sleep(0.05)
 
 
 def disturb(clients, bus):
-    action = chance.choice((disturb_a_device, boot, "kill", "pause", "bus", None, None))
-    if callable(action):
+    action = chance.choice(("device", boot, "kill", "pause", "bus", None, None))
+    if action == "device":
+        disturb_a_device(chance.choice((reset, deauthorise, unbind, unclaim)))
+    elif callable(action):
         action()
     elif action == "bus":
-        bus.send_signal(signal.SIGSTOP)
-        time.sleep(chance.choice((0.2, 3)))
-        bus.send_signal(signal.SIGCONT)
-        count("simulator stopped for a while")
+        bus.pause(chance.choice((0.2, 3)))
     elif action and clients:
         getattr(chance.choice(clients), action)()
 
@@ -174,29 +258,75 @@ def is_flat(samples):
             findings.append(f"{name} has grown from {first} to {last}")
 
 
-def main():
-    print(f"seed {options.seed}", flush=True)
-    bus = simulator()
-    log = open(options.log, "w+") if options.log else tempfile.TemporaryFile("w+")
-    begin = time.time()
-    stays = Client(options.seconds, STAYS, "--samples", "--pulls", "0.2", samples=log)
-    clients = []
-    while time.time() < begin + options.seconds and stays.process.poll() is None:
-        for client in [one for one in clients if one.process.poll() is not None]:
-            clients.remove(client)
+class Clients:
+    """Those that come and go."""
+
+    def __init__(self, most, *arguments):
+        self.most = most
+        self.arguments = arguments
+        self.running = []
+
+    def renew(self, longest):
+        for client in [one for one in self.running if one.process.poll() is not None]:
+            self.running.remove(client)
             client.finish()
             count("clients")
-        if len(clients) < 3:
-            clients.append(Client(chance.uniform(3, max(4, min(15, options.seconds / 3))), chance.randrange(1, 3), "--pulls", "0.1"))
-        disturb(clients, bus)
+        while len(self.running) < self.most:
+            self.running.append(Client(chance.uniform(3, longest), chance.randrange(1, 3),
+                                       *self.arguments))
+
+    def finish(self):
+        for client in self.running:
+            client.finish()
+            count("clients")
+
+
+def mix():
+    """Everything at random, for as long as wanted."""
+    bus = Bus(*["instrument,speed=high", "instrument,speed=super"] * 5,
+              *(f"fx2,away={int(options.seconds * 1000 * (i + 1) / 8)}" for i in range(6)))
+    log = open(options.log, "w+") if options.log else tempfile.TemporaryFile("w+")
+    end = time.time() + options.seconds
+    stays = Client(options.seconds, STAYS, "--samples", "--pulls", "0.2", samples=log)
+    clients = Clients(3, "--pulls", "0.1")
+    while time.time() < end and stays.process.poll() is None:
+        clients.renew(max(4, min(15, options.seconds / 3)))
+        disturb(clients.running, bus)
         time.sleep(chance.uniform(0.5, 2))
-    for client in [*clients, stays]:
-        client.finish()
+    clients.finish()
+    stays.finish()
     log.seek(0)
-    is_flat([one for one in map(json.loads, log) if "latency_ms" in one and "after_closing" not in one])
-    bus.terminate()
-    if bus.wait(timeout=60) != 0:
-        findings.append("the simulator failed")
+    is_flat([one for one in map(json.loads, log)
+             if "latency_ms" in one and "after_closing" not in one])
+    bus.end()
+
+
+def each():
+    """Everything that can happen to clients from outside, so and so many times."""
+    bus = Bus("instrument,speed=high", "instrument,speed=super")
+    clients = Clients(2)
+
+    def one_client():
+        return chance.choice(clients.running)
+
+    actions = options.each * [
+        *(lambda action=action: disturb_a_device(action)
+          for action in (reset, deauthorise, unbind, unclaim)),
+        lambda: one_client().kill(), lambda: one_client().pause(3), lambda: bus.pause(3),
+        bus.replug, bus.replace]
+    chance.shuffle(actions)
+    for action in actions:
+        clients.renew(20)
+        time.sleep(chance.uniform(0, 1))
+        action()
+    clients.finish()
+    bus.end()
+
+
+def main():
+    print(f"seed {options.seed}", flush=True)
+    begin = time.time()
+    each() if options.each else mix()
     print(", ".join(f"{name}: {counts[name]}" for name in sorted(counts)))
     print(*findings, sep="\n")
     print(f"seed {options.seed}, {time.time() - begin:.0f} s: "

@@ -27,7 +27,12 @@ install(FILES
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     PATTERN CMakeLists.txt EXCLUDE PATTERN python EXCLUDE)
 # scripts/docs makes them, if it is asked to.
-install(DIRECTORY build/docs/man/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development
+set(docsDir ${PROJECT_SOURCE_DIR}/build/docs)
+if(DEFINED ENV{VEXA_BUILD_DIR})
+    set(docsDir $ENV{VEXA_BUILD_DIR}/docs)
+endif()
+set(VEXA_DOCS_DIR ${docsDir} CACHE PATH "Where scripts/docs has written the manual pages")
+install(DIRECTORY ${VEXA_DOCS_DIR}/man/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development
     OPTIONAL)
 
 # The prefix is told from where the file lies, so that `cmake --install --prefix` may choose it; not
