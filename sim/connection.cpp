@@ -14,7 +14,8 @@ using namespace usbip;
 
 namespace {
 
-constexpr size_t kMaxPending = 256U << 20;  // bytes; far more than any kernel has in flight
+constexpr size_t kMaxPending = 256U << 20; // bytes; far more than any kernel has in flight
+constexpr size_t kMaxUnlinkedEarly = 4096;
 constexpr uint32_t kNoPackets = 0xFFFFFFFF; // some clients send it, others 0, if not isochronous
 
 uint8_t endpointAddress(const CommandHeader &header) {
@@ -148,28 +149,46 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     pending_[endpoint].push_back(
         {header.sequence, header.length, header.in, header.setup, Bytes(data.begin(), data.end())});
     socket_.consume(kHeaderSize + dataSize);
+    lastSubmitted_ = header.sequence;
+    if (unlinkedEarly_.erase(header.sequence) != 0) {
+        withdraw(header.sequence);
+        OutputPiece reply(kHeaderSize);
+        writeSubmitReply(reply.all().first<kHeaderSize>(), header.sequence, -ECONNRESET, 0);
+        socket_.send(std::move(reply));
+    }
     offer(endpoint);
     return true;
 }
 
 // Status 0 tells the client that the transfer had been answered before.
+//
+// The kernel's driver sends first what was submitted, then what was unlinked; so when a transfer is
+// submitted and unlinked between the two, the unlink comes first.  The kernel waits for the answer
+// to such a transfer for ever, so it has to be answered when it comes.
 void Connection::handleUnlink(const CommandHeader &header) {
-    size_t removed = 0;
-    for (auto &[endpoint, transfers] : pending_) {
-        const size_t here = std::erase_if(transfers, [&](const Transfer &transfer) {
-            const bool found = transfer.sequence == header.unlinkSequence;
-            if (found)
-                subtractPending(transfer);
-            return found;
-        });
-        if (here != 0)
-            device_->model().withdrawn(endpoint);
-        removed += here;
-    }
+    const bool found = withdraw(header.unlinkSequence);
+    if (!found && static_cast<int32_t>(header.unlinkSequence - lastSubmitted_) > 0)
+        unlinkedEarly_.insert(header.unlinkSequence);
+    if (unlinkedEarly_.size() > kMaxUnlinkedEarly)
+        throw std::runtime_error("too many unlinks of what was not submitted");
     OutputPiece reply(kHeaderSize);
-    writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence,
-                     removed != 0 ? -ECONNRESET : 0);
+    writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence, found ? -ECONNRESET : 0);
     socket_.send(std::move(reply));
+}
+
+bool Connection::withdraw(uint32_t sequence) {
+    for (auto &[endpoint, transfers] : pending_) {
+        const auto found =
+            std::find_if(transfers.begin(), transfers.end(),
+                         [&](const Transfer &transfer) { return transfer.sequence == sequence; });
+        if (found == transfers.end())
+            continue;
+        subtractPending(*found);
+        transfers.erase(found);
+        device_->model().withdrawn(endpoint);
+        return true;
+    }
+    return false;
 }
 
 void Connection::subtractPending(const Transfer &transfer) {

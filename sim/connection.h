@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 
 #include "device_model.h"
@@ -63,6 +64,8 @@ private:
     void importDevice(const std::string &busId);
     bool handleSubmit(const usbip::CommandHeader &header);
     void handleUnlink(const usbip::CommandHeader &header);
+    // Takes the transfer back from the device; false if it has no such.
+    bool withdraw(uint32_t sequence);
     // Lets the device answer the pending transfers that it can answer now.
     void offer(uint8_t endpoint);
     void offerAll();
@@ -76,9 +79,11 @@ private:
     Devices &devices_;
     ExportedDevice *device_ = nullptr; // once imported
     Pending pending_;
-    size_t pendingBytes_ = 0; // the memory of the transfers in `pending_`
-    bool leaving_ = false;    // the device has left, and answers no more
-    bool ending_ = false;     // the connection ends when everything is sent
+    size_t pendingBytes_ = 0;          // the memory of the transfers in `pending_`
+    uint32_t lastSubmitted_ = 0;       // sequence number
+    std::set<uint32_t> unlinkedEarly_; // sequence numbers that are still to be submitted
+    bool leaving_ = false;             // the device has left, and answers no more
+    bool ending_ = false;              // the connection ends when everything is sent
 };
 
 } // namespace sim
