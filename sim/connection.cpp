@@ -51,7 +51,7 @@ bool Connection::work(bool readable) {
     if (readable)
         peerIsThere = socket_.receive();
     // A client that does not read its answers gets no more of them until it does.
-    while (!socket_.isFull() && !leaving_ && handleInput()) {
+    while (!socket_.isFull() && !ending_ && handleInput()) {
     }
     if (device_ != nullptr)
         offerAll();
@@ -120,7 +120,7 @@ void Connection::importDevice(const std::string &busId) {
 
 bool Connection::handleCommand() {
     const auto input = socket_.received();
-    if (input.size() < kHeaderSize || leaving_)
+    if (input.size() < kHeaderSize)
         return false;
     const CommandHeader header = parseCommand(input.first<kHeaderSize>());
     switch (header.command) {
