@@ -82,7 +82,7 @@ private:
     size_t pendingBytes_ = 0;          // the memory of the transfers in `pending_`
     uint32_t lastSubmitted_ = 0;       // sequence number
     std::set<uint32_t> unlinkedEarly_; // sequence numbers that are still to be submitted
-    bool leaving_ = false;             // the device has left, and answers no more
+    bool leaving_ = false;             // the device answers no more; only unlinks are answered
     bool ending_ = false;              // the connection ends when everything is sent
 };
 
