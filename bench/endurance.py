@@ -315,10 +315,12 @@ def each():
         lambda: one_client().kill(), lambda: one_client().pause(3), lambda: bus.pause(3),
         bus.replug, bus.replace]
     chance.shuffle(actions)
-    for action in actions:
+    for done, action in enumerate(actions, 1):
         clients.renew(20)
         time.sleep(chance.uniform(0, 1))
         action()
+        if done % 100 == 0:
+            print(f"{done} of {len(actions)}, {len(findings)} findings", flush=True)
     clients.finish()
     bus.end()
 
