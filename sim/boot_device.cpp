@@ -43,7 +43,7 @@ Answer BootDevice::request(const Setup &setup, std::span<uint8_t> data) {
 
 void BootDevice::later(std::chrono::milliseconds delay, std::function<void()> action) {
     port().after(delay, [this, times = timesPlugged_, action = std::move(action)]() {
-        if (times == timesPlugged_)
+        if (times == timesPlugged_ && port().isPlugged())
             action();
     });
 }

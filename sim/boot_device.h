@@ -47,7 +47,7 @@ protected:
     // Leaves the bus and comes back as an instrument with this firmware, or as the next stage.
     void start(Bytes firmware);
     void startAs(std::unique_ptr<DeviceModel> stage);
-    // Runs `action` after that time, unless the device has been plugged in again by then.
+    // Runs `action` after that time, unless the device has left the bus by then.
     void later(std::chrono::milliseconds delay, std::function<void()> action);
     // The times, and the faults that have not happened yet.
     const LoadBehaviour &behaviour() const { return behaviour_; }

@@ -232,10 +232,9 @@ bool Connection::answer(uint8_t endpoint, Transfer &transfer) {
         ask(device_->model(), endpoint, transfer, reply.all().subspan(kHeaderSize));
     if (given.kind == Answer::Kind::Wait)
         return false;
-    const bool stalled = given.kind == Answer::Kind::Stall;
-    writeSubmitReply(reply.all().first<kHeaderSize>(), transfer.sequence, stalled ? -EPIPE : 0,
-                     stalled ? 0 : static_cast<uint32_t>(given.length));
-    reply.shorten(kHeaderSize + (transfer.in && !stalled ? given.length : 0));
+    writeSubmitReply(reply.all().first<kHeaderSize>(), transfer.sequence, given.status,
+                     static_cast<uint32_t>(given.length));
+    reply.shorten(kHeaderSize + (transfer.in ? given.length : 0));
     socket_.send(std::move(reply));
     return true;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -18,17 +19,20 @@ namespace sim {
 // What a device answers to one request of the host.
 struct Answer {
     enum class Kind : uint8_t {
-        Done,  // `length` bytes were sent or taken; it may be fewer than the host asked for
-        Wait,  // not yet: the host's request stays pending
-        Stall, // refused
+        Done,   // `length` bytes were sent or taken; it may be fewer than the host asked for
+        Wait,   // not yet: the host's request stays pending
+        Stall,  // refused
+        Failed, // the host's controller reports this status, with so many bytes moved
     };
 
     static Answer done(size_t length) { return {Kind::Done, length}; }
     static Answer wait() { return {Kind::Wait, 0}; }
-    static Answer stall() { return {Kind::Stall, 0}; }
+    static Answer stall() { return {Kind::Stall, 0, -EPIPE}; }
+    static Answer failed(int32_t status, size_t length) { return {Kind::Failed, length, status}; }
 
     Kind kind;
     size_t length;
+    int32_t status = 0; // as the kernel numbers them
 };
 
 // Answers an IN request with as many of `bytes` as there is room for.
@@ -52,6 +56,8 @@ public:
     // The same, but another device comes back.
     virtual void become(std::unique_ptr<DeviceModel> other,
                         std::chrono::milliseconds returnAfter) = 0;
+    // Whether the device is still on the bus.
+    virtual bool isPlugged() const = 0;
 };
 
 /*

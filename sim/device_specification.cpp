@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <istream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -14,14 +17,17 @@
 #include "dfu_device.h"
 #include "fx2.h"
 #include "fx3.h"
+#include "hostile_device.h"
 #include "imx7.h"
 #include "instrument.h"
+#include "lies.h"
 
 namespace sim {
 
 namespace {
 
 constexpr uint32_t kDay = 86400000; // milliseconds
+constexpr uint32_t kMaxRequests = 1000000000;
 
 template <typename Device>
 std::unique_ptr<DeviceModel> makeBootDevice(const DeviceSpecification &specification) {
@@ -33,6 +39,8 @@ std::unique_ptr<DeviceModel> makeInstrument(const DeviceSpecification &specifica
         return std::make_unique<Instrument>(specification.shape, specification.recording);
     return std::make_unique<Instrument>(specification.shape);
 }
+
+constexpr const char *kHostile = "hostile";
 
 struct Kind {
     const char *name;
@@ -54,6 +62,8 @@ constexpr std::array kKinds{
          "device in DFU 1.1 mode"},
     Kind{"imx7", makeBootDevice<Imx7>, 0x15A2, 0x0076, "Simulated i.MX7",
          "NXP i.MX7 in serial-download mode"},
+    Kind{kHostile, makeInstrument, 0, 0x0001, "Simulated instrument",
+         "lies, as lie=NAME says, and is otherwise an instrument or what as=KIND says"},
 };
 
 std::string kindNames() {
@@ -126,6 +136,16 @@ bool applyBehaviour(LoadBehaviour &behaviour, const std::string &key, const std:
     return true;
 }
 
+// N or N+M
+Leaving parseLeaving(const std::string &key, const std::string &text) {
+    const size_t plus = text.find('+');
+    const uint32_t after = parseNumber(key, text.substr(0, plus), kMaxRequests);
+    if (after == 0)
+        throw std::invalid_argument(key + " counts from 1");
+    return {after,
+            plus == std::string::npos ? 0 : parseNumber(key, text.substr(plus + 1), kMaxRequests)};
+}
+
 void apply(DeviceSpecification &specification, const std::string &key, const std::string &value) {
     const auto identifier = [&]() {
         return static_cast<uint16_t>(parseNumber(key, value, 0xFFFF));
@@ -143,12 +163,51 @@ void apply(DeviceSpecification &specification, const std::string &key, const std
         shape.serial = value;
     else if (key == "away")
         specification.away = parseTime(key, value);
-    else if (key == "file" && specification.kind == "instrument")
+    else if (key == "leave-after")
+        specification.leaving = parseLeaving(key, value);
+    else if (key == "lie" && specification.kind == kHostile)
+        specification.lie = &findLie(value);
+    else if (key == "file" && specification.as == "instrument")
         specification.recording = value;
-    else if (specification.kind == "instrument" ||
+    else if (specification.as == "instrument" ||
              !applyBehaviour(specification.behaviour, key, value))
         throw std::invalid_argument(
             fmt::format("a device of kind {} has no property '{}'", specification.kind, key));
+}
+
+using Properties = std::vector<std::pair<std::string, std::string>>;
+
+Properties parseProperties(std::istream &input) {
+    Properties properties;
+    std::string word;
+    while (std::getline(input, word, ',')) {
+        const size_t equals = word.find('=');
+        if (equals == std::string::npos)
+            throw std::invalid_argument(fmt::format("'{}' should be KEY=VALUE", word));
+        properties.emplace_back(word.substr(0, equals), word.substr(equals + 1));
+    }
+    return properties;
+}
+
+// Before the other properties, wherever it stands: they change what comes with the kind.
+std::string takeAs(Properties &properties) {
+    std::string kind = "instrument";
+    std::erase_if(properties, [&](const auto &property) {
+        const bool isAs = property.first == "as";
+        if (isAs)
+            kind = property.second;
+        return isAs;
+    });
+    return kind;
+}
+
+DeviceShape shapeOf(const Kind &kind) {
+    DeviceShape shape = instrumentShape();
+    if (kind.vendor != 0)
+        shape.vendor = kind.vendor;
+    shape.product = kind.product;
+    shape.productName = kind.productName;
+    return shape;
 }
 
 } // namespace
@@ -157,22 +216,18 @@ DeviceSpecification parseDeviceSpecification(const std::string &text) {
     std::istringstream input(text);
     std::string word;
     std::getline(input, word, ',');
-    const Kind &kind = findKind(word);
-
     DeviceSpecification specification;
-    specification.kind = kind.name;
-    DeviceShape &shape = specification.shape;
-    shape = instrumentShape();
-    if (kind.vendor != 0)
-        shape.vendor = kind.vendor;
-    shape.product = kind.product;
-    shape.productName = kind.productName;
-    while (std::getline(input, word, ',')) {
-        const size_t equals = word.find('=');
-        if (equals == std::string::npos)
-            throw std::invalid_argument(fmt::format("'{}' should be KEY=VALUE", word));
-        apply(specification, word.substr(0, equals), word.substr(equals + 1));
-    }
+    specification.kind = specification.as = findKind(word).name;
+    Properties properties = parseProperties(input);
+    if (specification.kind == kHostile)
+        specification.as = takeAs(properties);
+    if (specification.as == kHostile)
+        throw std::invalid_argument("as=hostile is no device to be otherwise");
+    specification.shape = shapeOf(findKind(specification.as));
+    for (const auto &[key, value] : properties)
+        apply(specification, key, value);
+    if (specification.kind == kHostile && specification.lie == nullptr)
+        throw std::invalid_argument("a hostile device needs lie=NAME; see --help");
     return specification;
 }
 
@@ -183,13 +238,17 @@ std::string deviceSpecificationHelp() {
     return "A DEVICE is a kind and, after commas, how it differs from the usual:\n"
            "  KIND[,speed=full|high|super][,vendor=ID][,product=ID][,serial=TEXT][,bcd-usb=BCD]"
            "[,away=MS]\n"
-           "away=MS plugs it in that many milliseconds after the start.\n"
+           "      [,leave-after=N[+M]]\n"
+           "away=MS plugs it in that many milliseconds after the start. leave-after=N takes it off "
+           "the\nbus after its Nth request or transfer, and puts it back, to leave again after N, "
+           "then N+M.\n"
            "An instrument with file=PATH streams what is in that file, over and over.\n"
            "Numbers may be written in hexadecimal, with 0x.\n"
            "\n"
            "Kinds:\n" +
            kinds +
-           "All but the first become instruments once their firmware runs. What they may do wrong, "
+           "The bare processors become instruments once their firmware runs. What they may do "
+           "wrong, "
            "once:\n"
            "  fail=N         refuse the Nth request\n"
            "  short=N        take a byte less of the Nth request\n"
@@ -197,11 +256,17 @@ std::string deviceSpecificationHelp() {
            "  bad-status=N   report an error in the Nth status (dfu, imx7)\n"
            "  delay=MS       answer every request that much later\n"
            "  poll=MS        need that long for each block (dfu)\n"
-           "  linger=MS      stay that long once all is written, 2000 unless told (dfu)";
+           "  linger=MS      stay that long once all is written, 2000 unless told (dfu)\n"
+           "What a hostile device lies about, lie=NAME:\n" +
+           lieHelp();
 }
 
 std::unique_ptr<DeviceModel> makeDevice(const DeviceSpecification &specification) {
-    return findKind(specification.kind).make(specification);
+    auto device = findKind(specification.as).make(specification);
+    if (specification.lie == nullptr && !specification.leaving)
+        return device;
+    return std::make_unique<HostileDevice>(std::move(device), specification.lie,
+                                           specification.leaving);
 }
 
 } // namespace sim
