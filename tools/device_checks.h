@@ -12,6 +12,8 @@ namespace tool {
 Finding checkPermission(const UsbDevice &device);
 // A kernel driver or another program.
 Finding checkHolder(const UsbDevice &device);
+// Whether there is an interface to work with.
+Finding checkInterface(const UsbDevice &device);
 Finding checkSpeed(const UsbDevice &device);
 Finding checkPower(const UsbDevice &device);
 // Whether the kernel allows as much memory as streams from all these devices need.

@@ -58,8 +58,8 @@ std::vector<Group> examine() {
         groups.push_back({attachedJson(device),
                           fmt::format("{} at {}, {}", identifierText(device.vendor, device.product),
                                       device.busPath, device.name()),
-                          {checkPermission(device), checkHolder(device), checkSpeed(device),
-                           checkPower(device)}});
+                          {checkPermission(device), checkInterface(device), checkHolder(device),
+                           checkSpeed(device), checkPower(device)}});
     return groups;
 }
 

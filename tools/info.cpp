@@ -23,7 +23,8 @@ using Json = nlohmann::json;
 constexpr uint8_t kEndpointIn = 0x80;
 constexpr uint8_t kHighestEndpoint = 15;
 
-// The library has no list of endpoints, but it knows the packet size of each that exists.
+// The library has no list of endpoints, but it knows the packet size of each that exists.  Null
+// when the device's descriptors cannot be made sense of.
 Json endpoints(const Device &device) {
     Json rows = Json::array();
     for (uint8_t number = 1; number <= kHighestEndpoint; ++number) {
@@ -33,6 +34,8 @@ Json endpoints(const Device &device) {
             const int32_t status = vexa_usb_get_max_packet_size(device.get(), address, &size);
             if (status == VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED)
                 continue;
+            if (status == VEXA_USB_STATUS_UNKNOWN)
+                return nullptr;
             check(status, "reading the packet sizes");
             rows.push_back({{"address", address}, {"packet_size", size}});
             if (device.attached())
@@ -105,6 +108,8 @@ void print(const Json &info) {
     const auto codes = info["class"].get<std::array<unsigned, 3>>();
     fmt::print("class           {:02x}:{:02x}:{:02x}\n", codes[0], codes[1], codes[2]);
     fmt::print("configurations  {}\n", info["configurations"].get<unsigned>());
+    if (info["endpoints"].is_null())
+        fmt::print("endpoints       not known: the device's configuration descriptor is wrong\n");
     for (const Json &endpoint : info["endpoints"]) {
         const auto address = endpoint["address"].get<unsigned>();
         fmt::print("endpoint {:#04x}   {:<3}  {:<9}  packets of {} bytes\n", address,

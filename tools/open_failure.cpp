@@ -13,7 +13,7 @@ Error openFailure(const ListedDevice &device, int32_t status) {
     Finding reason{"", fmt::format("{} ({})", vexa_usb_get_status_str(status), status),
                    "Nothing stands in the way now: try again; --verbose tells the system's reason.",
                    Exit::CannotOpen};
-    for (const auto &look : {checkPermission, checkHolder}) {
+    for (const auto &look : {checkPermission, checkInterface, checkHolder}) {
         const Finding found = device.attached ? look(*device.attached) : Finding{};
         if (found.isFine())
             continue;

@@ -39,6 +39,8 @@ const char *claimAdvice(int result) {
         return "; another program, a kernel driver or another handle of this program has it";
     case LIBUSB_ERROR_NO_DEVICE:
         return "; the device has just left";
+    case LIBUSB_ERROR_NOT_FOUND:
+        return "; the device has no interface 0, or no configuration";
     default:
         return "; plug the device in again";
     }
