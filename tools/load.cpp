@@ -25,6 +25,7 @@
 #include "imx7_file.h"
 #include "list_changes.h"
 #include "progress.h"
+#include "stall_guard.h"
 #include "stop_condition.h"
 
 namespace tool {
@@ -42,6 +43,7 @@ constexpr const char *kLoadGoesOn =
 struct LoadOptions {
     std::string file;
     double wait = 10;
+    double timeout = 300;
     bool renumerate = false;
     bool force = false;
 };
@@ -122,18 +124,26 @@ void refuseIfForAnother(const DfuFile &file, _vexa_usb_device *device) {
                     "Nothing was sent. If it is right all the same, load it with --force.");
 }
 
-int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, Progress::Form form) {
+int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, Progress::Form form,
+                    const LoadOptions &options) {
     makeDfuIdle(device);
     Progress progress(form, {image.size(), std::nullopt});
+    StallGuard guard(Seconds(options.timeout),
+                     fmt::format("loading {}: the device has been busy with one block for {} s",
+                                 options.file, options.timeout),
+                     "It has half a firmware: plug it in again. If it needs that long, --timeout "
+                     "gives it more.");
     struct Shown {
         Progress &progress;
+        StallGuard &guard;
         double size;
-    } shown{progress, static_cast<double>(image.size())};
+    } shown{progress, guard, static_cast<double>(image.size())};
     return vexa_usb_dfu_download(
         device, image.data(), image.size(),
         [](void *data, double done) {
             const auto &to = *static_cast<Shown *>(data);
             to.progress.update(static_cast<uint64_t>(done * to.size));
+            to.guard.noteProgress();
         },
         &shown);
 }
@@ -141,11 +151,11 @@ int32_t downloadDfu(_vexa_usb_device *device, const Bytes &image, Progress::Form
 Firmware dfuFirmware(const LoadOptions &options, const CommonOptions &common) {
     const auto file = std::make_shared<DfuFile>(readDfuFile(options.file));
     return {file->image.size(),
-            [file, forced = options.force,
+            [file, options,
              form = Progress::formFor(common.progress, common.json)](_vexa_usb_device *device) {
-                if (!forced)
+                if (!options.force)
                     refuseIfForAnother(*file, device);
-                return downloadDfu(device, file->image, form);
+                return downloadDfu(device, file->image, form, options);
             }};
 }
 
@@ -281,6 +291,11 @@ void defineKind(CLI::App &command, const LoadKind &kind, CommonOptions &common) 
         command.add_flag("--progress", common.progress,
                          "Show the progress also when not on a terminal, in a line a second; "
                          "with --json, each an object on standard error");
+        command
+            .add_option("--timeout", options->timeout,
+                        "Give up when the device is busy with one block for N seconds; 0: never")
+            ->check(notNegative())
+            ->capture_default_str();
         command.add_flag("--force", options->force,
                          "Load it although the file's DFU suffix names another device");
     }

@@ -17,6 +17,7 @@ constexpr uint64_t kMaxBlock = 4096;
 constexpr uint8_t kDownload = 1;  // DFU_DNLOAD
 constexpr uint8_t kGetStatus = 3; // DFU_GETSTATUS
 constexpr uint8_t kStatusOk = 0;
+constexpr std::chrono::milliseconds kLookInterval{100};
 
 enum class State : uint8_t {
     DownloadIdle = 5, // dfuDNLOAD-IDLE
@@ -46,13 +47,20 @@ int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
     return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
 }
 
+// A device may ask for more than four hours, and leave in them, which ends the wait.  A signal does
+// not.
+void waitOnBus(const AbstractDevice &device, std::chrono::milliseconds time) {
+    for (; time.count() > 0 && !device.isRemoved(); time -= kLookInterval)
+        std::this_thread::sleep_for(std::min(time, kLookInterval));
+}
+
 // Returns once the device has accepted or refused the block.
 int32_t poll(AbstractDevice &device, DfuStatus &status) {
     for (;;) {
         const int32_t result = readStatus(device, status);
         if (result != VEXA_USB_STATUS_SUCCESS || status.isSettled())
             return result;
-        std::this_thread::sleep_for(status.pollTimeout()); // a signal does not end it
+        waitOnBus(device, status.pollTimeout());
     }
 }
 
