@@ -1,8 +1,11 @@
 // Bare devices that are booted on a real kernel, come back as something else, and are used.
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -168,20 +171,6 @@ protected:
             EXPECT_EQ(firmwareOf(kind, size), payload) << kind.name << " " << size;
         }
     }
-    // Unplugged at that request of the load, which fails; the next load works.
-    void unplugInLoad(const Kind &kind, int step) {
-        SCOPED_TRACE(kind.name);
-        const Simulator simulator({std::string(kind.name) + ",unplug=" + std::to_string(step)});
-        const Bytes payload = randomBytes(5000);
-        const uint64_t id = onlyId();
-        const size_t removals = events.count(VEXA_USB_DEVICE_EVENT_REMOVED);
-        EXPECT_EQ(load(id, kind, payload), VEXA_USB_STATUS_UNKNOWN);
-        ASSERT_TRUE(events.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED, removals + 1));
-        EXPECT_EQ(kind.load(device, kind.image(payload)), VEXA_USB_STATUS_DEVICE_REMOVED);
-        EXPECT_EQ(close(), 0);
-        EXPECT_EQ(load(onlyId(id), kind, payload), 0);
-        EXPECT_EQ(close(), 0);
-    }
 
     EventLog &events = EventLog::make();
     _vexa_usb_device *device = nullptr;
@@ -234,11 +223,74 @@ TEST_F(FirmwareTest, Imx7BootsInTwoStages) {
     }
 }
 
-TEST_F(FirmwareTest, UnplugInTheMiddle) {
-    unplugInLoad(kFx2, 65);
-    unplugInLoad(kFx3, 2);
-    unplugInLoad(kDfu, 4);
-    unplugInLoad(kImx7, 3);
+// The device leaves after its first request, then after `step` more, until it stays.  With up to
+// `failing` requests and transfers the load cannot have succeeded; `all` are enough.  It may be
+// silent for a while before the bus is told that it has left.
+void loadUntilItStays(const Kind &kind, uint16_t product, int failing, int all, int step) {
+    const Bytes image = kind.image(Bytes(5000, 0x5A));
+    uint64_t id = 0;
+    for (int last = 1; last < all + step; last += step) {
+        id = test::idOf(product, id);
+        EventLog &events = EventLog::make();
+        _vexa_usb_device *const device = test::openDevice(id, events);
+        ASSERT_NE(device, nullptr) << kind.name;
+        const int32_t status = kind.load(device, image);
+        EXPECT_TRUE(last <= failing ? status == -1 || status == -13 : status == 0)
+            << kind.name << " " << last << ": " << status;
+        EXPECT_TRUE(events.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+        EXPECT_EQ(kind.load(device, image), VEXA_USB_STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(vexa_usb_close(device), 0);
+    }
+}
+
+// At some requests, with VEXA_HOSTILE at each.
+TEST_F(FirmwareTest, UnplugInEveryPhase) {
+    const auto step = [all = std::getenv("VEXA_HOSTILE") != nullptr](int few) {
+        return all ? 1 : few;
+    };
+    const Simulator simulator({"fx2,leave-after=1+" + std::to_string(step(41)),
+                               "fx3,leave-after=1+1",
+                               "dfu,linger=20,leave-after=1+" + std::to_string(step(2)),
+                               "imx7,leave-after=1+" + std::to_string(step(4))},
+                              4);
+    std::vector<std::jthread> threads;
+    threads.emplace_back(loadUntilItStays, kFx2, 0x8613, 82, 83, step(41));
+    threads.emplace_back(loadUntilItStays, kFx3, 0x00F3, 2, 4, 1); // the jump's failure is no news
+    threads.emplace_back(loadUntilItStays, kDfu, 0x0DF0, 5, 7, step(2));
+    threads.emplace_back(loadUntilItStays, kImx7, 0x0076, 13, 15, step(4));
+    threads.clear();
+    EXPECT_TRUE(test::eventually([]() { return test::listedInstruments().size() == 3; }));
+}
+
+// What ends a download to a device that never does: its removal, or the last fini.
+TEST_F(FirmwareTest, UnplugEndsEndlessDownloads) {
+    std::vector<std::string> lies{"dfu-poll,leave-after=2",
+                                  "dfu-busy,leave-after=40",
+                                  "dfu-state,leave-after=40",
+                                  "dfu-status",
+                                  "dfu-error",
+                                  "dfu-endless",
+                                  "dfu-poll"};
+    for (size_t i = 0; i < lies.size(); ++i)
+        lies[i] = "hostile,as=dfu,product=" + std::to_string(i) + ",lie=" + lies[i];
+    const Simulator simulator(lies, lies.size());
+    std::vector<_vexa_usb_device *> opened(lies.size());
+    std::vector<std::jthread> threads;
+    for (size_t i = 0; i < lies.size(); ++i)
+        threads.emplace_back([&, i]() {
+            opened[i] = test::openDevice(test::idOf(static_cast<uint16_t>(i)), EventLog::make());
+            int32_t status = 0;
+            const auto load = [&]() { status = kDfu.load(opened[i], Bytes(5000)); };
+            EXPECT_LT(test::timed(load), std::chrono::seconds(15)) << lies[i];
+            EXPECT_EQ(status, i == 5 ? 0 : -1) << lies[i];
+        });
+    while (threads.size() > 1)
+        threads.erase(threads.begin());
+    vexa_usb_fini();
+    threads.clear();
+    vexa_usb_init();
+    for (_vexa_usb_device *each : opened)
+        EXPECT_EQ(vexa_usb_close(each), 0);
 }
 
 } // namespace

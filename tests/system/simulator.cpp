@@ -8,6 +8,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,6 +85,20 @@ std::vector<uint64_t> listedInstruments() {
     return idsOf([](const _vexa_usb_device_list_item &item) {
         return item.vendor_id == VEXA_USB_VENDOR_ID && item.product_id == 0x0001;
     });
+}
+
+uint64_t idOf(uint16_t product, uint64_t but) {
+    uint64_t id = 0;
+    EXPECT_TRUE(eventually([&]() {
+        const Snapshot snapshot;
+        for (uint64_t i = 0; i < snapshot.count; ++i) {
+            const _vexa_usb_device_list_item &item = *snapshot.list[i];
+            if (item.product_id == product && item.id != but)
+                id = item.id;
+        }
+        return id != 0;
+    })) << product;
+    return id;
 }
 
 _vexa_usb_device *openDevice(uint64_t id, EventLog &events, int32_t *status) {

@@ -27,6 +27,8 @@ private:
 
 // The ids of the listed devices, after an update.
 std::vector<uint64_t> listedIds(bool update = true);
+// The id of the device with that product, once it is listed under another than this one.
+uint64_t idOf(uint16_t product, uint64_t but = 0);
 // Those that are instruments, as the list has them now.
 std::vector<uint64_t> listedInstruments();
 
