@@ -13,7 +13,16 @@
  *
  * **Threads.** Every function may be called from any thread, callbacks included, unless its
  * description restricts it.  Several threads may transfer on one device at once.  A handle must
- * not be closed while another thread is inside a call with it.
+ * not be closed while another thread is inside a call with it.  No signal handler interrupts a call
+ * or changes its time limits.  No function is a cancellation point: a thread that is cancelled
+ * inside one ends at its next cancellation point after the call.
+ *
+ * **Forks.** A child that is forked while the library is in use cannot use it: vexa_usb_init() and
+ * vexa_usb_fini() do nothing there, vexa_usb_get_max_packet_size() answers -1 (-12 if the device
+ * was removed), and all else that tests the initialisation answers -3.  The parent is not
+ * disturbed.  The child may exec and exit; until then it keeps the devices' files open.  A child
+ * that is to use devices is forked before the first vexa_usb_init() or after the last
+ * vexa_usb_fini().
  *
  * **Callbacks** run on threads of the library, one at a time for each device, and under no lock of
  * the library.  They may call any function, including vexa_usb_close() on the device that they
@@ -214,7 +223,8 @@ typedef void (*vexa_usb_device_list_event_callback)(uint32_t type,
  * vexa_usb_update_device_list() work. Stopping a data stream closes the device's USB connection
  * then, so that its later transfers answer -1 until it is closed and opened again.
  *
- * A process that exits without the last vexa_usb_fini() ends by `std::terminate`.
+ * A process that exits without the last vexa_usb_fini() ends by `std::terminate`, but for a child
+ * that was forked meanwhile.
  */
 VEXA_USB_API void vexa_usb_init(void);
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "core/log.h"
+#include "core/thread.h"
 #include "device/abstract_device.h"
 #include "device/device_call.h"
 #include "devicelist/list_record.h"
@@ -67,6 +68,7 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
             .started();
     if (!checks.passed())
         return checks.status();
+    const CancellationLater uncancelled;
     const std::shared_ptr<AbstractDeviceListItem> item = recordItem(*entry).lock();
     if (item == nullptr) {
         logLine(LogLevel::Error, "%04x:%04x: cannot be opened: it has left; get a new list",
@@ -91,6 +93,7 @@ int32_t vexa_usb_open(const _vexa_usb_device_list_item *entry,
 int32_t vexa_usb_close(_vexa_usb_device *device) {
     const DeviceCall call = DeviceCall(device).initialized().parameters();
     if (call.passed()) {
+        const CancellationLater uncancelled;
         device->device->close();
         delete device;
     }

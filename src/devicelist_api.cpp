@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "core/call_checks.h"
+#include "core/thread.h"
 #include "devicelist/device_list.h"
 #include "devicelist/list_record.h"
 #include "vexa_usb.h"
@@ -85,6 +86,7 @@ int32_t vexa_usb_deregister_device_list_event_callback(uint32_t id) {
 int32_t vexa_usb_update_device_list(void) {
     std::shared_ptr<DeviceList> devices;
     const CallChecks checks = CallChecks().initialized().deviceList(devices).started();
+    const CancellationLater uncancelled;
     if (checks.passed())
         devices->update();
     return checks.status();

@@ -16,6 +16,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "commands.h"
 #include "completion.h"
@@ -157,6 +158,39 @@ int run(std::vector<std::string> words) {
     }
 }
 
+int reportNoMemory() {
+    fmt::print(stderr, "vexa-usb: there is not enough memory\n"
+                       "  End other programs, or ask for less at once.\n");
+    return static_cast<int>(Exit::Failed);
+}
+
+// Tells of the exception in hand; answers the exit status.
+int report() {
+    try {
+        throw;
+    } catch (const Error &error) {
+        fmt::print(stderr, "vexa-usb: {}\n", error.what());
+        if (!error.hint.empty())
+            fmt::print(stderr, "  {}\n", error.hint);
+        return static_cast<int>(error.exit);
+    } catch (const std::bad_alloc &) {
+        return reportNoMemory();
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vexa-usb: {}\n", error.what());
+        return static_cast<int>(Exit::Failed);
+    }
+}
+
+// For exceptions that no handler gets: in a callback, and in std::filesystem, which throws for want
+// of memory where it may not, and where what it has thrown cannot always be had.
+[[noreturn]] void onTerminate() {
+    if (std::current_exception() != nullptr)
+        _exit(report());
+    if (std::uncaught_exceptions() > 0)
+        _exit(reportNoMemory());
+    std::abort();
+}
+
 } // namespace
 
 } // namespace tool
@@ -164,22 +198,13 @@ int run(std::vector<std::string> words) {
 int main(int argc, char **argv) {
     // Without the signal, a closed pipe shows as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
+    std::set_terminate(tool::onTerminate);
     try {
         const int status = tool::run({argv + 1, argv + argc});
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
             tool::throwSystemError("cannot write standard output");
         return status;
-    } catch (const tool::Error &error) {
-        fmt::print(stderr, "vexa-usb: {}\n", error.what());
-        if (!error.hint.empty())
-            fmt::print(stderr, "  {}\n", error.hint);
-        return static_cast<int>(error.exit);
-    } catch (const std::bad_alloc &) {
-        fmt::print(stderr, "vexa-usb: there is not enough memory\n"
-                           "  End other programs, or ask for less at once.\n");
-        return static_cast<int>(tool::Exit::Failed);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "vexa-usb: {}\n", error.what());
-        return static_cast<int>(tool::Exit::Failed);
+    } catch (const std::exception &) {
+        return tool::report();
     }
 }

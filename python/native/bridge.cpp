@@ -553,7 +553,7 @@ void bridgeLeave(void) {
 
 void bridgeForked(void) {
     isForked = true;
-    // Instead of the library's destructors, which would end the process by std::terminate.
+    // Without destructors: what they would lock may have been locked at the fork.
     on_exit(
         [](int status, void *) {
             std::fflush(nullptr);

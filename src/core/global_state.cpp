@@ -1,5 +1,7 @@
 #include "core/global_state.h"
 
+#include <cstddef>
+#include <new>
 #include <utility>
 
 namespace vexausb {
@@ -12,6 +14,12 @@ Mutex deviceListMutex; // no other lock is taken under it
 // ends in the thread's destructor, by std::terminate, whatever the list holds.
 std::shared_ptr<DeviceList> deviceList GUARDED_BY(deviceListMutex);
 
+template <typename Thing>
+void keep(Thing &thing) {
+    alignas(Thing) static std::byte memory[sizeof(Thing)];
+    new (memory) Thing(std::move(thing));
+}
+
 } // namespace
 
 Mutex initFiniMutex;
@@ -19,6 +27,13 @@ std::atomic<bool> libraryStarted{false};
 std::atomic<uint64_t> initCount{0};
 std::thread libusbThread;
 std::atomic<bool> libusbRunning{true};
+std::atomic<bool> forkedInUse{false};
+
+// A child has one thread, and the mutexes may be held by those that it has not.
+void keepInherited() NO_THREAD_SAFETY_ANALYSIS {
+    keep(libusbThread);
+    keep(deviceList);
+}
 
 std::shared_ptr<DeviceList> currentDeviceList() {
     const MutexLock lock(deviceListMutex);

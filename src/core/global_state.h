@@ -30,6 +30,14 @@ extern std::thread libusbThread GUARDED_BY(initFiniMutex);
 // the process.
 extern std::atomic<bool> libusbRunning;
 
+// True in a child that was forked while the library was in use.  It has none of the library's
+// threads, finds locks held for ever, and shares the devices' files with its parent, which would
+// get what the child asks for.  So the library stays out of use there: init and fini do nothing.
+extern std::atomic<bool> forkedInUse;
+
+// For that child: what a process destroys as it exits is kept instead.
+void keepInherited();
+
 // The device list, null when there is none.  Whoever holds the result can use the list even after
 // the last fini.
 std::shared_ptr<DeviceList> currentDeviceList();

@@ -1,5 +1,7 @@
 #include "core/lib_usb.h"
 
+#include <cstddef>
+#include <new>
 #include <utility>
 
 #include "core/connection_registry.h"
@@ -13,7 +15,13 @@ namespace vexausb {
 
 namespace {
 
-UseGate contextGate{false};
+// Never destroyed: a thread may still wait for it when the process exits, or have waited when it
+// was forked, and the destructor would wait for that thread.
+UseGate &contextGate() {
+    alignas(UseGate) static std::byte memory[sizeof(UseGate)];
+    static auto *const only = new (memory) UseGate(false);
+    return *only;
+}
 
 // Null when there is none.  Written while the gate is closed.
 libusb_context *libusbContext GUARDED_BY(initFiniMutex) = nullptr;
@@ -57,8 +65,8 @@ void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
         libusbContext = nullptr;
         logLine(
             LogLevel::Error,
-            "USB cannot be used, and no device will be listed: %s; is /dev/bus/usb there, and may "
-            "this user read it?",
+            "USB cannot be used, and no device will be listed: %s; is /dev/bus/usb there, may this "
+            "user read it, and may it have more open files and threads (ulimit -n, -u)?",
             libusb_error_name(result));
         return;
     }
@@ -72,19 +80,19 @@ void LibUSB::init(libusb_hotplug_callback_fn onHotplug) {
         throw;
     }
     connection_registry::open(loopRuns);
-    contextGate.open();
+    contextGate().open();
 }
 
 void LibUSB::fini() {
     connection_registry::close();
-    contextGate.close();
+    contextGate().close();
     endEventLoop();
     if (libusbContext != nullptr)
         libusb_exit(libusbContext);
     libusbContext = nullptr;
 }
 
-LibUSB::ContextUse::ContextUse() : use_(contextGate.enter()) {}
+LibUSB::ContextUse::ContextUse() : use_(contextGate().enter()) {}
 
 // Instead of the mutex the gate protects the context here: nobody writes it while a user is inside.
 libusb_context *LibUSB::ContextUse::context() const NO_THREAD_SAFETY_ANALYSIS {

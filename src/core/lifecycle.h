@@ -27,6 +27,7 @@ struct LifecycleParts {
 };
 
 // Counts one use more.  Throws when the state cannot be built up; even then the use is counted.
+// Like endUse it does nothing in a process that was forked while the library was in use.
 void beginUse(const LifecycleParts &parts) EXCLUDES(initFiniMutex);
 // Counts one use less.  Allocates no memory.
 void endUse() EXCLUDES(initFiniMutex);

@@ -15,6 +15,7 @@
 #define REQUIRES(...) VEXA_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) VEXA_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) VEXA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) VEXA_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) VEXA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS VEXA_THREAD_ANNOTATION(no_thread_safety_analysis)
 
@@ -28,6 +29,7 @@ public:
     Mutex &operator=(const Mutex &) = delete;
 
     void lock() ACQUIRE() { inner_.lock(); }
+    bool tryLock() TRY_ACQUIRE(true) { return inner_.try_lock(); }
     void unlock() RELEASE() { inner_.unlock(); }
 
 private:

@@ -42,6 +42,14 @@ void setThreadName(const std::string &name) {
     pthread_setname_np(pthread_self(), buffer.data());
 }
 
+CancellationLater::CancellationLater() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_);
+}
+
+CancellationLater::~CancellationLater() {
+    pthread_setcancelstate(before_, nullptr);
+}
+
 std::thread startThread(std::string name, std::function<void()> body) {
     const BlockSignals blocked;
     return std::thread([name = std::move(name), body = std::move(body)]() {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/global_state.h"
 #include "core/mutex.h"
 #include "core/use_gate.h"
 
@@ -33,8 +34,9 @@ public:
     UsbConnection(const UsbConnection &) = delete;
     UsbConnection &operator=(const UsbConnection &) = delete;
 
-    // The handle may be used as long as the result is held; false once the connection closes.
-    UseGate::Use use() { return gate_.enter(); }
+    // The handle may be used as long as the result is held; false once the connection closes, and
+    // in a child that was forked.
+    UseGate::Use use() { return forkedInUse.load() ? UseGate::Use(nullptr) : gate_.enter(); }
 
     // The following five are for who holds a Use.
     libusb_device_handle *handle() const { return handle_; }

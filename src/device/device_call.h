@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "core/call_checks.h"
+#include "core/thread.h"
 #include "device/abstract_device.h"
 
 namespace vexausb {
@@ -51,6 +52,7 @@ public:
     int32_t then(Call call) {
         if (!passed())
             return status();
+        const CancellationLater uncancelled;
         const std::shared_ptr<AbstractDevice> device = handle_->device;
         return call(*device);
     }

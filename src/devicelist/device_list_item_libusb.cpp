@@ -20,7 +20,8 @@ const char *openAdvice(int result) {
         return "no permission; install the udev rule 70-vexa-usb.rules, be in the group plugdev or "
                "at the machine's own seat, and plug the device in again";
     case LIBUSB_ERROR_NO_DEVICE:
-        return "the device has left; open the one that comes back from a new list";
+        return "the device has left (open the one that comes back from a new list), or its file is "
+               "missing (in a container: give it /dev/bus/usb)";
     default:
         return "'lsusb' shows whether the system still sees it; plug it in again";
     }

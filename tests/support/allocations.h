@@ -16,7 +16,7 @@ bool restore();
 uint64_t inUse();
 
 // While it is above 0, nothing is counted nor fails on this thread.
-inline thread_local int exemptions = 0;
+[[gnu::visibility("default")]] inline thread_local int exemptions = 0;
 class Exempt {
 public:
     Exempt() { ++exemptions; }

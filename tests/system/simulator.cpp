@@ -146,6 +146,13 @@ size_t openDescriptors() {
     return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
+std::vector<pid_t> threads() {
+    std::vector<pid_t> numbers;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task"))
+        numbers.push_back(std::stoi(task.path().filename()));
+    return numbers;
+}
+
 size_t sharedMappings() {
     std::ifstream maps("/proc/self/maps");
     size_t count = 0;

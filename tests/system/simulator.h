@@ -45,6 +45,7 @@ int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAft
 // The memory that the system allows for the transfers of all programs.
 void limitTransfers(const std::string &mebibytes);
 size_t openDescriptors();
+std::vector<pid_t> threads();
 // Mappings of devices' files into this process.
 size_t sharedMappings();
 

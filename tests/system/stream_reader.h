@@ -23,7 +23,9 @@ public:
         uint8_t *data = nullptr;
         uint64_t size = 0;
         while (position < bytes &&
-               events_.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, ++seen_) &&
+               events_.waitForAny({{VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, ++seen_},
+                                   {VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR, 1}}) &&
+               events_.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL) >= seen_ &&
                vexa_usb_data_stream_buffer_lock(device_, &data, &size) == 0) {
             const uint64_t right = sim::firstPatternError(position, {data, size});
             position += right;
