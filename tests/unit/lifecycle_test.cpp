@@ -4,7 +4,6 @@
 #include <iterator>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "core/supported_devices.h"
@@ -92,48 +91,6 @@ TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
     vexa_usb_fini();
 }
 
-// What comes while the first init or the last fini is at work waits for its end; then the state is
-// as the counter says, and whole.
-TEST_F(LifecycleTest, InitAndFiniDuringATransition) {
-    fake::attach(VEXA_USB_VENDOR_ID, 1);
-    std::vector<std::thread> threads;
-    const auto during = [&](const char *point, const std::vector<void (*)()> &calls) {
-        fake::onCall(point, [&threads, calls]() {
-            for (const auto call : calls) {
-                const uint64_t before = vexausb::initCount.load();
-                threads.emplace_back(call);
-                EXPECT_TRUE(
-                    test::eventually([&]() { return vexausb::initCount.load() != before; }));
-                EXPECT_EQ(vexa_usb_update_device_list(), -3);
-            }
-        });
-    };
-    const auto expect = [&](uint64_t count, size_t starts) {
-        for (std::thread &thread : std::exchange(threads, {}))
-            thread.join();
-        EXPECT_EQ(vexausb::initCount.load(), count);
-        EXPECT_EQ(vexa_usb_update_device_list(), count == 0 ? -3 : 0);
-        EXPECT_EQ(fake::countCalls("libusb_init"), starts);
-        EXPECT_EQ(fake::countCalls("libusb_exit") + (count == 0 ? 0 : 1), starts);
-    };
-    during("libusb_init", {vexa_usb_fini, vexa_usb_init});
-    vexa_usb_init();
-    expect(1, 1);
-    EXPECT_EQ(test::Snapshot().count, 1U);
-    during("libusb_exit", {vexa_usb_init, vexa_usb_fini});
-    vexa_usb_fini();
-    expect(0, 1);
-    during("libusb_init", {vexa_usb_fini});
-    vexa_usb_init();
-    expect(0, 2);
-    vexa_usb_init();
-    during("libusb_exit", {vexa_usb_init});
-    vexa_usb_fini();
-    expect(1, 4);
-    EXPECT_EQ(test::Snapshot().count, 1U);
-    vexa_usb_fini();
-}
-
 size_t threadCount() {
     const std::filesystem::directory_iterator threads("/proc/self/task");
     return static_cast<size_t>(std::distance(begin(threads), end(threads)));
@@ -153,12 +110,9 @@ TEST_F(LifecycleTest, NothingAccumulates) {
         vexa_usb_update_device_list();
         _vexa_usb_device *device = nullptr;
         ASSERT_EQ(test::openFirst(log, device), 0);
-        for (int run = 0; run < 2; ++run) {
-            ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, kBufferSize, 4), 0);
-            if (run == 0) {
-                ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
-            }
-        }
+        ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, kBufferSize, 4), 0);
+        ASSERT_EQ(vexa_usb_data_stream_stop(device), 0);
+        ASSERT_EQ(vexa_usb_data_stream_start(device, 0x82, kBufferSize, 4), 0);
         ASSERT_EQ(vexa_usb_event_pipe_enable(device, 0x81), 0);
         if (round % 2 == 0) {
             vexa_usb_fini();
@@ -192,91 +146,6 @@ TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
         fake::takeCalls();
     }
     EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
-}
-
-class TearDownTest : public test::DeviceTest {
-protected:
-    // Has the last fini begin on a thread of its own, at the next call of that function, and go as
-    // far as turning the device's callers away.
-    void finiAt(const char *function) {
-        fake::onCall(function, [this]() {
-            finishing = std::thread(vexa_usb_fini);
-            EXPECT_TRUE(test::eventually([this]() { return isTurnedAway(device); }));
-        });
-    }
-    void expectTornDown() {
-        finishing.join();
-        EXPECT_TRUE(fake::inFlight().empty());
-        EXPECT_FALSE(fake::closedInFlight());
-        vexa_usb_init();
-        EXPECT_EQ(close(), 0);
-        beginAgain();
-    }
-
-    std::thread finishing;
-};
-
-TEST_F(TearDownTest, OpenDuringTheLastFini) {
-    const test::Snapshot snapshot;
-    _vexa_usb_device *opened = nullptr;
-    finiAt("libusb_claim_interface");
-    EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
-    EXPECT_EQ(opened, nullptr);
-    expectTornDown();
-}
-
-TEST_F(TearDownTest, StartDuringTheLastFini) {
-    for (const char *point :
-         {"libusb_get_max_packet_size", "libusb_alloc_transfer", "libusb_submit_transfer"}) {
-        SCOPED_TRACE(point);
-        finiAt(point);
-        EXPECT_EQ(start(512, 8), 0);
-        expectTornDown();
-        finiAt(point);
-        enable(); // armed, or refused
-        expectTornDown();
-    }
-}
-
-// Both wait for the same transfers; one of them closes.
-TEST_F(TearDownTest, CloseDuringTheLastFini) {
-    ASSERT_EQ(start(512, 8), 0);
-    fake::holdEvents(true);
-    std::thread closing([this]() { EXPECT_EQ(close(), 0); });
-    EXPECT_TRUE(test::eventually([]() { return fake::inFlight().empty(); }));
-    std::thread fini(vexa_usb_fini);
-    EXPECT_TRUE(test::eventually([]() { return vexa_usb_update_device_list() != 0; }));
-    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
-    fake::holdEvents(false);
-    closing.join();
-    fini.join();
-    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
-    vexa_usb_init();
-}
-
-// Everything at once: the fake stops the program when a context is used or doubled wrongly.
-TEST_F(LifecycleTest, ManyThreadsInitAndFini) {
-    fake::attach(VEXA_USB_VENDOR_ID, 1);
-    const auto cycle = []() {
-        test::EventLog &log = test::EventLog::make();
-        for (int round = 0; round < 200; ++round) {
-            vexa_usb_init();
-            vexa_usb_update_device_list();
-            _vexa_usb_device *device = nullptr;
-            if (test::openFirst(log, device) == 0) {
-                vexa_usb_data_stream_start(device, 0x82, 4096, 4);
-                vexa_usb_close(device);
-            }
-            vexa_usb_fini();
-        }
-    };
-    std::vector<std::thread> threads(6);
-    for (std::thread &thread : threads)
-        thread = std::thread(cycle);
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(vexausb::initCount.load(), 0U);
-    EXPECT_EQ(vexausb::currentDeviceList(), nullptr);
 }
 
 } // namespace
