@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/supported_devices.h"
@@ -88,6 +89,48 @@ TEST_F(LifecycleTest, NotReadyWhileTheFirstInitIsUnderWay) {
     EXPECT_EQ(updated, -3);
     EXPECT_EQ(opened, -3);
     EXPECT_EQ(vexa_usb_update_device_list(), 0);
+    vexa_usb_fini();
+}
+
+// What comes while the first init or the last fini is at work waits for its end; then the state is
+// as the counter says, and whole.
+TEST_F(LifecycleTest, InitAndFiniDuringATransition) {
+    fake::attach(VEXA_USB_VENDOR_ID, 1);
+    std::vector<std::thread> threads;
+    const auto during = [&](const char *point, const std::vector<void (*)()> &calls) {
+        fake::onCall(point, [&threads, calls]() {
+            for (const auto call : calls) {
+                const uint64_t before = vexausb::initCount.load();
+                threads.emplace_back(call);
+                EXPECT_TRUE(
+                    test::eventually([&]() { return vexausb::initCount.load() != before; }));
+                EXPECT_EQ(vexa_usb_update_device_list(), -3);
+            }
+        });
+    };
+    const auto expect = [&](uint64_t count, size_t starts) {
+        for (std::thread &thread : std::exchange(threads, {}))
+            thread.join();
+        EXPECT_EQ(vexausb::initCount.load(), count);
+        EXPECT_EQ(vexa_usb_update_device_list(), count == 0 ? -3 : 0);
+        EXPECT_EQ(fake::countCalls("libusb_init"), starts);
+        EXPECT_EQ(fake::countCalls("libusb_exit") + (count == 0 ? 0 : 1), starts);
+    };
+    during("libusb_init", {vexa_usb_fini, vexa_usb_init});
+    vexa_usb_init();
+    expect(1, 1);
+    EXPECT_EQ(test::Snapshot().count, 1U);
+    during("libusb_exit", {vexa_usb_init, vexa_usb_fini});
+    vexa_usb_fini();
+    expect(0, 1);
+    during("libusb_init", {vexa_usb_fini});
+    vexa_usb_init();
+    expect(0, 2);
+    vexa_usb_init();
+    during("libusb_exit", {vexa_usb_init});
+    vexa_usb_fini();
+    expect(1, 4);
+    EXPECT_EQ(test::Snapshot().count, 1U);
     vexa_usb_fini();
 }
 
