@@ -191,4 +191,64 @@ TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
     EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
 }
 
+class TearDownTest : public test::DeviceTest {
+protected:
+    // Has the last fini begin on a thread of its own, at the next call of that function, and go as
+    // far as turning the device's callers away.
+    void finiAt(const char *function) {
+        fake::onCall(function, [this]() {
+            finishing = std::thread(vexa_usb_fini);
+            EXPECT_TRUE(test::eventually([this]() { return isTurnedAway(device); }));
+        });
+    }
+    void expectTornDown() {
+        finishing.join();
+        EXPECT_TRUE(fake::inFlight().empty());
+        EXPECT_FALSE(fake::closedInFlight());
+        vexa_usb_init();
+        EXPECT_EQ(close(), 0);
+        beginAgain();
+    }
+
+    std::thread finishing;
+};
+
+TEST_F(TearDownTest, OpenDuringTheLastFini) {
+    const test::Snapshot snapshot;
+    _vexa_usb_device *opened = nullptr;
+    finiAt("libusb_claim_interface");
+    EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+    EXPECT_EQ(opened, nullptr);
+    expectTornDown();
+}
+
+TEST_F(TearDownTest, StartDuringTheLastFini) {
+    for (const char *point :
+         {"libusb_get_max_packet_size", "libusb_alloc_transfer", "libusb_submit_transfer"}) {
+        SCOPED_TRACE(point);
+        finiAt(point);
+        EXPECT_EQ(start(512, 8), 0);
+        expectTornDown();
+        finiAt(point);
+        enable(); // armed, or refused
+        expectTornDown();
+    }
+}
+
+// Both wait for the same transfers; one of them closes.
+TEST_F(TearDownTest, CloseDuringTheLastFini) {
+    ASSERT_EQ(start(512, 8), 0);
+    fake::holdEvents(true);
+    std::thread closing([this]() { EXPECT_EQ(close(), 0); });
+    EXPECT_TRUE(test::eventually([]() { return fake::inFlight().empty(); }));
+    std::thread fini(vexa_usb_fini);
+    EXPECT_TRUE(test::eventually([]() { return vexa_usb_update_device_list() != 0; }));
+    EXPECT_EQ(fake::countCalls("libusb_close"), 0U);
+    fake::holdEvents(false);
+    closing.join();
+    fini.join();
+    EXPECT_EQ(fake::countCalls("libusb_close"), 1U);
+    vexa_usb_init();
+}
+
 } // namespace

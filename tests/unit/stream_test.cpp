@@ -96,6 +96,9 @@ TEST_F(StreamTest, StartThatCannotBegin) {
         EXPECT_EQ(start(), -4);
         EXPECT_TRUE(fake::inFlight().empty());
     }
+    EXPECT_EQ(start(512, 4, 0x8F), -1);
+    fake::describe(usbDevice).packetSizes[0x85] = 0;
+    EXPECT_EQ(start(512, 4, 0x85), -1);
     EXPECT_EQ(start(UINT64_MAX, 1), -4);
     EXPECT_EQ(start(UINT64_MAX - 511, 1), -4);
     EXPECT_EQ(start(512, UINT64_MAX), -4);
