@@ -26,8 +26,7 @@ protected:
 // The library initialised, with one instrument attached and opened.
 class DeviceTest : public FakeBusTest {
 protected:
-    explicit DeviceTest(uint16_t bcdUsb = 0x0200)
-        : usbDevice(fake::attach(VEXA_USB_VENDOR_ID, 1, bcdUsb)) {
+    DeviceTest() {
         vexa_usb_init();
         vexa_usb_update_device_list();
         device = open();
@@ -54,7 +53,7 @@ protected:
     void remove() {
         fake::detach(usbDevice);
         fake::notifyDeparture(usbDevice);
-        ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
+        ASSERT_TRUE(log.waitFor(kRemoved));
     }
     // Whether the last fini has begun to close this device.
     static bool isTurnedAway(_vexa_usb_device *closing) {
@@ -77,8 +76,17 @@ protected:
     }
 
     EventLog &log = EventLog::make();
-    libusb_device *const usbDevice;
+    libusb_device *const usbDevice = fake::attach(VEXA_USB_VENDOR_ID, 1);
     _vexa_usb_device *device = nullptr;
+};
+
+class StreamingTest : public DeviceTest {
+protected:
+    int32_t lock() { return vexa_usb_data_stream_buffer_lock(device, &data, &size); }
+    int32_t unlock() { return vexa_usb_data_stream_buffer_unlock(device); }
+
+    uint8_t *data = nullptr; // of the buffer that is locked
+    uint64_t size = 0;
 };
 
 } // namespace test

@@ -16,6 +16,12 @@
 
 namespace test {
 
+inline constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
+inline constexpr uint32_t kError = VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR;
+inline constexpr uint32_t kStarted = VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED;
+inline constexpr uint32_t kStopped = VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED;
+inline constexpr uint32_t kRemoved = VEXA_USB_DEVICE_EVENT_REMOVED;
+
 // Collects a device's events.
 class EventLog {
 public:

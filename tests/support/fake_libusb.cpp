@@ -153,12 +153,8 @@ bool isWithLibusb(const libusb_transfer *transfer) {
 }
 
 void checkNothingIsLeft() {
-    if (!state.handles.empty())
-        violation("a handle outlives its context");
-    if (!state.allocated.empty())
-        violation("a transfer outlives its context");
-    if (!state.lists.empty())
-        violation("a device list outlives its context");
+    if (!state.handles.empty() || !state.allocated.empty() || !state.lists.empty())
+        violation("a handle, transfer or device list outlives its context");
 }
 
 void finishFilled(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
@@ -182,30 +178,25 @@ fake::InFlight seen(const libusb_transfer *transfer) {
     return {transfer->endpoint, transfer->buffer, transfer->length, state.owners[transfer]};
 }
 
-bool finishOneBySelf() {
-    if (state.selfCompletions == 0 || state.flying.empty())
-        return false;
-    --state.selfCompletions;
-    libusb_transfer *const transfer = state.flying.front();
-    std::erase(state.flying, transfer);
-    transfer->status = LIBUSB_TRANSFER_COMPLETED;
-    transfer->actual_length = transfer->length;
-    state.done.push_back(transfer);
-    return true;
+// Null where there is none like that.
+template <typename Condition>
+libusb_transfer *oldest(Condition condition) {
+    const auto found = std::find_if(state.flying.begin(), state.flying.end(),
+                                    [&](auto *flying) { return condition(seen(flying)); });
+    return found == state.flying.end() ? nullptr : *found;
 }
 
-bool matches(const Registration &registration, const libusb_device_descriptor &descriptor) {
-    const auto fits = [](int wanted, int is) {
-        return wanted == LIBUSB_HOTPLUG_MATCH_ANY || wanted == is;
-    };
-    return fits(registration.vendor, descriptor.idVendor) &&
-           fits(registration.product, descriptor.idProduct);
+bool isSomethingDue() {
+    return !state.held && (!state.done.empty() || !state.notices.empty() ||
+                           (state.selfCompletions > 0 && !state.flying.empty()));
 }
 
 void deliver(const Notice &notice, const std::vector<Registration> &registrations) {
-    for (const Registration &registration : registrations) {
-        if (matches(registration, notice.device->shape.descriptor) &&
-            registration.callback(nullptr, notice.device, notice.event, nullptr) != 0)
+    const libusb_device_descriptor &descriptor = notice.device->shape.descriptor;
+    for (const auto &[vendor, product, callback] : registrations) {
+        const bool fits = product == LIBUSB_HOTPLUG_MATCH_ANY || product == descriptor.idProduct;
+        if (vendor == descriptor.idVendor && fits &&
+            callback(nullptr, notice.device, notice.event, nullptr) != 0)
             violation("a notice ends its registration");
     }
 }
@@ -231,19 +222,8 @@ void reset() {
 libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb) {
     const std::lock_guard lock(mutex);
     auto device = std::make_unique<libusb_device>();
-    libusb_device_descriptor &descriptor = device->shape.descriptor;
-    descriptor.idVendor = vendor;
-    descriptor.idProduct = product;
-    descriptor.bcdUSB = bcdUsb;
-    descriptor.bDeviceClass = 0x11;
-    descriptor.bDeviceSubClass = 0x22;
-    descriptor.bDeviceProtocol = 0x33;
-    descriptor.bMaxPacketSize0 = 0x44;
-    descriptor.bcdDevice = 0x0123;
-    descriptor.iManufacturer = 0x55;
-    descriptor.iProduct = 0x66;
-    descriptor.iSerialNumber = 0x77;
-    descriptor.bNumConfigurations = 0x88;
+    device->shape.descriptor = {18,     1,       bcdUsb, 0x11, 0x22, 0x33, 0x44,
+                                vendor, product, 0x0123, 0x55, 0x66, 0x77, 0x88};
     device->shape.address = state.nextAddress++;
     state.attached.push_back(device.get());
     state.allDevices.push_back(std::move(device));
@@ -328,24 +308,20 @@ void completeOldest(libusb_transfer_status status, int actual) {
 
 bool completeOn(uint8_t endpoint) {
     const std::lock_guard lock(mutex);
-    const auto found =
-        std::find_if(state.flying.begin(), state.flying.end(),
-                     [&](const libusb_transfer *flying) { return flying->endpoint == endpoint; });
-    if (found == state.flying.end())
-        return false;
-    finish(*found, LIBUSB_TRANSFER_COMPLETED, -1);
-    return true;
+    libusb_transfer *const found =
+        oldest([&](const InFlight &one) { return one.endpoint == endpoint; });
+    if (found != nullptr)
+        finish(found, LIBUSB_TRANSFER_COMPLETED, -1);
+    return found != nullptr;
 }
 
 bool completeOf(const void *owner, const std::function<End(const InFlight &transfer)> &end) {
     const std::lock_guard lock(mutex);
-    const auto found =
-        std::find_if(state.flying.begin(), state.flying.end(),
-                     [&](const libusb_transfer *flying) { return state.owners[flying] == owner; });
-    if (found == state.flying.end())
+    libusb_transfer *const found = oldest([&](const InFlight &one) { return one.owner == owner; });
+    if (found == nullptr)
         return false;
-    const End how = end(seen(*found));
-    finishFilled(*found, how.status, how.actual);
+    const End how = end(seen(found));
+    finishFilled(found, how.status, how.actual);
     return true;
 }
 
@@ -363,7 +339,12 @@ void completeBySelf(uint64_t count) {
 void deliverEvents() {
     const std::lock_guard callbacks(callbackLock);
     std::unique_lock lock(mutex);
-    while (!state.held && (!state.done.empty() || !state.notices.empty() || finishOneBySelf())) {
+    while (isSomethingDue()) {
+        if (state.done.empty() && state.notices.empty()) {
+            --state.selfCompletions;
+            finishFilled(state.flying.front(), LIBUSB_TRANSFER_COMPLETED,
+                         state.flying.front()->length);
+        }
         if (!state.notices.empty()) {
             const Notice notice = state.notices.front();
             state.notices.pop_front();
@@ -385,11 +366,6 @@ void holdEvents(bool held) {
     const std::lock_guard lock(mutex);
     state.held = held;
     changed.notify_all();
-}
-
-bool eventsPending() {
-    const std::lock_guard lock(mutex);
-    return !state.notices.empty() || !state.done.empty();
 }
 
 bool closedInFlight() {
@@ -446,12 +422,7 @@ int libusb_handle_events(libusb_context *context) {
         std::unique_lock lock(mutex);
         checkContext(context);
         ++state.handling;
-        changed.wait(lock, []() {
-            if (state.held)
-                return state.interrupted;
-            return state.interrupted || !state.done.empty() || !state.notices.empty() ||
-                   (state.selfCompletions > 0 && !state.flying.empty());
-        });
+        changed.wait(lock, []() { return state.interrupted || isSomethingDue(); });
         state.interrupted = false;
     }
     fake::deliverEvents();

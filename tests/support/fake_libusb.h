@@ -93,6 +93,5 @@ void deliverEvents();
 bool closedInFlight();
 // Nothing is delivered while held.
 void holdEvents(bool held);
-bool eventsPending();
 
 } // namespace fake

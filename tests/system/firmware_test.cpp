@@ -11,17 +11,12 @@
 
 #include <gtest/gtest.h>
 
-#include "instrument_protocol.h"
-#include "simulator.h"
-#include "stream_reader.h"
 #include "support/hex_record_builder.h"
+#include "system_fixture.h"
 
 namespace {
 
-using test::EventLog;
-using test::hexRecord;
-using test::Simulator;
-using test::StreamReader;
+using namespace test;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -77,43 +72,31 @@ Bytes ubootImage(const Bytes &payload) {
     return image;
 }
 
-using Load = int32_t (*)(_vexa_usb_device *, const Bytes &);
-
+// A processor, what boots it, and how it is loaded.
 struct Kind {
     const char *name;
     Bytes (*image)(const Bytes &payload);
-    Load load;
-    uint16_t firmwareOffset; // of the payload, in what the instrument says it was booted with
+    int32_t (*load)(_vexa_usb_device *device, const uint8_t *image, uint64_t size);
+    uint16_t firmwareOffset = 0; // of the payload, in what the instrument says it was booted with
+
+    int32_t send(_vexa_usb_device *device, const Bytes &made) const {
+        return load(device, made.data(), made.size());
+    }
 };
 
-constexpr Load kLoadSpl = [](_vexa_usb_device *device, const Bytes &image) {
-    return vexa_usb_imx7_load_firmware_spl(device, image.data(), image.size());
-};
-
-const Kind kFx2{"fx2", fx2Image,
-                [](_vexa_usb_device *device, const Bytes &image) {
-                    return vexa_usb_fx2_load_firmware(device, image.data(), image.size());
-                },
-                0x3000};
-const Kind kFx3{"fx3", fx3Image,
-                [](_vexa_usb_device *device, const Bytes &image) {
+const Kind kFx2{"fx2", fx2Image, vexa_usb_fx2_load_firmware, 0x3000};
+const Kind kFx3{"fx3", fx3Image, [](_vexa_usb_device *device, const uint8_t *image, uint64_t size) {
                     return vexa_usb_fx3_load_firmware(
-                        device, reinterpret_cast<const uint32_t *>(image.data()), image.size() / 4);
-                },
-                0};
+                        device, reinterpret_cast<const uint32_t *>(image), size / 4);
+                }};
 const Kind kDfu{"dfu", [](const Bytes &payload) { return payload; },
-                [](_vexa_usb_device *device, const Bytes &image) {
-                    return vexa_usb_dfu_download(device, image.data(), image.size(), nullptr,
-                                                 nullptr);
-                },
-                0};
-const Kind kImx7{"imx7", splImage, kLoadSpl, 0};
+                [](_vexa_usb_device *device, const uint8_t *image, uint64_t size) {
+                    return vexa_usb_dfu_download(device, image, size, nullptr, nullptr);
+                }};
+const Kind kImx7{"imx7", splImage, vexa_usb_imx7_load_firmware_spl};
 
-class FirmwareTest : public ::testing::Test {
+class FirmwareTest : public KernelTest {
 protected:
-    FirmwareTest() { vexa_usb_init(); }
-    ~FirmwareTest() override { vexa_usb_fini(); }
-
     static Bytes randomBytes(size_t size) {
         static std::mt19937 generator{3}; // NOLINT(cert-msc51-cpp): repeatable
         Bytes bytes(size);
@@ -124,38 +107,28 @@ protected:
     // The only device that is listed, once that is another than this one.
     static uint64_t onlyId(uint64_t but = 0) {
         std::vector<uint64_t> ids;
-        EXPECT_TRUE(test::eventually([&]() {
-            ids = test::listedIds(false);
+        EXPECT_TRUE(eventually([&]() {
+            ids = listedIds(false);
             return ids.size() == 1 && ids[0] != but;
         }));
         return ids.at(0);
     }
     int32_t load(uint64_t id, const Kind &kind, const Bytes &payload) {
-        device = test::openDevice(id, events);
+        device = openDevice(id, events);
         EXPECT_NE(device, nullptr);
-        return kind.load(device, kind.image(payload));
+        return kind.send(device, kind.image(payload));
     }
-    int32_t close() { return vexa_usb_close(std::exchange(device, nullptr)); }
     // What the instrument was booted with, once it has shown that it works.
     Bytes firmwareOf(const Kind &kind, size_t size) {
-        EXPECT_TRUE(test::eventually([]() { return test::listedInstruments().size() == 1; }));
-        device = test::openDevice(test::listedInstruments().at(0), events);
+        EXPECT_TRUE(eventually([]() { return listedInstruments().size() == 1; }));
+        device = openDevice(listedInstruments().at(0), events);
         EXPECT_NE(device, nullptr);
-        EXPECT_EQ(test::rewindStream(device), 0);
-        StreamReader reader(device, events);
-        EXPECT_EQ(vexa_usb_data_stream_start(device, sim::kStreamEndpoint, 65536, 8), 0);
-        EXPECT_EQ(reader.read(200000), 200000U);
-        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        EXPECT_EQ(stream(65536, 8, 200000), 200000U);
         Bytes firmware;
         while (firmware.size() < size) {
             Bytes piece(std::min<size_t>(4096, size - firmware.size()));
             const size_t at = kind.firmwareOffset + firmware.size();
-            EXPECT_EQ(vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_VENDOR,
-                                                VEXA_USB_RECIPIENT_DEVICE, sim::kRequestFirmware,
-                                                static_cast<uint16_t>(at),
-                                                static_cast<uint16_t>(at >> 16), piece.data(),
-                                                piece.size()),
-                      0);
+            EXPECT_EQ(ask(device, sim::kRequestFirmware, piece, at), 0);
             append(firmware, piece);
         }
         EXPECT_EQ(close(), 0);
@@ -171,9 +144,6 @@ protected:
             EXPECT_EQ(firmwareOf(kind, size), payload) << kind.name << " " << size;
         }
     }
-
-    EventLog &events = EventLog::make();
-    _vexa_usb_device *device = nullptr;
 };
 
 // A byte, a block, and one byte (or word) more.
@@ -196,19 +166,14 @@ TEST_F(FirmwareTest, Fx2RenumeratesWhenTold) {
                     0xE6, 0xA0, 0x74, 0x80, 0xF0, 0x7D, 0x04, 0xDF, 0xFE, 0xDE, 0xFC, 0xDD,
                     0xFA, 0x90, 0xE6, 0x80, 0x74, 0x0A, 0xF0, 0x74, 0x02, 0xF0, 0x80, 0xFE}),
               0);
-    EXPECT_TRUE(test::listedInstruments().empty());
+    EXPECT_TRUE(listedInstruments().empty());
     EXPECT_EQ(vexa_usb_fx2_renumerate(device), 0);
     EXPECT_EQ(close(), 0);
     EXPECT_EQ(firmwareOf(waiting, 1), Bytes{0x5A});
 }
 
 TEST_F(FirmwareTest, Imx7BootsInTwoStages) {
-    const Kind stage{"imx7", ubootImage,
-                     [](_vexa_usb_device *opened, const Bytes &image) {
-                         return vexa_usb_imx7_load_firmware_uboot(opened, image.data(),
-                                                                  image.size());
-                     },
-                     0};
+    const Kind stage{"imx7", ubootImage, vexa_usb_imx7_load_firmware_uboot};
     for (const size_t size : {size_t{1}, size_t{1024 - 64}, size_t{1025 - 64}}) {
         const Simulator simulator({"imx7"});
         const Bytes payload = randomBytes(size);
@@ -230,15 +195,15 @@ void loadUntilItStays(const Kind &kind, uint16_t product, int failing, int all, 
     const Bytes image = kind.image(Bytes(5000, 0x5A));
     uint64_t id = 0;
     for (int last = 1; last < all + step; last += step) {
-        id = test::idOf(product, id);
+        id = idOf(product, id);
         EventLog &events = EventLog::make();
-        _vexa_usb_device *const device = test::openDevice(id, events);
+        _vexa_usb_device *const device = openDevice(id, events);
         ASSERT_NE(device, nullptr) << kind.name;
-        const int32_t status = kind.load(device, image);
+        const int32_t status = kind.send(device, image);
         EXPECT_TRUE(last <= failing ? status == -1 || status == -13 : status == 0)
             << kind.name << " " << last << ": " << status;
         EXPECT_TRUE(events.waitFor(VEXA_USB_DEVICE_EVENT_REMOVED));
-        EXPECT_EQ(kind.load(device, image), VEXA_USB_STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(kind.send(device, image), VEXA_USB_STATUS_DEVICE_REMOVED);
         EXPECT_EQ(vexa_usb_close(device), 0);
     }
 }
@@ -259,7 +224,7 @@ TEST_F(FirmwareTest, UnplugInEveryPhase) {
     threads.emplace_back(loadUntilItStays, kDfu, 0x0DF0, 5, 7, step(2));
     threads.emplace_back(loadUntilItStays, kImx7, 0x0076, 13, 15, step(4));
     threads.clear();
-    EXPECT_TRUE(test::eventually([]() { return test::listedInstruments().size() == 3; }));
+    EXPECT_TRUE(eventually([]() { return listedInstruments().size() == 3; }));
 }
 
 // What ends a download to a device that never does: its removal, or the last fini.
@@ -278,10 +243,10 @@ TEST_F(FirmwareTest, UnplugEndsEndlessDownloads) {
     std::vector<std::jthread> threads;
     for (size_t i = 0; i < lies.size(); ++i)
         threads.emplace_back([&, i]() {
-            opened[i] = test::openDevice(test::idOf(static_cast<uint16_t>(i)), EventLog::make());
+            opened[i] = openDevice(idOf(static_cast<uint16_t>(i)), EventLog::make());
             int32_t status = 0;
-            const auto load = [&]() { status = kDfu.load(opened[i], Bytes(5000)); };
-            EXPECT_LT(test::timed(load), std::chrono::seconds(15)) << lies[i];
+            const auto load = [&]() { status = kDfu.send(opened[i], Bytes(5000)); };
+            EXPECT_LT(timed(load), std::chrono::seconds(15)) << lies[i];
             EXPECT_EQ(status, i == 5 ? 0 : -1) << lies[i];
         });
     while (threads.size() > 1)

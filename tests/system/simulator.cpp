@@ -121,6 +121,14 @@ int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value, uint16_
                                      data.size());
 }
 
+int32_t ask(_vexa_usb_device *device, uint8_t request, std::vector<uint8_t> &answer,
+            size_t offset) {
+    return vexa_usb_control_transfer(
+        device, VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_VENDOR, VEXA_USB_RECIPIENT_DEVICE, request,
+        static_cast<uint16_t>(offset), static_cast<uint16_t>(offset >> 16), answer.data(),
+        answer.size());
+}
+
 int32_t rewindStream(_vexa_usb_device *device) {
     return steer(device, sim::kRequestSeek, 0, 0, std::vector<uint8_t>(8));
 }

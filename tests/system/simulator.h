@@ -38,6 +38,9 @@ _vexa_usb_device *openDevice(uint64_t id, EventLog &events, int32_t *status = nu
 // A vendor request that steers the simulated instrument.
 int32_t steer(_vexa_usb_device *device, uint8_t request, uint16_t value = 0, uint16_t index = 0,
               std::vector<uint8_t> data = {});
+// One that asks it for as many bytes.
+int32_t ask(_vexa_usb_device *device, uint8_t request, std::vector<uint8_t> &answer,
+            size_t offset = 0);
 int32_t rewindStream(_vexa_usb_device *device);
 int32_t vanish(_vexa_usb_device *device, uint64_t afterBytes, uint32_t returnAfterMs,
                uint16_t product = 0, uint16_t afterMs = 0);

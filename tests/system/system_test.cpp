@@ -12,80 +12,48 @@
 
 #include <gtest/gtest.h>
 
-#include "instrument_protocol.h"
-#include "simulator.h"
-#include "stream_reader.h"
+#include "system_fixture.h"
 
 namespace {
 
-using test::EventLog;
-using test::Simulator;
-using test::StreamReader;
+using namespace test;
 
 using Bytes = std::vector<uint8_t>;
 using Sizes = std::initializer_list<size_t>;
 
-constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
-
-class SystemTest : public ::testing::Test {
+class SystemTest : public KernelTest {
 protected:
-    SystemTest() { vexa_usb_init(); }
-    ~SystemTest() override {
-        if (device != nullptr)
-            vexa_usb_close(device);
-        vexa_usb_fini();
-    }
-    void openFirst() {
-        device = test::openDevice(test::listedIds().at(0), events);
-        ASSERT_NE(device, nullptr);
-    }
-    int32_t close() { return vexa_usb_close(std::exchange(device, nullptr)); }
     int32_t read(Bytes &bytes) {
         return vexa_usb_bulk_read(device, sim::kBulkLoopIn, bytes.data(), bytes.size());
     }
     int32_t write(const Bytes &bytes) {
         return vexa_usb_bulk_write(device, sim::kBulkLoopOut, bytes.data(), bytes.size());
     }
-    int32_t start(uint64_t size, uint64_t count) {
-        return vexa_usb_data_stream_start(device, sim::kStreamEndpoint, size, count);
-    }
     // What is written with each of these lengths comes back the same.
     template <typename Write, typename Read>
-    static void expectLoop(Sizes lengths, Write writeAll, Read readAll) {
+    void expectLoop(Sizes lengths, Write writeAll, uint8_t out, Read readAll, uint8_t in) {
         for (const size_t length : lengths) {
             Bytes sent(length);
             for (size_t i = 0; i < length; ++i)
                 sent[i] = static_cast<uint8_t>(i * 7 + i / 251);
             Bytes received(length);
-            ASSERT_EQ(writeAll(sent), 0) << length;
-            ASSERT_EQ(readAll(received), 0) << length;
+            ASSERT_EQ(writeAll(device, out, sent.data(), length), 0) << length;
+            ASSERT_EQ(readAll(device, in, received.data(), length), 0) << length;
             ASSERT_EQ(received, sent);
         }
     }
-    // Streams that many bytes from the beginning, looking at each.
-    void streamAndCheck(uint64_t bufferSize, uint64_t bufferCount, uint64_t bytes) {
-        ASSERT_EQ(test::rewindStream(device), 0);
-        StreamReader reader(device, events);
-        ASSERT_EQ(start(bufferSize, bufferCount), 0);
-        EXPECT_EQ(reader.read(bytes), bytes) << "buffers of " << bufferSize;
-        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
-        EXPECT_EQ(events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR), 0U);
-    }
-
-    EventLog &events = EventLog::make();
-    _vexa_usb_device *device = nullptr;
 };
 
 TEST_F(SystemTest, ListAndOpen) {
     // Attached before the init: listed only when asked for.
     vexa_usb_fini();
     const Simulator earlier({"instrument,product=0x10"}, 0, false);
-    ASSERT_TRUE(test::systemLists(":0010", 1));
+    ASSERT_TRUE(systemLists(":0010", 1));
     vexa_usb_init();
-    EXPECT_TRUE(test::listedIds(false).empty());
+    EXPECT_TRUE(listedIds(false).empty());
     openFirst();
     int32_t status = 0;
-    EXPECT_EQ(test::openDevice(test::listedIds().at(0), events, &status), nullptr);
+    EXPECT_EQ(openDevice(listedIds().at(0), events, &status), nullptr);
     EXPECT_EQ(status, VEXA_USB_STATUS_UNKNOWN);
     EXPECT_EQ(close(), 0);
     openFirst();
@@ -94,30 +62,17 @@ TEST_F(SystemTest, ListAndOpen) {
 TEST_F(SystemTest, TransfersOfAwkwardLengths) {
     const Simulator simulator({"instrument"});
     openFirst();
-    expectLoop(
-        {1, 511, 512, 513, 65536, 524287, 524288, 524289, 1048577},
-        [this](const Bytes &bytes) { return write(bytes); },
-        [this](Bytes &bytes) { return read(bytes); });
-    expectLoop(
-        {1, 63, 64, 65, 200},
-        [this](const Bytes &bytes) {
-            return vexa_usb_interrupt_write(device, sim::kInterruptLoopOut, bytes.data(),
-                                            bytes.size());
-        },
-        [this](Bytes &bytes) {
-            return vexa_usb_interrupt_read(device, sim::kInterruptLoopIn, bytes.data(),
-                                           bytes.size());
-        });
-    expectLoop(
-        {0, 1, 64, 65, 4096}, // the kernel allows no more
-        [this](const Bytes &bytes) {
-            return test::steer(device, sim::kRequestScratch, 0, 0, bytes);
-        },
-        [this](Bytes &bytes) {
-            return vexa_usb_control_transfer(device, VEXA_USB_DIRECTION_IN, VEXA_USB_TYPE_VENDOR,
-                                             VEXA_USB_RECIPIENT_DEVICE, sim::kRequestScratch, 0, 0,
-                                             bytes.data(), bytes.size());
-        });
+    expectLoop({1, 511, 512, 513, 65536, 524287, 524288, 524289, 1048577}, vexa_usb_bulk_write,
+               sim::kBulkLoopOut, vexa_usb_bulk_read, sim::kBulkLoopIn);
+    expectLoop({1, 63, 64, 65, 200}, vexa_usb_interrupt_write, sim::kInterruptLoopOut,
+               vexa_usb_interrupt_read, sim::kInterruptLoopIn);
+    for (const size_t length : Sizes{0, 1, 64, 65, 4096}) { // the kernel allows no more
+        const Bytes sent(length, static_cast<uint8_t>(length));
+        Bytes received(length);
+        ASSERT_EQ(steer(device, sim::kRequestScratch, 0, 0, sent), 0) << length;
+        ASSERT_EQ(ask(device, sim::kRequestScratch, received), 0) << length;
+        ASSERT_EQ(received, sent);
+    }
 }
 
 TEST_F(SystemTest, TimeoutsStallsAndShortAnswers) {
@@ -130,7 +85,7 @@ TEST_F(SystemTest, TimeoutsStallsAndShortAnswers) {
     EXPECT_GT(time, std::chrono::milliseconds(900));
     EXPECT_LT(time, std::chrono::milliseconds(3000));
 
-    ASSERT_EQ(test::steer(device, sim::kRequestStall, 1, sim::kBulkLoopIn), 0);
+    ASSERT_EQ(steer(device, sim::kRequestStall, 1, sim::kBulkLoopIn), 0);
     ASSERT_EQ(write(bytes), 0);
     EXPECT_EQ(read(bytes), VEXA_USB_STATUS_UNKNOWN);
     // CLEAR_FEATURE(ENDPOINT_HALT), as a driver would.
@@ -139,32 +94,35 @@ TEST_F(SystemTest, TimeoutsStallsAndShortAnswers) {
                                         nullptr, 0),
               0);
     EXPECT_EQ(read(bytes), 0);
-    EXPECT_EQ(test::steer(device, 0x7F), VEXA_USB_STATUS_UNKNOWN); // no such request: a stall
+    EXPECT_EQ(steer(device, 0x7F), VEXA_USB_STATUS_UNKNOWN); // no such request: a stall
 
     ASSERT_EQ(write(bytes), 0);
-    ASSERT_EQ(test::steer(device, sim::kRequestShort, 10, sim::kBulkLoopIn), 0);
+    ASSERT_EQ(steer(device, sim::kRequestShort, 10, sim::kBulkLoopIn), 0);
     EXPECT_EQ(read(bytes), VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED);
 }
 
 TEST_F(SystemTest, StreamsOfManySizes) {
-    const auto stream = [this](const char *instrument, Sizes sizes) {
+    const auto streamAll = [this](const char *instrument, Sizes sizes) {
         const Simulator simulator({instrument});
         openFirst();
-        for (const uint64_t size : sizes)
-            streamAndCheck(size, 4 + 4000000 / size, size < 65536 ? 1000000 : 24000000);
+        for (const uint64_t size : sizes) {
+            const uint64_t bytes = size < 65536 ? 1000000 : 24000000;
+            EXPECT_EQ(stream(size, 4 + 4000000 / size, bytes), bytes) << "buffers of " << size;
+        }
+        EXPECT_EQ(events.count(kError), 0U);
         EXPECT_EQ(close(), 0);
     };
-    stream("instrument,speed=high", {300, 512, 65536, 524288, 1000000, 1048576, 3000001});
-    stream("instrument,speed=super", {700, 1024, 100001, 524289, 2097152});
+    streamAll("instrument,speed=high", {300, 512, 65536, 524288, 1000000, 1048576, 3000001});
+    streamAll("instrument,speed=super", {700, 1024, 100001, 524289, 2097152});
 }
 
 TEST_F(SystemTest, TwentyDevicesStream) {
     const Simulator simulator({"--count", "20"}, 20);
     std::vector<std::thread> threads;
     std::atomic<uint64_t> total = 0;
-    for (const uint64_t id : test::listedIds()) {
+    for (const uint64_t id : listedIds()) {
         threads.emplace_back([&total, id, &each = EventLog::make()]() {
-            _vexa_usb_device *const opened = test::openDevice(id, each);
+            _vexa_usb_device *const opened = openDevice(id, each);
             ASSERT_NE(opened, nullptr);
             StreamReader reader(opened, each);
             EXPECT_EQ(vexa_usb_data_stream_start(opened, sim::kStreamEndpoint, 100000, 80), 0);
@@ -184,15 +142,15 @@ size_t runningStreams(const std::vector<uint64_t> &ids) {
     std::vector<_vexa_usb_device *> opened;
     for (const uint64_t id : ids) {
         EventLog &events = EventLog::make();
-        opened.push_back(test::openDevice(id, events));
-        test::steer(opened.back(), sim::kRequestSilence, 1, sim::kStreamEndpoint);
+        opened.push_back(openDevice(id, events));
+        steer(opened.back(), sim::kRequestSilence, 1, sim::kStreamEndpoint);
         EXPECT_EQ(vexa_usb_data_stream_start(opened.back(), sim::kStreamEndpoint, 1048576, 16), 0);
-        EXPECT_TRUE(events.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED));
-        running += 1 - events.count(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR);
+        EXPECT_TRUE(events.waitFor(kStarted));
+        running += 1 - events.count(kError);
     }
     for (_vexa_usb_device *each : opened)
         EXPECT_EQ(vexa_usb_close(each), 0);
-    EXPECT_EQ(test::sharedMappings(), 0U);
+    EXPECT_EQ(sharedMappings(), 0U);
     return running;
 }
 
@@ -201,9 +159,9 @@ TEST_F(SystemTest, SharedRingsTakeNothingFromOthers) {
     const char *const wanted = std::getenv("VEXA_STREAMING_DEVICES");
     const std::string devices = wanted == nullptr ? "44" : wanted;
     const Simulator simulator({"--count", devices}, std::stoul(devices));
-    const auto ids = test::listedIds();
+    const auto ids = listedIds();
     for (const char *const mebibytes : {"16", "64", "128"}) {
-        test::limitTransfers(mebibytes);
+        limitTransfers(mebibytes);
         ASSERT_EQ(setenv("VEXA_USB_RING", "private", 1), 0);
         const size_t before = runningStreams(ids);
         ASSERT_EQ(unsetenv("VEXA_USB_RING"), 0);
@@ -212,7 +170,7 @@ TEST_F(SystemTest, SharedRingsTakeNothingFromOthers) {
                     ids.size(), before, shared);
         EXPECT_EQ(shared, before);
     }
-    test::limitTransfers("256");
+    limitTransfers("256");
 }
 
 // A hundred packets of random lengths arrive byte for byte while a stream runs on the device.
@@ -228,7 +186,7 @@ TEST_F(SystemTest, EventsWhileStreaming) {
         Bytes bytes(random() % 65);
         for (uint8_t &byte : bytes)
             byte = static_cast<uint8_t>(random());
-        ASSERT_EQ(test::steer(device, sim::kRequestSendEvents, 0, 0, bytes), 0);
+        ASSERT_EQ(steer(device, sim::kRequestSendEvents, 0, 0, bytes), 0);
         sent.insert(sent.end(), bytes.begin(), bytes.end());
     }
     const auto received = [this]() {
@@ -236,31 +194,29 @@ TEST_F(SystemTest, EventsWhileStreaming) {
         std::erase_if(bytes, [](uint32_t event) { return event > UINT8_MAX; });
         return bytes;
     };
-    EXPECT_TRUE(test::eventually([&]() { return received().size() >= sent.size(); }));
+    EXPECT_TRUE(eventually([&]() { return received().size() >= sent.size(); }));
     EXPECT_EQ(received(), sent);
-    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(stop(), 0);
     EXPECT_EQ(vexa_usb_event_pipe_disable(device), 0);
     // The device has sent of its stream, too: it goes on where it was.
     const size_t fours = events.count(kFull);
-    uint8_t *data = nullptr;
-    uint64_t size = 0;
     ASSERT_EQ(start(65536, 64), 0);
     ASSERT_TRUE(events.waitFor(kFull, fours + 1));
-    ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
-    EXPECT_LT(sim::firstPatternError(0, {data, size}), size);
+    ASSERT_EQ(lock(), 0);
+    EXPECT_LT(sim::firstPatternError(0, {lockedData, lockedSize}), lockedSize);
 }
 
 // Every life-cycle state with a real libusb below: nothing hangs, no descriptor stays open.
 TEST_F(SystemTest, InitAndFiniCycles) {
     const Simulator simulator({"instrument"});
     vexa_usb_fini();
-    const size_t before = test::openDescriptors();
+    const size_t before = openDescriptors();
     for (int cycle = 0; cycle < 30; ++cycle) {
         vexa_usb_init();
         openFirst();
         ASSERT_EQ(start(65536, 16), 0);
         if (cycle % 3 == 0) {
-            EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+            EXPECT_EQ(stop(), 0);
         }
         if (cycle % 3 == 1) {
             EXPECT_EQ(close(), 0);
@@ -272,7 +228,7 @@ TEST_F(SystemTest, InitAndFiniCycles) {
             vexa_usb_fini();
         }
     }
-    EXPECT_EQ(test::openDescriptors(), before);
+    EXPECT_EQ(openDescriptors(), before);
     vexa_usb_init();
 }
 

@@ -79,17 +79,6 @@ TEST(EventQueue, StopDropsWhatIsQueued) {
     EXPECT_EQ(shared->handled, (std::vector<int>{1, 2}));
 }
 
-// A worker that has nothing to do hears of the stop, and ends.
-TEST(EventQueue, StopsIdle) {
-    auto queue = std::make_shared<EventQueue<int>>([](const int &) {});
-    const std::weak_ptr<EventQueue<int>> watch = queue;
-    queue->start("idle");
-    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // time to become idle
-    queue->stop();
-    queue.reset();
-    EXPECT_TRUE(test::eventually([&]() { return watch.expired(); }));
-}
-
 // What an event holds is released by the worker, after the handler, and nowhere else.
 TEST(EventQueue, ReleasesEventsOnItsWorker) {
     std::promise<std::string> releasedOn;
@@ -105,31 +94,6 @@ TEST(EventQueue, ReleasesEventsOnItsWorker) {
     handled.get_future().wait();
     EXPECT_EQ(releasedOn.get_future().get(), "releasing");
     queue->stop();
-}
-
-// The nodes are used again, and what was prepared keeps its place.
-TEST(EventQueue, KeepsItsOrderWithPreparedEvents) {
-    std::promise<void> done;
-    std::vector<int> handled;
-    const auto queue = std::make_shared<EventQueue<int>>([&](const int &event) {
-        handled.push_back(event);
-        if (event == 1000)
-            done.set_value();
-    });
-    queue->start("prepared");
-    auto prepared = EventQueue<int>::prepare(500);
-    std::vector<int> expected;
-    for (int event = 0; event <= 1000; ++event) {
-        if (event == 500)
-            queue->post(prepared);
-        else
-            queue->post(event);
-        expected.push_back(event);
-    }
-    queue->post(prepared); // posted already
-    done.get_future().wait();
-    queue->stop();
-    EXPECT_EQ(handled, expected);
 }
 
 } // namespace

@@ -55,14 +55,13 @@ protected:
         std::copy_n(answers.front().begin(), std::min(size, answers.front().size()), data);
         answers.erase(answers.begin());
     }
-    // Lets each request fail in turn and expects that nothing is sent afterwards.
-    void failEachStep(size_t count, const std::function<int32_t()> &load,
-                      const std::function<int32_t(size_t)> &expected) {
-        for (size_t step = 0; step < count; ++step) {
+    // Lets each request fail in turn and expects that status, and that nothing is sent afterwards.
+    void failEachStep(const std::function<int32_t()> &load, const std::vector<int32_t> &expected) {
+        for (size_t step = 0; step < expected.size(); ++step) {
             sent.clear();
             steps = 0;
             failAt = step;
-            EXPECT_EQ(load(), expected(step)) << step;
+            EXPECT_EQ(load(), expected[step]) << step;
             EXPECT_EQ(sent.size(), step + 1);
         }
         failAt = SIZE_MAX;
@@ -96,9 +95,9 @@ TEST_F(FirmwareTest, Fx2LoadsInTwoStages) {
         {0x40, 0xA3, 0x3000, 0, {2, 3}}, {0x40, 0xA3, 0xFFFF, 0, {}}, hold,
         {0x40, 0xA0, 0x2FFF, 0, {1}},    {0x40, 0xA0, 0, 0, {0, 9}},  release};
     EXPECT_EQ(second, expected);
-    failEachStep(sent.size(), load, [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
+    failEachStep(load, std::vector<int32_t>(sent.size(), VEXA_USB_STATUS_TIMEOUT));
     failure = 0; // a short transfer
-    failEachStep(1, load, [](size_t) { return VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED; });
+    failEachStep(load, {VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED});
     EXPECT_EQ(load(), 0);
 
     sent.clear();
@@ -119,9 +118,7 @@ TEST_F(FirmwareTest, Fx2ResetAndRenumerate) {
     auto shortest = std::chrono::steady_clock::duration::max();
     for (int i = 0; i < 5; ++i) { // one of them is not disturbed
         before = std::chrono::steady_clock::now();
-        failEachStep(
-            2, [this]() { return vexa_usb_fx2_reset(device); },
-            [](size_t) { return VEXA_USB_STATUS_TIMEOUT; });
+        failEachStep([this]() { return vexa_usb_fx2_reset(device); }, {-13, -13});
         shortest = std::min(shortest, std::chrono::steady_clock::now() - before);
     }
     EXPECT_GE(shortest, std::chrono::microseconds(300)); // three writes to the control register
@@ -157,22 +154,22 @@ TEST_F(FirmwareTest, Fx3WalksTheSections) {
     EXPECT_EQ(sent[1].data.size(), 352U);
     EXPECT_EQ(sent[2], (Request{0x40, 0xA0, 0, 0x4003, {7, 0, 0, 0}}));
     EXPECT_EQ(sent[3], (Request{0x40, 0xA0, 0x2345, 0x4001, {}}));
-    failEachStep(4, load, [](size_t step) { return step < 3 ? -13 : 0; });
+    failEachStep(load, {-13, -13, -13, 0});
 
     ++image.back();
     EXPECT_EQ(load(), VEXA_USB_STATUS_UNKNOWN);
     EXPECT_EQ(sent.size(), 3U); // no jump
     // Cut short: at a record's start it ends there, within a record nothing of that is sent.
-    for (const auto &[length, status, requests] :
-         std::initializer_list<std::tuple<size_t, int32_t, size_t>>{{1, 0, 0},
-                                                                    {2, -5, 0},
-                                                                    {3, -5, 0},
-                                                                    {602, -5, 0},
-                                                                    {sectionEnd, 0, 2},
-                                                                    {sectionEnd + 1, -5, 2},
-                                                                    {sectionEnd + 3, 0, 3},
-                                                                    {sectionEnd + 4, -5, 3},
-                                                                    {sectionEnd + 5, -5, 3}}) {
+    const std::tuple<size_t, int32_t, size_t> cuts[] = {{1, 0, 0},
+                                                        {2, -5, 0},
+                                                        {3, -5, 0},
+                                                        {602, -5, 0},
+                                                        {sectionEnd, 0, 2},
+                                                        {sectionEnd + 1, -5, 2},
+                                                        {sectionEnd + 3, 0, 3},
+                                                        {sectionEnd + 4, -5, 3},
+                                                        {sectionEnd + 5, -5, 3}};
+    for (const auto &[length, status, requests] : cuts) {
         sent.clear();
         EXPECT_EQ(vexa_usb_fx3_load_firmware(device, image.data(), length), status) << length;
         EXPECT_EQ(sent.size(), requests) << length;
@@ -238,12 +235,11 @@ TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
               -1);
     EXPECT_EQ(sent.size(), 2U);
     failEachStep(
-        4,
         [&]() {
             answers = {idle};
             return vexa_usb_dfu_download(device, image.data(), 1, nullptr, nullptr);
         },
-        [](size_t step) { return step == 0 ? -1 : -13; });
+        {-1, -13, -13, -13});
 }
 
 // Report 3 and report 4 with the mark of a completed write.
@@ -259,11 +255,22 @@ protected:
         for (size_t i = 24; i < spl.size(); ++i)
             spl[i] = static_cast<uint8_t>(i * 7);
     }
-    int32_t load() {
+    int32_t load(const Bytes &last = kComplete) {
         sent.clear();
         steps = 0;
-        answers = {kSecurity, Bytes{4}, kSecurity, kComplete};
+        answers = {kSecurity, Bytes{4}, kSecurity, last};
         return vexa_usb_imx7_load_firmware_spl(device, spl.data(), spl.size());
+    }
+    // Whose first request, which reads a descriptor, may be the one that fails.
+    int32_t loadUboot(const Bytes &image) {
+        sent.clear();
+        steps = 0;
+        answers = {Bytes(), kSecurity, Bytes{4}, kSecurity, kComplete};
+        answers.erase(answers.begin(), answers.begin() + (failAt == 0 ? 1 : 0));
+        return vexa_usb_imx7_load_firmware_uboot(device, image.data(), image.size());
+    }
+    void expectAddress(size_t request, const Bytes &address) {
+        EXPECT_EQ(Bytes(&sent[request].data[3], &sent[request].data[7]), address);
     }
 
     Bytes spl = Bytes(1025);
@@ -334,46 +341,39 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     spl[22] = 3;
     spl[23] = 4;
     EXPECT_EQ(load(), 0);
-    EXPECT_EQ(Bytes(&sent[3].data[3], &sent[3].data[7]), (Bytes{4, 3, 2, 1}));
-    EXPECT_EQ(Bytes(&sent[8].data[3], &sent[8].data[7]), (Bytes{4, 3, 2, 1}));
-    sent.clear();
+    expectAddress(3, {4, 3, 2, 1});
+    expectAddress(8, {4, 3, 2, 1});
 
     Bytes uboot = Bytes{0x27, 0x05, 0x19, 0x56} + Bytes(60);
     uboot[16] = 0x87;
     uboot[17] = 0x80;
-    const Request descriptor{0x80, 6, 0x2200, 0, {}};
-    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), 19), -1);
-    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, spl.data(), spl.size()), -1);
-    EXPECT_EQ(sent, (std::vector<Request>{descriptor, descriptor}));
+    std::vector<Bytes> wrongOnes{spl, Bytes(&uboot[0], &uboot[19])};
     for (size_t wrong = 0; wrong < 4; ++wrong) {
-        uboot[wrong] ^= 1;
-        EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), uboot.size()), -1);
-        uboot[wrong] ^= 1;
+        wrongOnes.push_back(uboot);
+        wrongOnes.back()[wrong] ^= 1;
+    }
+    for (const Bytes &wrong : wrongOnes) {
+        EXPECT_EQ(loadUboot(wrong), -1);
+        EXPECT_EQ(sent, (std::vector<Request>{{0x80, 6, 0x2200, 0, {}}})); // the descriptor
     }
     // The header alone, or less of it, is sent as it is.
     for (size_t size = 20; size < 64; size += 43) {
-        sent.clear();
-        answers = {Bytes(), kSecurity, Bytes{4}, kSecurity, kComplete};
-        EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), size), 0) << size;
+        EXPECT_EQ(loadUboot(Bytes(&uboot[0], &uboot[size])), 0) << size;
         ASSERT_EQ(sent.size(), 11U);
         EXPECT_EQ(sent[4].data[11], size);
         EXPECT_EQ(Bytes(&sent[5].data[1], &sent[5].data[1] + size), Bytes(&uboot[0], &uboot[size]));
     }
-    sent.clear();
-    steps = 0;
     failAt = 0; // whether the descriptor could be read does not matter
-    answers = {kSecurity, Bytes{4}, kSecurity, kComplete};
-    EXPECT_EQ(vexa_usb_imx7_load_firmware_uboot(device, uboot.data(), uboot.size()), 0);
+    EXPECT_EQ(loadUboot(uboot), 0);
     ASSERT_EQ(sent.size(), 11U);
-    EXPECT_EQ(Bytes(&sent[4].data[3], &sent[4].data[7]), (Bytes{0x87, 0x7F, 0xFF, 0xC0}));
+    expectAddress(4, {0x87, 0x7F, 0xFF, 0xC0});
+    failAt = SIZE_MAX;
 
     // One byte of the mark of a completed write is wrong.
     for (size_t wrong = 1; wrong < 5; ++wrong) {
         Bytes mark = kComplete;
         --mark[wrong];
-        sent.clear();
-        answers = {kSecurity, Bytes{4}, kSecurity, mark};
-        EXPECT_EQ(vexa_usb_imx7_load_firmware_spl(device, spl.data(), spl.size()), -1) << wrong;
+        EXPECT_EQ(load(mark), -1) << wrong;
         EXPECT_EQ(sent.size(), 8U) << wrong;
     }
 }

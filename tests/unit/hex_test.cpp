@@ -58,20 +58,21 @@ TEST(HexText, TakesWhatIsInUse) {
 
 TEST(HexText, RefusesTheRest) {
     EXPECT_EQ(thrownByText(":00000001FE"), "runtime error:Invalid checksum");
-    EXPECT_EQ(thrownByText("00000001FF"), "runtime error:");   // too short, before the colon counts
-    EXPECT_EQ(thrownByText("X00000001FFF"), "runtime error:"); // even
-    EXPECT_EQ(thrownByText("X00000001FF"), "runtime error:Hex record doesn't start with a colon");
-    EXPECT_EQ(thrownByText(":G0000001FF"), "runtime error:");
-    EXPECT_EQ(thrownByText(":00G00001FF"), "runtime error:");
-    EXPECT_EQ(thrownByText(":000000G1FF"), "runtime error:");
-    EXPECT_EQ(thrownByText(":00000001-F"), "runtime error:");
-    EXPECT_EQ(thrownByText(":00 00001FF"), "runtime error:"); // " 0" is no number
-    EXPECT_EQ(thrownByText(":02000000FF"), "runtime error:"); // ends at the data
-    EXPECT_EQ(thrownByText(":040000000102FF"), "runtime error:");
-    EXPECT_EQ(thrownByText(":0000001FF"), "runtime error:");                    // a character short
     EXPECT_EQ(thrownByText(":0200000001FD"), "runtime error:Invalid checksum"); // a byte short
-    EXPECT_EQ(thrownByText(":020000000102F"), "runtime error:");
-    EXPECT_EQ(thrownByText(":00000001FF\n:0"), "runtime error:"); // also behind the end record
+    EXPECT_EQ(thrownByText("X00000001FF"), "runtime error:Hex record doesn't start with a colon");
+    const char *const malformed[] = {
+        "00000001FF",   // too short, before the colon counts
+        "X00000001FFF", // even
+        ":G0000001FF",     ":00G00001FF", ":000000G1FF", ":00000001-F",
+        ":00 00001FF", // " 0" is no number
+        ":02000000FF", // ends at the data
+        ":040000000102FF",
+        ":0000001FF", // a character short
+        ":020000000102F",
+        ":00000001FF\n:0", // also behind the end record
+    };
+    for (const char *const text : malformed)
+        EXPECT_EQ(thrownByText(text), "runtime error:") << text;
 }
 
 TEST(HexBinary, RoundTripAndFailures) {

@@ -13,9 +13,10 @@
 
 namespace {
 
+using namespace test;
 using Action = std::function<void()>;
 
-class LogTest : public test::DeviceTest {
+class LogTest : public StreamingTest {
 protected:
     ~LogTest() override {
         unsetenv("VEXA_USB_LOG");
@@ -77,18 +78,23 @@ TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {
 }
 
 TEST_F(LogTest, AFailedOpenSaysWhy) {
-    const test::Snapshot snapshot;
+    const Snapshot snapshot;
+    int32_t expected = -1;
     const auto tryOpening = [&]() {
         _vexa_usb_device *opened = nullptr;
-        EXPECT_EQ(vexa_usb_open(snapshot.list[0], test::EventLog::callback, &log, &opened), -1);
+        EXPECT_EQ(vexa_usb_open(snapshot.list[0], EventLog::callback, &log, &opened), expected);
+        EXPECT_EQ(opened, nullptr);
     };
     const struct {
         const char *function;
         int result;
         const char *text;
+        int32_t status = -1;
     } cases[] = {
         {"libusb_open", LIBUSB_ERROR_ACCESS, "udev rule 70-vexa-usb.rules"},
         {"libusb_open", LIBUSB_ERROR_IO, "/dev/bus/usb/001/001 cannot be"},
+        {"libusb_open", LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT", -13},
+        {"libusb_get_device_list", LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT", -13},
         {"libusb_claim_interface", LIBUSB_ERROR_BUSY, "another program"},
         {"libusb_claim_interface", LIBUSB_ERROR_NO_DEVICE, "has just left"},
         {"libusb_claim_interface", LIBUSB_ERROR_IO, "plug the device in"},
@@ -97,8 +103,10 @@ TEST_F(LogTest, AFailedOpenSaysWhy) {
     };
     for (const auto &each : cases) {
         fake::failCall(each.function, each.result);
+        expected = each.status;
         expectError(tryOpening, each.text);
     }
+    expected = -1;
     fake::detach(usbDevice); // without a notice yet
     expectError(tryOpening, "LIBUSB_ERROR_NO_DEVICE: the device has left");
     remove();
@@ -162,10 +170,8 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
     };
     expectSays(run([]() { fake::completeOldest(); }), "the caller holds 1 that");
     const auto giveBackOne = [this]() {
-        uint8_t *data = nullptr;
-        uint64_t size = 0;
-        EXPECT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
-        EXPECT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0);
+        EXPECT_EQ(lock(), 0);
+        EXPECT_EQ(unlock(), 0);
         fake::completeOldest();
         fake::waitInFlight(3);
         fake::completeOldest();

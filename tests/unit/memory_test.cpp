@@ -1,76 +1,56 @@
 // Every call keeps its word when memory runs out, and the calls that end things need none.
 #include <cstdint>
 #include <new>
-#include <utility>
 
 #include "support/device_fixtures.h"
 
 namespace {
 
-constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
-constexpr uint32_t kError = VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR;
+using namespace test;
 
-// A whole session in which one allocation fails, whichever; each call that it hits is made again.
-class MemoryTest : public test::FakeBusTest {
+constexpr int32_t kThrew = 1; // an exception instead of a status
+
+// A whole session in which one allocation fails, whichever; the call that it hits says so with that
+// status, and is made again.
+class MemoryTest : public FakeBusTest {
 protected:
-    // The call's status; or `ifThrown`, where an exception is what the call is to end with.
     template <typename Call>
-    static int32_t statusOf(Call call, int32_t ifThrown) {
+    static int32_t statusOf(Call call) {
         try {
             return call();
         } catch (const std::bad_alloc &) {
-            return ifThrown;
+            return kThrew;
         }
     }
     template <typename Call>
-    static void twiceAtMost(Call call, int32_t statusIfFailed) {
-        const int32_t status = call();
+    static void twiceAtMost(int32_t statusIfFailed, Call call) {
+        const int32_t status = statusOf(call);
         if (status == 0)
             return;
         EXPECT_EQ(status, statusIfFailed);
         EXPECT_EQ(call(), 0);
     }
-    template <typename Call>
-    static void twiceAtMostOrThrown(Call call) {
-        twiceAtMost([&]() { return statusOf(call, -4); }, -4);
-    }
 
-    bool begin() {
-        const bool started = statusOf(
-                                 []() {
-                                     vexa_usb_init();
-                                     return 0;
-                                 },
-                                 -4) == 0;
-        if (started)
-            twiceAtMostOrThrown(vexa_usb_update_device_list);
-        else
-            EXPECT_EQ(test::Snapshot().status, -3);
-        return started;
-    }
-    static int32_t open(_vexa_usb_device *&device, test::EventLog &events) {
+    static void openAndStart(_vexa_usb_device *&device, EventLog &events) {
         _vexa_usb_device_list_item **list = nullptr;
-        uint64_t count = 0;
-        if (statusOf([&]() { return vexa_usb_get_device_list(&list, &count); }, -4) != 0) {
+        twiceAtMost(kThrew, [&]() {
             if (list != nullptr)
-                vexa_usb_free_device_list(list);
-            EXPECT_EQ(vexa_usb_get_device_list(&list, &count), 0);
-        }
-        EXPECT_EQ(count, 1U);
-        const int32_t status = vexa_usb_open(list[0], test::EventLog::callback, &events, &device);
+                vexa_usb_free_device_list(list); // as far as it had come
+            return vexa_usb_get_device_list(&list, nullptr);
+        });
+        twiceAtMost(-1,
+                    [&]() { return vexa_usb_open(list[0], EventLog::callback, &events, &device); });
         vexa_usb_free_device_list(list);
-        return status;
-    }
-    static void openAndStart(_vexa_usb_device *&device, test::EventLog &events) {
-        twiceAtMost([&]() { return open(device, events); }, -1);
-        twiceAtMost([&]() { return vexa_usb_data_stream_start(device, 0x82, 512, 8); }, -4);
-        twiceAtMost([&]() { return vexa_usb_event_pipe_enable(device, 0x81); }, -4);
+        twiceAtMost(-4, [&]() { return vexa_usb_data_stream_start(device, 0x82, 512, 8); });
+        twiceAtMost(-4, [&]() { return vexa_usb_event_pipe_enable(device, 0x81); });
     }
     void use() {
+        twiceAtMost(kThrew, vexa_usb_update_device_list);
         uint32_t id = 0;
         const auto onChange = [](uint32_t, const _vexa_usb_device_list_item *, void *) {};
-        twiceAtMostOrThrown(
-            [&]() { return vexa_usb_register_device_list_event_callback(onChange, nullptr, &id); });
+        twiceAtMost(kThrew, [&]() {
+            return vexa_usb_register_device_list_event_callback(onChange, nullptr, &id);
+        });
         EXPECT_EQ(id, 0U);
         openAndStart(closed, *log);
         fake::completeNewest(LIBUSB_TRANSFER_COMPLETED, 3); // the events 0, 1 and 2
@@ -84,7 +64,7 @@ protected:
         libusb_device *const second = fake::attach(VEXA_USB_VENDOR_ID, 2);
         fake::notifyArrival(second);
         fake::deliverEvents();
-        twiceAtMostOrThrown(vexa_usb_update_device_list);
+        twiceAtMost(kThrew, vexa_usb_update_device_list);
         fake::detach(second);
         fake::notifyDeparture(second);
         fake::deliverEvents();
@@ -105,23 +85,19 @@ protected:
         fake::detach(usbDevice);
         fake::notifyDeparture(usbDevice);
         fake::deliverEvents();
-        EXPECT_TRUE(leftLog->waitFor(VEXA_USB_DEVICE_EVENT_REMOVED)); // the one opened last
+        EXPECT_TRUE(leftLog->waitFor(kRemoved)); // the one opened last
         EXPECT_EQ(vexa_usb_data_stream_stop(closed), 0);
         EXPECT_EQ(vexa_usb_close(closed), 0);
         EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(0), 0);
         vexa_usb_fini();
         allocations::restore();
-    }
-    void closeLeftOpen() {
         vexa_usb_init();
         EXPECT_EQ(vexa_usb_close(leftOpen), 0);
-        vexa_usb_fini();
-        vexausb::libusbRunning.store(true);
     }
 
     // Of the session, one a device.
-    test::EventLog *log = nullptr;
-    test::EventLog *leftLog = nullptr;
+    EventLog *log = nullptr;
+    EventLog *leftLog = nullptr;
     libusb_device *usbDevice = nullptr;
     _vexa_usb_device *closed = nullptr;
     _vexa_usb_device *leftOpen = nullptr;
@@ -132,20 +108,21 @@ TEST_F(MemoryTest, EachAllocationMayFail) {
     for (bool failed = true; failed; ++skip) {
         SCOPED_TRACE(skip);
         ASSERT_LT(skip, 10000U);
+        vexausb::libusbRunning.store(true);
         usbDevice = fake::attach(VEXA_USB_VENDOR_ID, 1);
-        log = &test::EventLog::make();
-        leftLog = &test::EventLog::make();
+        log = &EventLog::make();
+        leftLog = &EventLog::make();
         allocations::failOne(skip);
-        if (begin()) {
+        if (statusOf([]() { return vexa_usb_init(), 0; }) == 0) {
             use();
             ASSERT_FALSE(HasFatalFailure());
             failed = allocations::restore();
             end();
-            closeLeftOpen();
         } else {
             allocations::restore();
-            vexa_usb_fini();
+            EXPECT_EQ(Snapshot().status, -3);
         }
+        vexa_usb_fini();
         fake::reset();
     }
     EXPECT_GT(skip, 40U); // the last session met none that fails

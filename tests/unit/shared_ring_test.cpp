@@ -13,10 +13,9 @@ namespace {
 
 namespace budget = vexausb::shared_memory_budget;
 
-constexpr uint32_t kFull = VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL;
 constexpr uint64_t kMebibyte = 1048576;
 
-class SharedRingTest : public test::DeviceTest {
+class SharedRingTest : public test::StreamingTest {
 protected:
     SharedRingTest() { fake::shareMemory(fake::Sharing::All); }
     ~SharedRingTest() override {
@@ -29,34 +28,30 @@ protected:
         fake::limitTransfers("256");
     }
 
-    int32_t start(uint64_t bufferSize, uint64_t bufferCount) {
-        return vexa_usb_data_stream_start(device, 0x82, bufferSize, bufferCount);
-    }
     // Has a buffer of 1000 bytes filled, locks it, and checks its part of the count; without
     // `fill`, one that is full.
     void receive(bool fill = true) {
         if (fill)
             fake::completeOldest();
-        ASSERT_TRUE(log.waitFor(kFull, ++received_));
-        ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
+        ASSERT_TRUE(log.waitFor(test::kFull, ++received_));
+        ASSERT_EQ(lock(), 0);
         for (uint64_t i = 0; i < size; ++i)
             ASSERT_EQ(data[i], expected_++) << received_;
     }
-    // Ten buffers are full at once, so that as many blocks are needed.
-    void fillAndDrain() {
+    // Ten buffers are full at once, so that as many blocks are needed; of how many kinds they are.
+    size_t fillAndDrain() {
         for (int i = 0; i < 10; ++i) {
             fake::completeOldest();
             fake::waitInFlight(3);
         }
+        std::set<bool> kinds;
         for (int i = 0; i < 10; ++i) {
             receive(false);
-            unlock();
+            kinds.insert(fake::isShared(data));
+            EXPECT_EQ(unlock(), 0);
         }
+        return kinds.size();
     }
-    void unlock() { ASSERT_EQ(vexa_usb_data_stream_buffer_unlock(device), 0); }
-
-    uint8_t *data = nullptr;
-    uint64_t size = 0;
 
 private:
     size_t received_ = 0;
@@ -70,11 +65,11 @@ TEST_F(SharedRingTest, FewBlocksGoRoundForACallerThatKeepsUp) {
         receive();
         EXPECT_TRUE(fake::isShared(data));
         places.insert(data);
-        unlock();
+        EXPECT_EQ(unlock(), 0);
     }
     EXPECT_LE(places.size(), 6U);
     EXPECT_EQ(fake::toldToOthers(), 1);
-    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(stop(), 0);
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
 
@@ -85,7 +80,7 @@ TEST_F(SharedRingTest, TheKernelIsAskedAgainARoundAfterItRefused) {
     for (int i = 0; i < 24; ++i) {
         receive();
         EXPECT_TRUE(i >= 5 || !fake::isShared(data));
-        unlock();
+        EXPECT_EQ(unlock(), 0);
     }
     EXPECT_TRUE(fake::isShared(data));
 }
@@ -93,22 +88,9 @@ TEST_F(SharedRingTest, TheKernelIsAskedAgainARoundAfterItRefused) {
 TEST_F(SharedRingTest, WhatIsRefusedIsOrdinaryMemory) {
     fake::shareMemory(fake::Sharing::Half);
     ASSERT_EQ(start(1000, 16), 0);
-    std::set<bool> kinds;
-    for (int i = 0; i < 10; ++i) { // none is locked, so that many blocks are needed
-        fake::completeOldest();
-        fake::waitInFlight(3);
-    }
-    ASSERT_TRUE(log.waitFor(kFull, 10));
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_EQ(vexa_usb_data_stream_buffer_lock(device, &data, &size), 0);
-        kinds.insert(fake::isShared(data));
-        EXPECT_EQ(data[0], static_cast<uint8_t>(i * 1000));
-        EXPECT_EQ(data[999], static_cast<uint8_t>(i * 1000 + 999));
-        unlock();
-    }
-    EXPECT_EQ(kinds.size(), 2U);
+    EXPECT_EQ(fillAndDrain(), 2U);
     fake::shareMemory(fake::Sharing::None);
-    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+    EXPECT_EQ(stop(), 0);
     ASSERT_EQ(start(1000, 16), 0);
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
@@ -144,7 +126,7 @@ TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
         const std::string said = testing::internal::GetCapturedStderr();
         EXPECT_NE(said.find(test.said), std::string::npos) << said;
         EXPECT_EQ(fake::sharedBlocks() == 0, said.find("fill 0 of") != std::string::npos) << said;
-        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
+        EXPECT_EQ(stop(), 0);
     }
     fake::shareMemory(fake::Sharing::None);
     testing::internal::CaptureStderr();
@@ -159,25 +141,12 @@ TEST_F(SharedRingTest, TheLogTellsWhatIsSharedAndWhyNotTheRest) {
 
 TEST_F(SharedRingTest, ARunThatFailedKeepsOnlyWhatIsFullOrInFlight) {
     ASSERT_EQ(start(1000, 16), 0);
-    fillAndDrain();
+    EXPECT_EQ(fillAndDrain(), 1U);
     EXPECT_GE(fake::sharedBlocks(), 13U);
     fake::failCall("libusb_submit_transfer");
     fake::completeOldest();
-    ASSERT_TRUE(log.waitFor(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR));
+    ASSERT_TRUE(log.waitFor(test::kError));
     EXPECT_LE(fake::sharedBlocks(), 5U);
-}
-
-TEST_F(SharedRingTest, StartThatFailsHalfWayKeepsNothing) {
-    for (const int skip : {0, 1, 2}) {
-        fake::failCall("libusb_alloc_transfer", 0, skip);
-        EXPECT_EQ(start(1000, 16), -4);
-        EXPECT_EQ(fake::toldToOthers(), 0);
-        fake::failCall("libusb_submit_transfer", LIBUSB_ERROR_NO_MEM, skip);
-        EXPECT_EQ(start(1000, 16), 0);
-        EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
-        EXPECT_EQ(fake::sharedBlocks(), 0U);
-        EXPECT_EQ(fake::toldToOthers(), 0);
-    }
 }
 
 // What the caller is reading stays readable, although the device's handle closes; nothing else
@@ -185,7 +154,7 @@ TEST_F(SharedRingTest, StartThatFailsHalfWayKeepsNothing) {
 TEST_F(SharedRingTest, LockedBufferOutlivesTheLastFini) {
     ASSERT_EQ(start(1000, 16), 0);
     receive();
-    unlock();
+    EXPECT_EQ(unlock(), 0);
     receive();
     ASSERT_TRUE(fake::isShared(data));
     const std::vector<uint8_t> before(data, data + size);
@@ -196,26 +165,12 @@ TEST_F(SharedRingTest, LockedBufferOutlivesTheLastFini) {
     EXPECT_EQ(fake::sharedBlocks(), 0U);
 }
 
-TEST_F(SharedRingTest, EndsWithTheDeviceOrTheHandle) {
-    ASSERT_EQ(start(1000, 16), 0);
-    receive(); // and keeps it locked
-    EXPECT_EQ(vexa_usb_data_stream_stop(device), 0);
-    EXPECT_EQ(fake::sharedBlocks(), 0U);
-    ASSERT_EQ(start(1000, 16), 0);
-    remove();
-    fake::completeOldest(LIBUSB_TRANSFER_NO_DEVICE);
-    EXPECT_GT(fake::sharedBlocks(), 0U);
-    EXPECT_EQ(close(), 0);
-    EXPECT_EQ(fake::sharedBlocks(), 0U);
-}
-
 // More devices than the limit has room for, with what is shared: what no transfer and no caller
 // uses goes back at once, the rest as the ring goes round, and nothing is lost.
 TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     fake::limitTransfers("64");
     ASSERT_EQ(start(1000, 16), 0);
-    fillAndDrain();
-    EXPECT_TRUE(fake::isShared(data));
+    EXPECT_EQ(fillAndDrain(), 1U);
     EXPECT_GE(fake::sharedBlocks(), 13U);
     for (int i = 0; i < 31; ++i)
         fake::attach(VEXA_USB_VENDOR_ID, 1);
@@ -223,7 +178,7 @@ TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     EXPECT_LE(fake::sharedBlocks(), 4U);
     for (int i = 0; i < 40; ++i) {
         receive();
-        unlock();
+        EXPECT_EQ(unlock(), 0);
     }
     EXPECT_FALSE(fake::isShared(data));
     EXPECT_EQ(fake::sharedBlocks(), 0U);

@@ -108,6 +108,17 @@ Call &Call::connected() {
                  mayBeClosed || !kOrders, VEXA_USB_STATUS_UNKNOWN);
 }
 
+Call &Call::onStream(bool valid) {
+    onHandle(valid).check(handle_->place->streams, VEXA_USB_STATUS_NOT_SUPPORTED);
+    return check(handle_->stream, true, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE).present();
+}
+
+Call &Call::canTransfer(uint8_t endpoint) {
+    connected().refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_NO_MEMORY});
+    starved({VEXA_USB_STATUS_NO_MEMORY});
+    return check(packetSizeOf(endpoint) > 0, VEXA_USB_STATUS_UNKNOWN);
+}
+
 Call &Call::refused(std::initializer_list<int32_t> statuses) {
     if (isReached_ && (!kOrders || fake::failuresMet != failures_))
         statuses_.insert(statuses);
@@ -269,8 +280,9 @@ void World::open(const Step &op) {
         Call call(*this);
         handle.openedAt = call.since;
         call.make([&]() {
-            return vexa_usb_open(item, op.c < 240 ? onEvent : nullptr, &handle,
-                                 place == nullptr && op.c % 2 != 0 ? nullptr : &handle.device);
+            const bool isOdd = op.c % 2 != 0; // one of the two is missing
+            return vexa_usb_open(item, op.c < 240 || isOdd ? onEvent : nullptr, &handle,
+                                 op.c < 240 || !isOdd ? &handle.device : nullptr);
         });
         const bool hasChanged = !kOrders || (valid && place->changedAt > call.since);
         const bool mayFail = !wasListed || !place->isListed || hasChanged || !place->isAttached ||
@@ -362,45 +374,42 @@ void World::ask(const Step &op) {
     Handle &on = *op.on;
     const bool valid = op.b < 240;
     Call call(*this, &on);
+    // With a null pointer instead of the value where that is to be refused.
+    const auto query = [&](auto function, auto &value, auto... more) -> Call & {
+        call.make([&]() { return function(on.device, valid ? &value : nullptr, more...); });
+        return call.onHandle(valid);
+    };
     if (op.what() == 11) {
         _vexa_usb_version version{};
-        call.make([&]() {
-            return vexa_usb_get_kernel_driver_version(on.device, valid ? &version : nullptr);
-        });
-        call.onHandle(valid).present().judge("get_kernel_driver_version",
-                                             {VEXA_USB_STATUS_NOT_SUPPORTED});
+        query(vexa_usb_get_kernel_driver_version, version).present();
+        call.judge("get_kernel_driver_version", {VEXA_USB_STATUS_NOT_SUPPORTED});
     } else if (op.what() == 12) {
         _vexa_usb_device_descriptor record{};
         record.bMaxPacketSize0 = op.c;
-        call.make([&]() {
-            return vexa_usb_get_device_descriptor(on.device, valid ? &record : nullptr, op.b);
-        });
-        const int32_t status =
-            call.onHandle(valid && op.b >= 16).present().judge("get_device_descriptor", {0});
-        require(status != 0 || (record.bcdUSB == 0x0123 && record.bMaxPacketSize0 == op.c &&
-                                record.bNumConfigurations == 0x88),
+        query(vexa_usb_get_device_descriptor, record, op.b);
+        call.check(op.b >= 16, VEXA_USB_STATUS_INVALID_PARAMETERS).present();
+        require(call.judge("get_device_descriptor", {0}) != 0 ||
+                    (record.bcdUSB == 0x0123 && record.bMaxPacketSize0 == op.c &&
+                     record.bNumConfigurations == 0x88),
                 "a descriptor");
-    } else if (op.what() == 13 && (on.device != nullptr || !valid)) {
+    } else if (op.what() == 13 && (on.device != nullptr || !valid)) { // needs no init
         const uint8_t endpoint = kEndpoints[op.c % kEndpoints.size()];
+        const bool exists = endpoint != 0x8F && endpoint != 0;
         uint16_t size = 0;
         call.make([&]() {
             return vexa_usb_get_max_packet_size(on.device, endpoint, valid ? &size : nullptr);
         });
         call.check(valid, VEXA_USB_STATUS_INVALID_PARAMETERS).present().connected();
         call.refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED});
-        const int32_t status =
-            call.judge("get_max_packet_size",
-                       {endpoint == 0x8F || endpoint == 0 ? VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED
-                                                          : VEXA_USB_STATUS_SUCCESS});
-        require(status != 0 || size == packetSizeOf(endpoint), "a packet size", size);
+        call.check(exists, VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED);
+        require(call.judge("get_max_packet_size", {0}) != 0 || size == packetSizeOf(endpoint),
+                "a packet size", size);
     } else if (op.what() >= 25) {
         uint64_t value = 0;
-        call.make([&]() {
-            return (op.what() == 25
-                        ? vexa_usb_data_stream_memory_size_max
-                        : vexa_usb_data_stream_rate_max)(on.device, valid ? &value : nullptr);
-        });
-        call.onHandle(valid).check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED).present();
+        query(op.what() == 25 ? vexa_usb_data_stream_memory_size_max
+                              : vexa_usb_data_stream_rate_max,
+              value);
+        call.check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED).present();
         require(call.judge("data_stream_..._max", {0}) != 0 || value > 0, "a limit");
     }
 }
@@ -411,7 +420,7 @@ void World::transfer(const Step &op) {
     const uint64_t length = kLengths[op.b % kLengths.size()];
     const uint8_t endpoint = kEndpoints[op.b / 8 % kEndpoints.size()];
     const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(length);
-    uint8_t *const data = op.b >= 240 || length == 0 ? nullptr : buffer.get();
+    uint8_t *const data = op.b >= 240 ? nullptr : buffer.get();
     const bool isControl = op.what() == 14;
     const bool isRead = op.what() % 2 != 0;
     Wire wire(op.c, on.place->isAttached);
@@ -426,7 +435,7 @@ void World::transfer(const Step &op) {
         return isRead ? kReads[kind](on.device, endpoint, data, length)
                       : kWrites[kind](on.device, endpoint, data, length);
     });
-    call.onHandle(isControl || data != nullptr);
+    call.onHandle(isControl || (data != nullptr && length > 0));
     call.check(isControl || (endpoint >= 0x80) == isRead,
                VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     call.present().check(!isControl || length < 65536, VEXA_USB_STATUS_UNKNOWN).connected();
@@ -445,12 +454,8 @@ void World::enable(const Step &op) {
     Call call(*this, &on, &on.pipe, 1);
     call.make([&]() { return vexa_usb_event_pipe_enable(on.device, endpoint); });
     call.onHandle().check(endpoint >= 0x80, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
-    call.check(on.pipe, false, VEXA_USB_STATUS_EVENT_PIPE_ACTIVE).present().connected();
-    call.refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_NO_MEMORY});
-    call.starved({VEXA_USB_STATUS_NO_MEMORY});
-    call.check(packetSizeOf(endpoint) > 0, VEXA_USB_STATUS_UNKNOWN);
-    const int32_t status = call.judge("event_pipe_enable", {0});
-    if (status == 0 && kOrders)
+    call.check(on.pipe, false, VEXA_USB_STATUS_EVENT_PIPE_ACTIVE).present();
+    if (call.canTransfer(endpoint).judge("event_pipe_enable", {0}) == 0 && kOrders)
         on.refusals = fake::refusals(&on.bytes);
 }
 
@@ -487,15 +492,11 @@ void World::start(const Step &op) {
     call.onHandle(size != 0 && count != 0);
     call.check(endpoint >= 0x80, VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION);
     call.check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED);
-    call.check(on.stream, false, VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE).present().connected();
-    call.refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_NO_MEMORY});
-    call.starved({VEXA_USB_STATUS_NO_MEMORY});
-    call.check(packetSizeOf(endpoint) > 0, VEXA_USB_STATUS_UNKNOWN);
+    call.check(on.stream, false, VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE).present();
+    call.canTransfer(endpoint);
     call.check(size != UINT64_MAX && count != UINT64_MAX, VEXA_USB_STATUS_NO_MEMORY);
-    const int32_t status = call.judge("data_stream_start", {0});
-    if (!kOrders)
-        return;
-    run.isDead = status != 0;
+    if (call.judge("data_stream_start", {0}) != 0 && kOrders)
+        run.isDead = true;
 }
 
 void World::stop(const Step &op) {
@@ -504,9 +505,7 @@ void World::stop(const Step &op) {
         on.isLoose = on.isLoose || on.stream.isChanging();
     Call call(*this, &on, &on.stream, -1);
     call.make([&]() { return vexa_usb_data_stream_stop(on.device); });
-    call.onHandle().check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED);
-    call.check(on.stream, true, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE).present();
-    if (call.judge("data_stream_stop", {0}) != 0 || !kOrders)
+    if (call.onStream().judge("data_stream_stop", {0}) != 0 || !kOrders)
         return;
     on.disconnectedAt = on.isLoopless ? tick() : 0;
     on.data = nullptr;
@@ -525,13 +524,12 @@ void World::lock(const Step &op) {
     const bool wasAlone = !on.locked.isChanging();
     Call call(*this, &on, &on.locked, 1);
     call.make([&]() {
-        return vexa_usb_data_stream_buffer_lock(on.device, valid ? &data : nullptr, &size);
+        return vexa_usb_data_stream_buffer_lock(on.device, valid || op.b % 2 != 0 ? &data : nullptr,
+                                                valid || op.b % 2 == 0 ? &size : nullptr);
     });
-    call.onHandle(valid).check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED);
-    call.check(on.stream, true, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE).present();
-    call.check(on.isLoose || on.locked.canBe(false, call.since),
-               on.isLoose || on.locked.canBe(true, call.since),
-               VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
+    call.onStream(valid).check(on.isLoose || on.locked.canBe(false, call.since),
+                               on.isLoose || on.locked.canBe(true, call.since),
+                               VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
     call.check(true, !isDue || on.isLoose, VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
     if (call.judge("data_stream_buffer_lock", {0}) != 0 || !kOrders)
         return;
@@ -550,10 +548,9 @@ void World::unlock(const Step &op) {
         on.latest().checkBuffer(on.latest().locks - 1, on.data); // as it was
     Call call(*this, &on, &on.locked, -1);
     call.make([&]() { return vexa_usb_data_stream_buffer_unlock(on.device); });
-    call.onHandle().check(on.place->streams, VEXA_USB_STATUS_NOT_SUPPORTED);
-    call.check(on.stream, true, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE).present();
-    call.check(on.isLoose || on.locked.canBe(true, call.since),
-               on.isLoose || on.locked.canBe(false, call.since), VEXA_USB_STATUS_UNKNOWN);
+    call.onStream().check(on.isLoose || on.locked.canBe(true, call.since),
+                          on.isLoose || on.locked.canBe(false, call.since),
+                          VEXA_USB_STATUS_UNKNOWN);
     call.judge("data_stream_buffer_unlock", {0});
 }
 
@@ -561,7 +558,7 @@ void World::load(const Step &op) {
     Handle &on = *op.on;
     const Image image(op.what(), op.b);
     const uint8_t *const data = image.bytes.empty() ? nullptr : image.bytes.data();
-    const uint64_t size = image.bytes.size();
+    const uint64_t size = op.b == 254 ? 0 : image.bytes.size();
     Wire wire(op.c, on.place->isAttached);
     Call call(*this, &on);
     call.make([&]() {
@@ -581,7 +578,7 @@ void World::load(const Step &op) {
     });
     const bool mayFail =
         !kOrders || on.closedAt > call.since || on.isLoopless || finiAt_ > on.openedAt;
-    call.onHandle(op.what() <= 29 || data != nullptr);
+    call.onHandle(op.what() <= 29 || (data != nullptr && size > 0));
     if (op.what() != 34)
         call.present().check(true, mayFail, VEXA_USB_STATUS_UNKNOWN);
     call.check(true, mayFail, VEXA_USB_STATUS_SUCCESS); // what does not matter may have failed

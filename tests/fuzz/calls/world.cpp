@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -19,12 +20,6 @@ using model::Flow;
 using model::require;
 
 namespace calls {
-
-namespace {
-
-constexpr uint8_t kBarrier = 41;
-
-} // namespace
 
 World::World(std::span<const uint8_t> input) {
     const uint8_t settings = input.empty() ? 0 : input[0];
@@ -62,8 +57,8 @@ void World::run() {
     scheduler::begin(order_);
     const allocations::Exempt exempt;
     for (auto begin = operations_.cbegin(); begin != operations_.cend();) {
-        const auto end = std::find_if(begin, operations_.cend(),
-                                      [](const auto &op) { return op.what() == kBarrier; });
+        const auto end =
+            std::find_if(begin, operations_.cend(), std::mem_fn(&Operation::isBarrier));
         runPhase(begin, end);
         begin = end == operations_.cend() ? end : end + 1;
     }
@@ -79,6 +74,7 @@ void World::run() {
     while (uses_ > 0)
         perform({1, 0, 0, 0}, nullptr, nullptr); // fini
     rest();
+    require(fake::sharedBlocks() == 0 && fake::toldToOthers() == 0, "shared memory is left");
     scheduler::end();
 }
 

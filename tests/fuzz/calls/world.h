@@ -31,6 +31,7 @@ struct Operation {
     uint8_t kind, a, b, c;
     uint8_t actor() const { return kind >> 6U; }
     uint8_t what() const { return kind & 0x3FU; }
+    bool isBarrier() const { return what() == 41; }
 };
 
 // A place on the bus, with its device.
@@ -110,6 +111,8 @@ public:
     Call &ready();                     // the list is there
     Call &present();
     Call &connected();
+    Call &onStream(bool valid = true);   // an active one
+    Call &canTransfer(uint8_t endpoint); // asynchronously
     // What an armed failure of libusb, and one of memory or threads, may lead to.
     Call &refused(std::initializer_list<int32_t> statuses);
     Call &starved(std::initializer_list<int32_t> statuses);
