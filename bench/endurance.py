@@ -142,11 +142,17 @@ def unbind(device):
     write("/sys/bus/usb/drivers/usb/unbind", device.name)
     time.sleep(chance.choice((0, 0.3)))
     write("/sys/bus/usb/drivers/usb/bind", device.name)
+    configuration = device / "bConfigurationValue"
+    if not configuration.read_text().strip():  # the device did not answer in time
+        write(configuration, "1")
     count("devices unbound and bound")
 
 
 def unclaim(device):
-    """Takes a claimed interface away from the process that has claimed it."""
+    """Takes a claimed interface away from the process that has claimed it.
+
+    Another process could claim it then, and get the bytes of the first; so there must be no other.
+    """
     write("/sys/bus/usb/drivers/usbfs/unbind", f"{device.name}:1.0")
     count("interfaces unbound")
 
@@ -234,7 +240,7 @@ def wait_for(condition):
 def disturb(clients, bus):
     action = chance.choice(("device", boot, "kill", "pause", "bus", None, None))
     if action == "device":
-        disturb_a_device(chance.choice((reset, deauthorise, unbind, unclaim)))
+        disturb_a_device(chance.choice((reset, deauthorise, unbind)))
     elif callable(action):
         action()
     elif action == "bus":
@@ -259,10 +265,11 @@ def is_flat(samples):
 
 
 class Clients:
-    """Those that come and go."""
+    """Those that come and go, each with one of those numbers of devices."""
 
-    def __init__(self, most, *arguments):
+    def __init__(self, most, devices, *arguments):
         self.most = most
+        self.devices = devices
         self.arguments = arguments
         self.running = []
 
@@ -272,7 +279,7 @@ class Clients:
             client.finish()
             count("clients")
         while len(self.running) < self.most:
-            self.running.append(Client(chance.uniform(3, longest), chance.randrange(1, 3),
+            self.running.append(Client(chance.uniform(3, longest), chance.choice(self.devices),
                                        *self.arguments))
 
     def finish(self):
@@ -288,7 +295,7 @@ def mix():
     log = open(options.log, "w+") if options.log else tempfile.TemporaryFile("w+")
     end = time.time() + options.seconds
     stays = Client(options.seconds, STAYS, "--samples", "--pulls", "0.2", samples=log)
-    clients = Clients(3, "--pulls", "0.1")
+    clients = Clients(3, (1, 2), "--pulls", "0.1")
     while time.time() < end and stays.process.poll() is None:
         clients.renew(max(4, min(15, options.seconds / 3)))
         disturb(clients.running, bus)
@@ -304,7 +311,7 @@ def mix():
 def each():
     """Everything that can happen to clients from outside, so and so many times."""
     bus = Bus("instrument,speed=high", "instrument,speed=super")
-    clients = Clients(2)
+    clients = Clients(1, (2,))
 
     def one_client():
         return chance.choice(clients.running)

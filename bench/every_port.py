@@ -19,6 +19,7 @@ import pathlib
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 
 LIMIT = pathlib.Path("/sys/module/usbcore/parameters/usbfs_memory_mb")
@@ -38,7 +39,8 @@ findings = 0
 
 
 def instruments():
-    return len(list(pathlib.Path("/sys/bus/usb/devices").glob("*-*:1.0")))
+    return sum("-0:" not in one.name  # a hub of the controller
+               for one in pathlib.Path("/sys/bus/usb/devices").glob("*-*:1.0"))
 
 
 class Simulator:
@@ -60,10 +62,13 @@ class Simulator:
 
 
 def start(devices, seconds, *arguments):
-    return subprocess.Popen(
+    log = tempfile.TemporaryFile("w+")  # a pipe that nobody reads would stop the program
+    process = subprocess.Popen(
         [program, "--devices", str(devices), "--seconds", str(seconds), *STREAM, *arguments],
-        env=dict(os.environ, VEXA_USB_STREAM="strict"), text=True,
-        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        env=dict(os.environ, VEXA_USB_STREAM="strict", VEXA_USB_LOG="error"), text=True,
+        stdout=subprocess.PIPE, stderr=log)
+    process.log = log
+    return process
 
 
 def finish(what, *processes):
@@ -72,7 +77,9 @@ def finish(what, *processes):
     total = {}
     said = ""
     for process in processes:
-        output, errors = process.communicate()
+        output = process.communicate()[0]
+        process.log.seek(0)
+        errors = process.log.read()
         said += errors
         if process.returncode != 0:
             findings += 1
