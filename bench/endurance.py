@@ -35,6 +35,10 @@ FIRMWARE = "examples/fx2_renumerate.hex"
 WARM_UP = 0.25    # of the time, after which memory must not grow
 MAX_GROWTH = 16384  # KiB, a ring's worth; by the least of a third, when rings are small
 STAYS = 3         # devices of the process that stays
+# What --each counts.
+EACH = ("resets", "authorisations taken and given", "devices unbound and bound",
+        "interfaces unbound", "clients killed", "clients stopped for a while",
+        "simulator stopped for a while", "devices detached and attached", "simulators killed")
 
 options = argparse.ArgumentParser()
 options.add_argument("build")
@@ -330,6 +334,9 @@ def each():
             print(f"{done} of {len(actions)}, {len(findings)} findings", flush=True)
     clients.finish()
     bus.end()
+    few = [name for name in EACH if counts.get(name, 0) < 0.8 * options.each]
+    if few:
+        findings.append(f"too seldom, the clients left no room for them: {', '.join(few)}")
 
 
 def main():

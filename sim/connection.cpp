@@ -141,6 +141,12 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     const auto input = socket_.received();
     if (input.size() < kHeaderSize + dataSize)
         return false;
+    lastSubmitted_ = header.sequence;
+    if (const auto early = unlinkedEarly_.extract(header.sequence)) {
+        socket_.consume(kHeaderSize + dataSize);
+        replyToUnlink(early.mapped(), -ECONNRESET);
+        return true;
+    }
     pendingBytes_ += sizeof(Transfer) + dataSize;
     if (pendingBytes_ > kMaxPending)
         throw std::runtime_error("too many transfers at once");
@@ -149,13 +155,6 @@ bool Connection::handleSubmit(const CommandHeader &header) {
     pending_[endpoint].push_back(
         {header.sequence, header.length, header.in, header.setup, Bytes(data.begin(), data.end())});
     socket_.consume(kHeaderSize + dataSize);
-    lastSubmitted_ = header.sequence;
-    if (unlinkedEarly_.erase(header.sequence) != 0) {
-        withdraw(header.sequence);
-        OutputPiece reply(kHeaderSize);
-        writeSubmitReply(reply.all().first<kHeaderSize>(), header.sequence, -ECONNRESET, 0);
-        socket_.send(std::move(reply));
-    }
     offer(endpoint);
     return true;
 }
@@ -163,16 +162,22 @@ bool Connection::handleSubmit(const CommandHeader &header) {
 // Status 0 tells the client that the transfer had been answered before.
 //
 // The kernel's driver sends first what was submitted, then what was unlinked; so when a transfer is
-// submitted and unlinked between the two, the unlink comes first.  The kernel waits for the answer
-// to such a transfer for ever, so it has to be answered when it comes.
+// submitted and unlinked between the two, the unlink comes first.  Such an unlink is answered when
+// its transfer has come: before that the kernel would look in vain for what it is to take back.
 void Connection::handleUnlink(const CommandHeader &header) {
     const bool found = withdraw(header.unlinkSequence);
-    if (!found && static_cast<int32_t>(header.unlinkSequence - lastSubmitted_) > 0)
-        unlinkedEarly_.insert(header.unlinkSequence);
+    if (found || static_cast<int32_t>(header.unlinkSequence - lastSubmitted_) <= 0) {
+        replyToUnlink(header.sequence, found ? -ECONNRESET : 0);
+        return;
+    }
+    unlinkedEarly_[header.unlinkSequence] = header.sequence;
     if (unlinkedEarly_.size() > kMaxUnlinkedEarly)
         throw std::runtime_error("too many unlinks of what was not submitted");
+}
+
+void Connection::replyToUnlink(uint32_t sequence, int32_t status) {
     OutputPiece reply(kHeaderSize);
-    writeUnlinkReply(reply.all().first<kHeaderSize>(), header.sequence, found ? -ECONNRESET : 0);
+    writeUnlinkReply(reply.all().first<kHeaderSize>(), sequence, status);
     socket_.send(std::move(reply));
 }
 

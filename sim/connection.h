@@ -4,7 +4,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 
 #include "device_model.h"
@@ -64,6 +63,7 @@ private:
     void importDevice(const std::string &busId);
     bool handleSubmit(const usbip::CommandHeader &header);
     void handleUnlink(const usbip::CommandHeader &header);
+    void replyToUnlink(uint32_t sequence, int32_t status);
     // Takes the transfer back from the device; false if it has no such.
     bool withdraw(uint32_t sequence);
     // Lets the device answer the pending transfers that it can answer now.
@@ -79,11 +79,11 @@ private:
     Devices &devices_;
     ExportedDevice *device_ = nullptr; // once imported
     Pending pending_;
-    size_t pendingBytes_ = 0;          // the memory of the transfers in `pending_`
-    uint32_t lastSubmitted_ = 0;       // sequence number
-    std::set<uint32_t> unlinkedEarly_; // sequence numbers that are still to be submitted
-    bool leaving_ = false;             // the device answers no more; only unlinks are answered
-    bool ending_ = false;              // the connection ends when everything is sent
+    size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
+    uint32_t lastSubmitted_ = 0;                 // sequence number
+    std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
+    bool leaving_ = false; // the device answers no more; only unlinks are answered
+    bool ending_ = false;  // the connection ends when everything is sent
 };
 
 } // namespace sim

@@ -55,7 +55,7 @@ public:
     void after(std::chrono::milliseconds delay, std::function<void()> action) override;
     void unplug(std::optional<std::chrono::milliseconds> returnAfter) override;
     void become(std::unique_ptr<DeviceModel> other, std::chrono::milliseconds returnAfter) override;
-    bool isPlugged() const override { return present_; }
+    bool isPlugged() const override { return present_ && importer_ != nullptr; }
 
 private:
     void disconnect(std::optional<std::chrono::milliseconds> returnAfter);

@@ -29,8 +29,13 @@ Finding checkInterface(const UsbDevice &device) {
                 fmt::format("echo 1 | sudo tee /sys/bus/usb/devices/{}/authorized", device.busPath),
                 Exit::CannotOpen};
     if (device.attribute("bConfigurationValue").empty())
-        return {"interface", "has none: the device has refused its own configuration", kPlugIn,
-                Exit::CannotOpen};
+        return {
+            "interface", "has none: the device is not configured",
+            fmt::format("echo 1 | sudo tee /sys/bus/usb/devices/{}/bConfigurationValue; if that "
+                        "fails, 'sudo dmesg' tells why (too little power at the port, or the "
+                        "device refuses).",
+                        device.busPath),
+            Exit::CannotOpen};
     return {"interface", "has no interface 0, the one that is used", kPlugIn, Exit::CannotOpen};
 }
 

@@ -158,9 +158,11 @@ int run(std::vector<std::string> words) {
     }
 }
 
-int reportNoMemory() {
-    fmt::print(stderr, "vexa-usb: there is not enough memory\n"
-                       "  End other programs, or ask for less at once.\n");
+int reportNoMemory(const char *likely = "") {
+    fmt::print(stderr,
+               "vexa-usb: there is {}not enough memory\n"
+               "  End other programs, or ask for less at once.\n",
+               likely);
     return static_cast<int>(Exit::Failed);
 }
 
@@ -187,7 +189,7 @@ int report() {
     if (std::current_exception() != nullptr)
         _exit(report());
     if (std::uncaught_exceptions() > 0)
-        _exit(reportNoMemory());
+        _exit(reportNoMemory("most likely "));
     std::abort();
 }
 

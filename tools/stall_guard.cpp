@@ -29,7 +29,8 @@ void StallGuard::noteProgress() {
     changed_.notify_all();
 }
 
-// The call that hangs cannot be ended, so the program ends from here, without tidying up.
+// Only an unplug or the library's end would end the call that hangs, and nobody can say when; so
+// the program ends from here, without tidying up.
 void StallGuard::watch(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
     while (changed_.wait_for(lock, stop, atMost_, [this]() { return progressed_; }))

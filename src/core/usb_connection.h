@@ -35,7 +35,7 @@ public:
     UsbConnection &operator=(const UsbConnection &) = delete;
 
     // The handle may be used as long as the result is held; false once the connection closes, and
-    // in a child that was forked.
+    // in a child that was forked while the library was in use.
     UseGate::Use use() { return forkedInUse.load() ? UseGate::Use(nullptr) : gate_.enter(); }
 
     // The following five are for who holds a Use.

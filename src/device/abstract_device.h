@@ -69,6 +69,8 @@ public:
     // the device holds of the bus, even if others still have a reference.  Allocates no memory.
     virtual void close();
 
+    // Whether the device can still be asked; false once its connection closes.
+    virtual bool isConnected() const = 0;
     bool isRemoved() const { return removed_.load(std::memory_order_acquire); }
     bool hasEventPipe() const { return eventPipeSupported_; }
     bool isEventPipeActive() const { return eventPipeActive_.load(); }

@@ -33,6 +33,7 @@ public:
     ~DeviceLibUSB() override;
 
     void close() override;
+    bool isConnected() const override { return static_cast<bool>(connection_->use()); }
 
     int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) override;
     int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) override;

@@ -47,10 +47,10 @@ int32_t readStatus(AbstractDevice &device, DfuStatus &status) {
     return classRead(device, kGetStatus, status.bytes.data(), status.bytes.size());
 }
 
-// A device may ask for more than four hours, and leave in them, which ends the wait.  A signal does
-// not.
+// A device may ask for more than four hours.  What ends the wait is that it has left or that the
+// library closes; a signal does not.
 void waitOnBus(const AbstractDevice &device, std::chrono::milliseconds time) {
-    for (; time.count() > 0 && !device.isRemoved(); time -= kLookInterval)
+    for (; time.count() > 0 && !device.isRemoved() && device.isConnected(); time -= kLookInterval)
         std::this_thread::sleep_for(std::min(time, kLookInterval));
 }
 
