@@ -790,7 +790,8 @@ VEXA_USB_API int32_t vexa_usb_fx3_load_firmware(_vexa_usb_device *device, const 
  *
  * The device must be in dfuIDLE or dfuDNLOAD-IDLE.  After each block it is polled for as long as it
  * asks for that, without end; between two polls it is given the time that it asks for, up to
- * 16777 s.  A removal of which the device's callback is told, or the last vexa_usb_fini(), ends both.  Block numbers wrap after 65535.
+ * 16777 s.  A removal of which the device's callback is told, or the last vexa_usb_fini(), ends
+ * both.  Block numbers wrap after 65535.
  *
  * @param device the handle
  * @param data the image, read during the call only
