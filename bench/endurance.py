@@ -19,6 +19,7 @@ The log gets the samples of the process that stays, a line of JSON each; enduran
 them. Exit status 1 when something happened that must not.
 """
 import argparse
+import functools
 import json
 import os
 import pathlib
@@ -35,10 +36,6 @@ FIRMWARE = "examples/fx2_renumerate.hex"
 WARM_UP = 0.25    # of the time, after which memory must not grow
 MAX_GROWTH = 16384  # KiB, a ring's worth; by the least of a third, when rings are small
 STAYS = 3         # devices of the process that stays
-# What --each counts.
-EACH = ("resets", "authorisations taken and given", "devices unbound and bound",
-        "interfaces unbound", "clients killed", "clients stopped for a while",
-        "simulator stopped for a while", "devices detached and attached", "simulators killed")
 
 options = argparse.ArgumentParser()
 options.add_argument("build")
@@ -55,6 +52,18 @@ findings = []
 
 def count(what, by=1):
     counts[what] = counts.get(what, 0) + by
+
+
+def counted(what):
+    """Counts what is done, unless False comes back; the name is kept as `what`."""
+    def wrap(action):
+        @functools.wraps(action)
+        def counting(*arguments):
+            if action(*arguments) is not False:
+                count(what)
+        counting.what = what
+        return counting
+    return wrap
 
 
 class Client:
@@ -75,20 +84,20 @@ class Client:
              "--foreign", "--seed", str(chance.randrange(1 << 30)), *arguments],
             env=environment, stdout=self.output, stderr=self.errors)
 
+    @counted("clients killed")
     def kill(self):
         if self.process.poll() is not None:
-            return
+            return False
         self.killed = True
-        self.process.kill()
-        count("clients killed")
+        return self.process.kill()
 
+    @counted("clients stopped for a while")
     def pause(self, seconds=1):
         """Others go on meanwhile."""
         if self.process.poll() is not None:
-            return
+            return False
         self.process.send_signal(signal.SIGSTOP)
-        threading.Timer(seconds, self.process.send_signal, (signal.SIGCONT,)).start()
-        count("clients stopped for a while")
+        return threading.Timer(seconds, self.process.send_signal, (signal.SIGCONT,)).start()
 
     def finish(self):
         try:
@@ -127,38 +136,48 @@ def write(path, text):
         file.write(text)
 
 
+def give_back(path, text):
+    """Without it the device would be away for good, and the clients would wait for it."""
+    for last in [False] * 20 + [True]:
+        try:
+            return write(path, text)
+        except OSError:
+            if last:
+                raise
+            time.sleep(0.1)
+
+
+@counted("resets")
 def reset(device):
-    subprocess.run(["usbreset", "/".join((device / name).read_text().strip().zfill(3)
-                                         for name in ("busnum", "devnum"))],
-                   capture_output=True, timeout=60)
-    count("resets")
+    run("usbreset", "/".join((device / name).read_text().strip().zfill(3)
+                             for name in ("busnum", "devnum")))
 
 
+@counted("authorisations taken and given")
 def deauthorise(device):
     write(device / "authorized", "0")
     time.sleep(chance.choice((0, 0.3)))
-    write(device / "authorized", "1")
-    count("authorisations taken and given")
+    give_back(device / "authorized", "1")
 
 
+@counted("devices unbound and bound")
 def unbind(device):
     """Takes the device away from the kernel, so that it has no interfaces, and gives it back."""
     write("/sys/bus/usb/drivers/usb/unbind", device.name)
     time.sleep(chance.choice((0, 0.3)))
-    write("/sys/bus/usb/drivers/usb/bind", device.name)
+    give_back("/sys/bus/usb/drivers/usb/bind", device.name)
     configuration = device / "bConfigurationValue"
     if not configuration.read_text().strip():  # the device did not answer in time
         write(configuration, "1")
-    count("devices unbound and bound")
 
 
+@counted("interfaces unbound")
 def unclaim(device):
     """Takes a claimed interface away from the process that has claimed it.
 
     Another process could claim it then, and get the bytes of the first; so there must be no other.
     """
     write("/sys/bus/usb/drivers/usbfs/unbind", f"{device.name}:1.0")
-    count("interfaces unbound")
 
 
 def disturb_a_device(action):
@@ -198,19 +217,20 @@ class Bus:
         self.port = self.process.stdout.readline().strip().rpartition(":")[2]
         wait_for(lambda: len(instruments()) == sum("instrument" in one for one in self.devices))
 
+    @counted("simulator stopped for a while")
     def pause(self, seconds):
         self.process.send_signal(signal.SIGSTOP)
         time.sleep(seconds)
         self.process.send_signal(signal.SIGCONT)
-        count("simulator stopped for a while")
 
+    @counted("simulators killed")
     def replace(self):
         self.process.kill()
         self.process.wait()
         wait_for(lambda: not instruments())
         self.start()
-        count("simulators killed")
 
+    @counted("devices detached and attached")
     def replug(self):
         """Unplugs a device by the system's own command, and plugs it in again."""
         ports = re.findall(r"Port (\d+):.*?(\d+-\d+) -> usbip:\S*/(\S+)",
@@ -220,7 +240,6 @@ class Bus:
         wait_for(lambda: not pathlib.Path("/sys/bus/usb/devices", device).exists())
         wait_for(lambda: run("usbip", "--tcp-port", self.port, "attach", "-r", "127.0.0.1",
                              "-b", name).returncode == 0)
-        count("devices detached and attached")
 
     def end(self):
         self.process.terminate()
@@ -317,24 +336,26 @@ def each():
     bus = Bus("instrument,speed=high", "instrument,speed=super")
     clients = Clients(1, (2,))
 
-    def one_client():
+    def one():
         return chance.choice(clients.running)
 
-    actions = options.each * [
-        *(lambda action=action: disturb_a_device(action)
+    happenings = (
+        *((action, lambda action=action: disturb_a_device(action))
           for action in (reset, deauthorise, unbind, unclaim)),
-        lambda: one_client().kill(), lambda: one_client().pause(3), lambda: bus.pause(3),
-        bus.replug, bus.replace]
-    chance.shuffle(actions)
-    for done, action in enumerate(actions, 1):
+        (Client.kill, lambda: one().kill()), (Client.pause, lambda: one().pause(3)),
+        (Bus.pause, lambda: bus.pause(3)), (Bus.replug, bus.replug), (Bus.replace, bus.replace))
+    turns = options.each * [turn for _, turn in happenings]
+    chance.shuffle(turns)
+    for done, turn in enumerate(turns, 1):
         clients.renew(20)
         time.sleep(chance.uniform(0, 1))
-        action()
+        turn()
         if done % 100 == 0:
-            print(f"{done} of {len(actions)}, {len(findings)} findings", flush=True)
+            print(f"{done} of {len(turns)}, {len(findings)} findings", flush=True)
     clients.finish()
     bus.end()
-    few = [name for name in EACH if counts.get(name, 0) < 0.8 * options.each]
+    few = [action.what for action, _ in happenings
+           if counts.get(action.what, 0) < 0.8 * options.each]
     if few:
         findings.append(f"too seldom, the clients left no room for them: {', '.join(few)}")
 

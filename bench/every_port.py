@@ -109,6 +109,8 @@ def all_in_one(simulator):
         samples.append(json.loads(line))
         if "ready" in samples[-1]:
             break
+        if len(samples) % 60 == 0:
+            print(line.strip(), flush=True)
     warm = [one for one in samples if one.get("seconds", 0) > options.seconds / 4]
     for name in ("threads", "resident_kib", "descriptors", "mappings", "open"):
         values = [one[name] for one in warm if name in one]

@@ -14,8 +14,8 @@ using namespace usbip;
 
 namespace {
 
-constexpr size_t kMaxPending = 256U << 20; // bytes; far more than any kernel has in flight
-constexpr size_t kMaxUnlinkedEarly = 4096;
+constexpr size_t kMaxPending = 256U << 20;  // bytes; far more than a kernel has in flight
+constexpr size_t kMaxUnlinkedEarly = 4096;  // a kernel has one at a time, or a few
 constexpr uint32_t kNoPackets = 0xFFFFFFFF; // some clients send it, others 0, if not isochronous
 
 uint8_t endpointAddress(const CommandHeader &header) {
@@ -51,11 +51,11 @@ bool Connection::work(bool readable) {
     if (readable)
         peerIsThere = socket_.receive();
     // A client that does not read its answers gets no more of them until it does.
-    while (!socket_.isFull() && !ending_ && handleInput()) {
+    while (!socket_.isFull() && phase_ != Phase::Ending && handleInput()) {
     }
     if (device_ != nullptr)
         offerAll();
-    return socket_.flush() && peerIsThere && !(ending_ && socket_.drained());
+    return socket_.flush() && peerIsThere && !(phase_ == Phase::Ending && socket_.drained());
 }
 
 bool Connection::handleInput() {
@@ -212,19 +212,19 @@ void Connection::offerPending() {
 }
 
 void Connection::deviceLeft() {
-    leaving_ = true;
+    phase_ = Phase::DeviceGone;
 }
 
 // Wakes the connection even if there is nothing to send, so that it ends.
 void Connection::disconnect() {
-    ending_ = true;
+    phase_ = Phase::Ending;
     if (onOutput)
         onOutput();
 }
 
 void Connection::offer(uint8_t endpoint) {
     std::deque<Transfer> &transfers = pending_[endpoint];
-    while (!transfers.empty() && !leaving_ && !socket_.isFull() &&
+    while (!transfers.empty() && phase_ == Phase::Serving && !socket_.isFull() &&
            answer(endpoint, transfers.front())) {
         subtractPending(transfers.front());
         transfers.pop_front();

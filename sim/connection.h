@@ -82,8 +82,10 @@ private:
     size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
     uint32_t lastSubmitted_ = 0;                 // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
-    bool leaving_ = false; // the device answers no more; only unlinks are answered
-    bool ending_ = false;  // the connection ends when everything is sent
+    // When the device has gone only unlinks are answered; an ending connection ends when everything
+    // is sent.
+    enum class Phase { Serving, DeviceGone, Ending };
+    Phase phase_ = Phase::Serving;
 };
 
 } // namespace sim

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "errors.h"
 
@@ -13,12 +14,13 @@ namespace tool {
 
 namespace {
 
-constexpr StallGuard::Seconds kMost{1e9}; // the clock knows no more than some hundred years
+// The time is counted in steps, so that little counts of the time in which the program was stopped.
+constexpr StallGuard::Seconds kStep{1};
 
 } // namespace
 
 StallGuard::StallGuard(Seconds atMost, std::string what, std::string hint)
-    : atMost_(std::min(atMost, kMost)), what_(std::move(what)), hint_(std::move(hint)) {
+    : atMost_(atMost), what_(std::move(what)), hint_(std::move(hint)) {
     if (atMost_.count() > 0)
         thread_ = std::jthread([this](const std::stop_token &stop) { watch(stop); });
 }
@@ -33,11 +35,18 @@ void StallGuard::noteProgress() {
 // the program ends from here, without tidying up.
 void StallGuard::watch(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
-    while (changed_.wait_for(lock, stop, atMost_, [this]() { return progressed_; }))
+    Seconds left = atMost_;
+    while (left.count() > 0) {
+        const Seconds next = std::min(left, kStep);
+        left -= next;
+        if (changed_.wait_for(lock, stop, next, [this]() { return progressed_; }))
+            left = atMost_;
         progressed_ = false;
-    if (stop.stop_requested())
-        return;
-    fmt::print(stderr, "\nvexa-usb: {}\n  {}\n", what_, hint_);
+        if (stop.stop_requested())
+            return;
+    }
+    const char *const afterBar = isatty(STDERR_FILENO) != 0 ? "\n" : "";
+    fmt::print(stderr, "{}vexa-usb: {}\n  {}\n", afterBar, what_, hint_);
     std::_Exit(static_cast<int>(Exit::Timeout));
 }
 

@@ -12,16 +12,16 @@ void Inbox::callback(_vexa_usb_device_event event, void *inbox) {
         ++self.full_;
         break;
     case VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR:
-        self.error_ = true;
+        self.signs_.error = true;
         break;
     case VEXA_USB_DEVICE_EVENT_REMOVED:
-        self.removed_ = true;
+        self.signs_.removed = true;
         break;
     case VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED:
-        self.started_ = true;
+        self.signs_.started = true;
         break;
     case VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED:
-        self.stopped_ = true;
+        self.signs_.stopped = true;
         break;
     default:
         self.take(static_cast<uint8_t>(event));
@@ -32,7 +32,7 @@ void Inbox::callback(_vexa_usb_device_event event, void *inbox) {
 void Inbox::take(uint8_t byte) {
     const bool isRight = received_ < bytes_.size() && bytes_[received_] == byte;
     if (!isRight && foundFirst_)
-        wrongByte_ = true;
+        signs_.wrongByte = true;
     else if (!isRight)
         received_ = !bytes_.empty() && bytes_[0] == byte ? 1 : 0;
     else if (++received_ == bytes_.size()) {
@@ -44,28 +44,32 @@ void Inbox::take(uint8_t byte) {
 void Inbox::clear() {
     const std::lock_guard lock(mutex_);
     full_ = 0;
-    started_ = error_ = removed_ = stopped_ = wrongByte_ = foundFirst_ = false;
+    signs_ = {};
+    foundFirst_ = false;
     bytes_.clear();
     received_ = 0;
 }
 
 Inbox::News Inbox::waitForBuffer(uint64_t seen) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kPatience, [&]() { return full_ > seen || error_ || removed_; });
+    changed_.wait_for(lock, kPatience,
+                      [&]() { return full_ > seen || signs_.error || signs_.removed; });
     if (full_ > seen)
         return News::Full;
-    if (removed_)
+    if (signs_.removed)
         return News::Removed;
-    return error_ ? News::Error : News::Silence;
+    return signs_.error ? News::Error : News::Silence;
 }
 
 bool Inbox::has(News end) const {
-    return end == News::Error ? error_ : end == News::Removed ? removed_ : stopped_;
+    return end == News::Error     ? signs_.error
+           : end == News::Removed ? signs_.removed
+                                  : signs_.stopped;
 }
 
 Inbox::News Inbox::waitForEnd(News end, std::chrono::seconds patience) {
     std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, patience, [&]() { return has(end) || removed_; }))
+    if (!changed_.wait_for(lock, patience, [&]() { return has(end) || signs_.removed; }))
         return News::Silence;
     return has(end) ? end : News::Removed;
 }
@@ -79,30 +83,16 @@ void Inbox::expectBytes(std::vector<uint8_t> bytes) {
 
 std::optional<Inbox::Clock::duration> Inbox::waitForBytes() {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kPatience, [&]() { return received_ == bytes_.size() || removed_; });
+    changed_.wait_for(lock, kPatience,
+                      [&]() { return received_ == bytes_.size() || signs_.removed; });
     if (received_ < bytes_.size())
         return std::nullopt;
     return complete_ - announced_;
 }
 
-bool Inbox::started() {
+Inbox::Signs Inbox::signs() {
     const std::lock_guard lock(mutex_);
-    return started_;
-}
-
-bool Inbox::removed() {
-    const std::lock_guard lock(mutex_);
-    return removed_;
-}
-
-bool Inbox::failed() {
-    const std::lock_guard lock(mutex_);
-    return error_;
-}
-
-bool Inbox::wrongByte() {
-    const std::lock_guard lock(mutex_);
-    return wrongByte_;
+    return signs_;
 }
 
 } // namespace endurance

@@ -43,11 +43,15 @@ public:
     // they do not come or the device has gone.
     std::optional<Clock::duration> waitForBytes();
 
-    bool started();
-    bool removed();
-    bool failed(); // the stream
-    // A byte that was not due.
-    bool wrongByte();
+    struct Signs {
+        bool started = false; // the stream
+        bool error = false;   // of the stream
+        bool stopped = false; // the stream
+        bool removed = false;
+        bool wrongByte = false; // one that was not due
+    };
+    // What has come until now.
+    Signs signs();
 
 private:
     bool has(News end) const;
@@ -56,11 +60,7 @@ private:
     std::mutex mutex_; // guards the rest
     std::condition_variable changed_;
     uint64_t full_ = 0;
-    bool started_ = false;
-    bool error_ = false;
-    bool removed_ = false;
-    bool stopped_ = false;
-    bool wrongByte_ = false;
+    Signs signs_;
     bool foundFirst_ = false;    // the first bytes that were expected
     std::vector<uint8_t> bytes_; // expected
     size_t received_ = 0;        // of them

@@ -71,7 +71,7 @@ void User::run(bool untilRemoved) {
     while (untilRemoved) {
         if (openDevice()) {
             session(Ending::Removal);
-            if (inbox_->removed())
+            if (inbox_->signs().removed)
                 return;
         } else if (mayGiveUp) {
             return;
@@ -92,11 +92,11 @@ bool User::openDevice() {
 }
 
 void User::closeDevice() {
-    if (inbox_->wrongByte())
+    if (inbox_->signs().wrongByte)
         tally_.finding("a byte came that no event packet held");
     --tally_.open;
     ++tally_.sessions;
-    tally_.removals += inbox_->removed() ? 1 : 0;
+    tally_.removals += inbox_->signs().removed ? 1 : 0;
     if (vexa_usb_close(device_) != VEXA_USB_STATUS_SUCCESS)
         tally_.finding("a close failed");
     claims_.giveBack(id_);
@@ -179,7 +179,7 @@ bool User::drainOne() {
         tally_.finding("a stream is silent after " + std::to_string(position_));
     if (news != News::Full)
         return false;
-    if (!inbox_->started())
+    if (!inbox_->signs().started)
         tally_.finding("a buffer was full before the stream had started");
     uint8_t *data = nullptr;
     uint64_t size = 0;
@@ -211,7 +211,7 @@ bool User::sendEvents() {
         tally_.addLatency(*latency);
         tally_.eventBytes += bytes.size();
         eventsCame_ = true;
-    } else if (!inbox_->removed() &&
+    } else if (!inbox_->signs().removed &&
                !settings_.foreign) { // who ends an event pipe tells only the log
         tally_.finding("events did not come");
     }
@@ -275,7 +275,7 @@ void User::afterTheEnd() {
     if (mayBeRemoved_ &&
         inbox_->waitForEnd(News::Removed, kBetweenErrorAndRemoval) == News::Removed)
         return;
-    if (inbox_->failed())
+    if (inbox_->signs().error)
         ++tally_.lostStreams;
     end(Ending::Stop);
 }

@@ -2,12 +2,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <new>
 
 #include "core/global_state.h"
 #include "core/mutex.h"
+#include "core/undestroyed.h"
 
 namespace vexausb::event_duty {
 
@@ -26,9 +25,8 @@ struct Duty {
 
 // Never destroyed: the thread may still wait for it when the process ends without a last fini.
 Duty &duty() {
-    alignas(Duty) static std::byte memory[sizeof(Duty)];
-    static auto *const only = new (memory) Duty;
-    return *only;
+    static Undestroyed<Duty> only;
+    return only.get();
 }
 
 } // namespace

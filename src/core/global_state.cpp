@@ -1,8 +1,8 @@
 #include "core/global_state.h"
 
-#include <cstddef>
-#include <new>
 #include <utility>
+
+#include "core/undestroyed.h"
 
 namespace vexausb {
 
@@ -16,8 +16,7 @@ std::shared_ptr<DeviceList> deviceList GUARDED_BY(deviceListMutex);
 
 template <typename Thing>
 void keep(Thing &thing) {
-    alignas(Thing) static std::byte memory[sizeof(Thing)];
-    new (memory) Thing(std::move(thing));
+    static Undestroyed<Thing> kept(std::move(thing));
 }
 
 } // namespace

@@ -33,6 +33,7 @@ extern std::atomic<bool> libusbRunning;
 // True in a child that was forked while the library was in use.  It has none of the library's
 // threads, finds locks held for ever, and shares the devices' files with its parent, which would
 // get what the child asks for.  So the library stays out of use there: init and fini do nothing.
+// lifecycle.cpp sets it in the child, while that has one thread only.
 extern std::atomic<bool> forkedInUse;
 
 // For that child: what a process destroys as it exits is kept instead.

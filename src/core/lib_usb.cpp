@@ -1,7 +1,5 @@
 #include "core/lib_usb.h"
 
-#include <cstddef>
-#include <new>
 #include <utility>
 
 #include "core/connection_registry.h"
@@ -10,6 +8,7 @@
 #include "core/log.h"
 #include "core/supported_devices.h"
 #include "core/thread.h"
+#include "core/undestroyed.h"
 
 namespace vexausb {
 
@@ -18,9 +17,8 @@ namespace {
 // Never destroyed: a thread may still wait for it when the process exits, or have waited when it
 // was forked, and the destructor would wait for that thread.
 UseGate &contextGate() {
-    alignas(UseGate) static std::byte memory[sizeof(UseGate)];
-    static auto *const only = new (memory) UseGate(false);
-    return *only;
+    static Undestroyed<UseGate> only(false);
+    return only.get();
 }
 
 // Null when there is none.  Written while the gate is closed.

@@ -444,7 +444,8 @@ void World::transfer(const Step &op) {
     for (const auto &one : wire.transfers)
         asked += static_cast<uint64_t>(one.asked);
     require(status != 0 || asked == length, "not all was transferred");
-    require(wire.transfers.size() <= length / 524288 + 1, "more pieces than needed");
+    require(wire.transfers.size() <= std::max<size_t>(1, (length + 524287) / 524288),
+            "more pieces than needed");
 }
 
 void World::enable(const Step &op) {
