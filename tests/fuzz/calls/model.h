@@ -16,10 +16,12 @@ namespace model {
 
 inline constexpr int32_t kThrew = 100; // an exception instead of a status
 
+// Says so on standard output: a fuzzer closes the other, on which the library logs.
 inline void require(bool holds, const char *what, int64_t value = 0) {
     if (!scheduler::kOrders || holds)
         return;
-    std::fprintf(stderr, "model: %s (%lld)\n", what, static_cast<long long>(value));
+    std::printf("model: %s (%lld)\n", what, static_cast<long long>(value));
+    std::fflush(stdout);
     std::abort();
 }
 

@@ -135,10 +135,10 @@ int32_t Call::judge(const char *name, std::initializer_list<int32_t> answers) {
     if (isReached_)
         statuses_.insert(answers);
     if (kOrders && statuses_.count(status_) == 0) {
-        std::fprintf(stderr, "%s may answer", name);
+        std::printf("%s may answer", name);
         for (const int32_t status : statuses_)
-            std::fprintf(stderr, " %d", status);
-        std::fprintf(stderr, "\n");
+            std::printf(" %d", status);
+        std::printf("\n");
     }
     require(statuses_.count(status_) != 0, "answers what it may not", status_);
     return status_;
@@ -247,8 +247,9 @@ void World::update(const Step & /*op*/) {
     if (!kOrders || status == VEXA_USB_STATUS_NOT_INITIALIZED || fake::failuresMet != failures)
         return;
     for (Place &place : places_) {
-        const bool isSteady =
-            place.changedAt < call.since && initialized_.is(true) && finiAt_ < call.since;
+        // A departure that is still on its way takes back what an update finds.
+        const bool isSteady = place.changedAt < call.since && place.leftAt <= restedAt_ &&
+                              initialized_.is(true) && finiAt_ < call.since;
         place.isKnown = place.isKnown && isSteady && !isPartial;
         if (!isSteady || !place.isAttached || !place.isSupported)
             continue;
@@ -339,6 +340,7 @@ void World::subscribe(const Step &op) {
     const bool valid = op.b < 240;
     registration.isActive = valid;
     Call call(*this);
+    ++registered_;
     const int32_t status = call.make([&]() {
         return vexa_usb_register_device_list_event_callback(
             valid || op.b % 2 != 0 ? onChange : nullptr, &registration,
@@ -348,7 +350,6 @@ void World::subscribe(const Step &op) {
     call.judge("register_device_list_event_callback", {0});
     if (!kOrders)
         return;
-    registered_ += status == 0 ? 1 : 0;
     registration.isActive = status == 0;
     registration.isDoubtful = finiAt_ > call.since || changing_.canBe(true, call.since);
     require(!registration.isActive || registration.isDoubtful || registration.id < registered_,

@@ -55,14 +55,15 @@ uint64_t now = kSecond; // nanoseconds
 bool threadFails = false;
 
 [[noreturn]] void giveUp(const char *why) {
-    std::fprintf(stderr, "scheduler: %s\n", why);
+    std::printf("scheduler: %s\n", why);
     for (const auto &task : tasks) {
         std::array<char, 16> name{};
         if (task->state != Task::State::Ended)
             pthread_getname_np(task->thread, name.data(), name.size());
-        std::fprintf(stderr, "  '%s' state %d, awaits %p, holds %zu locks\n", name.data(),
-                     static_cast<int>(task->state), task->awaited, task->locks);
+        std::printf("  '%s' state %d, awaits %p, holds %zu locks\n", name.data(),
+                    static_cast<int>(task->state), task->awaited, task->locks);
     }
+    std::fflush(stdout);
     std::abort();
 }
 

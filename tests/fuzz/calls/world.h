@@ -197,9 +197,9 @@ private:
     model::Fact initialized_;
     model::Fact changing_; // the first init or the last fini may be at work
     uint64_t starvedAt_ = 0, finiAt_ = 0, restedAt_ = 0;
-    uint32_t registered_ = 0; // since the last init
-    bool hasEnded_ = false;   // a last fini has begun
-    bool isPartial_ = false;  // an init has met a failure
+    std::atomic<uint32_t> registered_{0}; // since the last init, or being registered
+    bool hasEnded_ = false;               // a last fini has begun
+    bool isPartial_ = false;              // an init has met a failure
 };
 
 } // namespace calls
