@@ -529,6 +529,7 @@ void World::lock(const Step &op) {
         return vexa_usb_data_stream_buffer_lock(on.device, valid || op.b % 2 != 0 ? &data : nullptr,
                                                 valid || op.b % 2 == 0 ? &size : nullptr);
     });
+    on.noteOverlap(call.since);
     call.onStream(valid).check(on.isLoose || on.locked.canBe(false, call.since),
                                on.isLoose || on.locked.canBe(true, call.since),
                                VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
@@ -550,6 +551,7 @@ void World::unlock(const Step &op) {
         on.latest().checkBuffer(on.latest().locks - 1, on.data); // as it was
     Call call(*this, &on, &on.locked, -1);
     call.make([&]() { return vexa_usb_data_stream_buffer_unlock(on.device); });
+    on.noteOverlap(call.since);
     call.onStream().check(on.isLoose || on.locked.canBe(true, call.since),
                           on.isLoose || on.locked.canBe(false, call.since),
                           VEXA_USB_STATUS_UNKNOWN);

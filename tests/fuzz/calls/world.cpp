@@ -164,6 +164,11 @@ Flow &Handle::latest() {
     return runs[i == 0 ? 0 : i - 1];
 }
 
+void Handle::noteOverlap(uint64_t since) {
+    if (scheduler::kOrders)
+        isLoose = isLoose || (stream.canBe(true, since) && stream.canBe(false, since));
+}
+
 void Handle::heard(uint32_t event) {
     if (!scheduler::kOrders)
         return;

@@ -53,6 +53,7 @@ struct Handle {
     void heard(uint32_t event);
     model::Flow *runThat(bool hasStarted); // and has not stopped
     model::Flow &latest();
+    void noteOverlap(uint64_t since); // of a lock or unlock with a start or stop
 
     World *world = nullptr;
     Place *place = nullptr;
@@ -66,7 +67,8 @@ struct Handle {
     const uint8_t *data = nullptr; // locked, and in step
     unsigned removals = 0, callsAfterClose = 0;
     bool hasClaim = false, isOpen = false, isLoopless = false, pipeEnded = false;
-    bool isLoose = false; // starts and stops have overlapped: who knows which event is whose
+    // Calls of two runs of the stream have overlapped: who knows which event, or buffer, is whose.
+    bool isLoose = false;
 };
 
 struct Slot {
