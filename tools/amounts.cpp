@@ -90,6 +90,29 @@ CLI::Validator positiveCount() {
             "POSITIVE"};
 }
 
+CLI::Validator upTo(uint64_t most) {
+    return {[most](const std::string &text) {
+                const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+                const char *const last = text.data() + text.size();
+                uint64_t value = 0;
+                const auto [end, error] = std::from_chars(text.data() + (hexadecimal ? 2 : 0), last,
+                                                          value, hexadecimal ? 16 : 10);
+                return error == std::errc() && end == last && value <= most
+                           ? std::string()
+                           : fmt::format("'{}' is not a whole number from 0 to {} ({:#x})", text,
+                                         most, most);
+            },
+            "NUMBER"};
+}
+
+CLI::Validator notEmpty() {
+    return {[](const std::string &text) {
+                return text.empty() ? "its value is empty; leave it out, or give one"
+                                    : std::string();
+            },
+            ""};
+}
+
 CLI::Validator byteCount() {
     return {[](std::string &text) {
                 return convertBytes(text, std::numeric_limits<uint64_t>::max(), "");

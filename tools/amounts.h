@@ -14,11 +14,15 @@ inline constexpr uint64_t kMostInMemory = uint64_t{256} << 20;
 // Checks for the amounts that a user gives. Each refuses text that is not a number, and numbers
 // that are infinite or too large.
 
-CLI::Validator positive();      // above 0; fractions are allowed
-CLI::Validator notNegative();   // 0 or above; fractions are allowed
-CLI::Validator positiveCount(); // a whole number above 0
+CLI::Validator positive();          // above 0; fractions are allowed
+CLI::Validator notNegative();       // 0 or above; fractions are allowed
+CLI::Validator positiveCount();     // a whole number above 0
+CLI::Validator upTo(uint64_t most); // a whole number, decimal or hexadecimal
 // A number of bytes, with or without a unit such as k or M; use these with transform().
 CLI::Validator byteCount();
 CLI::Validator byteCountInMemory();
+
+// Refuses an empty text, which a script's unset variable gives.
+CLI::Validator notEmpty();
 
 } // namespace tool

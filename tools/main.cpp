@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "amounts.h"
 #include "commands.h"
 #include "completion.h"
 #include "errors.h"
@@ -56,8 +57,11 @@ void addVerboseOption(CLI::App &command, CommonOptions &common) {
 void addCommand(CLI::App &app, const char *name, const char *help,
                 std::function<void(CLI::App &)> define) {
     CLI::App *command = app.add_subcommand(name, help);
-    command->preparse_callback(
-        [command, define = std::move(define)](size_t /*arguments*/) { define(*command); });
+    command->preparse_callback([command, define = std::move(define)](size_t /*arguments*/) {
+        define(*command);
+        for (CLI::Option *option : command->get_options())
+            option->check(notEmpty());
+    });
 }
 
 namespace {
@@ -110,6 +114,15 @@ void throwIfUnknown(const CLI::App &app) {
 
 int run(std::vector<std::string> words);
 
+std::string helpFor(const CLI::App &app) {
+    std::string command = "vexa-usb help";
+    for (const CLI::App *named = &app; !named->get_subcommands().empty();) {
+        named = named->get_subcommands().front();
+        command += " " + named->get_name();
+    }
+    return command;
+}
+
 // 'help load fx2' is 'load fx2 --help'.
 void defineHelpCommand(CLI::App &app) {
     const auto words = std::make_shared<std::vector<std::string>>();
@@ -153,8 +166,10 @@ int run(std::vector<std::string> words) {
         if (code == static_cast<int>(CLI::ExitCodes::RequiredError) ||
             dynamic_cast<const CLI::CallForHelp *>(&error) != nullptr)
             throwIfUnknown(app);
-        return app.exit(error) == 0 ? static_cast<int>(Exit::Success)
-                                    : static_cast<int>(Exit::Usage);
+        if (code != 0)
+            throw Error(Exit::Usage, error.what(),
+                        fmt::format("'{}' tells what it takes.", helpFor(app)));
+        return app.exit(error);
     }
 }
 

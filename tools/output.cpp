@@ -30,14 +30,13 @@ bool isReplaceable(const std::string &path) {
 } // namespace
 
 Output::Output(const std::string &path, Existing existing)
-    : name_(isStandard(path) ? "standard output" : path) {
+    : isStandard_(isStandard(path)), name_(isStandard_ ? "standard output" : path) {
     if (existing == Existing::Replace && isReplaceable(path)) {
         target_ = std::filesystem::weakly_canonical(path);
         openTemporary();
     } else {
-        descriptor_ = isStandard(path)
-                          ? dup(STDOUT_FILENO)
-                          : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        descriptor_ = isStandard_ ? dup(STDOUT_FILENO)
+                                  : open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
     }
     if (descriptor_ < 0)
         throwSystemError("cannot write " + name_);
@@ -69,6 +68,14 @@ void Output::finishTemporary() {
     if (std::rename(temporary_.c_str(), target_.c_str()) != 0)
         throwSystemError("cannot write " + name_);
     temporary_.clear();
+}
+
+// A pipe or a device has nothing to empty, and what the shell has opened it may append to.
+void Output::overwrite() {
+    struct stat status {};
+    if (!isStandard_ && fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode) &&
+        ftruncate(descriptor_, 0) != 0)
+        throwSystemError("cannot write " + name_);
 }
 
 void Output::write(std::span<const uint8_t> bytes) {

@@ -77,12 +77,12 @@ private:
     const CommonOptions &common_;
     const std::shared_ptr<Events> events_ = std::make_shared<Events>();
     std::optional<Output> output_;
-    std::optional<Output> metadata_; // opened before the work, so that errors show early
+    std::optional<Output> metadata_; // both opened before the work, so that errors show early
     const Library library_;
     const Device device_;
     Progress progress_;
     const std::chrono::system_clock::time_point date_ = std::chrono::system_clock::now();
-    Clock::time_point start_;
+    Clock::time_point start_; // of the stream; none before
     Clock::time_point lastData_;
     std::optional<Clock::time_point> end_;
     uint64_t bytesDone_ = 0;
@@ -97,7 +97,7 @@ StreamRun::StreamRun(const StreamOptions &options, const CommonOptions &common)
       progress_(Progress::formFor(common_.progress, common_.json),
                 {options_.bytes,
                  options_.seconds ? std::optional<Seconds>(*options_.seconds) : std::nullopt}) {
-    checkMemory(); // before an existing file is emptied
+    checkMemory();
     if (options_.metadata)
         metadata_.emplace(options_.output + ".json", Output::Existing::Replace);
     if (!options_.output.empty())
@@ -133,6 +133,8 @@ void StreamRun::begin() {
 
 void StreamRun::run() {
     begin();
+    if (output_)
+        output_->overwrite(); // not before: a start that fails takes no older recording with it
     while (!isFinished())
         handleNext();
     end_ = Clock::now();
@@ -183,7 +185,7 @@ void StreamRun::throwLost() const {
                     bytesDone_, options_.keepGoing ? "" : "a transfer failed or came short, "),
         "--verbose tells which it was. If no buffer was free, give more or larger ones "
         "(--buffers, --buffer-size), or write to a faster place. If a transfer was refused, "
-        "with many devices at once, raise the system's limit: echo 256 > "
+        "with many devices at once, raise the system's limit: echo 256 | sudo tee "
         "/sys/module/usbcore/parameters/usbfs_memory_mb");
 }
 
@@ -264,7 +266,7 @@ void StreamRun::report() const {
 }
 
 void StreamRun::writeMetadata(const std::string &failure) {
-    if (!metadata_)
+    if (!metadata_ || start_ == Clock::time_point())
         return;
     nlohmann::json facts = result();
     facts["time"] = fmt::format("{:%FT%T}Z", fmt::gmtime(date_));
@@ -303,7 +305,9 @@ void stream(const StreamOptions &options, const CommonOptions &common) {
 
 void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<StreamOptions>();
-    command.add_option("ENDPOINT", options->endpoint, "Endpoint address")->default_str("0x82");
+    command.add_option("ENDPOINT", options->endpoint, "Endpoint address")
+        ->default_str("0x82")
+        ->check(upTo(0xFF));
     command.add_option("-o,--output", options->output,
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");

@@ -78,9 +78,9 @@ void showWritten(const CommonOptions &common, size_t count) {
 }
 
 void control(const TransferOptions &options, const CommonOptions &common) {
+    Bytes bytes = options.in ? Bytes(options.length) : dataToSend(options);
     const Library library;
     const Device device(common.device);
-    Bytes bytes = options.in ? Bytes(options.length) : dataToSend(options);
     const auto output = options.in ? openOutput(options) : nullptr;
     const int32_t direction = options.in ? VEXA_USB_DIRECTION_IN : VEXA_USB_DIRECTION_OUT;
     check(vexa_usb_control_transfer(device.get(), direction, options.type, options.recipient,
@@ -105,11 +105,11 @@ void read(const TransferOptions &options, const CommonOptions &common) {
 }
 
 void write(const TransferOptions &options, const CommonOptions &common) {
-    const Library library;
-    const Device device(common.device);
     const Bytes bytes = dataToSend(options);
     if (bytes.empty())
         throw Error(Exit::Usage, "there is nothing to write", "Give --data HEX or a FILE.");
+    const Library library;
+    const Device device(common.device);
     const auto transfer = options.interrupt ? vexa_usb_interrupt_write : vexa_usb_bulk_write;
     check(transfer(device.get(), options.endpoint, bytes.data(), bytes.size()),
           fmt::format("writing endpoint {:#04x}", options.endpoint));
@@ -123,15 +123,16 @@ void addDataOptions(CLI::App &command, TransferOptions &options) {
         ->excludes(data);
 }
 
-void addOutputOption(CLI::App &command, TransferOptions &options) {
-    command.add_option("-o,--output", options.output,
-                       "Write the bytes to this file; - is standard output. Without it they are "
-                       "shown in hexadecimal");
+CLI::Option *addOutputOption(CLI::App &command, TransferOptions &options) {
+    return command.add_option("-o,--output", options.output,
+                              "Write the bytes to this file; - is standard output. Without it they "
+                              "are shown in hexadecimal");
 }
 
 void addEndpointOptions(CLI::App &command, TransferOptions &options) {
     command.add_option("ENDPOINT", options.endpoint, "Endpoint address, for instance 0x83")
-        ->required();
+        ->required()
+        ->check(upTo(0xFF));
     command.add_flag("--interrupt", options.interrupt, "An interrupt endpoint, not a bulk one");
 }
 
@@ -139,9 +140,9 @@ void addEndpointOptions(CLI::App &command, TransferOptions &options) {
 
 void defineControlCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
-    command.add_option("REQUEST", options->request, "bRequest")->required();
-    command.add_option("VALUE", options->value, "wValue");
-    command.add_option("INDEX", options->index, "wIndex");
+    command.add_option("REQUEST", options->request, "bRequest")->required()->check(upTo(0xFF));
+    command.add_option("VALUE", options->value, "wValue")->check(upTo(0xFFFF));
+    command.add_option("INDEX", options->index, "wIndex")->check(upTo(0xFFFF));
     addDataOptions(command, *options);
     CLI::Option *length =
         command.add_option("--in", options->length, "Read N bytes; without it, write")
@@ -154,7 +155,7 @@ void defineControlCommand(CLI::App &command, CommonOptions &common) {
         .add_option("--recipient", options->recipient,
                     "device (the default), interface, endpoint or other")
         ->transform(oneOf(recipients));
-    addOutputOption(command, *options);
+    addOutputOption(command, *options)->needs(length);
     addDeviceOptions(command, common);
     addJsonOption(command, common);
     command.footer("Examples:\n"

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "amounts.h"
 #include "commands.h"
 #include "device.h"
 #include "errors.h"
@@ -101,7 +102,9 @@ void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     const auto endpoint = std::make_shared<uint8_t>(uint8_t{0x81});
     const auto stop = std::make_shared<StopCondition>();
     addDeviceOptions(command, common, "DEVICE");
-    command.add_option("-e,--endpoint", *endpoint, "Endpoint address")->default_str("0x81");
+    command.add_option("-e,--endpoint", *endpoint, "Endpoint address")
+        ->default_str("0x81")
+        ->check(upTo(0xFF));
     stop->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "
