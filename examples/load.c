@@ -13,7 +13,9 @@ static int32_t load(const char *kind, _vexa_usb_device *device, const uint8_t *i
     if (strcmp(kind, "fx2") == 0)
         return vexa_usb_fx2_load_firmware(device, image, size);
     if (strcmp(kind, "fx3") == 0) /* from malloc, so aligned */
-        return vexa_usb_fx3_load_firmware(device, (const uint32_t *)(const void *)image, size / 4);
+        return size % 4 != 0 ? VEXA_USB_STATUS_INVALID_PARAMETERS
+                             : vexa_usb_fx3_load_firmware(
+                                   device, (const uint32_t *)(const void *)image, size / 4);
     if (strcmp(kind, "dfu") == 0)
         return vexa_usb_dfu_download(device, image, size, onProgress, NULL);
     if (strcmp(kind, "spl") == 0)
@@ -34,6 +36,10 @@ int main(int argc, char **argv) {
         return 2;
     }
     size = fread(image, 1, kLargest, file);
+    if (!feof(file)) {
+        fprintf(stderr, "%s: cannot be read, or has %zu bytes or more\n", argv[2], kLargest);
+        return 1;
+    }
     fclose(file);
     device = openFirst(ignoreEvent, NULL);
     require(load(argv[1], device, image, size), argv[1]);

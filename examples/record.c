@@ -39,15 +39,17 @@ int main(int argc, char **argv) {
     _vexa_usb_device *device;
     uint64_t size = 0, done = 0;
     const uint64_t wanted = argc == 3 ? strtoull(argv[2], NULL, 10) : 0;
-    FILE *file = argc == 3 ? fopen(argv[1], "wb") : NULL;
-    int written = file != NULL;
-    if (file == NULL) {
-        fprintf(stderr, "usage: record FILE BYTES (and FILE must be writable)\n");
+    FILE *file;
+    int written;
+    if (argc != 3) {
+        fprintf(stderr, "usage: record FILE BYTES\n");
         return 2;
     }
     sem_init(&events, 0, 0);
     setenv("VEXA_USB_STREAM", "strict", 1); /* a gap in the data ends the stream */
-    device = openFirst(onEvent, NULL);
+    device = openFirst(onEvent, NULL);      /* before an older recording is emptied */
+    file = fopen(argv[1], "wb");
+    written = file != NULL;
     require(vexa_usb_data_stream_start(device, 0x82, 1 << 20, 32), "stream");
     while (written && done < wanted && waitForBuffer()) {
         uint8_t *data;
@@ -58,7 +60,7 @@ int main(int argc, char **argv) {
         done += size;
         vexa_usb_data_stream_buffer_unlock(device);
     }
-    written = fclose(file) == 0 && written;
+    written = file != NULL && fclose(file) == 0 && written;
     if (!written)
         fprintf(stderr, "%s: cannot be written\n", argv[1]);
     else if (done < wanted)

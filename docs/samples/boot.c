@@ -27,6 +27,10 @@ int main(int argc, char **argv) {
     _vexa_usb_device *device;
     uint32_t registration;
     int back;
+    if (file == NULL || !feof(file)) {
+        fprintf(stderr, "usage: boot FILE (readable, and less than %zu bytes)\n", sizeof(image));
+        return 2;
+    }
     sem_init(&came, 0, 0);
     vexa_usb_init();
     device = openFirst(ignoreEvents, NULL);

@@ -5,8 +5,8 @@ import sys
 import vexa_usb
 
 path, left = sys.argv[1], int(sys.argv[2])
-with open(path, "wb", buffering=0) as file, vexa_usb.Library() as library, \
-        library.open() as device, device.stream(0x82, 1 << 20, 32, timeout=5) as stream:
+with vexa_usb.Library() as library, library.open() as device, open(path, "wb") as file, \
+        device.stream(0x82, 1 << 20, 32, timeout=5) as stream:
     for view in stream:
         file.write(view[:left])  # from the ring itself
         left -= len(view)
