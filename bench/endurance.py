@@ -50,6 +50,12 @@ counts = {}
 findings = []
 
 
+def find(what):
+    """Notes what must not happen, and says so at once."""
+    findings.append(what)
+    print(f"found: {what}", flush=True)
+
+
 def count(what, by=1):
     counts[what] = counts.get(what, 0) + by
 
@@ -111,7 +117,7 @@ class Client:
             return None
         errors = self.errors.read()
         if status != 0:
-            findings.append(f"a client ended with {status}: {errors[-2000:]}")
+            find(f"a client ended with {status}: {errors[-2000:]}")
             return None
         result = json.loads(self.output.read().splitlines()[-1])
         for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",
@@ -213,9 +219,10 @@ class Bus:
     def start(self):
         self.process = subprocess.Popen(
             [f"{options.build}/vexa-usb-sim", "--attach", "--port", "0", *self.devices],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            stdout=subprocess.PIPE, text=True)
         self.port = self.process.stdout.readline().strip().rpartition(":")[2]
-        wait_for(lambda: len(instruments()) == sum("instrument" in one for one in self.devices))
+        wait_for("the devices to come",
+                 lambda: len(instruments()) == sum("instrument" in one for one in self.devices))
 
     @counted("simulator stopped for a while")
     def pause(self, seconds):
@@ -227,7 +234,7 @@ class Bus:
     def replace(self):
         self.process.kill()
         self.process.wait()
-        wait_for(lambda: not instruments())
+        wait_for("the devices to go", lambda: not instruments())
         self.start()
 
     @counted("devices detached and attached")
@@ -235,27 +242,33 @@ class Bus:
         """Unplugs a device by the system's own command, and plugs it in again."""
         ports = re.findall(r"Port (\d+):.*?(\d+-\d+) -> usbip:\S*/(\S+)",
                            run("usbip", "port").stdout, re.DOTALL)
+        if not ports:
+            return False
         port, device, name = chance.choice(ports)
         run("usbip", "detach", "-p", port)
-        wait_for(lambda: not pathlib.Path("/sys/bus/usb/devices", device).exists())
-        wait_for(lambda: run("usbip", "--tcp-port", self.port, "attach", "-r", "127.0.0.1",
+        wait_for("the device to go",
+                 lambda: not pathlib.Path("/sys/bus/usb/devices", device).exists())
+        wait_for("usbip to attach the device",
+                 lambda: run("usbip", "--tcp-port", self.port, "attach", "-r", "127.0.0.1",
                              "-b", name).returncode == 0)
+        return True
 
     def end(self):
         self.process.terminate()
         if self.process.wait(timeout=60) != 0:
-            findings.append("the simulator failed")
+            find("the simulator failed")
 
 
 def run(*command):
     return subprocess.run(command, capture_output=True, text=True, timeout=60)
 
 
-def wait_for(condition):
+def wait_for(what, condition):
     end = time.time() + 60
     while not condition():
         if time.time() > end:
-            findings.append("the devices did not come or go")
+            log = run("dmesg").stdout.splitlines()[-20:]
+            find("\n".join([f"waited in vain for {what}", run("usbip", "port").stdout, *log]))
             return
         time.sleep(0.05)
 
@@ -276,7 +289,7 @@ def is_flat(samples):
     """Whether what the process that stays uses has grown after the warm-up."""
     warm = [one for one in samples if one["seconds"] >= options.seconds * WARM_UP]
     if not warm:
-        findings.append("the process that stays has ended early")
+        find("the process that stays has ended early")
         return
     third = max(1, len(warm) // 3)
     for name, slack in (("resident_kib", MAX_GROWTH), ("threads", 2), ("descriptors", 4),
@@ -284,7 +297,7 @@ def is_flat(samples):
         first, last = (min(one[name] for one in part) for part in (warm[:third], warm[-third:]))
         print(f"{name}: at least {first}, later {last}")
         if last > first + slack:
-            findings.append(f"{name} has grown from {first} to {last}")
+            find(f"{name} has grown from {first} to {last}")
 
 
 class Clients:
@@ -357,7 +370,7 @@ def each():
     few = [action.what for action, _ in happenings
            if counts.get(action.what, 0) < 0.8 * options.each]
     if few:
-        findings.append(f"too seldom, the clients left no room for them: {', '.join(few)}")
+        find(f"too seldom, the clients left no room for them: {', '.join(few)}")
 
 
 def main():
@@ -365,7 +378,6 @@ def main():
     begin = time.time()
     each() if options.each else mix()
     print(", ".join(f"{name}: {counts[name]}" for name in sorted(counts)))
-    print(*findings, sep="\n")
     print(f"seed {options.seed}, {time.time() - begin:.0f} s: "
           f"{counts.get('bytes', 0) / 1e9:.2f} GB looked at, {len(findings)} findings")
     sys.exit(1 if findings or not counts.get("bytes") else 0)

@@ -505,15 +505,18 @@ void World::stop(const Step &op) {
     Handle &on = *op.on;
     if (kOrders)
         on.isLoose = on.isLoose || on.stream.isChanging();
+    const auto isInFlight = [&]() {
+        return std::ranges::count(fake::inFlight(), &on.latest(), &fake::InFlight::owner) != 0;
+    };
+    const bool abandons = on.isLoopless && isInFlight();
     Call call(*this, &on, &on.stream, -1);
     call.make([&]() { return vexa_usb_data_stream_stop(on.device); });
     if (call.onStream().judge("data_stream_stop", {0}) != 0 || !kOrders)
         return;
-    on.disconnectedAt = on.isLoopless ? tick() : 0;
+    on.disconnectedAt = abandons ? tick() : 0;
     on.data = nullptr;
     on.locked.clear();
-    for (const auto &one : fake::inFlight())
-        require(on.isLoose || one.owner != &on.latest(), "in flight after the stop");
+    require(on.isLoose || !isInFlight(), "in flight after the stop");
 }
 
 void World::lock(const Step &op) {
