@@ -40,7 +40,7 @@ Finding checkHolder(const UsbDevice &device) {
                         device.node),
             fmt::format("echo {} | sudo tee /sys/bus/usb/drivers/{}/unbind", device.interfaceName(),
                         driver),
-            Exit::CannotOpen};
+            Exit::Failed};
 }
 
 } // namespace tool

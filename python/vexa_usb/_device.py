@@ -309,8 +309,6 @@ class Device:
         An exception here, from `progress` too, closes the device: a download ends at its next block,
         other loads run to their end.
         """
-        if not self._loading.acquire(blocking=False):
-            raise InvalidParameters(f"{what}: this device is just being loaded")
         results: list[Any] = []
 
         def work() -> None:
@@ -322,10 +320,13 @@ class Device:
                 self._loading.release()
                 lib.bridgeLoadEnded(self._number)
 
-        lib.bridgeProgress(self._number)  # of an earlier load
-        threading.Thread(target=work, name="vexa-usb-load", daemon=True).start()
+        thread = threading.Thread(target=work, name="vexa-usb-load", daemon=True)
         done = 0.0
+        if not self._loading.acquire(blocking=False):
+            raise InvalidParameters(f"{what}: this device is just being loaded")
         try:
+            lib.bridgeProgress(self._number)  # of an earlier load
+            thread.start()
             while not results:
                 # Also returns on a signal, whose handler Python calls before it goes on.
                 if lib.bridgeWait(self._number, lib.kBridgeLoad, -1) == lib.kBridgeReady:
@@ -334,6 +335,9 @@ class Device:
                         done = heard
                         progress(done)
         except BaseException as error:
+            if thread.ident is None:  # not begun
+                self._loading.release()
+                raise
             error.add_note(f"{what}: the load was ended and the device closed; it may need to be "
                            "plugged in again before another load")
             self.close()

@@ -34,20 +34,20 @@ class NoDevice(Unknown, LookupError):
 
 
 class NotSupported(Error):
-    status = lib.VEXA_USB_STATUS_NOT_SUPPORTED
+    status: int = lib.VEXA_USB_STATUS_NOT_SUPPORTED
 
 
 class NotInitialized(Error):
-    status = lib.VEXA_USB_STATUS_NOT_INITIALIZED
+    status: int = lib.VEXA_USB_STATUS_NOT_INITIALIZED
     advice = "the interpreter is ending"
 
 
 class NoMemory(Error, MemoryError):
-    status = lib.VEXA_USB_STATUS_NO_MEMORY
+    status: int = lib.VEXA_USB_STATUS_NO_MEMORY
 
 
 class InvalidParameters(Error, ValueError):
-    status = lib.VEXA_USB_STATUS_INVALID_PARAMETERS
+    status: int = lib.VEXA_USB_STATUS_INVALID_PARAMETERS
 
 
 class Closed(InvalidParameters):
@@ -58,54 +58,54 @@ class Closed(InvalidParameters):
 
 
 class EventPipeNotActive(Error):
-    status = lib.VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE
+    status: int = lib.VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE
 
 
 class EventPipeActive(Error):
     """The event pipe can be enabled once for each opened device."""
 
-    status = lib.VEXA_USB_STATUS_EVENT_PIPE_ACTIVE
+    status: int = lib.VEXA_USB_STATUS_EVENT_PIPE_ACTIVE
     advice = "close and open the device to enable it again"
 
 
 class StreamBufferActive(Error):
-    status = lib.VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE
+    status: int = lib.VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE
     advice = "close the stream that the device has"
 
 
 class StreamBufferNotActive(Error):
-    status = lib.VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE
+    status: int = lib.VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE
 
 
 class EndpointNotSupported(Error):
-    status = lib.VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED
+    status: int = lib.VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED
 
 
 class InvalidEndpointDirection(Error, ValueError):
     """Bit 7 of the endpoint's address (0x80) is set for IN and clear for OUT."""
 
-    status = lib.VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION
+    status: int = lib.VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION
 
 
 class DeviceRemoved(Error):
     """The device has left the bus."""
 
-    status = lib.VEXA_USB_STATUS_DEVICE_REMOVED
+    status: int = lib.VEXA_USB_STATUS_DEVICE_REMOVED
     advice = "close it, and open the device that comes back"
 
 
 class Timeout(Error, TimeoutError):
-    status = lib.VEXA_USB_STATUS_TIMEOUT
+    status: int = lib.VEXA_USB_STATUS_TIMEOUT
 
 
 class NotAllDataTransferred(Error):
     """The device sent or took less than it was asked for."""
 
-    status = lib.VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED
+    status: int = lib.VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED
 
 
 class DataStreamBufferEmpty(Error):
-    status = lib.VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY
+    status: int = lib.VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY
 
 
 class StreamError(Error):

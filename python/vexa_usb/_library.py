@@ -59,6 +59,9 @@ class _Process:
                 lib.vexa_usb_init()
                 reason = ffi.string(lib.bridgeException()).decode()
                 if reason:
+                    lib.vexa_usb_fini()  # it counts all the same
+                    atexit.unregister(self._end)
+                    self._started_in = 0
                     check(lib.VEXA_USB_STATUS_UNKNOWN, reason)
 
     def _end(self) -> None:

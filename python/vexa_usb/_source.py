@@ -41,7 +41,7 @@ class Source(Generic[Item]):
         while (item := self._take()) is None:
             left = -1
             if deadline is not None:
-                left = min(max(0, round((deadline - time.monotonic()) * 1000)), 2**31 - 1)
+                left = round(min(max(0.0, deadline - time.monotonic()) * 1000, 2**31 - 1))
             # Also returns on a signal, whose handler Python calls before it goes on.
             if lib.bridgeWait(self._number, self._what, left) == lib.kBridgeTimedOut:
                 raise Timeout(f"nothing came for {timeout} s")
@@ -55,9 +55,11 @@ class Source(Generic[Item]):
 
     async def aget(self, timeout: float | None = None) -> Item:
         """As get(), in asyncio's loop.  Nothing is lost when it is cancelled."""
+        deadline = None if timeout is None else time.monotonic() + timeout
         while (item := self._take()) is None:
+            left = None if deadline is None else max(0.0, deadline - time.monotonic())
             try:
-                await asyncio.wait_for(self._ready(), timeout)
+                await asyncio.wait_for(self._ready(), left)
             except asyncio.TimeoutError:
                 raise Timeout(f"nothing came for {timeout} s") from None
         return item

@@ -23,12 +23,13 @@ void open(bool eventLoopRuns);
 // memory.
 void close();
 
-// Where more memory is shared with the kernel than the attached devices leave room for: what no
-// connection uses at the moment is given back.  For those without a mutex; throws std::bad_alloc.
+// Gives back what no connection uses at the moment, if more memory is shared with the kernel than
+// the attached devices leave room for.  The caller holds no mutex but initFiniMutex.  Throws
+// std::bad_alloc.
 void makeRoom();
 
-// Makes a connection that owns the open handle.  Null when the registry is closed; the handle then
-// still belongs to the caller.  Any thread.
+// Makes a connection that owns the open handle.  Null when the registry is closed; then, and when
+// it throws std::bad_alloc, the handle still belongs to the caller.  Any thread.
 std::shared_ptr<UsbConnection> connect(libusb_device_handle *handle);
 
 } // namespace connection_registry

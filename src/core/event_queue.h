@@ -61,7 +61,8 @@ public:
     bool tryPost(T event) noexcept EXCLUDES(mutex_);
     // Takes the event out of `prepared`; does nothing when that is empty.
     void post(Prepared &prepared) noexcept EXCLUDES(mutex_);
-    // The handler in progress finishes; no other event is handled.
+    // The handler in progress finishes; no other event is handled, and what is posted afterwards is
+    // dropped.  May be called again.
     void stop() EXCLUDES(mutex_);
 
 private:

@@ -36,7 +36,8 @@ extern std::atomic<bool> libusbRunning;
 // lifecycle.cpp sets it in the child, while that has one thread only.
 extern std::atomic<bool> forkedInUse;
 
-// For that child: what a process destroys as it exits is kept instead.
+// Called in that child.  Moves the list and the thread to memory that the exit does not destroy:
+// their destructors would wait for threads and locks that the child does not have.
 void keepInherited();
 
 // The device list, null when there is none.  Whoever holds the result can use the list even after

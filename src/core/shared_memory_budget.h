@@ -26,7 +26,8 @@ struct Grant {
     const char *reason; // why not the rest; null when there is none
 };
 
-// Asks for `count` blocks of `blockSize` bytes.  Each granted block is given back by release().
+// Asks for `count` blocks of `blockSize` bytes, which is not 0 and in whole pages, as the kernel
+// counts them.  Each granted block is given back by release().
 Grant reserve(uint64_t blockSize, uint64_t count);
 void release(uint64_t blockSize, uint64_t count);
 

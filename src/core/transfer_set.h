@@ -50,7 +50,7 @@ public:
     void abandon() EXCLUDES(mutex_);
 
 protected:
-    // One transfer of the set.  What is in it belongs to who holds the set's mutex; it lives as
+    // One transfer of the set.  What is in it belongs to whoever holds the set's mutex; it lives as
     // long as the set does.
     struct Slot {
         Slot() = default;
@@ -69,7 +69,9 @@ protected:
     TransferSet(Slots slots, libusb_device_handle *handle, uint8_t endpoint,
                 std::optional<std::chrono::milliseconds> stopTimeout = std::nullopt);
 
-    // The transfer has ended, and is no longer in flight.
+    // The transfer has ended, and is no longer in flight.  Either submits the slot again or
+    // releases it: only a release wakes waitIdle().  Runs under libusb's locks: throws nothing, and
+    // neither opens nor closes a handle.
     virtual void completed(Slot &slot) REQUIRES(mutex_) = 0;
     virtual void doReleaseUnused() REQUIRES(mutex_) {}
     virtual void doReleaseMemory(CallerMemory /*callers*/) REQUIRES(mutex_) {}

@@ -17,14 +17,15 @@ class TransferSet;
 /*
  * One open libusb handle with interface 0 claimed, and everything that is in flight on it.
  *
- * Life: made by connection_registry::connect, closed by whichever comes first of its device's
- * close, the last fini, and the end of transfers that nobody delivers completions for.  The object
- * outlives its handle: a closed connection lets nobody in any more.  Closing needs no memory.
+ * Life: made by connection_registry::connect, closed by the first of these: its device's close, the
+ * last fini, or the end of transfers whose completions nobody delivers.  The object outlives its
+ * handle: a closed connection lets nobody in any more.  Closing needs no memory.
  *
- * Threads: any.  close() first turns synchronous users away and waits for those inside (they look
- * at every piece whether somebody waits, so that takes one transfer's time limit at most), then
- * ends the asynchronous transfers.  libusb_close takes locks that libusb holds while it runs
- * transfer and hot-plug callbacks, so none of the mutexes that those take is held there.
+ * Threads: any.  close() first turns synchronous users away and waits for those inside (a long
+ * transfer looks before each piece whether the gate has closed, so that takes one piece's time
+ * limit at most), then ends the asynchronous transfers.  libusb_close takes locks that libusb holds
+ * while it runs transfer and hot-plug callbacks, so none of the mutexes that those take is held
+ * there.
  */
 class UsbConnection {
 public:
@@ -36,9 +37,9 @@ public:
 
     // The handle may be used as long as the result is held; false once the connection closes, and
     // in a child that was forked while the library was in use.
-    UseGate::Use use() { return forkedInUse.load() ? UseGate::Use(nullptr) : gate_.enter(); }
+    UseGate::Use use() { return forkedInUse.load() ? UseGate::Use::none() : gate_.enter(); }
 
-    // The following five are for who holds a Use.
+    // The following four are for whoever holds a Use.
     libusb_device_handle *handle() const { return handle_; }
     // Whether completions get delivered.
     bool eventLoopRuns() const { return loopRuns_; }
@@ -46,6 +47,7 @@ public:
     int maxPacketSize(uint8_t endpoint) const;
     // Has close() end these transfers too.
     void attach(std::shared_ptr<TransferSet> transfers) EXCLUDES(mutex_);
+    // Harmless for one that is not attached.  Any thread.
     void detach(const std::shared_ptr<TransferSet> &transfers) EXCLUDES(mutex_);
 
     // Ends these transfers and forgets them; no memory of theirs is written to afterwards.

@@ -18,7 +18,7 @@ public:
     // What enter() returns: the user is inside until it is destroyed.
     class Use {
     public:
-        explicit Use(UseGate *gate) : gate_(gate) {}
+        static Use none() { return Use(nullptr); }
         ~Use();
         Use(const Use &) = delete;
         Use &operator=(const Use &) = delete;
@@ -29,6 +29,9 @@ public:
         bool closeRequested() const;
 
     private:
+        friend class UseGate;
+        explicit Use(UseGate *gate) : gate_(gate) {}
+
         UseGate *const gate_;
     };
 

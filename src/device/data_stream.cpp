@@ -110,7 +110,7 @@ void DataStream::releaseShared(CallerMemory callers) {
         if (callers == CallerMemory::Ends || buffer->closeUnlessLocked())
             makeOrdinary(*buffer);
     }
-    shared_->handleCloses();
+    shared_->handleIsClosing();
 }
 
 bool DataStream::nextTransfer(DataStreamTransferInfo &info) {

@@ -70,6 +70,7 @@ struct DataStreamTransferInfo {
  */
 class DataStream {
 public:
+    // No size is 0, and maxTransferSize is a multiple of packetSize.
     DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTransferSize,
                uint64_t packetSize, std::unique_ptr<SharedBuffers> shared = nullptr);
     ~DataStream();
@@ -82,8 +83,9 @@ public:
     // Producer.  Claims the next piece of the ring for a transfer; false when the ring is full: the
     // caller has not yet given back a buffer that is needed.
     bool nextTransfer(DataStreamTransferInfo &info);
-    // In the order in which the transfers were prepared; each is taken to have filled its length.
-    // The number of buffers that hold all their data now.
+    // For each transfer that has completed, in the order in which they were prepared; each is taken
+    // to have filled its length.  Answers how many buffers this one has completed.  Not called for
+    // a transfer that failed: its buffer keeps its memory.
     uint64_t transferCompleted(const DataStreamTransferInfo &info);
 
     // Consumer.  Gives the oldest full buffer, which stays as it is until unlock(); false when none

@@ -52,7 +52,7 @@ TransferSet::Slots EventPipe::makeSlots() {
 bool EventPipe::arm() {
     const MutexLock lock(mutex_);
     Slot &slot = *slots_.front();
-    const int result = stopRequested_ ? LIBUSB_ERROR_NO_DEVICE : submit(slot);
+    const int result = stopRequested_ ? LIBUSB_ERROR_NO_DEVICE : submitBuffer(slot);
     if (result == LIBUSB_SUCCESS)
         return true;
     logLine(LogLevel::Error, "%s: endpoint 0x%02x sends no events: its transfer was refused: %s%s",
@@ -72,14 +72,14 @@ void EventPipe::completed(Slot &slot) {
     release(slot);
 }
 
-int EventPipe::submit(Slot &slot) {
+int EventPipe::submitBuffer(Slot &slot) {
     return TransferSet::submit(slot, buffer_.data(), static_cast<int>(buffer_.size()));
 }
 
 bool EventPipe::submitNext(Slot &slot) {
     if (stopRequested_)
         return false;
-    const int result = submit(slot);
+    const int result = submitBuffer(slot);
     if (result != LIBUSB_SUCCESS)
         logEnd(slot, libusb_error_name(result));
     return result == LIBUSB_SUCCESS;

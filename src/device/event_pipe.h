@@ -48,7 +48,7 @@ public:
 private:
     static Slots makeSlots();
     void completed(Slot &slot) override REQUIRES(mutex_);
-    int submit(Slot &slot) REQUIRES(mutex_);
+    int submitBuffer(Slot &slot) REQUIRES(mutex_);
     bool submitNext(Slot &slot) REQUIRES(mutex_);
     bool postBytes(const Slot &slot) REQUIRES(mutex_);
     void logEnd(const Slot &slot, const char *reason) const REQUIRES(mutex_);

@@ -102,9 +102,9 @@ uint8_t *SharedBuffers::take() {
         --pause_;
         return nullptr;
     }
-    if (left_ == 0)
+    if (reservedBlocks_ == 0)
         reserveMore();
-    uint8_t *const block = left_ > 0 ? allocate() : nullptr;
+    uint8_t *const block = reservedBlocks_ > 0 ? allocate() : nullptr;
     if (block == nullptr)
         pause_ = count_;
     return block;
@@ -114,12 +114,12 @@ void SharedBuffers::reserveMore() {
     const uint64_t step = std::min(wanted_, kStep);
     if (step == 0)
         return;
-    left_ = shared_memory_budget::reserve(wholePages(size_), step).blocks;
-    wanted_ -= left_;
+    reservedBlocks_ = shared_memory_budget::reserve(wholePages(size_), step).blocks;
+    wanted_ -= reservedBlocks_;
 }
 
 uint8_t *SharedBuffers::allocate() {
-    --left_;
+    --reservedBlocks_;
     uint8_t *const block = libusb_dev_mem_alloc(handle_, size_);
     if (block != nullptr)
         return block;
@@ -153,11 +153,11 @@ void SharedBuffers::releaseUnused() {
     for (uint8_t *const block : spare_)
         release(block);
     spare_.clear();
-    shared_memory_budget::release(wholePages(size_), std::exchange(left_, 0));
+    shared_memory_budget::release(wholePages(size_), std::exchange(reservedBlocks_, 0));
     wanted_ = 0;
 }
 
-void SharedBuffers::handleCloses() {
+void SharedBuffers::handleIsClosing() {
     releaseUnused();
     handle_ = nullptr;
 }

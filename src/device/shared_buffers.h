@@ -42,7 +42,7 @@ public:
     // What was given back is unmapped, and the ring asks for no more.
     void releaseUnused();
     // Nothing is taken from here on.  What is still out gets unmapped when it is given back.
-    void handleCloses();
+    void handleIsClosing();
 
 private:
     SharedBuffers(libusb_device_handle *handle, uint64_t size, uint64_t count,
@@ -55,7 +55,7 @@ private:
     const uint64_t size_;
     const uint64_t count_;         // of the ring's buffers that may have a block
     uint64_t wanted_;              // blocks of these that are not reserved
-    uint64_t left_ = 0;            // blocks that are reserved, and not allocated
+    uint64_t reservedBlocks_ = 0;  // reserved, and not allocated
     uint64_t pause_ = 0;           // so many takes come before the kernel is asked again
     std::vector<uint8_t *> spare_; // given back; has room for all
     const DeviceName deviceName_;

@@ -59,6 +59,8 @@ public:
                   uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                   const DeviceName &name);
 
+    // Once.  Submits the first pieces, then posts event 257.  It reports nothing: where a piece has
+    // no free buffer or is refused, the run ends with event 5, which then comes before 257.
     void begin() EXCLUDES(mutex_);
 
     // The consumer's side, for one thread at a time.

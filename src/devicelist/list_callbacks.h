@@ -48,6 +48,7 @@ private:
         Callback callback;
         std::atomic<uint64_t> lastDelivery{UINT64_MAX}; // number of the last delivery that calls it
     };
+    // In signed order, which decides the order of the calls after 2^31 registrations.
     using Callbacks = std::map<int32_t, std::shared_ptr<Registration>>;
 
     const std::shared_ptr<const Callbacks> none_ = std::make_shared<Callbacks>();

@@ -358,15 +358,14 @@ void World::subscribe(const Step &op) {
 
 void World::cancel(const Step &op) {
     Registration &registration = registrations_[op.a % registrations_.size()];
-    const uint32_t id = kOrders && !registration.isActive ? 1000U + op.b : op.a;
+    const bool wasActive =
+        kOrders && registration.isActive && registration.id != Registration::kNone;
+    const uint32_t id = wasActive ? registration.id : kOrders ? Registration::kNone + op.b : op.a;
     Call call(*this);
     if (kOrders)
         registration.isExact = false;
-    call.make([&]() {
-        return vexa_usb_deregister_device_list_event_callback(
-            kOrders && registration.isActive ? registration.id : id);
-    });
-    if (call.initialized().ready().judge("deregister_...", {0}) == 0 && kOrders)
+    call.make([&]() { return vexa_usb_deregister_device_list_event_callback(id); });
+    if (call.initialized().ready().judge("deregister_...", {0}) == 0 && wasActive)
         registration.isActive = false;
 }
 

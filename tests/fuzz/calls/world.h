@@ -81,8 +81,9 @@ struct Slot {
 };
 
 struct Registration {
+    static constexpr uint32_t kNone = 1000; // no registration has that, or a higher one
     World *world = nullptr;
-    uint32_t id = 0;
+    uint32_t id = kNone;
     bool isActive = false, isDoubtful = false;
     bool isExact = false; // whether `entries` is what it has been told of
     unsigned callsAfterEnd = 0;
