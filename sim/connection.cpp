@@ -163,10 +163,14 @@ bool Connection::handleSubmit(const CommandHeader &header) {
 //
 // The kernel's driver sends first what was submitted, then what was unlinked; so when a transfer is
 // submitted and unlinked between the two, the unlink comes first.  Such an unlink is answered when
-// its transfer has come: before that the kernel would look in vain for what it is to take back.
+// its transfer has come: before that the kernel would look in vain for what it is to take back. But
+// an unlink that comes first of all is of a transfer of the last connection to the same port, and
+// the kernel waits for its answer before it submits anything.
 void Connection::handleUnlink(const CommandHeader &header) {
     const bool found = withdraw(header.unlinkSequence);
-    if (found || static_cast<int32_t>(header.unlinkSequence - lastSubmitted_) <= 0) {
+    const bool mayCome =
+        lastSubmitted_ && static_cast<int32_t>(header.unlinkSequence - *lastSubmitted_) > 0;
+    if (found || !mayCome) {
         replyToUnlink(header.sequence, found ? -ECONNRESET : 0);
         return;
     }

@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "device_model.h"
@@ -80,7 +81,7 @@ private:
     ExportedDevice *device_ = nullptr; // once imported
     Pending pending_;
     size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
-    uint32_t lastSubmitted_ = 0;                 // sequence number
+    std::optional<uint32_t> lastSubmitted_;      // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
     // When the device has gone only unlinks are answered; an ending connection ends when everything
     // is sent.

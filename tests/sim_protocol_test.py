@@ -101,11 +101,16 @@ for status in (-104, 0):
     assert (reply[0], reply[1], reply[5]) == (4, 8, status), reply
 client.close()
 
-# An unlink that overtakes its transfer is answered once that has come.
+# The first message unlinks what an earlier connection left.  Later, an unlink that overtakes its
+# transfer is answered once that has come.
 client = imported()
-client.sendall(struct.pack(">6I24x", 2, 8, 0x10002, 0, 0, 7) + submit(1, 3, 10))
+client.sendall(struct.pack(">6I24x", 2, 8, 0x10002, 0, 0, 6))
+assert struct.unpack(">5Ii24x", read(client, 48))[5] == 0
+overtaken = submit(1, 3, 10)
+client.sendall(overtaken + struct.pack(">6I24x", 2, 9, 0x10002, 0, 0, 8))
+client.sendall(overtaken[:4] + struct.pack(">I", 8) + overtaken[8:])
 reply = struct.unpack(">5Ii24x", read(client, 48))
-assert (reply[0], reply[1], reply[5]) == (4, 8, -104), reply
+assert (reply[0], reply[1], reply[5]) == (4, 9, -104), reply
 client.close()
 
 # A client that asks for much and reads nothing gets no more than the simulator can hold.
