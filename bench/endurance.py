@@ -56,6 +56,17 @@ def find(what):
     print(f"found: {what}", flush=True)
 
 
+def only_abandoned(errors):
+    """Whether the leak sanitizer tells of nothing but what libusb 1.0.26 keeps of a transfer that
+    does not come back, 56 bytes: an event pipe's is given up after 500 ms, when the bus stands
+    still."""
+    leaks = re.findall(r"leak of (\d+) byte\(s\) in (\d+) object.*\n.*in .*calloc.*\n +#1 (.*)",
+                       errors)
+    return len(leaks) == errors.count(" leak of ") > 0 and all(
+        int(size) == 56 * int(objects) and "libusb-1.0" in where
+        for size, objects, where in leaks)
+
+
 def count(what, by=1):
     counts[what] = counts.get(what, 0) + by
 
@@ -116,6 +127,9 @@ class Client:
         if self.killed:
             return None
         errors = self.errors.read()
+        if status != 0 and only_abandoned(errors):
+            count("clients that gave a transfer up")
+            return None
         if status != 0:
             find(f"a client ended with {status}: {errors[-2000:]}")
             return None
@@ -142,15 +156,16 @@ def write(path, text):
         file.write(text)
 
 
-def give_back(path, text):
+def give_back(device, path, text):
     """Without it the device would be away for good, and the clients would wait for it."""
-    for last in [False] * 20 + [True]:
+    for _ in range(20):
         try:
             return write(path, text)
         except OSError:
-            if last:
-                raise
             time.sleep(0.1)
+    if device.exists():  # it has not been unplugged meanwhile
+        find(f"{path} could not be written")
+    return None
 
 
 @counted("resets")
@@ -163,7 +178,7 @@ def reset(device):
 def deauthorise(device):
     write(device / "authorized", "0")
     time.sleep(chance.choice((0, 0.3)))
-    give_back(device / "authorized", "1")
+    give_back(device, device / "authorized", "1")
 
 
 @counted("devices unbound and bound")
@@ -171,7 +186,7 @@ def unbind(device):
     """Takes the device away from the kernel, so that it has no interfaces, and gives it back."""
     write("/sys/bus/usb/drivers/usb/unbind", device.name)
     time.sleep(chance.choice((0, 0.3)))
-    give_back("/sys/bus/usb/drivers/usb/bind", device.name)
+    give_back(device, "/sys/bus/usb/drivers/usb/bind", device.name)
     configuration = device / "bConfigurationValue"
     if not configuration.read_text().strip():  # the device did not answer in time
         write(configuration, "1")
@@ -187,7 +202,7 @@ def unclaim(device):
 
 
 def disturb_a_device(action):
-    for _ in range(20):
+    for _ in range(50):
         try:
             return action(chance.choice(instruments()))
         except (OSError, IndexError):  # it has left, or nobody has claimed it

@@ -216,7 +216,8 @@ void Connection::offerPending() {
 }
 
 void Connection::deviceLeft() {
-    phase_ = Phase::DeviceGone;
+    if (phase_ == Phase::Serving)
+        phase_ = Phase::DeviceGone;
 }
 
 // Wakes the connection even if there is nothing to send, so that it ends.

@@ -79,28 +79,30 @@ CLI::Validator notNegative() {
 }
 
 CLI::Validator positiveCount() {
-    return {[](const std::string &text) {
+    return {[](std::string &text) {
                 uint64_t value = 0;
                 const char *const last = text.data() + text.size();
                 const auto [end, error] = std::from_chars(text.data(), last, value);
-                return error == std::errc() && end == last && value > 0
-                           ? std::string()
-                           : "'" + text + "' is not a whole number above 0, or is too large";
+                if (error != std::errc() || end != last || value == 0)
+                    return "'" + text + "' is not a whole number above 0, or is too large";
+                text = std::to_string(value); // CLI11 would take a 0 in front for octal
+                return std::string();
             },
             "POSITIVE"};
 }
 
 CLI::Validator upTo(uint64_t most) {
-    return {[most](const std::string &text) {
+    return {[most](std::string &text) {
                 const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
                 const char *const last = text.data() + text.size();
                 uint64_t value = 0;
                 const auto [end, error] = std::from_chars(text.data() + (hexadecimal ? 2 : 0), last,
                                                           value, hexadecimal ? 16 : 10);
-                return error == std::errc() && end == last && value <= most
-                           ? std::string()
-                           : fmt::format("'{}' is not a whole number from 0 to {} ({:#x})", text,
-                                         most, most);
+                if (error != std::errc() || end != last || value > most)
+                    return fmt::format("'{}' is not a whole number from 0 to {} ({:#x})", text,
+                                       most, most);
+                text = std::to_string(value);
+                return std::string();
             },
             "NUMBER"};
 }

@@ -14,11 +14,12 @@ inline constexpr uint64_t kMostInMemory = uint64_t{256} << 20;
 // Checks for the amounts that a user gives. Each refuses text that is not a number, and numbers
 // that are infinite or too large.
 
-CLI::Validator positive();          // above 0; fractions are allowed
-CLI::Validator notNegative();       // 0 or above; fractions are allowed
+CLI::Validator positive();    // above 0; fractions are allowed
+CLI::Validator notNegative(); // 0 or above; fractions are allowed
+// Use these with transform().
 CLI::Validator positiveCount();     // a whole number above 0
 CLI::Validator upTo(uint64_t most); // a whole number, decimal or hexadecimal
-// A number of bytes, with or without a unit such as k or M; use these with transform().
+// A number of bytes, with or without a unit such as k or M.
 CLI::Validator byteCount();
 CLI::Validator byteCountInMemory();
 

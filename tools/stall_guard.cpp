@@ -14,7 +14,7 @@ namespace tool {
 
 namespace {
 
-// The time is counted in steps, so that little counts of the time in which the program was stopped.
+// Counted in steps: a program that was stopped (Ctrl-Z) loses one step of its time at most.
 constexpr StallGuard::Seconds kStep{1};
 
 } // namespace

@@ -47,7 +47,7 @@ InterruptNotice::~InterruptNotice() {
 
 void StopCondition::addOptions(CLI::App &command) {
     command.add_option("-s,--seconds", seconds_, "End after N seconds")->check(positive());
-    command.add_option("-n,--count", count_, "End after N lines")->check(positiveCount());
+    command.add_option("-n,--count", count_, "End after N lines")->transform(positiveCount());
 }
 
 void StopCondition::start() {

@@ -61,6 +61,7 @@ public:
 
 private:
     void checkMemory() const;
+    void checkEndpoint() const;
     void begin();
     bool isFinished() const;
     void handleNext();
@@ -116,6 +117,16 @@ void StreamRun::checkMemory() const {
                     "Give fewer or smaller buffers (--buffers, --buffer-size).");
 }
 
+// An older recording is not to be emptied for an endpoint that cannot stream.  It cannot wait until
+// the stream has started: a large file takes longer to empty than the ring to fill.
+void StreamRun::checkEndpoint() const {
+    uint16_t size = 0;
+    if ((options_.endpoint & 0x80) == 0)
+        check(VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION, "starting the stream");
+    check(vexa_usb_get_max_packet_size(device_.get(), options_.endpoint, &size),
+          "starting the stream");
+}
+
 // A simulated instrument continues its stream where it stopped; the check needs its beginning.
 void StreamRun::begin() {
     if (options_.checkPattern) {
@@ -125,6 +136,9 @@ void StreamRun::begin() {
                                         position, sizeof(position)),
               "rewinding the simulated instrument's stream");
     }
+    checkEndpoint();
+    if (output_)
+        output_->overwrite();
     check(vexa_usb_data_stream_start(device_.get(), options_.endpoint, options_.bufferSize,
                                      options_.bufferCount),
           "starting the stream");
@@ -133,8 +147,6 @@ void StreamRun::begin() {
 
 void StreamRun::run() {
     begin();
-    if (output_)
-        output_->overwrite(); // not before: a start that fails takes no older recording with it
     while (!isFinished())
         handleNext();
     end_ = Clock::now();
@@ -307,7 +319,7 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<StreamOptions>();
     command.add_option("ENDPOINT", options->endpoint, "Endpoint address")
         ->default_str("0x82")
-        ->check(upTo(0xFF));
+        ->transform(upTo(0xFF));
     command.add_option("-o,--output", options->output,
                        "Write the stream to this file; - is standard output. Without it, the "
                        "data are dropped");
@@ -326,7 +338,7 @@ void defineStreamCommand(CLI::App &command, CommonOptions &common) {
         ->transform(byteCount())
         ->capture_default_str();
     command.add_option("--buffers", options->bufferCount, "Number of buffers")
-        ->check(positiveCount())
+        ->transform(positiveCount())
         ->capture_default_str();
     command.add_option("--silence", options->silence, "Give up after N seconds without data")
         ->check(positive())

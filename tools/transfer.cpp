@@ -132,7 +132,7 @@ CLI::Option *addOutputOption(CLI::App &command, TransferOptions &options) {
 void addEndpointOptions(CLI::App &command, TransferOptions &options) {
     command.add_option("ENDPOINT", options.endpoint, "Endpoint address, for instance 0x83")
         ->required()
-        ->check(upTo(0xFF));
+        ->transform(upTo(0xFF));
     command.add_flag("--interrupt", options.interrupt, "An interrupt endpoint, not a bulk one");
 }
 
@@ -140,9 +140,9 @@ void addEndpointOptions(CLI::App &command, TransferOptions &options) {
 
 void defineControlCommand(CLI::App &command, CommonOptions &common) {
     const auto options = std::make_shared<TransferOptions>();
-    command.add_option("REQUEST", options->request, "bRequest")->required()->check(upTo(0xFF));
-    command.add_option("VALUE", options->value, "wValue")->check(upTo(0xFFFF));
-    command.add_option("INDEX", options->index, "wIndex")->check(upTo(0xFFFF));
+    command.add_option("REQUEST", options->request, "bRequest")->required()->transform(upTo(0xFF));
+    command.add_option("VALUE", options->value, "wValue")->transform(upTo(0xFFFF));
+    command.add_option("INDEX", options->index, "wIndex")->transform(upTo(0xFFFF));
     addDataOptions(command, *options);
     CLI::Option *length =
         command.add_option("--in", options->length, "Read N bytes; without it, write")

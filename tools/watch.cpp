@@ -104,7 +104,7 @@ void defineEventsCommand(CLI::App &command, CommonOptions &common) {
     addDeviceOptions(command, common, "DEVICE");
     command.add_option("-e,--endpoint", *endpoint, "Endpoint address")
         ->default_str("0x81")
-        ->check(upTo(0xFF));
+        ->transform(upTo(0xFF));
     stop->addOptions(command);
     addJsonOption(command, common);
     command.footer("Prints a line for each byte, as it comes; with --json an object a line. Ctrl-C "

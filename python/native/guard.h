@@ -26,6 +26,8 @@ auto shielded(Call call) noexcept -> decltype(call()) {
         return call();
     } catch (const std::bad_alloc &) {
         status = VEXA_USB_STATUS_NO_MEMORY;
+        if constexpr (std::is_void_v<Result>)
+            exceptionText = "no memory"; // short, so that it takes none
     } catch (const std::system_error &error) {
         exceptionText = error.what();
     } catch (const std::exception &error) { // of a firmware image that is wrong

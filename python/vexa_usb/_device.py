@@ -310,8 +310,13 @@ class Device:
         other loads run to their end.
         """
         results: list[Any] = []
+        turn = [None]  # who takes it decides whether the load begins
 
         def work() -> None:
+            try:
+                turn.pop()
+            except IndexError:
+                return
             try:
                 results.append(call())
             except BaseException as error:
@@ -335,12 +340,14 @@ class Device:
                         done = heard
                         progress(done)
         except BaseException as error:
-            if thread.ident is None:  # not begun
+            try:
+                turn.pop()
+            except IndexError:  # it has begun
+                error.add_note(f"{what}: the load was ended and the device closed; it may need to be "
+                               "plugged in again before another load")
+                self.close()
+            else:
                 self._loading.release()
-                raise
-            error.add_note(f"{what}: the load was ended and the device closed; it may need to be "
-                           "plugged in again before another load")
-            self.close()
             raise
         if isinstance(results[0], BaseException):
             raise results[0]

@@ -7,7 +7,7 @@
 namespace vexausb {
 
 // Holds a Thing that is made with it and never destroyed: for what other threads may still use when
-// the process exits.
+// the process exits, or what a forked child must not destroy.
 template <typename Thing>
 class Undestroyed {
 public:

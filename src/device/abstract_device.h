@@ -44,8 +44,8 @@ public:
     virtual int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) = 0;
     virtual int32_t getMaxPacketSize(uint8_t endpoint, uint16_t &size) = 0;
 
-    // `transferred` may be null: a short transfer is an error then, else a success that it tells
-    // of. Bulk and interrupt transfers add to it, so it is 0 before the call.
+    // With `transferred` null, a short transfer is an error; else it is a success, and *transferred
+    // tells how much came.  Bulk and interrupt transfers add to it: set it to 0 before the call.
     virtual int32_t controlTransfer(int32_t direction, int32_t type, int32_t recipient,
                                     uint8_t request, uint16_t value, uint16_t index, uint8_t *data,
                                     uint64_t length, uint64_t *transferred) = 0;

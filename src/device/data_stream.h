@@ -70,7 +70,7 @@ struct DataStreamTransferInfo {
  */
 class DataStream {
 public:
-    // No size is 0, and maxTransferSize is a multiple of packetSize.
+    // No size is 0.  A transfer has maxTransferSize at most, rounded up to whole packets.
     DataStream(uint64_t bufferSize, uint64_t bufferCount, uint64_t maxTransferSize,
                uint64_t packetSize, std::unique_ptr<SharedBuffers> shared = nullptr);
     ~DataStream();

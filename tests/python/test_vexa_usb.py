@@ -344,15 +344,15 @@ def test_control_c_and_exit(instrument, what):
     """Each endless wait, ended by Ctrl-C; then as a daemon thread of an interpreter that ends."""
     instrument.wait(1)
     # Not interrupted as it imports: some modules of C make another error of that.
-    modules = "import numpy\n" if "numpy" in ENDLESS[what] else ""
-    program = Program(START + modules + "print(flush=True)\n" + ENDLESS[what])
+    start = START + ("import numpy\n" if "numpy" in ENDLESS[what] else "")
+    program = Program(start + "print(flush=True)\n" + ENDLESS[what])
     while not program.output.stat().st_size:
         time.sleep(0.05)
     time.sleep(0.3)
     os.kill(program.number, signal.SIGINT)
     status, said = program.ended()
     assert status == -signal.SIGINT and "KeyboardInterrupt" in said, said
-    status, said = Program(START + "threading.Thread(target=exec, daemon=True, args=("
+    status, said = Program(start + "threading.Thread(target=exec, daemon=True, args=("
                            f"{ENDLESS[what]!r}, globals())).start()\nthreading.Event().wait(0.5)\n"
                            "sys.exit(7)").ended()
     assert status == 7 and not said, said
