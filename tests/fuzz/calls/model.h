@@ -87,6 +87,7 @@ struct Flow {
             gapAt = std::min(gapAt, sent + static_cast<uint64_t>(completes ? actual : 0));
         sent += completes ? static_cast<uint64_t>(bufferSize == 0 ? actual : length) : 0;
         failed += completes ? 0 : 1;
+        lost += completes ? 0 : static_cast<uint64_t>(length);
     }
     bool mustEnd() const { return isStrict && gapAt != UINT64_MAX; }
     // Whether the ring may have been full with four transfers more.
@@ -101,9 +102,10 @@ struct Flow {
 
     uint64_t bufferSize = 0, bufferCount = 0; // 0: an event pipe
     bool isStrict = false;
-    uint64_t sent = 0, failed = 0, gapAt = UINT64_MAX; // failed: transfers
-    uint64_t heard = 0;                                // buffers reported full, or bytes
-    uint64_t locks = 0, releasedBefore = 0;            // releasedBefore: when the phase began
+    uint64_t sent = 0, lost = 0, gapAt = UINT64_MAX;
+    uint64_t failed = 0;                    // transfers
+    uint64_t heard = 0;                     // buffers reported full, or bytes
+    uint64_t locks = 0, releasedBefore = 0; // releasedBefore: when the phase began
     bool isDead = false, hasStarted = false, hasError = false, hasStopped = false;
     bool outOfStep = false; // something was locked early, or by two at once
 };

@@ -200,9 +200,9 @@ void Handle::heard(uint32_t event) {
         failing->hasError = true;
     } else {
         require(event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL, "an unknown event", event);
-        require(going != nullptr &&
-                    ++going->heard * going->bufferSize <=
-                        (going->isStrict ? std::min(going->sent, going->gapAt) : going->sent),
+        require(going != nullptr && ++going->heard * going->bufferSize <=
+                                        (going->isStrict ? std::min(going->sent, going->gapAt)
+                                                         : going->sent + going->lost),
                 "a buffer full that is not");
     }
 }
