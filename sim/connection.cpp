@@ -42,8 +42,7 @@ void checkSubmit(const CommandHeader &header) {
 Connection::Connection(int descriptor, Devices &devices) : socket_(descriptor), devices_(devices) {}
 
 Connection::~Connection() {
-    if (device_ != nullptr)
-        device_->released();
+    release();
 }
 
 bool Connection::work(bool readable) {
@@ -51,11 +50,30 @@ bool Connection::work(bool readable) {
     if (readable)
         peerIsThere = socket_.receive();
     // A client that does not read its answers gets no more of them until it does.
-    while (!socket_.isFull() && phase_ != Phase::Ending && handleInput()) {
+    while (phase_ < Phase::Ending && !socket_.isFull() && handleInput()) {
     }
     if (device_ != nullptr)
         offerAll();
-    return socket_.flush() && peerIsThere && !(phase_ == Phase::Ending && socket_.drained());
+    const bool canSend = socket_.flush();
+    if (phase_ == Phase::Ending && socket_.drained())
+        endSending();
+    if (phase_ == Phase::Ended)
+        socket_.discard();
+    return canSend && peerIsThere;
+}
+
+// Closing the socket would not do: what the client has sent meanwhile would make it a reset, upon
+// which the kernel's driver may end the connection before it has read the last answers.
+void Connection::endSending() {
+    phase_ = Phase::Ended;
+    release();
+    socket_.endOutput();
+}
+
+void Connection::release() {
+    if (device_ != nullptr)
+        device_->released();
+    device_ = nullptr;
 }
 
 bool Connection::handleInput() {

@@ -56,6 +56,9 @@ private:
     // By endpoint address; the control endpoint is 0 in both directions.
     using Pending = std::map<uint8_t, std::deque<Transfer>>;
 
+    void endSending();
+    // Leaves the device to other clients.
+    void release();
     bool handleInput();
     // Handle one message; false when it is not complete yet.
     bool handleOperation();
@@ -83,9 +86,9 @@ private:
     size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
     std::optional<uint32_t> lastSubmitted_;      // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
-    // When the device has gone only unlinks are answered; an ending connection ends when everything
-    // is sent.
-    enum class Phase { Serving, DeviceGone, Ending };
+    // When the device has gone only unlinks are answered.  An ending connection sends what is left,
+    // and one that has ended waits for the client to close it.
+    enum class Phase { Serving, DeviceGone, Ending, Ended };
     Phase phase_ = Phase::Serving;
 };
 

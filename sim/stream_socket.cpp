@@ -75,4 +75,8 @@ bool StreamSocket::flush() {
     return true;
 }
 
+void StreamSocket::endOutput() {
+    shutdown(descriptor_, SHUT_WR);
+}
+
 } // namespace sim

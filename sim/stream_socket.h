@@ -39,11 +39,14 @@ public:
     bool receive();
     std::span<const uint8_t> received() const { return std::span(input_).subspan(consumed_); }
     void consume(size_t count) { consumed_ += count; }
+    void discard() { consumed_ = input_.size(); }
 
     void send(OutputPiece piece);
     void send(const Bytes &bytes);
     // Sends as much as possible; false when the connection is broken.
     bool flush();
+    // Tells the peer that nothing more comes.
+    void endOutput();
     bool drained() const { return output_.empty(); }
     // Whether so much output is waiting that no more should be added.
     bool isFull() const;

@@ -113,6 +113,15 @@ reply = struct.unpack(">5Ii24x", read(client, 48))
 assert (reply[0], reply[1], reply[5]) == (4, 9, -104), reply
 client.close()
 
+# A device that leaves has its last answer read, whatever the client sends meanwhile; then it is back.
+client = imported()
+vanish = struct.pack("<QIHH", 0, 0, 0, 0)
+client.sendall(submit(0, 0, len(vanish), setup=struct.pack("<BBHHH", 0x40, 8, 0, 0, 16)) + vanish)
+client.sendall(bytes(16 << 20))
+assert len(read(client, 1 << 20)) == 48
+imported().close()
+client.close()
+
 # A client that asks for much and reads nothing gets no more than the simulator can hold.
 client = imported()
 for _ in range(200):
