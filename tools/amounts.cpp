@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -41,21 +42,45 @@ std::optional<uint64_t> unitFactor(std::string unit) {
     return uint64_t{1} << (10 * (prefix + 1));
 }
 
-// Replaces the text by the number of bytes; returns the error, empty when there is none.
-std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMore) {
+struct Parsed {
+    uint64_t value; // 0 where there is no number
+    std::errc error;
+    std::string rest; // of the text
+};
+
+// The whole number at the beginning of the text, decimal or hexadecimal.
+Parsed wholeNumber(const std::string &text) {
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     const char *const last = text.data() + text.size();
-    uint64_t number = 0;
+    uint64_t value = 0;
     const auto [end, error] =
-        std::from_chars(text.data() + (hexadecimal ? 2 : 0), last, number, hexadecimal ? 16 : 10);
-    const auto factor = unitFactor(std::string(end, last));
-    if (error == std::errc::invalid_argument || !factor)
+        std::from_chars(text.data() + (hexadecimal ? 2 : 0), last, value, hexadecimal ? 16 : 10);
+    return {value, error, std::string(end, last)};
+}
+
+// Replaces the text by the number in decimal, since CLI11 would take a 0 in front for octal;
+// returns the error, empty when there is none.
+std::string convertWhole(std::string &text, uint64_t least, uint64_t most,
+                         const std::string &refusal) {
+    const Parsed number = wholeNumber(text);
+    if (number.error != std::errc() || !number.rest.empty() || number.value < least ||
+        number.value > most)
+        return fmt::format("'{}' {}", text, refusal);
+    text = std::to_string(number.value);
+    return {};
+}
+
+// Replaces the text by the number of bytes; returns the error, empty when there is none.
+std::string convertBytes(std::string &text, uint64_t most, const char *whyNotMore) {
+    const Parsed number = wholeNumber(text);
+    const auto factor = unitFactor(number.rest);
+    if (number.error == std::errc::invalid_argument || !factor)
         return fmt::format("'{}' is not a number of bytes such as 4096, 64k or 0x1000", text);
-    if (error == std::errc::result_out_of_range || number > most / *factor)
+    if (number.error == std::errc::result_out_of_range || number.value > most / *factor)
         return fmt::format("{} is more than {}{}", text, sizeText(most), whyNotMore);
-    if (number == 0)
+    if (number.value == 0)
         return fmt::format("'{}' is not a number above 0", text);
-    text = std::to_string(number * *factor);
+    text = std::to_string(number.value * *factor);
     return {};
 }
 
@@ -80,29 +105,17 @@ CLI::Validator notNegative() {
 
 CLI::Validator positiveCount() {
     return {[](std::string &text) {
-                uint64_t value = 0;
-                const char *const last = text.data() + text.size();
-                const auto [end, error] = std::from_chars(text.data(), last, value);
-                if (error != std::errc() || end != last || value == 0)
-                    return "'" + text + "' is not a whole number above 0, or is too large";
-                text = std::to_string(value); // CLI11 would take a 0 in front for octal
-                return std::string();
+                return convertWhole(text, 1, std::numeric_limits<uint64_t>::max(),
+                                    "is not a whole number above 0, or is too large");
             },
             "POSITIVE"};
 }
 
 CLI::Validator upTo(uint64_t most) {
     return {[most](std::string &text) {
-                const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
-                const char *const last = text.data() + text.size();
-                uint64_t value = 0;
-                const auto [end, error] = std::from_chars(text.data() + (hexadecimal ? 2 : 0), last,
-                                                          value, hexadecimal ? 16 : 10);
-                if (error != std::errc() || end != last || value > most)
-                    return fmt::format("'{}' is not a whole number from 0 to {} ({:#x})", text,
-                                       most, most);
-                text = std::to_string(value);
-                return std::string();
+                return convertWhole(
+                    text, 0, most,
+                    fmt::format("is not a whole number from 0 to {0} ({0:#x})", most));
             },
             "NUMBER"};
 }

@@ -52,9 +52,12 @@ bool isMember(gid_t id) {
 }
 
 // A session that is older than the membership in the group does not have it yet.
-bool isListed(const group &entry) {
+bool isListed() {
     const std::string name = userName();
-    for (char *const *member = entry.gr_mem; *member != nullptr; ++member) {
+    const group *const entry = getgrnam(kGroup);
+    if (entry == nullptr)
+        return false;
+    for (char *const *member = entry->gr_mem; *member != nullptr; ++member) {
         if (name == *member)
             return true;
     }
@@ -76,12 +79,7 @@ std::string whyAllowed(const struct stat &node) {
 }
 
 std::string groupRemedy() {
-    const group *const entry = getgrnam(kGroup);
-    if (entry == nullptr)
-        return fmt::format("sudo groupadd --system {0} && sudo usermod -aG {0} {1}   # then log in "
-                           "again",
-                           kGroup, userName());
-    if (isListed(*entry))
+    if (isListed())
         return fmt::format("Log in again: {} is in the group {}, but this session is older.",
                            userName(), kGroup);
     const char *const seat = std::getenv("XDG_SEAT");
@@ -105,6 +103,14 @@ Finding refused(const UsbDevice &device, const struct stat &node) {
                             "/etc/udev/rules.d; then {}",
                             kRule, apply),
                 Exit::CannotOpen};
+    if (getgrnam(kGroup) == nullptr)
+        return {
+            "permission",
+            fmt::format("{}: {} lets in the group {}, which does not exist", is, rule, kGroup),
+            fmt::format("sudo groupadd --system {0} && sudo usermod -aG {0} {1} && {2}   # then "
+                        "log in again",
+                        kGroup, userName(), apply),
+            Exit::CannotOpen};
     if (groupName(node.st_gid) != kGroup)
         return {"permission", fmt::format("{}: {} was not applied to it", is, rule), apply,
                 Exit::CannotOpen};

@@ -10,6 +10,9 @@
 
 namespace tool {
 
+// The direction in the address of an endpoint.
+inline constexpr uint8_t kEndpointIn = 0x80;
+
 // Keeps the library initialised while it lives.
 class Library {
 public:

@@ -20,7 +20,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr uint8_t kEndpointIn = 0x80;
 constexpr uint8_t kHighestEndpoint = 15;
 
 // The library has no list of endpoints, but it knows the packet size of each that exists.  Null

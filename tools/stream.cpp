@@ -121,7 +121,7 @@ void StreamRun::checkMemory() const {
 // the stream has started: a large file takes longer to empty than the ring to fill.
 void StreamRun::checkEndpoint() const {
     uint16_t size = 0;
-    if ((options_.endpoint & 0x80) == 0)
+    if ((options_.endpoint & kEndpointIn) == 0)
         check(VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION, "starting the stream");
     check(vexa_usb_get_max_packet_size(device_.get(), options_.endpoint, &size),
           "starting the stream");

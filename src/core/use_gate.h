@@ -19,14 +19,14 @@ public:
     class Use {
     public:
         static Use none() { return Use(nullptr); }
-        ~Use();
+        ~Use() EXCLUDES(gate_->mutex_);
         Use(const Use &) = delete;
         Use &operator=(const Use &) = delete;
 
         // Whether the user was let in.
         explicit operator bool() const { return gate_ != nullptr; }
         // Whether the gate has closed since: the user should leave soon.  Only if it was let in.
-        bool closeRequested() const;
+        bool closeRequested() const EXCLUDES(gate_->mutex_);
 
     private:
         friend class UseGate;

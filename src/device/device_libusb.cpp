@@ -1,6 +1,7 @@
 #include "device/device_libusb.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -22,6 +23,8 @@ struct RateLimit {
 };
 
 constexpr RateLimit kRateLimits[] = {{0x0300, 400000000}, {0x0200, 40000000}, {0x0110, 1000000}};
+constexpr unsigned kTransferTimeoutMs = 1000;
+constexpr uint64_t kTransferChunkSize = 524288;
 constexpr uint64_t kStreamMemorySizeMax = 268435456;
 constexpr const char *kNoMemory = "no memory; use fewer or smaller buffers";
 

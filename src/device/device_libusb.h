@@ -14,9 +14,6 @@
 
 namespace vexausb {
 
-inline constexpr unsigned kTransferTimeoutMs = 1000;
-inline constexpr uint64_t kTransferChunkSize = 524288;
-
 /*
  * An opened device reached through libusb; it uses interface 0 alone.
  *
@@ -32,7 +29,7 @@ public:
     DeviceLibUSB(libusb_device_handle *handle, DeviceEventHandler handler, const DeviceName &name);
     ~DeviceLibUSB() override;
 
-    void close() override;
+    void close() override EXCLUDES(streamMutex_);
     bool isConnected() const override { return static_cast<bool>(connection_->use()); }
 
     int32_t getDeviceDescriptor(_vexa_usb_device_descriptor &record) override;
@@ -50,13 +47,14 @@ public:
     int32_t bulkWrite(uint8_t endpoint, const uint8_t *data, uint64_t length,
                       uint64_t *transferred) override;
 
-    int32_t eventPipeEnable(uint8_t endpoint) override;
-    int32_t eventPipeDisable() override;
+    int32_t eventPipeEnable(uint8_t endpoint) override EXCLUDES(eventPipeMutex_);
+    int32_t eventPipeDisable() override EXCLUDES(eventPipeMutex_);
 
-    int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) override;
-    int32_t dataStreamStop() override;
-    int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) override;
-    int32_t dataStreamBufferUnlock() override;
+    int32_t dataStreamStart(uint8_t endpoint, uint64_t bufferSize, uint64_t bufferCount) override
+        EXCLUDES(streamMutex_);
+    int32_t dataStreamStop() override EXCLUDES(streamMutex_);
+    int32_t dataStreamBufferLock(uint8_t *&data, uint64_t &size) override EXCLUDES(streamMutex_);
+    int32_t dataStreamBufferUnlock() override EXCLUDES(streamMutex_);
 
 private:
     using SynchronousTransfer = decltype(&libusb_bulk_transfer);

@@ -30,13 +30,12 @@ size_t packetSizeOf(const UsbConnection &connection, uint8_t endpoint) {
 std::shared_ptr<EventPipe> EventPipe::make(UsbConnection &connection, uint8_t endpoint,
                                            std::shared_ptr<DeviceEventQueue> events,
                                            const DeviceName &name) {
-    auto pipe =
-        std::make_shared<EventPipe>(MakeKey{}, connection, endpoint, std::move(events), name);
+    auto pipe = std::make_shared<EventPipe>(Key(), connection, endpoint, std::move(events), name);
     connection.attach(pipe);
     return pipe;
 }
 
-EventPipe::EventPipe(MakeKey /*key*/, const UsbConnection &connection, uint8_t endpoint,
+EventPipe::EventPipe(Key /*key*/, const UsbConnection &connection, uint8_t endpoint,
                      std::shared_ptr<DeviceEventQueue> events, const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), endpoint, kPatience),
       events_(std::move(events)),

@@ -26,11 +26,6 @@ class UsbConnection;
  * type that the endpoint has.
  */
 class EventPipe final : public TransferSet {
-    // Only make() has one, so only make() can construct a pipe.
-    struct MakeKey {
-        explicit MakeKey() = default;
-    };
-
 public:
     // A pipe that is ready to be armed, and attached to the connection, which ends it when it
     // closes.  The caller holds a Use of the connection.  Throws std::bad_alloc, or EndpointError
@@ -39,7 +34,12 @@ public:
                                            std::shared_ptr<DeviceEventQueue> events,
                                            const DeviceName &name);
 
-    EventPipe(MakeKey key, const UsbConnection &connection, uint8_t endpoint,
+    // Only make() can have a Key.
+    class Key {
+        friend class EventPipe;
+        Key() = default;
+    };
+    EventPipe(Key, const UsbConnection &connection, uint8_t endpoint,
               std::shared_ptr<DeviceEventQueue> events, const DeviceName &name);
 
     // Submits the transfer.  False when it was refused; the pipe can only be released then.

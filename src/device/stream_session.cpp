@@ -1,6 +1,8 @@
 #include "device/stream_session.h"
 
 #include <cinttypes>
+#include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "core/log.h"
@@ -11,6 +13,13 @@
 #include "device/shared_buffers.h"
 
 namespace vexausb {
+
+namespace {
+
+constexpr size_t kTransferCount = 3;
+constexpr uint64_t kMaxTransferSize = 524288;
+
+} // namespace
 
 std::shared_ptr<StreamSession> StreamSession::make(UsbConnection &connection,
                                                    const Settings &settings,
@@ -29,7 +38,7 @@ StreamSession::StreamSession(Key /*key*/, const UsbConnection &connection, const
                              uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), settings.endpoint),
-      ring_(settings.bufferSize, settings.bufferCount, kStreamMaxTransferSize, packetSize,
+      ring_(settings.bufferSize, settings.bufferCount, kMaxTransferSize, packetSize,
             SharedBuffers::make(connection,
                                 DataStream::allocationSizeFor(settings.bufferSize, packetSize),
                                 settings.bufferCount, name)),
@@ -40,7 +49,7 @@ StreamSession::StreamSession(Key /*key*/, const UsbConnection &connection, const
       error_(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)) {}
 
 TransferSet::Slots StreamSession::makeSlots() {
-    Slots slots(kStreamTransferCount);
+    Slots slots(kTransferCount);
     for (auto &slot : slots)
         slot = std::make_unique<Piece>();
     return slots;

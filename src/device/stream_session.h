@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -13,9 +12,6 @@
 namespace vexausb {
 
 class UsbConnection;
-
-inline constexpr size_t kStreamTransferCount = 3;
-inline constexpr uint64_t kStreamMaxTransferSize = 524288;
 
 /*
  * One run of a data stream, from start to stop: the ring and the transfers that fill it.
