@@ -3,7 +3,6 @@ from __future__ import annotations
 
 import enum
 import gc
-import threading
 import warnings
 import weakref
 from collections.abc import Callable
@@ -13,11 +12,9 @@ from typing import Any
 
 from ._errors import InvalidParameters, check
 from ._events import DeviceInfo, Events
+from ._load import Load, Progress
 from ._native import ffi, lib
 from ._stream import Stream
-
-Progress = Callable[[float], object]
-
 
 # What keeps devices open that were closed with arrays about, by their info's id.
 _held: dict[int, list[weakref.ref[Any]]] = {}
@@ -72,7 +69,7 @@ class Device:
     def __init__(self, info: DeviceInfo, record: Any) -> None:
         self.info = info
         self._closed = False
-        self._loading = threading.Lock()
+        self._loads: list[Load] = []
         self._stream: Callable[[], Stream | None] = lambda: None
         self._viewed: list[weakref.ref[Any]] = []  # by its last stream
         self._number = lib.bridgeDeviceNew()
@@ -304,53 +301,19 @@ class Device:
         self._load(what, lambda: function(self._handle, raw, len(raw)), progress)
 
     def _load(self, what: str, call: Callable[[], Any], progress: Progress | None) -> None:
-        """Calls on a thread of its own, so that this one hears of the progress and of Ctrl-C.
-
-        An exception here, from `progress` too, closes the device: a download ends at its next block,
-        other loads run to their end.
-        """
-        results: list[Any] = []
-        turn = [None]  # who takes it decides whether the load begins
-
-        def work() -> None:
-            try:
-                turn.pop()
-            except IndexError:
-                return
-            try:
-                results.append(call())
-            except BaseException as error:
-                results.append(error)
-            finally:
-                self._loading.release()
-                lib.bridgeLoadEnded(self._number)
-
-        thread = threading.Thread(target=work, name="vexa-usb-load", daemon=True)
-        done = 0.0
-        if not self._loading.acquire(blocking=False):
-            raise InvalidParameters(f"{what}: this device is just being loaded")
+        """An exception here, from `progress` too, closes the device: a download ends at its next
+        block, other loads run to their end."""
+        load = Load(self._number, call, self._loads)
         try:
-            lib.bridgeProgress(self._number)  # of an earlier load
-            thread.start()
-            while not results:
-                # Also returns on a signal, whose handler Python calls before it goes on.
-                if lib.bridgeWait(self._number, lib.kBridgeLoad, -1) == lib.kBridgeReady:
-                    heard = lib.bridgeProgress(self._number)
-                    if progress is not None and not results:
-                        done = heard
-                        progress(done)
+            load.run(progress)
         except BaseException as error:
-            try:
-                turn.pop()
-            except IndexError:  # it has begun
+            if not load.call_off():
                 error.add_note(f"{what}: the load was ended and the device closed; it may need to be "
                                "plugged in again before another load")
                 self.close()
-            else:
-                self._loading.release()
             raise
-        if isinstance(results[0], BaseException):
-            raise results[0]
-        check(results[0], what)
-        if progress is not None and done < 1:
+        if isinstance(load.results[0], BaseException):
+            raise load.results[0]
+        check(load.results[0], what)
+        if progress is not None and load.done < 1:
             progress(1.0)
