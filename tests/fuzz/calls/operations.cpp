@@ -504,8 +504,8 @@ void World::stop(const Step &op) {
     Handle &on = *op.on;
     if (kOrders)
         on.isLoose = on.isLoose || on.stream.isChanging();
-    const auto isInFlight = [&]() {
-        return std::ranges::count(fake::inFlight(), &on.latest(), &fake::InFlight::owner) != 0;
+    const auto isInFlight = [run = &on.latest()]() { // others may start the next one meanwhile
+        return std::ranges::count(fake::inFlight(), run, &fake::InFlight::owner) != 0;
     };
     const bool abandons = on.isLoopless && isInFlight();
     Call call(*this, &on, &on.stream, -1);
