@@ -50,24 +50,28 @@ class Header:
         self.introduction = next(node for file in self.files
                                  for node in file.findall("compounddef/detaileddescription")
                                  if len(node))
-        self.statuses = {value: name for _, group in self.constants for name, value, _ in group
+        self.statuses = {value: name for _, blocks in self.constants
+                         for _, entries in blocks for name, value, _ in entries
                          if name.startswith("VEXA_USB_STATUS_")}
 
     def read_constants(self, members):
-        """Groups of constants, macros or enumerators: title and (name, value, description)s."""
+        """Groups of constants: title, and for each enumeration or macro itself (an enumeration's
+        node, else None) and (name, value, description)s."""
         groups = {}
         titles = {id(member): section.findtext("header") or "Others"
                   for file in self.files for section in file.iter("sectiondef")
                   for member in section.findall("memberdef")}
         for member in members:
-            entries = [member] if member.get("kind") == "define" else member.findall("enumvalue")
-            for entry in entries:
-                name = entry.findtext("name")
-                value = (entry.findtext("initializer") or "").strip("=() ")
-                if value and name != "VEXA_USB_API":
-                    self.kinds[entry.get("id")] = "define"
-                    groups.setdefault(titles[id(member)], []).append(
-                        (name, value, Description(entry)))
+            is_macro = member.get("kind") == "define"
+            constants = [(entry.findtext("name"), value, Description(entry))
+                         for entry in ([member] if is_macro else member.findall("enumvalue"))
+                         if (value := (entry.findtext("initializer") or "").strip("=() "))
+                         and entry.findtext("name") != "VEXA_USB_API"]
+            if constants:
+                self.kinds.update({entry.get("id"): "enumvalue"
+                                   for entry in member.findall("enumvalue")})
+                groups.setdefault(titles[id(member)], []).append(
+                    (None if is_macro else member, constants))
         return list(groups.items())
 
     def chapter_of(self, name):
@@ -123,7 +127,8 @@ def declaration(function):
 class Reference:
     """Writes the pages of the HTML reference."""
 
-    ROLES = {"function": "func", "define": "macro", "typedef": "type", "struct": "struct"}
+    ROLES = {"function": "func", "define": "macro", "typedef": "type", "struct": "struct",
+             "enum": "enum", "enumvalue": "enumerator"}
 
     def __init__(self, header):
         self.header = header
@@ -197,6 +202,19 @@ class Reference:
             text += f"   :param {parameter}: {self.inline(what)}\n"
         return text + "\n"
 
+    def constants(self, enumeration, entries):
+        text, kind, indent = "", "macro", "   "
+        if enumeration is not None:
+            text = f".. c:enum:: {enumeration.findtext('name')}\n\n"
+            text += self.paragraphs(Description(enumeration).paragraphs, indent)
+            kind = "enumerator"
+        for name, value, about in entries:
+            # What the build chooses has no value here.
+            shown = f"``{value}``: " if "@" not in value else ""
+            text += f".. c:{kind}:: {name}\n\n"
+            text += self.paragraphs(about.paragraphs, indent).replace(indent, indent + shown, 1)
+        return text
+
     @staticmethod
     def title(text, mark):
         return f"{text}\n{mark * len(text)}\n\n"
@@ -220,14 +238,9 @@ class Reference:
         (directory / "types.rst").write_text(
             self.title("Types and records", "=") + self.types())
         page = self.title("Constants", "=")
-        for title, group in self.header.constants:
+        for title, blocks in self.header.constants:
             page += self.title(title, "-")
-            for name, value, about in group:
-                # What the build chooses has no value here.
-                shown = f"``{value}``: " if "@" not in value else ""
-                page += f".. c:macro:: {name}\n\n"
-                text = self.paragraphs(about.paragraphs, "   ")
-                page += text.replace("   ", f"   {shown}", 1)
+            page += "".join(self.constants(*block) for block in blocks)
         (directory / "constants.rst").write_text(page)
 
 
@@ -265,7 +278,7 @@ class Manual:
         if kind == "function":
             name = text.removesuffix("()")
             return f"Fn {name}" if name == self.page else f"Xr {name} 3"
-        if kind == "define":
+        if kind in ("define", "enumvalue"):
             return f"Dv {text}"
         if kind:
             return f"Vt {text}"

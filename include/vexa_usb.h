@@ -77,52 +77,72 @@ extern "C" {
 #endif
 
 /** @name Status codes
- * The whole set; no function returns another value. @{ */
-#define VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY 1       /**< No buffer can be locked now. */
-#define VEXA_USB_STATUS_SUCCESS 0                        /**< Done. */
-#define VEXA_USB_STATUS_UNKNOWN (-1)                     /**< Failed; USB errors among them. */
-#define VEXA_USB_STATUS_NOT_SUPPORTED (-2)               /**< The device cannot do this. */
-#define VEXA_USB_STATUS_NOT_INITIALIZED (-3)             /**< Outside vexa_usb_init()/fini(). */
-#define VEXA_USB_STATUS_NO_MEMORY (-4)                   /**< An allocation failed. */
-#define VEXA_USB_STATUS_INVALID_PARAMETERS (-5)          /**< A null pointer, or out of range. */
-#define VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE (-6)       /**< The event pipe was never enabled. */
-#define VEXA_USB_STATUS_EVENT_PIPE_ACTIVE (-7)           /**< The event pipe was enabled before. */
-#define VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE (-8)        /**< A data stream is active. */
-#define VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE (-9)    /**< No data stream is active. */
-#define VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED (-10)     /**< The device has no such endpoint. */
-#define VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION (-11) /**< IN where OUT is due, or reverse. */
-#define VEXA_USB_STATUS_DEVICE_REMOVED (-12)             /**< The device has left the bus. */
-#define VEXA_USB_STATUS_TIMEOUT (-13)                    /**< The device did not answer in time. */
-#define VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED (-14)   /**< The transfer was short. */
+ * @{ */
+/** What functions return: the whole set; no function returns another value. */
+enum vexa_usb_status {
+    VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY = 1,     /**< No buffer can be locked now. */
+    VEXA_USB_STATUS_SUCCESS = 0,                      /**< Done. */
+    VEXA_USB_STATUS_UNKNOWN = -1,                     /**< Failed; USB errors among them. */
+    VEXA_USB_STATUS_NOT_SUPPORTED = -2,               /**< The device cannot do this. */
+    VEXA_USB_STATUS_NOT_INITIALIZED = -3,             /**< Outside vexa_usb_init()/fini(). */
+    VEXA_USB_STATUS_NO_MEMORY = -4,                   /**< An allocation failed. */
+    VEXA_USB_STATUS_INVALID_PARAMETERS = -5,          /**< A null pointer, or out of range. */
+    VEXA_USB_STATUS_EVENT_PIPE_NOT_ACTIVE = -6,       /**< The event pipe was never enabled. */
+    VEXA_USB_STATUS_EVENT_PIPE_ACTIVE = -7,           /**< The event pipe was enabled before. */
+    VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE = -8,        /**< A data stream is active. */
+    VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE = -9,    /**< No data stream is active. */
+    VEXA_USB_STATUS_ENDPOINT_NOT_SUPPORTED = -10,     /**< The device has no such endpoint. */
+    VEXA_USB_STATUS_INVALID_ENDPOINT_DIRECTION = -11, /**< IN where OUT is due, or reverse. */
+    VEXA_USB_STATUS_DEVICE_REMOVED = -12,             /**< The device has left the bus. */
+    VEXA_USB_STATUS_TIMEOUT = -13,                    /**< The device did not answer in time. */
+    VEXA_USB_STATUS_NOT_ALL_DATA_TRANSFERRED = -14    /**< The transfer was short. */
+};
 /** @} */
 
 /** @name Device events
- * Values that a device's callback receives.  The values 0 to 255 are also those of single bytes
- * that a device sends as events; 4 and 5 cannot be told apart from such bytes. @{ */
-#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL 4 /**< One more buffer holds its data. */
-#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR 5       /**< The stream could not go on. */
-#define VEXA_USB_DEVICE_EVENT_REMOVED 256               /**< The device has left the bus. */
-#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED 257   /**< The stream has started. */
-#define VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED 258   /**< The stream has been stopped. */
+ * @{ */
+/** What a device's callback receives.  The values 0 to 255 are also those of single bytes that a
+ * device sends as events; 4 and 5 cannot be told apart from such bytes. */
+enum vexa_usb_device_event {
+    VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL = 4, /**< One more buffer holds its data. */
+    VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR = 5,       /**< The stream could not go on. */
+    VEXA_USB_DEVICE_EVENT_REMOVED = 256,               /**< The device has left the bus. */
+    VEXA_USB_DEVICE_EVENT_DATA_STREAM_STARTED = 257,   /**< The stream has started. */
+    VEXA_USB_DEVICE_EVENT_DATA_STREAM_STOPPED = 258    /**< The stream has been stopped. */
+};
 /** @} */
 
 /** @name Changes of the device list
  * @{ */
-#define VEXA_USB_DEVICE_LIST_EVENT_ADDED 1   /**< A device was added. */
-#define VEXA_USB_DEVICE_LIST_EVENT_REMOVED 2 /**< A device was removed. */
+/** What the device list's callbacks receive. */
+enum vexa_usb_device_list_event {
+    VEXA_USB_DEVICE_LIST_EVENT_ADDED = 1,  /**< A device was added. */
+    VEXA_USB_DEVICE_LIST_EVENT_REMOVED = 2 /**< A device was removed. */
+};
 /** @} */
 
 /** @name Fields of a control transfer's bmRequestType
- * As in chapter 9.3 of the USB 2.0 specification. @{ */
-#define VEXA_USB_DIRECTION_OUT 0       /**< Host to device. */
-#define VEXA_USB_DIRECTION_IN 1        /**< Device to host. */
-#define VEXA_USB_TYPE_STANDARD 0       /**< Request of the USB standard. */
-#define VEXA_USB_TYPE_CLASS 1          /**< Request of a device class. */
-#define VEXA_USB_TYPE_VENDOR 2         /**< Request of the device's vendor. */
-#define VEXA_USB_RECIPIENT_DEVICE 0    /**< To the device. */
-#define VEXA_USB_RECIPIENT_INTERFACE 1 /**< To an interface. */
-#define VEXA_USB_RECIPIENT_ENDPOINT 2  /**< To an endpoint. */
-#define VEXA_USB_RECIPIENT_OTHER 3     /**< To something else. */
+ * @{ */
+/** Its direction, as in chapter 9.3 of the USB 2.0 specification. */
+enum vexa_usb_direction {
+    VEXA_USB_DIRECTION_OUT = 0, /**< Host to device. */
+    VEXA_USB_DIRECTION_IN = 1   /**< Device to host. */
+};
+
+/** Whose request it is. */
+enum vexa_usb_type {
+    VEXA_USB_TYPE_STANDARD = 0, /**< Request of the USB standard. */
+    VEXA_USB_TYPE_CLASS = 1,    /**< Request of a device class. */
+    VEXA_USB_TYPE_VENDOR = 2    /**< Request of the device's vendor. */
+};
+
+/** Whom it is for. */
+enum vexa_usb_recipient {
+    VEXA_USB_RECIPIENT_DEVICE = 0,    /**< To the device. */
+    VEXA_USB_RECIPIENT_INTERFACE = 1, /**< To an interface. */
+    VEXA_USB_RECIPIENT_ENDPOINT = 2,  /**< To an endpoint. */
+    VEXA_USB_RECIPIENT_OTHER = 3      /**< To something else. */
+};
 /** @} */
 
 /** Version of the library; a constant that the library owns. */

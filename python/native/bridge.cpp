@@ -151,7 +151,9 @@ public:
         };
         if (!settled_.wait_for(lock, std::chrono::milliseconds(timeoutMs), mayReturn))
             return kBridgeBusy;
-        return handle_ == nullptr ? VEXA_USB_STATUS_SUCCESS : kBridgeViewed;
+        if (handle_ != nullptr)
+            return kBridgeViewed;
+        return VEXA_USB_STATUS_SUCCESS;
     }
 
     int32_t streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict);
@@ -398,7 +400,9 @@ int32_t Device::streamStop() {
     forgetUnviewed();
     settle(lock);
     settled_.wait(lock, [this]() { return !stopping_; });
-    return streaming_ ? kBridgeViewed : VEXA_USB_STATUS_SUCCESS;
+    if (streaming_)
+        return kBridgeViewed;
+    return VEXA_USB_STATUS_SUCCESS;
 }
 
 // Python was interrupted before it had made a view.

@@ -588,7 +588,7 @@ void World::load(const Step &op) {
     if (op.what() != 34)
         call.present().check(true, mayFail, VEXA_USB_STATUS_UNKNOWN);
     call.check(true, mayFail, VEXA_USB_STATUS_SUCCESS); // what does not matter may have failed
-    for (const int32_t status : {kThrew, VEXA_USB_STATUS_UNKNOWN, -5, wire.firstStatus()})
+    for (const int32_t status : {kThrew, -1, -5, wire.firstStatus()})
         call.check(true, image.isSpoiled, status);
     call.starved({kThrew, VEXA_USB_STATUS_UNKNOWN}).judge("a loader", {image.expected(wire)});
 }
