@@ -81,9 +81,9 @@ void Inbox::expectBytes(std::vector<uint8_t> bytes) {
     announced_ = Clock::now();
 }
 
-std::optional<Inbox::Clock::duration> Inbox::waitForBytes() {
+std::optional<Inbox::Clock::duration> Inbox::waitForBytes(std::chrono::seconds patience) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kPatience,
+    changed_.wait_for(lock, patience,
                       [&]() { return received_ == bytes_.size() || signs_.removed; });
     if (received_ < bytes_.size())
         return std::nullopt;

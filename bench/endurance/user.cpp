@@ -24,6 +24,8 @@ constexpr uint64_t kRingBytes = 8U << 20;
 constexpr double kSmallestBuffer = 1e4;
 constexpr double kLargestByThat = 200; // times as large
 constexpr std::chrono::seconds kBetweenErrorAndRemoval{3};
+// Where others may reset the device, which ends its event pipe.
+constexpr std::chrono::seconds kForEventsThatMayBeLost{5};
 constexpr size_t kFirstEventBytes = 32;
 constexpr size_t kMarkBytes = 16;
 constexpr size_t kMostInLoop = 4U << 20;
@@ -206,7 +208,8 @@ bool User::sendEvents() {
     inbox_->expectBytes(bytes);
     if (!isFine(control(sim::kRequestSendEvents, 0, 0, bytes.data(), bytes.size()), "events"))
         return false;
-    const auto latency = inbox_->waitForBytes();
+    const auto latency =
+        inbox_->waitForBytes(settings_.foreign ? kForEventsThatMayBeLost : kPatience);
     if (latency) {
         tally_.addLatency(*latency);
         tally_.eventBytes += bytes.size();
