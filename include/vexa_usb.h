@@ -123,20 +123,20 @@ enum vexa_usb_device_list_event {
 
 /** @name Fields of a control transfer's bmRequestType
  * @{ */
-/** Its direction, as in chapter 9.3 of the USB 2.0 specification. */
+/** Direction of a control transfer, as in chapter 9.3 of the USB 2.0 specification. */
 enum vexa_usb_direction {
     VEXA_USB_DIRECTION_OUT = 0, /**< Host to device. */
     VEXA_USB_DIRECTION_IN = 1   /**< Device to host. */
 };
 
-/** Whose request it is. */
+/** Type of a control transfer: whose request it is. */
 enum vexa_usb_type {
     VEXA_USB_TYPE_STANDARD = 0, /**< Request of the USB standard. */
     VEXA_USB_TYPE_CLASS = 1,    /**< Request of a device class. */
     VEXA_USB_TYPE_VENDOR = 2    /**< Request of the device's vendor. */
 };
 
-/** Whom it is for. */
+/** Recipient of a control transfer: whom it is for. */
 enum vexa_usb_recipient {
     VEXA_USB_RECIPIENT_DEVICE = 0,    /**< To the device. */
     VEXA_USB_RECIPIENT_INTERFACE = 1, /**< To an interface. */

@@ -57,7 +57,7 @@ bool Connection::work(bool readable) {
     const bool canSend = socket_.flush();
     if (phase_ == Phase::Ending && socket_.drained())
         endSending();
-    if (phase_ == Phase::Ended)
+    if (phase_ >= Phase::Ending)
         socket_.discard();
     return canSend && peerIsThere;
 }
@@ -65,8 +65,10 @@ bool Connection::work(bool readable) {
 // Closing the socket would not do: what the client has sent meanwhile would make it a reset, upon
 // which the kernel's driver may end the connection before it has read the last answers.
 void Connection::endSending() {
-    phase_ = Phase::Ended;
+    phase_ = Phase::AwaitingClose;
     release();
+    pending_.clear();
+    unlinkedEarly_.clear();
     socket_.endOutput();
 }
 

@@ -87,8 +87,8 @@ private:
     std::optional<uint32_t> lastSubmitted_;      // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
     // When the device has gone only unlinks are answered.  An ending connection sends what is left,
-    // and one that has ended waits for the client to close it.
-    enum class Phase { Serving, DeviceGone, Ending, Ended };
+    // and then waits for the client to close it.
+    enum class Phase { Serving, DeviceGone, Ending, AwaitingClose };
     Phase phase_ = Phase::Serving;
 };
 

@@ -81,10 +81,12 @@ Bytes qualifierDescriptor(const DeviceShape &shape) {
     return bytes;
 }
 
-// Has two capabilities: USB 2.0 extension with link power management, and super speed.
+// Has two capabilities: USB 2.0 extension with link power management, and super speed.  A device of
+// of USB 2.1 is a SuperSpeed device on a slower port.
 Bytes bosDescriptor(const DeviceShape &shape) {
+    constexpr uint16_t kUsb2 = 0x0200;
     Bytes bytes;
-    if (shape.speed == Speed::Super) {
+    if (shape.speed == Speed::Super || bcdUsbOf(shape) > kUsb2) {
         append(bytes, {5, kBosDescriptor, 22, 0, 2});
         append(bytes, {7, kCapabilityDescriptor, 2, 2, 0, 0, 0});
         append(bytes, {10, kCapabilityDescriptor, 3, 0, 0x0E, 0, 1, 10, 0xFF, 0x07});

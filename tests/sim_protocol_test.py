@@ -119,8 +119,11 @@ vanish = struct.pack("<QIHH", 0, 0, 0, 0)
 client.sendall(submit(0, 0, len(vanish), setup=struct.pack("<BBHHH", 0x40, 8, 0, 0, 16)) + vanish)
 client.sendall(bytes(16 << 20))
 assert len(read(client, 1 << 20)) == 48
-imported().close()
+again = imported()
 client.close()
+other.sendall(struct.pack(">HHI32s", 0x0111, 0x8003, 0, b"1-1"))
+assert read(other, 8) == struct.pack(">HHI", 0x0111, 3, 2)  # it is the new client's
+again.close()
 
 # A client that asks for much and reads nothing gets no more than the simulator can hold.
 client = imported()

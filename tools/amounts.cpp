@@ -45,7 +45,7 @@ std::optional<uint64_t> unitFactor(std::string unit) {
 struct Parsed {
     uint64_t value; // 0 where there is no number
     std::errc error;
-    std::string rest; // of the text
+    std::string rest; // what follows it
 };
 
 // The whole number at the beginning of the text, decimal or hexadecimal.

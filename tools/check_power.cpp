@@ -7,9 +7,9 @@
 namespace tool {
 
 Finding checkPower(const UsbDevice &device) {
-    if (device.attribute("power/control") != "auto")
-        return {"power", "stays powered"};
     const std::string delay = device.attribute("power/autosuspend_delay_ms");
+    if (device.attribute("power/control") != "auto" || delay.starts_with('-')) // negative: never
+        return {"power", "stays powered"};
     return {"power",
             fmt::format("power management suspends it when it has not been used for {} ms", delay),
             fmt::format("echo on | sudo tee {}/power/control", device.directory.string()),

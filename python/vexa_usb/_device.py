@@ -303,7 +303,7 @@ class Device:
     def _load(self, what: str, call: Callable[[], Any], progress: Progress | None) -> None:
         """An exception here, from `progress` too, closes the device: a download ends at its next
         block, other loads run to their end."""
-        load = Load(self._number, call, self._loads)
+        load = Load(what, self._number, call, self._loads)
         try:
             load.run(progress)
         except BaseException as error:

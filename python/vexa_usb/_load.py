@@ -14,24 +14,25 @@ Progress = Callable[[float], object]
 class Load:
     """One load of a device, whose caller's thread stays free for the progress and for Ctrl-C.
 
-    `loads` are the device's; only the first of them runs.  A load begins unless it is called off
-    before, and is among them until its call has returned.  What is shared with its thread are
-    lists, since nothing can come between the steps of one change to a list, not even Ctrl-C.
+    `loads` are the device's: one at a time runs, the first that was not called off.  Lists hold what
+    is shared between threads: Ctrl-C can come after an append, but not in the middle of one.
     """
 
-    def __init__(self, device_number: int, call: Callable[[], Any], loads: list[Load]) -> None:
+    def __init__(self, what: str, device_number: int, call: Callable[[], Any],
+                 loads: list[Load]) -> None:
         self.results: list[Any] = []  # what the call returned or raised
         self.done = 0.0  # as last heard of
+        self._what = what
         self._number = device_number
         self._call = call
         self._loads = loads
-        self._decision = [None]  # whether it begins is up to who takes it
+        self._decisions: list[str] = []  # only the first one counts
 
     def run(self, progress: Progress | None) -> None:
         """Returns when the call has.  After an exception, from `progress` too, call it off."""
         self._loads.append(self)
-        if self._loads[0] is not self:
-            raise InvalidParameters("this device is just being loaded")
+        if next(load for load in self._loads if not load._is_off()) is not self:
+            raise InvalidParameters(f"{self._what}: this device is just being loaded")
         lib.bridgeProgress(self._number)  # of an earlier load
         thread = threading.Thread(target=self._work, name="vexa-usb-load", daemon=True)
         thread.start()
@@ -46,29 +47,26 @@ class Load:
 
     def call_off(self) -> bool:
         """False when it has begun, and goes on."""
-        if not self._decides():
-            return False
-        self._leave()
-        return True
+        self._decisions.append("off")
+        if self._is_off():
+            self._leave()
+        return self._is_off()
 
-    def _decides(self) -> bool:
-        try:
-            self._decision.pop()
-        except IndexError:
-            return False
-        return True
+    def _is_off(self) -> bool:
+        return self._decisions[:1] == ["off"]
 
     def _leave(self) -> None:
         if self in self._loads:
             self._loads.remove(self)
 
     def _work(self) -> None:
-        if not self._decides():
+        self._decisions.append("begins")
+        if self._is_off():
             return
         try:
             self.results.append(self._call())
         except BaseException as error:
             self.results.append(error)
         finally:
+            lib.bridgeLoadEnded(self._number)  # before the next load may begin
             self._leave()
-            lib.bridgeLoadEnded(self._number)

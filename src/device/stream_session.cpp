@@ -16,8 +16,8 @@ namespace vexausb {
 
 namespace {
 
-constexpr size_t kTransferCount = 3;
-constexpr uint64_t kMaxTransferSize = 524288;
+constexpr size_t kStreamTransferCount = 3;
+constexpr uint64_t kStreamMaxTransferSize = 524288;
 
 } // namespace
 
@@ -38,7 +38,7 @@ StreamSession::StreamSession(Key /*key*/, const UsbConnection &connection, const
                              uint64_t packetSize, std::shared_ptr<DeviceEventQueue> events,
                              const DeviceName &name)
     : TransferSet(makeSlots(), connection.handle(), settings.endpoint),
-      ring_(settings.bufferSize, settings.bufferCount, kMaxTransferSize, packetSize,
+      ring_(settings.bufferSize, settings.bufferCount, kStreamMaxTransferSize, packetSize,
             SharedBuffers::make(connection,
                                 DataStream::allocationSizeFor(settings.bufferSize, packetSize),
                                 settings.bufferCount, name)),
@@ -49,7 +49,7 @@ StreamSession::StreamSession(Key /*key*/, const UsbConnection &connection, const
       error_(DeviceEventQueue::prepare(VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)) {}
 
 TransferSet::Slots StreamSession::makeSlots() {
-    Slots slots(kTransferCount);
+    Slots slots(kStreamTransferCount);
     for (auto &slot : slots)
         slot = std::make_unique<Piece>();
     return slots;

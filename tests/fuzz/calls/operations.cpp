@@ -367,6 +367,9 @@ void World::cancel(const Step &op) {
     call.make([&]() { return vexa_usb_deregister_device_list_event_callback(id); });
     if (call.initialized().ready().judge("deregister_...", {0}) == 0 && wasActive)
         registration.isActive = false;
+    // One of a list that has ended has the number of another one's.
+    for (Registration &other : registrations_)
+        other.isDoubtful = other.isDoubtful || (registration.isDoubtful && other.id == id);
 }
 
 // What tells something, and changes nothing.
@@ -588,7 +591,8 @@ void World::load(const Step &op) {
     if (op.what() != 34)
         call.present().check(true, mayFail, VEXA_USB_STATUS_UNKNOWN);
     call.check(true, mayFail, VEXA_USB_STATUS_SUCCESS); // what does not matter may have failed
-    for (const int32_t status : {kThrew, -1, -5, wire.firstStatus()})
+    for (const int32_t status :
+         std::initializer_list<int32_t>{kThrew, VEXA_USB_STATUS_UNKNOWN, -5, wire.firstStatus()})
         call.check(true, image.isSpoiled, status);
     call.starved({kThrew, VEXA_USB_STATUS_UNKNOWN}).judge("a loader", {image.expected(wire)});
 }
