@@ -82,8 +82,8 @@ private:
     const Library library_;
     const Device device_;
     Progress progress_;
-    const std::chrono::system_clock::time_point date_ = std::chrono::system_clock::now();
-    Clock::time_point start_; // of the stream; none before
+    Clock::time_point start_;                    // of the stream; none before
+    std::chrono::system_clock::time_point date_; // of its start
     Clock::time_point lastData_;
     std::optional<Clock::time_point> end_;
     uint64_t bytesDone_ = 0;
@@ -143,6 +143,7 @@ void StreamRun::begin() {
                                      options_.bufferCount),
           "starting the stream");
     start_ = lastData_ = Clock::now();
+    date_ = std::chrono::system_clock::now();
 }
 
 void StreamRun::run() {

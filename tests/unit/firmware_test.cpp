@@ -37,7 +37,7 @@ protected:
             if (steps++ == failAt)
                 return failure;
             if (isIn)
-                answer(request.data, request.length);
+                answer(request.data, asked = request.length);
             return static_cast<int>(request.length);
         });
         fake::onTransfer([this](uint8_t, uint8_t *data, int length, int *actual) {
@@ -72,6 +72,7 @@ protected:
     std::vector<Bytes> answers;
     size_t steps = 0;
     size_t failAt = SIZE_MAX;
+    size_t asked = 0; // the length of the last request for data
     int failure = LIBUSB_ERROR_TIMEOUT;
 };
 
@@ -355,6 +356,7 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     for (const Bytes &wrong : wrongOnes) {
         EXPECT_EQ(loadUboot(wrong), -1);
         EXPECT_EQ(sent, (std::vector<Request>{{0x80, 6, 0x2200, 0, {}}})); // the descriptor
+        EXPECT_EQ(asked, 76U);
     }
     // The header alone, or less of it, is sent as it is.
     for (size_t size = 20; size < 64; size += 43) {

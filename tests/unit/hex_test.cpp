@@ -41,9 +41,12 @@ HexRecord record(uint8_t type, uint16_t address, Bytes data) {
 TEST(HexText, TakesWhatIsInUse) {
     EXPECT_TRUE(parseHexText("").empty());
     EXPECT_TRUE(parseHexText(" \n\r\n\t\v\f\n").empty());
+    const std::string rest(600, 'z'); // more than its count says
     const HexRecords records = parseHexText("\t :00000001FF\r\n"
                                             ":02FFf0090aBc40 \n"
-                                            ":0100000042zzBD\n" // more than its count says
+                                            ":0100000042" +
+                                            rest +
+                                            "BD\n"
                                             ":010000004GzzFB\n" // one digit: 4
                                             ":00000001FF");
     ASSERT_EQ(records.size(), 5U);
