@@ -1,6 +1,7 @@
 // Start-up and shut-down.
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -172,7 +173,14 @@ TEST_F(LifecycleTest, NothingAccumulates) {
 }
 
 // Neither does a device that is closed leave anything, nor a stream that is stopped.
-class AccumulationTest : public test::DeviceTest {};
+class AccumulationTest : public test::DeviceTest {
+protected:
+    static uint64_t mappedPages() {
+        uint64_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        return pages;
+    }
+};
 
 TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
     constexpr uint64_t kAllowed = 40000;
@@ -183,6 +191,10 @@ TEST_F(AccumulationTest, WhatHasEndedIsForgotten) {
         fake::takeCalls();
     }
     EXPECT_TRUE(test::eventually([&]() { return allocations::inUse() < memory + kAllowed; }));
+    const uint64_t mapped = mappedPages();
+    ASSERT_EQ(start(64U << 20, 4), 0);
+    ASSERT_EQ(stop(), 0);
+    EXPECT_LT(mappedPages(), mapped + 32768); // half of the ring
     for (int round = 0; round < 300; ++round) {
         ASSERT_EQ(close(), 0);
         device = open();
