@@ -1,44 +1,47 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <utility>
 
+#include "core/mutex.h"
+
 namespace tool {
 
-// A queue from a callback of the library to the program's own thread. Both share its ownership;
-// `mutex_` guards the letters.
+// A queue from a callback of the library to the program's own thread. Both share its ownership.
 template <typename Letter>
 class Mailbox {
 public:
-    void post(Letter letter) {
-        const std::lock_guard lock(mutex_);
+    void post(Letter letter) EXCLUDES(mutex_) {
+        const vexausb::MutexLock lock(mutex_);
         letters_.push_back(std::move(letter));
-        changed_.notify_one();
+        changed_.notifyOne();
     }
 
-    std::optional<Letter> wait(std::chrono::milliseconds atMost) {
-        std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, atMost, [this]() { return !letters_.empty(); }))
+    std::optional<Letter> wait(std::chrono::milliseconds atMost) EXCLUDES(mutex_) {
+        const auto end = std::chrono::steady_clock::now() + atMost;
+        const vexausb::MutexLock lock(mutex_);
+        bool inTime = true;
+        while (inTime && letters_.empty())
+            inTime = changed_.waitUntil(mutex_, end);
+        if (letters_.empty())
             return std::nullopt;
         Letter letter = std::move(letters_.front());
         letters_.pop_front();
         return letter;
     }
 
-    size_t size() {
-        const std::lock_guard lock(mutex_);
+    size_t size() EXCLUDES(mutex_) {
+        const vexausb::MutexLock lock(mutex_);
         return letters_.size();
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Letter> letters_;
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    std::deque<Letter> letters_ GUARDED_BY(mutex_);
 };
 
 } // namespace tool

@@ -12,6 +12,8 @@
 
 namespace tool {
 
+using vexausb::MutexLock;
+
 namespace {
 
 // Counted in steps: a program that was stopped (Ctrl-Z) loses one step of its time at most.
@@ -22,27 +24,44 @@ constexpr StallGuard::Seconds kStep{1};
 StallGuard::StallGuard(Seconds atMost, std::string what, std::string hint)
     : atMost_(atMost), what_(std::move(what)), hint_(std::move(hint)) {
     if (atMost_.count() > 0)
-        thread_ = std::jthread([this](const std::stop_token &stop) { watch(stop); });
+        thread_ = std::thread([this]() { watch(); });
+}
+
+StallGuard::~StallGuard() {
+    {
+        const MutexLock lock(mutex_);
+        ended_ = true;
+        changed_.notifyAll();
+    }
+    if (thread_.joinable())
+        thread_.join();
 }
 
 void StallGuard::noteProgress() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     progressed_ = true;
-    changed_.notify_all();
+    changed_.notifyAll();
+}
+
+bool StallGuard::waitForNews(Seconds atMost) {
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(atMost);
+    bool inTime = true;
+    while (inTime && !progressed_ && !ended_)
+        inTime = changed_.waitUntil(mutex_, end);
+    return progressed_ || ended_;
 }
 
 // Only an unplug or the library's end would end the call that hangs, and nobody can say when; so
 // the program ends from here, without tidying up.
-void StallGuard::watch(const std::stop_token &stop) {
-    std::unique_lock lock(mutex_);
+void StallGuard::watch() {
+    const MutexLock lock(mutex_);
     Seconds left = atMost_;
     while (left.count() > 0) {
         const Seconds next = std::min(left, kStep);
-        left -= next;
-        if (changed_.wait_for(lock, stop, next, [this]() { return progressed_; }))
-            left = atMost_;
+        left = waitForNews(next) ? atMost_ : left - next;
         progressed_ = false;
-        if (stop.stop_requested())
+        if (ended_)
             return;
     }
     const char *const afterBar = isatty(STDERR_FILENO) != 0 ? "\n" : "";

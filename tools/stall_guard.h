@@ -1,10 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "core/mutex.h"
 
 namespace tool {
 
@@ -20,19 +20,25 @@ public:
 
     // 0 s: no limit.  `what` and `hint` are those of the error.
     StallGuard(Seconds atMost, std::string what, std::string hint);
+    ~StallGuard();
+    StallGuard(const StallGuard &) = delete;
+    StallGuard &operator=(const StallGuard &) = delete;
 
-    void noteProgress();
+    void noteProgress() EXCLUDES(mutex_);
 
 private:
-    void watch(const std::stop_token &stop);
+    // False when there was none for that long.
+    bool waitForNews(Seconds atMost) REQUIRES(mutex_);
+    void watch() EXCLUDES(mutex_);
 
     const Seconds atMost_;
     const std::string what_;
     const std::string hint_;
-    std::mutex mutex_;
-    std::condition_variable_any changed_;
-    bool progressed_ = false;
-    std::jthread thread_; // the last member, since it uses the others
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    bool progressed_ GUARDED_BY(mutex_) = false;
+    bool ended_ GUARDED_BY(mutex_) = false;
+    std::thread thread_; // the last member, since it uses the others
 };
 
 } // namespace tool
