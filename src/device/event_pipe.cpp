@@ -40,7 +40,7 @@ EventPipe::EventPipe(Key /*key*/, const UsbConnection &connection, uint8_t endpo
     : TransferSet(makeSlots(), connection.handle(), endpoint, kPatience),
       events_(std::move(events)),
       deviceName_(name),
-      buffer_(packetSizeOf(connection, endpoint)) {}
+      eventBuffer_(packetSizeOf(connection, endpoint)) {}
 
 TransferSet::Slots EventPipe::makeSlots() {
     Slots slots;
@@ -72,7 +72,7 @@ void EventPipe::completed(Slot &slot) {
 }
 
 int EventPipe::submitBuffer(Slot &slot) {
-    return TransferSet::submit(slot, buffer_.data(), static_cast<int>(buffer_.size()));
+    return TransferSet::submit(slot, eventBuffer_.data(), static_cast<int>(eventBuffer_.size()));
 }
 
 bool EventPipe::submitNext(Slot &slot) {

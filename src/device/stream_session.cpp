@@ -64,7 +64,7 @@ void StreamSession::begin() {
         if (failed_ || stopRequested_)
             release(*slot);
         else
-            submitNext(static_cast<Piece &>(*slot));
+            submitNextTransfer(static_cast<Piece &>(*slot));
     }
     events_->post(started_);
 }
@@ -72,7 +72,7 @@ void StreamSession::begin() {
 void StreamSession::completed(Slot &slot) {
     auto &piece = static_cast<Piece &>(slot);
     if (acceptsMoreAfter(piece)) {
-        submitNext(piece);
+        submitNextTransfer(piece);
         return;
     }
     release(piece);
@@ -111,7 +111,7 @@ bool StreamSession::postFull(uint64_t buffers) {
     return true;
 }
 
-void StreamSession::submitNext(Piece &piece) {
+void StreamSession::submitNextTransfer(Piece &piece) {
     if (submitPiece(piece))
         return;
     release(piece);

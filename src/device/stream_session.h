@@ -78,7 +78,7 @@ private:
     // Reports what the transfer brought; whether it is to be submitted again.
     bool acceptsMoreAfter(const Piece &piece) REQUIRES(mutex_);
     bool postFull(uint64_t buffers) REQUIRES(mutex_);
-    void submitNext(Piece &piece) REQUIRES(mutex_);
+    void submitNextTransfer(Piece &piece) REQUIRES(mutex_);
     bool submitPiece(Piece &piece) REQUIRES(mutex_);
     void fail() REQUIRES(mutex_);
     void logBadTransfer(const libusb_transfer &transfer) const REQUIRES(mutex_);
