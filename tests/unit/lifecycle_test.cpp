@@ -8,6 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "core/supported_devices.h"
 #include "support/allocations.h"
 #include "support/device_fixtures.h"
@@ -170,6 +173,22 @@ TEST_F(LifecycleTest, NothingAccumulates) {
     EXPECT_TRUE(test::eventually([&]() { return threadCount() <= threads; }));
     EXPECT_LT(allocations::inUse(),
               memory + 5 * kBufferSize); // a ring is not counted, its object is
+}
+
+TEST_F(LifecycleTest, AChildOfAProcessThatUsesItCannotUseIt) {
+    for (const bool inUse : {false, true}) {
+        if (inUse)
+            vexa_usb_init();
+        const pid_t child = fork();
+        if (child == 0) {
+            vexa_usb_init();
+            _exit(vexa_usb_update_device_list() == VEXA_USB_STATUS_NOT_INITIALIZED ? 3 : 0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(WEXITSTATUS(status), inUse ? 3 : 0);
+    }
+    vexa_usb_fini();
 }
 
 // Neither does a device that is closed leave anything, nor a stream that is stopped.
