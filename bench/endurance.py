@@ -106,7 +106,8 @@ class Client:
         if self.process.poll() is not None:
             return False
         self.killed = True
-        return self.process.kill()
+        self.process.kill()
+        return True
 
     @counted("clients stopped for a while")
     def pause(self, seconds=1):
@@ -114,7 +115,8 @@ class Client:
         if self.process.poll() is not None:
             return False
         self.process.send_signal(signal.SIGSTOP)
-        return threading.Timer(seconds, self.process.send_signal, (signal.SIGCONT,)).start()
+        threading.Timer(seconds, self.process.send_signal, (signal.SIGCONT,)).start()
+        return True
 
     def finish(self):
         try:
