@@ -68,6 +68,7 @@ void Connection::endSending() {
     phase_ = Phase::AwaitingClose;
     release();
     pending_.clear();
+    pendingBytes_ = 0;
     unlinkedEarly_.clear();
     socket_.endOutput();
 }

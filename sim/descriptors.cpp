@@ -81,12 +81,12 @@ Bytes qualifierDescriptor(const DeviceShape &shape) {
     return bytes;
 }
 
-// Has two capabilities: USB 2.0 extension with link power management, and super speed.  A device of
-// of USB 2.1 is a SuperSpeed device on a slower port.
+// Has two capabilities: USB 2.0 extension with link power management, and super speed.  A device
+// that says USB 2.1 has them, too: it is a SuperSpeed device on a slower port.
 Bytes bosDescriptor(const DeviceShape &shape) {
-    constexpr uint16_t kUsb2 = 0x0200;
+    constexpr uint16_t kUsb21 = 0x0210;
     Bytes bytes;
-    if (shape.speed == Speed::Super || bcdUsbOf(shape) > kUsb2) {
+    if (shape.speed == Speed::Super || bcdUsbOf(shape) >= kUsb21) {
         append(bytes, {5, kBosDescriptor, 22, 0, 2});
         append(bytes, {7, kCapabilityDescriptor, 2, 2, 0, 0, 0});
         append(bytes, {10, kCapabilityDescriptor, 3, 0, 0x0E, 0, 1, 10, 0xFF, 0x07});

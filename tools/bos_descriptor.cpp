@@ -41,7 +41,7 @@ bool tellsOfSuperSpeed(const UsbDevice &device) {
     const int descriptor = open(device.node.c_str(), O_RDWR | O_CLOEXEC);
     if (descriptor < 0)
         return false;
-    std::array<uint8_t, UINT8_MAX> bytes{};
+    std::array<uint8_t, 4096> bytes{}; // as much as the kernel allows
     usbdevfs_ctrltransfer request{kIn,          kGetDescriptor, kBosDescriptor, 0,
                                   bytes.size(), kTimeoutMs,     bytes.data()};
     const int length = ioctl(descriptor, USBDEVFS_CONTROL, &request);

@@ -11,7 +11,7 @@ constexpr uint16_t kUsb2 = 0x0200;
 constexpr uint16_t kUsb3 = 0x0300;
 constexpr double kSuperSpeed = 5000;
 
-// A SuperSpeed device that runs slower counts as one of USB 2.1, and not all of those are such.
+// A SuperSpeed device says USB 2.1 while it runs slower; other devices say so, too.
 bool canRunFaster(const UsbDevice &device) {
     if (device.speed >= kSuperSpeed || device.speed == 0 || device.usbVersion <= kUsb2)
         return false;

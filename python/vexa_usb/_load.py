@@ -31,7 +31,7 @@ class Load:
     def run(self, progress: Progress | None) -> None:
         """Returns when the call has.  After an exception, from `progress` too, call it off."""
         self._loads.append(self)
-        if next(load for load in self._loads if not load._is_off()) is not self:
+        if next(load for load in self._loads[:] if not load._is_off()) is not self:
             raise InvalidParameters(f"{self._what}: this device is just being loaded")
         lib.bridgeProgress(self._number)  # of an earlier load
         thread = threading.Thread(target=self._work, name="vexa-usb-load", daemon=True)

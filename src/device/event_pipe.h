@@ -55,8 +55,8 @@ private:
 
     const std::shared_ptr<DeviceEventQueue> events_;
     const DeviceName deviceName_;
-    std::vector<uint8_t>
-        eventBuffer_; // one packet; libusb writes to it while the transfer is in flight
+    // One packet; libusb writes to it while the transfer is in flight.
+    std::vector<uint8_t> eventBuffer_;
 };
 
 } // namespace vexausb

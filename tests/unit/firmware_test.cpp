@@ -36,8 +36,10 @@ protected:
                             isIn ? Bytes() : Bytes(request.data, request.data + request.length)});
             if (steps++ == failAt)
                 return failure;
-            if (isIn)
-                answer(request.data, asked = request.length);
+            if (isIn) {
+                asked = request.length;
+                answer(request.data, asked);
+            }
             return static_cast<int>(request.length);
         });
         fake::onTransfer([this](uint8_t, uint8_t *data, int length, int *actual) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 #include <thread>
@@ -368,8 +369,11 @@ void World::cancel(const Step &op) {
     if (call.initialized().ready().judge("deregister_...", {0}) == 0 && wasActive)
         registration.isActive = false;
     // One of a list that has ended has the number of another one's.
-    for (Registration &other : registrations_)
-        other.isDoubtful = other.isDoubtful || (registration.isDoubtful && other.id == id);
+    const bool isOfEither = kOrders && registration.isDoubtful;
+    for (Registration &other : registrations_) {
+        if (isOfEither && other.id == id)
+            other.isDoubtful = true;
+    }
 }
 
 // What tells something, and changes nothing.
@@ -592,7 +596,8 @@ void World::load(const Step &op) {
         call.present().check(true, mayFail, VEXA_USB_STATUS_UNKNOWN);
     call.check(true, mayFail, VEXA_USB_STATUS_SUCCESS); // what does not matter may have failed
     for (const int32_t status :
-         std::initializer_list<int32_t>{kThrew, VEXA_USB_STATUS_UNKNOWN, -5, wire.firstStatus()})
+         std::initializer_list<int32_t>{kThrew, VEXA_USB_STATUS_UNKNOWN,
+                                        VEXA_USB_STATUS_INVALID_PARAMETERS, wire.firstStatus()})
         call.check(true, image.isSpoiled, status);
     call.starved({kThrew, VEXA_USB_STATUS_UNKNOWN}).judge("a loader", {image.expected(wire)});
 }

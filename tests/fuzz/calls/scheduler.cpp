@@ -239,6 +239,8 @@ bool failNextThread(bool fails) {
 // With parameters named as they are here.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
+// The C++ library, from which comes the time of a steady clock, has to find these here.
+#pragma GCC visibility push(default)
 
 int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                    void *argument) {
@@ -308,8 +310,6 @@ int pthread_cond_broadcast(pthread_cond_t *condition) {
     return 0;
 }
 
-// The C++ library, from which comes the time of a steady clock, has to find these here.
-#pragma GCC visibility push(default)
 int nanosleep(const timespec *duration, timespec *rest) {
     if (self == nullptr)
         return static_cast<int>(syscall(SYS_nanosleep, duration, rest));
