@@ -56,6 +56,7 @@ private:
     // By endpoint address; the control endpoint is 0 in both directions.
     using Pending = std::map<uint8_t, std::deque<Transfer>>;
 
+    // Only once everything is sent.
     void endSending();
     // Leaves the device to other clients.
     void release();
@@ -86,8 +87,8 @@ private:
     size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
     std::optional<uint32_t> lastSubmitted_;      // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
-    // When the device has gone only unlinks are answered.  An ending connection sends what is left,
-    // and then waits for the client to close it.
+    // In the order in which they follow.  When the device has gone only unlinks are answered.  An
+    // ending connection sends what is left, and then waits for the client to close it.
     enum class Phase { Serving, DeviceGone, Ending, AwaitingClose };
     Phase phase_ = Phase::Serving;
 };

@@ -39,7 +39,7 @@ public:
     bool receive();
     std::span<const uint8_t> received() const { return std::span(input_).subspan(consumed_); }
     void consume(size_t count) { consumed_ += count; }
-    void discard() { consumed_ = input_.size(); }
+    void discard() { consumed_ = input_.size(); } // all that was received
 
     void send(OutputPiece piece);
     void send(const Bytes &bytes);

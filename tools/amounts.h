@@ -16,10 +16,10 @@ inline constexpr uint64_t kMostInMemory = uint64_t{256} << 20;
 
 CLI::Validator positive();    // above 0; fractions are allowed
 CLI::Validator notNegative(); // 0 or above; fractions are allowed
-// Use these with transform().  The first two take decimal and hexadecimal numbers.
-CLI::Validator positiveCount();     // a whole number above 0
-CLI::Validator upTo(uint64_t most); // a whole number from 0
-// A number of bytes, with or without a unit such as k or M.
+// Whole numbers, decimal or hexadecimal (0x); use these with transform().
+CLI::Validator positiveCount();     // above 0
+CLI::Validator upTo(uint64_t most); // from 0
+// Bytes above 0, with or without a unit such as k or M.
 CLI::Validator byteCount();
 CLI::Validator byteCountInMemory();
 

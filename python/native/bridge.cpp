@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -52,6 +53,35 @@ public:
 private:
     const int descriptor_;
     bool isSet_ = false;
+};
+
+// What Python has yet to take.  Its owner guards it.
+template <typename Item>
+class Queue {
+public:
+    // On the library's threads, which an exception would end.
+    void post(const Item &item) noexcept {
+        try {
+            items_.push_back(item);
+        } catch (const std::bad_alloc &) {
+            hasLost_ = true;
+        }
+    }
+    // kBridgeEmpty when there is none; once after what came before a loss, that there was no
+    // memory.
+    int32_t take(Item &item) {
+        if (items_.empty())
+            return std::exchange(hasLost_, false) ? int32_t{VEXA_USB_STATUS_NO_MEMORY}
+                                                  : int32_t{kBridgeEmpty};
+        item = items_.front();
+        items_.pop_front();
+        return VEXA_USB_STATUS_SUCCESS;
+    }
+    bool isEmpty() const { return items_.empty() && !hasLost_; }
+
+private:
+    std::deque<Item> items_;
+    bool hasLost_ = false;
 };
 
 // What Python knows by a number and can wait for.
@@ -216,7 +246,7 @@ private:
 
     // Under `events_`, as are the signals.
     std::condition_variable removal_;
-    std::deque<_vexa_usb_device_event> queue_;
+    Queue<_vexa_usb_device_event> queue_;
     bool ended_ = false;
     bool removed_ = false;
     bool expectsStreamEvents_ = false;
@@ -285,21 +315,21 @@ void Device::post(_vexa_usb_device_event event) {
         removal_.notify_all();
         signals_[kBridgeStream].set();
     }
-    queue_.push_back(event);
+    queue_.post(event);
     signals_[kBridgeEvents].set();
 }
 
 int64_t Device::takeEvent() {
     const std::lock_guard lock(events_);
-    if (queue_.empty() && ended_)
-        return kBridgeClosed;
-    if (queue_.empty())
-        return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : int64_t{kBridgeEmpty};
-    const _vexa_usb_device_event event = queue_.front();
-    queue_.pop_front();
-    if (queue_.empty() && !ended_ && !removed_)
+    _vexa_usb_device_event event = 0;
+    const int32_t status = queue_.take(event);
+    if (queue_.isEmpty() && !ended_ && !removed_)
         signals_[kBridgeEvents].clear();
-    return event;
+    if (status != kBridgeEmpty)
+        return status == VEXA_USB_STATUS_SUCCESS ? int64_t{event} : int64_t{status};
+    if (ended_)
+        return kBridgeClosed;
+    return removed_ ? int64_t{VEXA_USB_STATUS_DEVICE_REMOVED} : int64_t{kBridgeEmpty};
 }
 
 void Device::wakeAll() {
@@ -489,13 +519,10 @@ public:
     }
     int32_t take(BridgeChange *change) {
         const std::lock_guard lock(events_);
-        if (queue_.empty())
-            return ended_ ? kBridgeClosed : kBridgeEmpty;
-        *change = queue_.front();
-        queue_.pop_front();
-        if (queue_.empty() && !ended_)
+        const int32_t status = queue_.take(*change);
+        if (queue_.isEmpty() && !ended_)
             signals_[kBridgeEvents].clear();
-        return VEXA_USB_STATUS_SUCCESS;
+        return status == kBridgeEmpty && ended_ ? int32_t{kBridgeClosed} : status;
     }
 
 private:
@@ -504,12 +531,12 @@ private:
         if (watch == nullptr)
             return;
         const std::lock_guard lock(watch->events_);
-        watch->queue_.push_back({item->id, type, item->vendor_id, item->product_id});
+        watch->queue_.post({item->id, type, item->vendor_id, item->product_id});
         watch->signals_[kBridgeEvents].set();
     }
 
     uint32_t registration_ = 0;
-    std::deque<BridgeChange> queue_;
+    Queue<BridgeChange> queue_;
     bool ended_ = false;
 };
 
@@ -683,7 +710,10 @@ int32_t bridgeWait(uint64_t id, int32_t what, int32_t timeoutMs) {
 int32_t bridgeDuplicate(uint64_t id, int32_t what) {
     const std::shared_ptr<Source> source = sources().find<Source>(id);
     const Signal *const signal = source == nullptr ? nullptr : source->signal(what);
-    return signal == nullptr ? -1 : fcntl(signal->descriptor(), F_DUPFD_CLOEXEC, 0);
+    if (signal == nullptr)
+        return kBridgeClosed;
+    const int copy = fcntl(signal->descriptor(), F_DUPFD_CLOEXEC, 0);
+    return copy < 0 ? -errno : copy;
 }
 
 void bridgeFree(uint64_t id) {

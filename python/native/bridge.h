@@ -50,7 +50,8 @@ int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record);
  */
 int32_t bridgeClose(uint64_t device, uint32_t timeoutMs);
 int32_t bridgeIsRemoved(uint64_t device, uint32_t timeoutMs);
-/* The next event; without one kBridgeEmpty, DEVICE_REMOVED or kBridgeClosed. */
+/* The next event; without one kBridgeEmpty, DEVICE_REMOVED or kBridgeClosed, or NO_MEMORY once when
+ * later events were lost for want of it. */
 int64_t bridgeTakeEvent(uint64_t device);
 
 int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize,
@@ -70,11 +71,13 @@ void bridgeLoadEnded(uint64_t device);
 
 /* 0 when the callback cannot be registered; `status` tells why. */
 uint64_t bridgeWatchNew(int32_t *status);
+/* Without a change kBridgeEmpty, kBridgeClosed, or NO_MEMORY as above. */
 int32_t bridgeTakeChange(uint64_t watch, BridgeChange *change);
 
 /* Of devices and watches. */
 int32_t bridgeWait(uint64_t id, int32_t what, int32_t timeoutMs);
-/* A file descriptor of the caller's own that is readable while there is something; or -1. */
+/* A file descriptor of the caller's own that is readable while there is something; kBridgeClosed
+ * when there is no such source, else the negative errno. */
 int32_t bridgeDuplicate(uint64_t id, int32_t what);
 /* Ends it, if that was not done, and forgets it. */
 void bridgeFree(uint64_t id);

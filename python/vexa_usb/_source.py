@@ -68,8 +68,10 @@ class Source(Generic[Item]):
         loop = asyncio.get_running_loop()
         # A descriptor of its own: others may wait for the same source, in this loop too.
         descriptor = lib.bridgeDuplicate(self._number, self._what)
-        if descriptor < 0:
+        if descriptor == lib.kBridgeClosed:
             raise Closed("what was waited for")
+        if descriptor < 0:
+            raise OSError(-descriptor, os.strerror(-descriptor))
         ready = loop.create_future()
 
         def tell() -> None:

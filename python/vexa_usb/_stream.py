@@ -87,7 +87,9 @@ class Stream(Source[memoryview]):
             except BufferError:
                 pass  # an array keeps the memory
             self._view = None
-        self.viewed[:] = [memory for memory in self.viewed if memory() is not None]
+        # One that went after one that is still there stays, so that the latter is seen to be old.
+        while self.viewed and self.viewed[0]() is None:
+            del self.viewed[0]
 
     def get(self, timeout: float | None = None) -> memoryview:
         """The next buffer, waited for that many seconds, or without end."""
@@ -107,7 +109,8 @@ class Stream(Source[memoryview]):
         with self._lock:
             if self._closed:
                 raise Closed(self._name)
-            self._let_go()
+            if self._view is not None or self.viewed:
+                self._let_go()
             if len(self.viewed) > 1:
                 raise BufferError("an array still refers to a buffer that was given back a step "
                                   "ago; copy what you keep")

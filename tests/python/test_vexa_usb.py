@@ -215,6 +215,9 @@ def test_stream_in_place(device):
             for view in stream:
                 kept.append(numpy.frombuffer(view, dtype=numpy.uint8))
         assert len(kept) == 2
+        kept.pop()
+        with pytest.raises(BufferError, match="copy"):
+            next(stream)
         del kept[:]
         last = next(stream)
     for call in (lambda: next(stream), lambda: last[0]):

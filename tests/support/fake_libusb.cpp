@@ -303,7 +303,7 @@ void waitInFlight(size_t count) {
 
 void completeOldest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
-    finish(state.flying.front(), status, actual);
+    finish(state.flying.at(0), status, actual); // throws when there is none
 }
 
 bool completeOn(uint8_t endpoint) {
