@@ -111,7 +111,7 @@ void use(uint64_t id, const Lies &lies, const char *name) {
 TEST(HostileTest, EveryLie) {
     setenv("VEXA_USB_STREAM", "strict", 1);
     vexa_usb_init();
-    std::vector<std::string> devices{"hostile,as=dfu,lie=dfu-busy"};
+    std::vector<std::string> devices;
     std::vector<std::pair<const Lies *, const char *>> told;
     for (const Lies &lies : kLies) {
         for (const char *name : lies.names) {
@@ -131,6 +131,17 @@ TEST(HostileTest, EveryLie) {
         });
     }
     threads.clear();
+    vexa_usb_fini();
+}
+
+TEST(HostileTest, TheCommand) {
+    std::vector<std::string> devices{"hostile,as=dfu,lie=dfu-busy"};
+    for (const std::string lie :
+         {"config-short", "babble", "nothing", "interface-200", "string-wild"})
+        devices.push_back("hostile,serial=" + lie + ",lie=" + lie);
+    vexa_usb_init();
+    const Simulator simulator(devices, devices.size());
+    std::vector<std::jthread> threads;
     threads.emplace_back(command, 0, "list");
     threads.emplace_back(command, 0, "info --serial config-short");
     threads.emplace_back(command, 1, "read 0x82 8 --serial babble");
