@@ -6,8 +6,12 @@
 
 #include "first_device.h"
 
+/* What is added before the device has left is the device itself. */
 static void onChange(uint32_t type, const _vexa_usb_device_list_item *item, void *data) {
-    if (type == VEXA_USB_DEVICE_LIST_EVENT_ADDED) {
+    static int hasLeft;
+    if (type == VEXA_USB_DEVICE_LIST_EVENT_REMOVED) {
+        hasLeft = 1;
+    } else if (hasLeft) {
         printf("now %04x:%04x\n", item->vendor_id, item->product_id);
         sem_post(data);
     }
