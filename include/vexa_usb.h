@@ -303,9 +303,9 @@ VEXA_USB_API int32_t vexa_usb_free_device_list(_vexa_usb_device_list_item **list
 VEXA_USB_API int32_t vexa_usb_update_device_list(void);
 
 /**
- * Registers a callback for changes of the device list, from the next delivery on.  An update that
- * has returned may still have deliveries to come: the callback can be called for devices that it
- * has listed.
+ * Registers a callback for changes of the device list, from the next delivery on.  That of an
+ * update which has returned may be still to come: the callback is then called for what that update
+ * listed.
  *
  * @param callback called for each change; see its type for threads and lifetimes
  * @param data handed to @p callback; may be null

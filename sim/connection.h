@@ -87,8 +87,9 @@ private:
     size_t pendingBytes_ = 0;                    // the memory of the transfers in `pending_`
     std::optional<uint32_t> lastSubmitted_;      // sequence number
     std::map<uint32_t, uint32_t> unlinkedEarly_; // transfers still to come, and what unlinks each
-    // In the order in which they follow.  When the device has gone only unlinks are answered.  An
-    // ending connection sends what is left, and then waits for the client to close it.
+    // In the order in which they follow one another.  When the device has gone only unlinks are
+    // answered.  An ending connection sends what is left, and then waits for the client to close
+    // it.
     enum class Phase { Serving, DeviceGone, Ending, AwaitingClose };
     Phase phase_ = Phase::Serving;
 };

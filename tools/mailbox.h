@@ -10,7 +10,8 @@
 
 namespace tool {
 
-// A queue from a callback of the library to the program's own thread. Both share its ownership.
+// A queue from a callback of the library, on its threads, to the program's own thread.  Kept alive
+// by a shared pointer of each, since a callback may come after its deregistration.
 template <typename Letter>
 class Mailbox {
 public:

@@ -4,9 +4,11 @@
 
 namespace endurance {
 
+using vexausb::MutexLock;
+
 void Inbox::callback(_vexa_usb_device_event event, void *inbox) {
     auto &self = *static_cast<Inbox *>(inbox);
-    const std::lock_guard lock(self.mutex_);
+    const MutexLock lock(self.mutex_);
     switch (event) {
     case VEXA_USB_DEVICE_EVENT_DATA_STREAM_BUFFER_FULL:
         ++self.full_;
@@ -26,7 +28,7 @@ void Inbox::callback(_vexa_usb_device_event event, void *inbox) {
     default:
         self.take(static_cast<uint8_t>(event));
     }
-    self.changed_.notify_all();
+    self.changed_.notifyAll();
 }
 
 void Inbox::take(uint8_t byte) {
@@ -42,7 +44,7 @@ void Inbox::take(uint8_t byte) {
 }
 
 void Inbox::clear() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     full_ = 0;
     signs_ = {};
     foundFirst_ = false;
@@ -51,9 +53,11 @@ void Inbox::clear() {
 }
 
 Inbox::News Inbox::waitForBuffer(uint64_t seen) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, kPatience,
-                      [&]() { return full_ > seen || signs_.error || signs_.removed; });
+    const auto deadline = Clock::now() + kPatience;
+    const MutexLock lock(mutex_);
+    bool inTime = true;
+    while (inTime && full_ <= seen && !signs_.error && !signs_.removed)
+        inTime = changed_.waitUntil(mutex_, deadline);
     if (full_ > seen)
         return News::Full;
     if (signs_.removed)
@@ -68,30 +72,36 @@ bool Inbox::has(News end) const {
 }
 
 Inbox::News Inbox::waitForEnd(News end, std::chrono::seconds patience) {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, patience, [&]() { return has(end) || signs_.removed; }))
-        return News::Silence;
-    return has(end) ? end : News::Removed;
+    const auto deadline = Clock::now() + patience;
+    const MutexLock lock(mutex_);
+    bool inTime = true;
+    while (inTime && !has(end) && !signs_.removed)
+        inTime = changed_.waitUntil(mutex_, deadline);
+    if (has(end))
+        return end;
+    return signs_.removed ? News::Removed : News::Silence;
 }
 
 void Inbox::expectBytes(std::vector<uint8_t> bytes) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     bytes_ = std::move(bytes);
     received_ = 0;
     announced_ = Clock::now();
 }
 
 std::optional<Inbox::Clock::duration> Inbox::waitForBytes(std::chrono::seconds patience) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, patience,
-                      [&]() { return received_ == bytes_.size() || signs_.removed; });
+    const auto deadline = Clock::now() + patience;
+    const MutexLock lock(mutex_);
+    bool inTime = true;
+    while (inTime && received_ != bytes_.size() && !signs_.removed)
+        inTime = changed_.waitUntil(mutex_, deadline);
     if (received_ < bytes_.size())
         return std::nullopt;
     return complete_ - announced_;
 }
 
 Inbox::Signs Inbox::signs() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return signs_;
 }
 

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "core/mutex.h"
 #include "vexa_usb.h"
 
 namespace endurance {
@@ -54,18 +53,18 @@ public:
     Signs signs();
 
 private:
-    bool has(News end) const;
-    void take(uint8_t byte);
+    bool has(News end) const REQUIRES(mutex_);
+    void take(uint8_t byte) REQUIRES(mutex_);
 
-    std::mutex mutex_; // guards the rest
-    std::condition_variable changed_;
-    uint64_t full_ = 0;
-    Signs signs_;
-    bool foundFirst_ = false;    // the first bytes that were expected
-    std::vector<uint8_t> bytes_; // expected
-    size_t received_ = 0;        // of them
-    Clock::time_point announced_;
-    Clock::time_point complete_;
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    uint64_t full_ GUARDED_BY(mutex_) = 0;
+    Signs signs_ GUARDED_BY(mutex_);
+    bool foundFirst_ GUARDED_BY(mutex_) = false;    // the first bytes that were expected
+    std::vector<uint8_t> bytes_ GUARDED_BY(mutex_); // expected
+    size_t received_ GUARDED_BY(mutex_) = 0;        // of them
+    Clock::time_point announced_ GUARDED_BY(mutex_);
+    Clock::time_point complete_ GUARDED_BY(mutex_);
 };
 
 } // namespace endurance

@@ -24,14 +24,14 @@ void Tally::finding(const std::string &what) {
 }
 
 void Tally::addLatency(std::chrono::steady_clock::duration time) {
-    const std::lock_guard lock(mutex_);
+    const vexausb::MutexLock lock(mutex_);
     latencies_.push_back(std::chrono::duration<double, std::milli>(time).count());
 }
 
 std::vector<double> Tally::takeLatencies() {
     std::vector<double> taken;
     {
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         taken.swap(latencies_);
     }
     std::sort(taken.begin(), taken.end());

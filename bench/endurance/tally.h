@@ -4,9 +4,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "core/mutex.h"
 
 namespace endurance {
 
@@ -32,8 +33,8 @@ public:
 
 private:
     std::atomic<uint64_t> findings_ = 0;
-    std::mutex mutex_;
-    std::vector<double> latencies_; // guarded by mutex_
+    vexausb::Mutex mutex_;
+    std::vector<double> latencies_ GUARDED_BY(mutex_);
 };
 
 // What this process uses now.

@@ -43,7 +43,7 @@ std::pair<_vexa_usb_device *, uint64_t> Claims::open(Inbox &inbox, uint64_t rand
     for (uint64_t i = 0; i < count && result.first == nullptr; ++i) {
         const auto *const item = list[(i + random) % count];
         {
-            const std::lock_guard lock(mutex_);
+            const vexausb::MutexLock lock(mutex_);
             if (item->vendor_id != VEXA_USB_VENDOR_ID || !taken_.insert(item->id).second)
                 continue;
         }
@@ -56,7 +56,7 @@ std::pair<_vexa_usb_device *, uint64_t> Claims::open(Inbox &inbox, uint64_t rand
 }
 
 void Claims::giveBack(uint64_t id) {
-    const std::lock_guard lock(mutex_);
+    const vexausb::MutexLock lock(mutex_);
     taken_.erase(id);
 }
 

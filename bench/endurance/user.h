@@ -5,12 +5,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <random>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "core/mutex.h"
 #include "inbox.h"
 #include "tally.h"
 #include "vexa_usb.h"
@@ -36,8 +36,8 @@ public:
     void giveBack(uint64_t id);
 
 private:
-    std::mutex mutex_;
-    std::set<uint64_t> taken_; // guarded by mutex_
+    vexausb::Mutex mutex_;
+    std::set<uint64_t> taken_ GUARDED_BY(mutex_);
 };
 
 /*

@@ -67,8 +67,7 @@ public:
             hasLost_ = true;
         }
     }
-    // kBridgeEmpty when there is none; once after what came before a loss, that there was no
-    // memory.
+    // kBridgeEmpty when there is none; NO_MEMORY once, when it has been emptied, if some were lost.
     int32_t take(Item &item) {
         if (items_.empty())
             return std::exchange(hasLost_, false) ? int32_t{VEXA_USB_STATUS_NO_MEMORY}
@@ -128,7 +127,7 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    std::mutex mutex_; // what follows
     std::map<uint64_t, std::shared_ptr<Source>> sources_;
     uint64_t last_ = 0;
 };
@@ -275,7 +274,7 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    std::mutex mutex_; // what follows
     std::multimap<const void *, std::shared_ptr<Device>> views_;
 };
 

@@ -50,8 +50,8 @@ int32_t bridgeOpen(uint64_t device, const _vexa_usb_device_list_item *record);
  */
 int32_t bridgeClose(uint64_t device, uint32_t timeoutMs);
 int32_t bridgeIsRemoved(uint64_t device, uint32_t timeoutMs);
-/* The next event; without one kBridgeEmpty, DEVICE_REMOVED or kBridgeClosed, or NO_MEMORY once when
- * later events were lost for want of it. */
+/* The next event; without one kBridgeEmpty, DEVICE_REMOVED or kBridgeClosed; NO_MEMORY once, when
+ * the queue has been emptied, if events were lost for want of it. */
 int64_t bridgeTakeEvent(uint64_t device);
 
 int32_t bridgeStreamStart(uint64_t device, uint8_t endpoint, uint64_t bufferSize,

@@ -79,14 +79,14 @@ private:
     // Lets one thread at a time enable or disable; under it eventPipeActive_ is written.  No libusb
     // callback takes it.
     Mutex eventPipeMutex_;
-    // Once enabled, for the rest of the device's life.
+    // Once a pipe was made, for the rest of the device's life, even if its transfer was refused.
     std::shared_ptr<EventPipe> eventPipe_ GUARDED_BY(eventPipeMutex_);
 
     // Lets one thread at a time start, stop, lock or unlock; under it dataStreamActive_ is written.
     // No libusb callback takes it.
     Mutex streamMutex_;
     std::shared_ptr<StreamSession> stream_ GUARDED_BY(streamMutex_);
-    // While a stream is active.
+    // From a start, even one that failed, to the stop; prepared so that a stop needs no memory.
     DeviceEventQueue::Prepared streamStopped_ GUARDED_BY(streamMutex_);
 };
 

@@ -327,7 +327,7 @@ bool completeOf(const void *owner, const std::function<End(const InFlight &trans
 
 void completeNewest(libusb_transfer_status status, int actual) {
     const std::lock_guard lock(mutex);
-    finish(state.flying.back(), status, actual);
+    finish(state.flying.at(state.flying.size() - 1), status, actual);
 }
 
 void completeBySelf(uint64_t count) {

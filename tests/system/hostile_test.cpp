@@ -135,10 +135,11 @@ TEST(HostileTest, EveryLie) {
 }
 
 TEST(HostileTest, TheCommand) {
-    std::vector<std::string> devices{"hostile,as=dfu,lie=dfu-busy"};
-    for (const std::string lie :
-         {"config-short", "babble", "nothing", "interface-200", "string-wild"})
-        devices.push_back("hostile,serial=" + lie + ",lie=" + lie);
+    const std::vector<std::string> devices{
+        "hostile,as=dfu,lie=dfu-busy",      "hostile,serial=config-short,lie=config-short",
+        "hostile,serial=babble,lie=babble", "hostile,serial=nothing,lie=nothing",
+        "hostile,lie=interface-200",        "hostile,lie=string-wild",
+    };
     vexa_usb_init();
     const Simulator simulator(devices, devices.size());
     std::vector<std::jthread> threads;

@@ -185,6 +185,22 @@ TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     EXPECT_EQ(fake::toldToOthers(), 0);
 }
 
+// Who is not told at once does so with the next buffer.
+TEST_F(SharedRingTest, GivesWayToOtherPrograms) {
+    fake::limitTransfers("64");
+    ASSERT_EQ(start(1000, 16), 0);
+    EXPECT_EQ(fillAndDrain(), 1U);
+    for (const size_t devices : {1U, 32U}) {
+        EXPECT_GE(fake::sharedBlocks(), 13U);
+        budget::setAttachedDevices(devices);
+        receive();
+        EXPECT_EQ(unlock(), 0);
+        fake::waitInFlight(3);
+    }
+    EXPECT_LE(fake::sharedBlocks(), 5U);
+    budget::setAttachedDevices(1);
+}
+
 // What is granted of a ring of 32 MiB.
 TEST_F(SharedRingTest, AQuarterOfTheLimitForAllProgramsTogether) {
     struct Case {

@@ -48,7 +48,7 @@ struct Place {
     bool isSeen = false;                   // no newer one can be listed
 };
 
-// What was opened, is being opened, or was not to be.
+// An opened device, one that is being opened, or one whose opening failed.
 struct Handle {
     void heard(uint32_t event);
     model::Flow *runThat(bool hasStarted); // and has not stopped
@@ -185,7 +185,7 @@ private:
 
     Operations operations_, callbackOperations_;
     std::span<const uint8_t> order_;
-    std::mutex bus_; // one thing after the other happens on it
+    std::mutex bus_; // held while one place of the bus changes
     std::array<Place, 6> places_;
     std::array<Slot, 3> slots_;
     std::array<Handle, 12> handles_;
