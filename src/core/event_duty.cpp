@@ -16,12 +16,27 @@ namespace {
 constexpr std::chrono::milliseconds kYieldTime{10};
 
 struct Duty {
+    // Methods, since locks are not checked in constructors and destructors.
+    void reserve() EXCLUDES(mutex);
+    void giveBack() EXCLUDES(mutex);
+
     std::atomic<bool> transferSucceeded{false}; // set by callers, cleared by "usb-libusb"
 
     Mutex mutex; // no other lock is taken under it
     Condition changed;
     uint64_t reservations GUARDED_BY(mutex) = 0;
 };
+
+void Duty::reserve() {
+    const MutexLock lock(mutex);
+    ++reservations;
+    changed.notifyOne();
+}
+
+void Duty::giveBack() {
+    const MutexLock lock(mutex);
+    --reservations;
+}
 
 // Never destroyed: the thread may still wait for it when the process ends without a last fini.
 Duty &duty() {
@@ -32,14 +47,11 @@ Duty &duty() {
 } // namespace
 
 Reserved::Reserved() {
-    const MutexLock lock(duty().mutex);
-    ++duty().reservations;
-    duty().changed.notifyOne();
+    duty().reserve();
 }
 
 Reserved::~Reserved() {
-    const MutexLock lock(duty().mutex);
-    --duty().reservations;
+    duty().giveBack();
 }
 
 void noteSynchronousTransfer() {

@@ -3,11 +3,8 @@
 namespace vexausb {
 
 UseGate::Use::~Use() {
-    if (gate_ == nullptr)
-        return;
-    const MutexLock lock(gate_->mutex_);
-    if (--gate_->users_ == 0)
-        gate_->left_.notifyAll();
+    if (gate_ != nullptr)
+        gate_->leave();
 }
 
 bool UseGate::Use::closeRequested() const {
@@ -26,6 +23,12 @@ UseGate::Use UseGate::enter() {
         return Use(nullptr);
     ++users_;
     return Use(this);
+}
+
+void UseGate::leave() {
+    const MutexLock lock(mutex_);
+    if (--users_ == 0)
+        left_.notifyAll();
 }
 
 void UseGate::refuse() {

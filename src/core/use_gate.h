@@ -47,6 +47,9 @@ public:
     void close() EXCLUDES(mutex_);
 
 private:
+    // Of a user that is destroyed; a method, since locks are not checked in destructors.
+    void leave() EXCLUDES(mutex_);
+
     mutable Mutex mutex_;
     Condition left_;
     bool isOpen_ GUARDED_BY(mutex_);
