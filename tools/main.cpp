@@ -208,6 +208,11 @@ int report() {
     std::abort();
 }
 
+// Before main() and the other static objects, since those of CLI11's headers allocate.
+[[gnu::constructor(101)]] void prepareToTerminate() {
+    std::set_terminate(onTerminate);
+}
+
 } // namespace
 
 } // namespace tool
@@ -215,7 +220,6 @@ int report() {
 int main(int argc, char **argv) {
     // Without the signal, a closed pipe shows as a failed write.
     std::signal(SIGPIPE, SIG_IGN);
-    std::set_terminate(tool::onTerminate);
     try {
         const int status = tool::run({argv + 1, argv + argc});
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
