@@ -91,7 +91,7 @@ class Client:
         self.strict = chance.random() < 0.5 or samples is not None
         environment = dict(os.environ, VEXA_USB_STREAM="strict" if self.strict else "default",
                            # else the sanitizer keeps 256 MB of what is freed
-                           ASAN_OPTIONS="quarantine_size_mb=8")
+                           ASAN_OPTIONS="quarantine_size_mb=8", VEXA_USB_LOG="error")
         if chance.random() < 0.5 and samples is None:
             environment["VEXA_USB_RING"] = "private"
         self.output = samples or tempfile.TemporaryFile("w+")
@@ -133,11 +133,12 @@ class Client:
             count("clients that gave a transfer up")
             return None
         if status != 0:
-            find(f"a client ended with {status}: {errors[-2000:]}")
+            own = [line for line in errors.splitlines() if line.startswith("endurance: ")]
+            find("\n".join([f"a client ended with {status}", *own, "with:", errors[-4000:]]))
             return None
         result = json.loads(self.output.read().splitlines()[-1])
         for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",
-                     "timeouts"):
+                     "silent_streams", "timeouts"):
             count(name, result[name])
         return result
 

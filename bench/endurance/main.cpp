@@ -1,7 +1,8 @@
 // Uses many simulated instruments at once for a long time, and looks at every byte.  Its last line
 // is what came of it, as JSON; with --samples it tells that every second.
 //
-// "lost_streams" ended with an error while their user was busy with something else.
+// "lost_streams" ended with an error while their user was busy with something else;
+// "silent_streams" were given up for ended where that is not told.
 //
 // Exit status: 0 when nothing happened that must not, 1 when something did, 2 for wrong arguments.
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -143,6 +145,7 @@ public:
         result["removals"] = tally_.removals.load();
         result["overflows"] = tally_.overflows.load();
         result["lost_streams"] = tally_.lostStreams.load();
+        result["silent_streams"] = tally_.silentStreams.load();
         result["timeouts"] = tally_.timeouts.load();
         result["open"] = tally_.open.load();
         result["findings"] = tally_.findings();
@@ -242,6 +245,8 @@ int main(int argc, char **argv) {
     }
     settings.longest = std::chrono::seconds(longest);
     settings.delay = std::chrono::milliseconds(delay);
+    const char *const mode = std::getenv("VEXA_USB_STREAM");
+    settings.strict = mode != nullptr && std::string_view(mode) == "strict";
 
     vexa_usb_init();
     vexa_usb_update_device_list();

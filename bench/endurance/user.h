@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <random>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct Settings {
     double pulls = 0; // devices that are pulled each second, by all users together
     bool overflows = false;
     bool foreign = false; // others pull devices, too
+    bool strict = false;  // the streams, by their environment
 };
 
 // The devices that users of this process have, by their ids in the list.
@@ -75,6 +77,11 @@ private:
     bool startStream();
     bool drain(std::chrono::steady_clock::time_point until);
     bool drainOne();
+    // A stream that is not strict ends without a word when none of its transfers is left, and
+    // others can make them all fail.
+    bool mayEndSilently() const;
+    std::chrono::seconds streamPatience() const;
+    void noteSilence(const std::string &finding);
     bool sendEvents();
     void loopBack();
     void pullDevice();
