@@ -37,10 +37,16 @@ struct Shape {
     uint64_t bytes; // to be read in all
 };
 
-// What a consumer does with its data: the sum of all words, in a variable that cannot be left out.
+// What a consumer does with its data: it copies them, if there is room for that, or else adds up
+// all words, in a variable that cannot be left out.
+std::vector<uint8_t> room;
 volatile uint64_t total = 0;
 
 void lookAt(const uint8_t *data, uint64_t size) {
+    if (!room.empty()) {
+        std::memcpy(room.data(), data, std::min(size, room.size()));
+        return;
+    }
     uint64_t sum = 0;
     for (uint64_t i = 0; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t)) {
         uint64_t word = 0;
@@ -316,13 +322,16 @@ void run(const std::string &way, const Shape &shape) {
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 5) {
-        std::fprintf(stderr,
-                     "usage: %s bare|bare-shared|hand|library BUFFER-SIZE BUFFER-COUNT BYTES\n",
-                     argv[0]);
+    if (argc != 5 && (argc != 6 || std::string(argv[5]) != "copy")) {
+        std::fprintf(
+            stderr,
+            "usage: %s bare|bare-shared|hand|library BUFFER-SIZE BUFFER-COUNT BYTES [copy]\n",
+            argv[0]);
         return 2;
     }
     try {
+        if (argc == 6)
+            room.resize(std::strtoull(argv[2], nullptr, 10));
         run(argv[1], {std::strtoull(argv[2], nullptr, 10), std::strtoull(argv[3], nullptr, 10),
                       std::strtoull(argv[4], nullptr, 10)});
     } catch (const std::exception &error) {

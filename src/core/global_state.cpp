@@ -14,7 +14,7 @@ Mutex deviceListMutex; // no other lock is taken under it
 // ends in the thread's destructor, by std::terminate, whatever the list holds.
 std::shared_ptr<DeviceList> deviceList GUARDED_BY(deviceListMutex);
 
-// One thing of each type: a second one would be ignored.
+// Each type has one thing to keep: its static object takes the first and would drop a second.
 template <typename Thing>
 void keep(Thing &thing) {
     static Undestroyed<Thing> kept(std::move(thing));

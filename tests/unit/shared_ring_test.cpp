@@ -185,7 +185,7 @@ TEST_F(SharedRingTest, GivesWayToOtherDevices) {
     EXPECT_EQ(fake::toldToOthers(), 0);
 }
 
-// Who is not told at once does so with the next buffer.
+// An open device that is not told at once gives way with its next buffer.
 TEST_F(SharedRingTest, GivesWayToOtherPrograms) {
     fake::limitTransfers("64");
     ASSERT_EQ(start(1000, 16), 0);
