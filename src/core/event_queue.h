@@ -28,8 +28,8 @@ namespace vexausb {
  * own construction can fail starts the queue last.
  *
  * An owner never waits for a handler in progress: it stops and releases the queue, which lives on
- * by the worker's reference and is destroyed on the worker.  Events that are still queued at the
- * stop are dropped.
+ * by the worker's reference.  Whoever releases it last destroys it, mostly the worker.  Events that
+ * are still queued at the stop are dropped.
  *
  * Memory: an event that must be posted in any case is prepared early, where a failure can still be
  * reported.  The owner keeps it until it posts it.
