@@ -57,6 +57,8 @@ TEST(HexText, TakesWhatIsInUse) {
     EXPECT_EQ(records[1].data, (Bytes{0x0A, 0xBC}));
     EXPECT_EQ(records[2].data, Bytes{0x42});
     EXPECT_EQ(records[3].data, Bytes{0x04});
+    HexTextReader reader("\n:00000001FF\n");
+    EXPECT_TRUE(reader.next() && reader.line() == 2);
 }
 
 TEST(HexText, RefusesTheRest) {

@@ -140,6 +140,7 @@ TEST_F(LogTest, TellsWhoComesAndGoes) {
     expectNews([&]() { device = open(); }, "5658:0001 at 001/001: opened\n");
     expectNews([&]() { reinitialise(); }, ": ended\n");
     expectNews([&]() { reinitialise(); }, ": started\n");
+    EXPECT_EQ(logOf("error", [&]() { reinitialise(); }), "");
     fake::failCall("libusb_hotplug_register_callback", LIBUSB_ERROR_OTHER);
     expectNews([&]() { reinitialise(); }, "the bus is not followed for the kind instrument");
     unsetenv("VEXA_USB_LOG"); // which each start reads
