@@ -134,10 +134,7 @@ uint8_t *SharedBuffers::allocate() {
 }
 
 void SharedBuffers::giveBack(uint8_t *block) {
-    if (handle_ == nullptr || shared_memory_budget::isOverdrawn())
-        release(block);
-    else
-        spare_.push_back(block);
+    spare_.push_back(block);
 }
 
 // Without the handle by what libusb does for it on Linux.

@@ -3,6 +3,7 @@
 #include <random>
 
 #include <gtest/gtest.h>
+#include <sanitizer/asan_interface.h>
 
 #include "device/data_stream.h"
 
@@ -34,6 +35,15 @@ TEST(DataStream, PiecesOfABufferThatIsNoMultiple) {
     EXPECT_EQ(lengths, (std::vector<uint64_t>{500224, 500224, 500224, 499712, 500224, 499712}));
     EXPECT_EQ(overshoots, (std::vector<uint64_t>{0, 448, 0, 384, 0, 320}));
 }
+
+#ifdef __SANITIZE_ADDRESS__
+TEST(DataStream, WhoReadsBehindABufferIsTold) {
+    DataStream ring(1000, 2, kMax, 1000);
+    DataStreamTransferInfo info;
+    ASSERT_TRUE(ring.nextTransfer(info));
+    EXPECT_EQ(__asan_region_is_poisoned(info.destination, 2000), info.destination + 1000);
+}
+#endif
 
 // What was never filled must not look full, however many buffers a packet spans.
 TEST(DataStream, PacketThatSpansTooManyBuffers) {
