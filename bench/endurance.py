@@ -161,14 +161,16 @@ def write(path, text):
 
 def give_back(device, path, text):
     """Without it the device would be away for good, and the clients would wait for it."""
-    for _ in range(20):
+    end = time.time() + 20
+    while device.exists():  # it can be unplugged meanwhile
         try:
-            return write(path, text)
-        except OSError:
-            time.sleep(0.1)
-    if device.exists():  # it has not been unplugged meanwhile
-        find(f"{path} could not be written")
-    return None
+            write(path, text)
+            return
+        except OSError as error:
+            if time.time() > end:
+                find(f"{path} could not be written: {error}")
+                return
+        time.sleep(0.1)
 
 
 @counted("resets")
