@@ -198,8 +198,8 @@ int report() {
     }
 }
 
-// For exceptions that no handler gets: in a callback, and in std::filesystem, which throws for want
-// of memory where it may not, and where what it has thrown cannot always be had.
+// For exceptions that no handler gets: in a callback, before main(), and in std::filesystem, which
+// throws for want of memory where it may not, and where what it has thrown cannot always be had.
 [[noreturn]] void onTerminate() {
     if (std::current_exception() != nullptr)
         _exit(report());

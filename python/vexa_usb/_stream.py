@@ -109,8 +109,7 @@ class Stream(Source[memoryview]):
         with self._lock:
             if self._closed:
                 raise Closed(self._name)
-            if self._view is not None or self.viewed:
-                self._let_go()
+            self._let_go()
             if len(self.viewed) > 1:
                 raise BufferError("an array still refers to a buffer that was given back a step "
                                   "ago; copy what you keep")

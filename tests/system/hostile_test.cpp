@@ -28,7 +28,7 @@ constexpr uint16_t kFirstProduct = 0x100;
 void command(int expected, const std::string &words) {
     const std::string file = "/tmp/hostile." + words.substr(0, 4);
     const int status = std::system( // NOLINT(bugprone-command-processor)
-        ("ASAN_OPTIONS=exitcode=99 timeout 20 " VEXA_TOOL " " + words + " >" + file + " 2>&1")
+        ("ASAN_OPTIONS=exitcode=99 timeout 60 " VEXA_TOOL " " + words + " >" + file + " 2>&1")
             .c_str());
     std::ifstream input(file);
     const std::string said(std::istreambuf_iterator<char>(input), {});
