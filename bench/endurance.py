@@ -129,14 +129,16 @@ class Client:
         if self.killed:
             return None
         errors = self.errors.read()
-        if status != 0 and only_abandoned(errors):
+        own = [line for line in errors.splitlines() if line.startswith("endurance: ")]
+        if status != 0 and not own and only_abandoned(errors):
             count("clients that gave a transfer up")
             return None
         if status != 0:
-            own = [line for line in errors.splitlines() if line.startswith("endurance: ")]
             find("\n".join([f"a client ended with {status}", *own, "with:", errors[-4000:]]))
             return None
         result = json.loads(self.output.read().splitlines()[-1])
+        if result["silent_streams"] > errors.count("no transfer is left, and no event will come"):
+            find(f"streams were silent, and the log does not say why: {errors[-4000:]}")
         for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",
                      "silent_streams", "timeouts"):
             count(name, result[name])
@@ -162,7 +164,8 @@ def write(path, text):
 def give_back(device, path, text):
     """Without it the device would be away for good, and the clients would wait for it."""
     end = time.time() + 20
-    while device.exists():  # it can be unplugged meanwhile
+    # It can be unplugged meanwhile, and be another one at the same place, which has its driver.
+    while device.exists() and not (path.name == "bind" and (device / "driver").exists()):
         try:
             write(path, text)
             return
@@ -191,7 +194,7 @@ def unbind(device):
     """Takes the device away from the kernel, so that it has no interfaces, and gives it back."""
     write("/sys/bus/usb/drivers/usb/unbind", device.name)
     time.sleep(chance.choice((0, 0.3)))
-    give_back(device, "/sys/bus/usb/drivers/usb/bind", device.name)
+    give_back(device, pathlib.Path("/sys/bus/usb/drivers/usb/bind"), device.name)
     configuration = device / "bConfigurationValue"
     if not configuration.read_text().strip():  # the device did not answer in time
         write(configuration, "1")

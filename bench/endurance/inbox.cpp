@@ -52,8 +52,8 @@ void Inbox::clear() {
     received_ = 0;
 }
 
-Inbox::News Inbox::waitForBuffer(uint64_t seen, std::chrono::seconds patience) {
-    const auto deadline = Clock::now() + patience;
+Inbox::News Inbox::waitForBuffer(uint64_t seen) {
+    const auto deadline = Clock::now() + kPatience;
     const MutexLock lock(mutex_);
     bool inTime = true;
     while (inTime && full_ <= seen && !signs_.error && !signs_.removed)

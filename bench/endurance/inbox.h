@@ -31,7 +31,7 @@ public:
     // Forgets everything.
     void clear();
     // Waits for one more full buffer than `seen`, or for the stream's or the device's end.
-    News waitForBuffer(uint64_t seen, std::chrono::seconds patience = kPatience);
+    News waitForBuffer(uint64_t seen);
     // Waits for the end that is named, or the removal; Silence when neither comes.
     News waitForEnd(News end, std::chrono::seconds patience = kPatience);
     // These bytes are to come next.  They must not look like events of the stream.  What comes

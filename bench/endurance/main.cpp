@@ -2,7 +2,7 @@
 // is what came of it, as JSON; with --samples it tells that every second.
 //
 // "lost_streams" ended with an error while their user was busy with something else;
-// "silent_streams" were given up for ended where that is not told.
+// "silent_streams" were silent for so long that they must have ended where no event tells of it.
 //
 // Exit status: 0 when nothing happened that must not, 1 when something did, 2 for wrong arguments.
 #include <chrono>

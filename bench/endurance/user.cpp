@@ -24,8 +24,8 @@ constexpr uint64_t kRingBytes = 8U << 20;
 constexpr double kSmallestBuffer = 1e4;
 constexpr double kLargestByThat = 200; // times as large
 constexpr std::chrono::seconds kBetweenErrorAndRemoval{3};
-// Where others may reset the device, which ends its event pipe, and its stream without a word.
-constexpr std::chrono::seconds kWhereOthersInterfere{10};
+// Where others may reset the device, which ends its event pipe.
+constexpr std::chrono::seconds kForEventsThatMayBeLost{5};
 constexpr size_t kFirstEventBytes = 32;
 constexpr size_t kMarkBytes = 16;
 constexpr size_t kMostInLoop = 4U << 20;
@@ -176,7 +176,7 @@ bool User::drain(steady_clock::time_point until) {
 }
 
 bool User::drainOne() {
-    const News news = inbox_->waitForBuffer(seen_, streamPatience());
+    const News news = inbox_->waitForBuffer(seen_);
     if (news == News::Silence)
         noteSilence("a stream is silent after " + std::to_string(position_));
     if (news != News::Full)
@@ -200,16 +200,8 @@ bool User::drainOne() {
     return right == size;
 }
 
-bool User::mayEndSilently() const {
-    return settings_.foreign && !settings_.strict;
-}
-
-std::chrono::seconds User::streamPatience() const {
-    return mayEndSilently() ? kWhereOthersInterfere : kPatience;
-}
-
 void User::noteSilence(const std::string &finding) {
-    if (mayEndSilently())
+    if (settings_.foreign && !settings_.strict)
         ++tally_.silentStreams;
     else
         tally_.finding(finding);
@@ -224,7 +216,7 @@ bool User::sendEvents() {
     if (!isFine(control(sim::kRequestSendEvents, 0, 0, bytes.data(), bytes.size()), "events"))
         return false;
     const auto latency =
-        inbox_->waitForBytes(settings_.foreign ? kWhereOthersInterfere : kPatience);
+        inbox_->waitForBytes(settings_.foreign ? kForEventsThatMayBeLost : kPatience);
     if (latency) {
         tally_.addLatency(*latency);
         tally_.eventBytes += bytes.size();
@@ -279,7 +271,7 @@ void User::end(Ending ending) {
     if (ending == Ending::Close)
         return;
     if (ending == Ending::Overflow) {
-        const News news = inbox_->waitForEnd(News::Error, streamPatience());
+        const News news = inbox_->waitForEnd(News::Error);
         if (news == News::Silence)
             noteSilence("a stream that nobody drains does not end");
         tally_.overflows += news == News::Error ? 1 : 0;

@@ -77,10 +77,8 @@ private:
     bool startStream();
     bool drain(std::chrono::steady_clock::time_point until);
     bool drainOne();
-    // A stream that is not strict ends without a word when none of its transfers is left, and
-    // others can make them all fail.
-    bool mayEndSilently() const;
-    std::chrono::seconds streamPatience() const;
+    // A finding, unless the stream may end without a word: one that is not strict does when none of
+    // its transfers is left, and others can make them all fail.
     void noteSilence(const std::string &finding);
     bool sendEvents();
     void loopBack();

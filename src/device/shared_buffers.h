@@ -37,12 +37,13 @@ public:
     // The block that was given back last, or a new one, zeroed by the kernel; null when no more may
     // be shared or the kernel refuses, which is not asked again before one round of the ring.
     uint8_t *take();
-    // Kept for the next take(), which unmaps it where other devices need the room.
+    // Kept for the next take(), which unmaps it where other devices need the room.  Whoever wants
+    // no more calls one of the next two after that, or destroys this.
     void giveBack(uint8_t *block);
     // What was given back is unmapped, and the ring asks for no more.
     void releaseUnused();
-    // Unmaps what was given back.  Nothing is taken from here on; what is still out is unmapped
-    // without the handle, by the next call or at the end.
+    // What was given back is unmapped, and nothing is taken from here on.  What is still out is
+    // unmapped without the handle, at the latest when this is destroyed.
     void handleIsClosing();
 
 private:

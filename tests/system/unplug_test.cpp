@@ -261,7 +261,8 @@ protected:
 
 TEST_F(UnplugCyclesTest, PlugCycles) {
     const char *const wanted = std::getenv("VEXA_PLUG_CYCLES");
-    const size_t cycles = wanted == nullptr ? 8 : std::strtoul(wanted, nullptr, 10);
+    // Fewer may all end before an event comes.
+    const size_t cycles = std::max(8UL, wanted == nullptr ? 0 : std::strtoul(wanted, nullptr, 10));
     const Simulator simulator({"instrument"}, 0, false);
     size_t descriptors = 0;
     size_t memory = 0;

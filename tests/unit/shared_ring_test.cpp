@@ -87,7 +87,7 @@ TEST_F(SharedRingTest, TheKernelIsAskedAgainARoundAfterItRefused) {
     fake::shareMemory(fake::Sharing::All);
     for (int i = 0; i < 32; ++i) {
         receive();
-        EXPECT_TRUE(i >= 13 || !fake::isShared(data));
+        EXPECT_TRUE(i >= 16 || !fake::isShared(data));
         EXPECT_EQ(unlock(), 0);
     }
     for (int i = 0; i < 12; ++i) {
