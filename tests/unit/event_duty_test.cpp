@@ -78,6 +78,18 @@ TEST_F(FollowingCallsTest, KeepTheThreadOutForATurnOnly) {
     EXPECT_LT(delays[kAttempts / 4], std::chrono::milliseconds(25));
 }
 
+TEST_F(FollowingCallsTest, WithoutThemTheThreadStays) {
+    std::array<std::chrono::steady_clock::duration, kAttempts> delays{};
+    for (auto &delay : delays) {
+        const auto notified = std::chrono::steady_clock::now();
+        notifyArrival();
+        ASSERT_TRUE(isHeard(test::kLong));
+        delay = std::chrono::steady_clock::now() - notified;
+    }
+    std::sort(delays.begin(), delays.end());
+    EXPECT_LT(delays[kAttempts / 4], std::chrono::milliseconds(5));
+}
+
 TEST_F(FollowingCallsTest, StreamsDoNotWaitForThem) {
     begin();
     std::array<std::chrono::steady_clock::duration, kAttempts> delays{};

@@ -65,6 +65,10 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
                        level == "debug");
     }
     expectSays(logOf("loud", refuse), "VEXA_USB_LOG is 'loud'");
+    EXPECT_FALSE(vexausb::logs(vexausb::LogLevel::Info));
+    const std::string endless(2000, 'x');
+    const auto write = [&]() { vexausb::logLine(vexausb::LogLevel::Error, "%s", endless.c_str()); };
+    EXPECT_EQ(logOf("error", write).size(), 512U);
 }
 
 TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {
