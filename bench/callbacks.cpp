@@ -2,12 +2,11 @@
 // callgrind can count the instructions for each:
 //   callbacks events PACKETS        packets of 64 bytes in the event pipe, each byte an event
 //   callbacks list ENTRIES CYCLES   a device comes and goes, while so many others are listed
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 
+#include "core/mutex.h"
 #include "support/fake_libusb.h"
 #include "vexa_usb.h"
 
@@ -15,18 +14,18 @@ namespace {
 
 // Counts the calls of the callbacks.
 struct Counter {
-    std::mutex mutex;
-    std::condition_variable changed;
-    uint64_t count = 0;
+    vexausb::Mutex mutex;
+    vexausb::Condition changed;
+    uint64_t count GUARDED_BY(mutex) = 0;
 
     void add() {
-        const std::lock_guard lock(mutex);
+        const vexausb::MutexLock lock(mutex);
         ++count;
-        changed.notify_all();
+        changed.notifyAll();
     }
     void waitFor(uint64_t calls) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&]() { return count >= calls; });
+        const vexausb::MutexLock lock(mutex);
+        changed.wait(mutex, [this, calls]() REQUIRES(mutex) { return count >= calls; });
     }
     static void deviceEvent(_vexa_usb_device_event, void *data) {
         static_cast<Counter *>(data)->add();

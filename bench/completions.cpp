@@ -1,11 +1,10 @@
 // Streams a number of transfers from the libusb stand-in, so that callgrind can count the
 // instructions for each.
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
+#include "core/mutex.h"
 #include "support/fake_libusb.h"
 #include "vexa_usb.h"
 
@@ -15,10 +14,10 @@ constexpr uint64_t kBufferSize = 524288; // one transfer a buffer
 constexpr uint64_t kBufferCount = 16;
 
 struct Consumer {
-    std::mutex mutex;
-    std::condition_variable done;
-    _vexa_usb_device *device = nullptr;
-    uint64_t left = 0;
+    _vexa_usb_device *device = nullptr; // set before a stream starts
+    vexausb::Mutex mutex;
+    vexausb::Condition done;
+    uint64_t left GUARDED_BY(mutex) = 0;
 
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &self = *static_cast<Consumer *>(data);
@@ -28,9 +27,9 @@ struct Consumer {
         uint64_t size = 0;
         if (vexa_usb_data_stream_buffer_lock(self.device, &bytes, &size) == 0)
             vexa_usb_data_stream_buffer_unlock(self.device);
-        const std::lock_guard lock(self.mutex);
+        const vexausb::MutexLock lock(self.mutex);
         if (--self.left == 0)
-            self.done.notify_all();
+            self.done.notifyAll();
     }
 };
 
@@ -51,10 +50,11 @@ int main(int argc, char **argv) {
         return 1;
     // Never more at once than the ring can hold, so that the consumer cannot be too slow.
     for (uint64_t sent = 0; sent < transfers; sent += kBufferCount / 2) {
-        std::unique_lock lock(consumer.mutex);
+        const vexausb::MutexLock lock(consumer.mutex);
         consumer.left = kBufferCount / 2;
         fake::completeBySelf(kBufferCount / 2);
-        consumer.done.wait(lock, [&]() { return consumer.left == 0; });
+        consumer.done.wait(consumer.mutex,
+                           [&consumer]() REQUIRES(consumer.mutex) { return consumer.left == 0; });
     }
     vexa_usb_close(consumer.device);
     vexa_usb_fini();

@@ -137,6 +137,7 @@ class Client:
             find("\n".join([f"a client ended with {status}", *own, "with:", errors[-4000:]]))
             return None
         result = json.loads(self.output.read().splitlines()[-1])
+        # As the library says it, also of streams whose end did not matter to the client.
         if result["silent_streams"] > errors.count("no transfer is left, and no event will come"):
             find(f"streams were silent, and the log does not say why: {errors[-4000:]}")
         for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",
@@ -161,11 +162,10 @@ def write(path, text):
         file.write(text)
 
 
-def give_back(device, path, text):
+def give_back(device, path, text, is_back=lambda: False):
     """Without it the device would be away for good, and the clients would wait for it."""
     end = time.time() + 20
-    # It can be unplugged meanwhile, and be another one at the same place, which has its driver.
-    while device.exists() and not (path.name == "bind" and (device / "driver").exists()):
+    while device.exists() and not is_back():
         try:
             write(path, text)
             return
@@ -194,7 +194,9 @@ def unbind(device):
     """Takes the device away from the kernel, so that it has no interfaces, and gives it back."""
     write("/sys/bus/usb/drivers/usb/unbind", device.name)
     time.sleep(chance.choice((0, 0.3)))
-    give_back(device, pathlib.Path("/sys/bus/usb/drivers/usb/bind"), device.name)
+    # Meanwhile it may be unplugged and another plugged in at its place, which has its driver.
+    give_back(device, pathlib.Path("/sys/bus/usb/drivers/usb/bind"), device.name,
+              is_back=(device / "driver").exists)
     configuration = device / "bConfigurationValue"
     if not configuration.read_text().strip():  # the device did not answer in time
         write(configuration, "1")

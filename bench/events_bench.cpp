@@ -3,17 +3,16 @@
 // simulator's answer to the caller's callback, in microseconds.
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <libusb.h>
 
+#include "core/mutex.h"
 #include "devices.h"
 #include "instrument_protocol.h"
 #include "vexa_usb.h"
@@ -121,9 +120,9 @@ public:
         require(vexa_usb_event_pipe_enable(device_, sim::kEventEndpoint) == 0, "enable");
     }
     void waitFor(uint64_t events) override {
-        std::unique_lock lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         awaited_ = events;
-        reached_.wait(lock, [&]() { return receiver.count >= events; });
+        reached_.wait(mutex_, [&]() { return receiver.count >= events; });
     }
     void end() {
         vexa_usb_close(device_);
@@ -133,15 +132,15 @@ public:
 private:
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &self = *static_cast<Library *>(data);
-        const std::lock_guard lock(self.mutex_);
+        const vexausb::MutexLock lock(self.mutex_);
         self.receiver.event(static_cast<uint8_t>(event));
         if (self.receiver.count == self.awaited_)
-            self.reached_.notify_all();
+            self.reached_.notifyAll();
     }
 
-    std::mutex mutex_;
-    std::condition_variable reached_;
-    uint64_t awaited_ = 0;
+    vexausb::Mutex mutex_; // also the receiver's, while events come
+    vexausb::Condition reached_;
+    uint64_t awaited_ GUARDED_BY(mutex_) = 0;
     // The last member: from its initialisation on, callbacks may use the others.
     _vexa_usb_device *const device_ = bench::openFirst(callback, this);
 };

@@ -7,18 +7,17 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "core/mutex.h"
 #include "devices.h"
 #include "instrument_protocol.h"
 #include "stream_pattern.h"
@@ -35,8 +34,8 @@ constexpr uint8_t kEventByte = 0x55; // none of those that mean something for a 
 constexpr std::chrono::milliseconds kOnTheWay{500}; // the longest that an event is
 
 void say(const std::string &what) {
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
+    static vexausb::Mutex mutex; // one line at a time
+    const vexausb::MutexLock lock(mutex);
     const double now = Seconds(Clock::now().time_since_epoch()).count();
     std::printf("%.3f %s\n", now, what.c_str());
     std::fflush(stdout);
@@ -62,8 +61,9 @@ public:
         static_cast<Events *>(self)->post(event);
     }
     std::optional<uint32_t> next(std::chrono::milliseconds patience) {
-        std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, patience, [this]() { return !waiting_.empty(); }))
+        const vexausb::MutexLock lock(mutex_);
+        if (!changed_.waitUntil(mutex_, Clock::now() + patience,
+                                [this]() REQUIRES(mutex_) { return !waiting_.empty(); }))
             return std::nullopt;
         const uint32_t event = waiting_.front();
         waiting_.pop_front();
@@ -77,14 +77,14 @@ private:
             ++bytes_;
             return;
         }
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         waiting_.push_back(event);
-        changed_.notify_one();
+        changed_.notifyOne();
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<uint32_t> waiting_;
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    std::deque<uint32_t> waiting_ GUARDED_BY(mutex_);
     std::atomic<uint64_t> bytes_ = 0;
 };
 

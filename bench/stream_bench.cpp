@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,13 +11,13 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <libusb.h>
 
+#include "core/mutex.h"
 #include "devices.h"
 #include "instrument_protocol.h"
 #include "vexa_usb.h"
@@ -27,6 +26,9 @@ namespace {
 
 using bench::BareDevice;
 using bench::require;
+using vexausb::Condition;
+using vexausb::Mutex;
+using vexausb::MutexLock;
 
 constexpr uint64_t kMaxTransferSize = 524288;
 constexpr int kTransferCount = 3;
@@ -169,7 +171,7 @@ public:
         pieces_ = (shape.bufferSize + size_ - 1) / size_;
         for (uint64_t i = 0; i < shape.bufferCount; ++i)
             buffers_.emplace_back(new uint8_t[size_ * pieces_]);
-        left_ = shape.bytes;
+        want(shape.bytes);
         for (int i = 0; i < kTransferCount; ++i) {
             libusb_transfer *const transfer = libusb_alloc_transfer(0);
             libusb_fill_bulk_transfer(transfer, device.handle, sim::kStreamEndpoint, nullptr,
@@ -189,6 +191,11 @@ public:
     }
 
 private:
+    void want(uint64_t bytes) {
+        const MutexLock lock(mutex_);
+        left_ = bytes;
+    }
+
     // On the thread that handles events.
     void submit(libusb_transfer *transfer) {
         transfer->buffer =
@@ -211,27 +218,28 @@ private:
 
     // Wakes the consumer for a full buffer; false once the consumer has had all that is wanted.
     bool countCompleted() {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (left_ == 0)
             return false;
         if (++completed_ % pieces_ == 0)
-            full_.notify_one();
+            full_.notifyOne();
         if (completed_ / pieces_ >= taken_ + buffers_.size())
             std::abort(); // overflow
         return true;
     }
 
     void consume() {
-        std::unique_lock lock(mutex_);
+        mutex_.lock();
         while (left_ > 0) {
-            full_.wait(lock, [this]() { return completed_ / pieces_ > taken_; });
+            full_.wait(mutex_, [this]() REQUIRES(mutex_) { return completed_ / pieces_ > taken_; });
             const uint8_t *const data = buffers_[taken_ % buffers_.size()].get();
-            lock.unlock();
+            mutex_.unlock();
             lookAt(data, size_ * pieces_);
-            lock.lock();
+            mutex_.lock();
             ++taken_;
             left_ -= std::min(size_ * pieces_, left_);
         }
+        mutex_.unlock();
     }
 
     // Set before the transfers start.
@@ -244,11 +252,11 @@ private:
     uint64_t next_ = 0;
     int flying_ = 0;
 
-    std::mutex mutex_; // guards what follows
-    std::condition_variable full_;
-    uint64_t completed_ = 0; // pieces
-    uint64_t taken_ = 0;     // buffers
-    uint64_t left_ = 0;      // bytes
+    Mutex mutex_;
+    Condition full_;
+    uint64_t completed_ GUARDED_BY(mutex_) = 0; // pieces
+    uint64_t taken_ GUARDED_BY(mutex_) = 0;     // buffers
+    uint64_t left_ GUARDED_BY(mutex_) = 0;      // bytes
 };
 
 // This library; each buffer is locked, looked at and given back.
@@ -256,16 +264,13 @@ class LibraryStream {
 public:
     void run(const Shape &shape) {
         device_ = bench::openFirst(callback, this);
-        left_ = shape.bytes;
+        want(shape.bytes);
         const Stopwatch watch;
         require(vexa_usb_data_stream_start(device_, sim::kStreamEndpoint, shape.bufferSize,
                                            shape.bufferCount) == 0,
                 "start");
         startSeconds_ = watch.seconds();
-        {
-            std::unique_lock lock(mutex_);
-            done_.wait(lock, [this]() { return left_ == 0; });
-        }
+        waitForAll();
         vexa_usb_data_stream_stop(device_);
         report(watch);
         vexa_usb_close(device_);
@@ -281,30 +286,38 @@ private:
                  event == VEXA_USB_DEVICE_EVENT_DATA_STREAM_ERROR)
             static_cast<LibraryStream *>(data)->failed();
     }
+    void want(uint64_t bytes) {
+        const MutexLock lock(mutex_);
+        left_ = bytes;
+    }
+    void waitForAll() {
+        const MutexLock lock(mutex_);
+        done_.wait(mutex_, [this]() REQUIRES(mutex_) { return left_ == 0; });
+    }
     // Once all is read, the ring may well run full before it is stopped.
     void failed() {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (left_ > 0)
             std::abort();
     }
     void take() {
         uint8_t *data = nullptr;
         uint64_t size = 0;
-        const std::lock_guard lock(mutex_); // so that the device is not closed meanwhile
+        const MutexLock lock(mutex_); // so that the device is not closed meanwhile
         if (left_ == 0 || vexa_usb_data_stream_buffer_lock(device_, &data, &size) != 0)
             return;
         lookAt(data, size);
         vexa_usb_data_stream_buffer_unlock(device_);
         left_ -= std::min(size, left_);
         if (left_ == 0)
-            done_.notify_all();
+            done_.notifyAll();
     }
 
     _vexa_usb_device *device_ = nullptr;
     double startSeconds_ = 0;
-    std::mutex mutex_; // guards what follows
-    std::condition_variable done_;
-    uint64_t left_ = 0;
+    Mutex mutex_;
+    Condition done_;
+    uint64_t left_ GUARDED_BY(mutex_) = 0;
 };
 
 void run(const std::string &way, const Shape &shape) {

@@ -24,10 +24,8 @@ public:
     std::optional<Letter> wait(std::chrono::milliseconds atMost) EXCLUDES(mutex_) {
         const auto end = std::chrono::steady_clock::now() + atMost;
         const vexausb::MutexLock lock(mutex_);
-        bool inTime = true;
-        while (inTime && letters_.empty())
-            inTime = changed_.waitUntil(mutex_, end);
-        if (letters_.empty())
+        if (!changed_.waitUntil(mutex_, end,
+                                [this]() REQUIRES(mutex_) { return !letters_.empty(); }))
             return std::nullopt;
         Letter letter = std::move(letters_.front());
         letters_.pop_front();

@@ -46,10 +46,8 @@ void StallGuard::noteProgress() {
 bool StallGuard::waitForNews(Seconds atMost) {
     const auto end = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(atMost);
-    bool inTime = true;
-    while (inTime && !progressed_ && !ended_)
-        inTime = changed_.waitUntil(mutex_, end);
-    return progressed_ || ended_;
+    return changed_.waitUntil(mutex_, end,
+                              [this]() REQUIRES(mutex_) { return progressed_ || ended_; });
 }
 
 // Only an unplug or the library's end would end the call that hangs, and nobody can say when; so

@@ -55,9 +55,9 @@ void Inbox::clear() {
 Inbox::News Inbox::waitForBuffer(uint64_t seen) {
     const auto deadline = Clock::now() + kPatience;
     const MutexLock lock(mutex_);
-    bool inTime = true;
-    while (inTime && full_ <= seen && !signs_.error && !signs_.removed)
-        inTime = changed_.waitUntil(mutex_, deadline);
+    changed_.waitUntil(mutex_, deadline, [this, seen]() REQUIRES(mutex_) {
+        return full_ > seen || signs_.error || signs_.removed;
+    });
     if (full_ > seen)
         return News::Full;
     if (signs_.removed)
@@ -74,9 +74,8 @@ bool Inbox::has(News end) const {
 Inbox::News Inbox::waitForEnd(News end, std::chrono::seconds patience) {
     const auto deadline = Clock::now() + patience;
     const MutexLock lock(mutex_);
-    bool inTime = true;
-    while (inTime && !has(end) && !signs_.removed)
-        inTime = changed_.waitUntil(mutex_, deadline);
+    changed_.waitUntil(mutex_, deadline,
+                       [this, end]() REQUIRES(mutex_) { return has(end) || signs_.removed; });
     if (has(end))
         return end;
     return signs_.removed ? News::Removed : News::Silence;
@@ -92,9 +91,9 @@ void Inbox::expectBytes(std::vector<uint8_t> bytes) {
 std::optional<Inbox::Clock::duration> Inbox::waitForBytes(std::chrono::seconds patience) {
     const auto deadline = Clock::now() + patience;
     const MutexLock lock(mutex_);
-    bool inTime = true;
-    while (inTime && received_ != bytes_.size() && !signs_.removed)
-        inTime = changed_.waitUntil(mutex_, deadline);
+    changed_.waitUntil(mutex_, deadline, [this]() REQUIRES(mutex_) {
+        return received_ == bytes_.size() || signs_.removed;
+    });
     if (received_ < bytes_.size())
         return std::nullopt;
     return complete_ - announced_;

@@ -40,7 +40,7 @@ public:
     void expectBytes(std::vector<uint8_t> bytes);
     // Waits for all of them; how long ago they were announced as the last one came, or nothing when
     // they do not come or the device has gone.
-    std::optional<Clock::duration> waitForBytes(std::chrono::seconds patience = kPatience);
+    std::optional<Clock::duration> waitForBytes(std::chrono::seconds patience);
 
     struct Signs {
         bool started = false; // the stream

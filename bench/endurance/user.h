@@ -77,8 +77,8 @@ private:
     bool startStream();
     bool drain(std::chrono::steady_clock::time_point until);
     bool drainOne();
-    // A finding, unless the stream may end without a word: one that is not strict does when none of
-    // its transfers is left, and others can make them all fail.
+    // A finding, except in a default stream that others may disturb: it ends when its last transfer
+    // has failed, and no event tells of that.
     void noteSilence(const std::string &finding);
     bool sendEvents();
     void loopBack();

@@ -64,9 +64,9 @@ void yieldToSynchronousTransfers() {
     if (!shared.transferSucceeded.exchange(false, std::memory_order_relaxed))
         return;
     const auto end = std::chrono::steady_clock::now() + kYieldTime;
-    bool inTime = true;
-    while (inTime && shared.reservations == 0 && libusbRunning.load())
-        inTime = shared.changed.waitUntil(shared.mutex, end);
+    shared.changed.waitUntil(shared.mutex, end, [&shared]() REQUIRES(shared.mutex) {
+        return shared.reservations > 0 || !libusbRunning.load();
+    });
 }
 
 // Under the mutex: the notification cannot come between the test of libusbRunning and the wait.

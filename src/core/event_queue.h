@@ -134,8 +134,9 @@ void EventQueue<T>::work() {
 template <typename T>
 bool EventQueue<T>::takeNext(T &event) {
     const MutexLock lock(mutex_);
-    while (queue_.empty() && postedPrepared_.empty() && !stopRequested_)
-        changed_.wait(mutex_);
+    changed_.wait(mutex_, [this]() REQUIRES(mutex_) {
+        return !queue_.empty() || !postedPrepared_.empty() || stopRequested_;
+    });
     if (stopRequested_)
         return false;
     if (!postedPrepared_.empty() && postedPrepared_.front().postedBefore == taken_) {

@@ -17,6 +17,7 @@
 #define ACQUIRE(...) VEXA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) VEXA_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) VEXA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define SCOPED_LOCKABLE VEXA_THREAD_ANNOTATION(scoped_lockable)
 #define NO_THREAD_SAFETY_ANALYSIS VEXA_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace vexausb {
@@ -39,7 +40,7 @@ private:
 };
 
 // Holds a mutex for as long as it lives.
-class VEXA_THREAD_ANNOTATION(scoped_lockable) MutexLock {
+class SCOPED_LOCKABLE MutexLock {
 public:
     explicit MutexLock(Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~MutexLock() RELEASE() { mutex_.unlock(); }
@@ -50,21 +51,24 @@ private:
     Mutex &mutex_;
 };
 
-// A condition variable for a Mutex.  A wait may end without a notification, so callers wait in a
-// loop that tests what they wait for.
+// A condition variable for a Mutex.  What is waited for is asked with the mutex held, and must not
+// throw; in a lambda, REQUIRES(mutex) says so to the compiler.
 class Condition {
 public:
-    void wait(Mutex &mutex) REQUIRES(mutex) {
+    template <typename Predicate>
+    void wait(Mutex &mutex, Predicate isTrue) REQUIRES(mutex) {
         std::unique_lock lock(mutex.inner_, std::adopt_lock);
-        inner_.wait(lock);
+        inner_.wait(lock, isTrue);
         lock.release(); // still held, by the caller
     }
-    // False when that time has passed.
-    bool waitUntil(Mutex &mutex, std::chrono::steady_clock::time_point time) REQUIRES(mutex) {
+    // Whether it became true by that time.
+    template <typename Predicate>
+    bool waitUntil(Mutex &mutex, std::chrono::steady_clock::time_point time, Predicate isTrue)
+        REQUIRES(mutex) {
         std::unique_lock lock(mutex.inner_, std::adopt_lock);
-        const bool inTime = inner_.wait_until(lock, time) == std::cv_status::no_timeout;
+        const bool became = inner_.wait_until(lock, time, isTrue);
         lock.release();
-        return inTime;
+        return became;
     }
     void notifyOne() { inner_.notify_one(); }
     void notifyAll() { inner_.notify_all(); }

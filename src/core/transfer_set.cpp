@@ -71,13 +71,11 @@ void TransferSet::stop() {
 
 void TransferSet::waitIdle() {
     const MutexLock lock(mutex_);
-    bool inTime = true;
-    while (inTime && !isIdle()) {
-        if (stopTimeout_)
-            inTime = released_.waitUntil(mutex_, stopDeadline_);
-        else
-            released_.wait(mutex_);
-    }
+    const auto isDone = [this]() REQUIRES(mutex_) { return isIdle(); };
+    if (stopTimeout_)
+        released_.waitUntil(mutex_, stopDeadline_, isDone);
+    else
+        released_.wait(mutex_, isDone);
 }
 
 void TransferSet::releaseUnused() {

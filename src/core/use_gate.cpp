@@ -39,8 +39,7 @@ void UseGate::refuse() {
 void UseGate::close() {
     const MutexLock lock(mutex_);
     isOpen_ = false;
-    while (users_ > 0)
-        left_.wait(mutex_);
+    left_.wait(mutex_, [this]() REQUIRES(mutex_) { return users_ == 0; });
 }
 
 } // namespace vexausb

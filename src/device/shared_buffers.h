@@ -42,8 +42,8 @@ public:
     void giveBack(uint8_t *block);
     // What was given back is unmapped, and the ring asks for no more.
     void releaseUnused();
-    // What was given back is unmapped, and nothing is taken from here on.  What is still out is
-    // unmapped without the handle, at the latest when this is destroyed.
+    // What was given back is unmapped; the ring must take nothing from here on.  What is still out
+    // is unmapped without the handle, at the latest when this is destroyed.
     void handleIsClosing();
 
 private:

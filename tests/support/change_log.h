@@ -1,16 +1,16 @@
 #pragma once
 
 #include <algorithm>
-#include <condition_variable>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "core/mutex.h"
 #include "support/event_log.h"
 #include "vexa_usb.h"
 
@@ -31,17 +31,19 @@ public:
         return *log;
     }
     bool waitFor(size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kLong, [&]() { return changes_.size() >= count; });
+        const vexausb::MutexLock lock(mutex_);
+        return changed_.waitUntil(mutex_, std::chrono::steady_clock::now() + kLong,
+                                  [this, count]()
+                                      REQUIRES(mutex_) { return changes_.size() >= count; });
     }
     size_t count(uint32_t type) {
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         return static_cast<size_t>(
             std::count_if(changes_.begin(), changes_.end(),
                           [type](const Change &change) { return change.first == type; }));
     }
     std::vector<Change> all() {
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         return changes_;
     }
 
@@ -54,15 +56,15 @@ private:
         auto &self = *static_cast<ChangeLog *>(data);
         if (self.action_)
             self.action_(type, *item);
-        const std::lock_guard lock(self.mutex_);
+        const vexausb::MutexLock lock(self.mutex_);
         self.changes_.emplace_back(type, item->id);
-        self.changed_.notify_all();
+        self.changed_.notifyAll();
     }
 
     Action action_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Change> changes_;
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    std::vector<Change> changes_ GUARDED_BY(mutex_);
 };
 
 } // namespace test

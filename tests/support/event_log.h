@@ -1,15 +1,15 @@
 #pragma once
 
 #include <algorithm>
-#include <condition_variable>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "core/mutex.h"
 #include "support/allocations.h"
 #include "support/waiting.h"
 #include "vexa_usb.h"
@@ -29,45 +29,45 @@ public:
 
     // Devices' callbacks may run a last time after the close, so logs live for ever.
     static EventLog &make() {
+        static vexausb::Mutex mutex; // of the list
         static auto *const logs = new std::vector<EventLog *>;
-        static std::mutex logsMutex;
-        const std::lock_guard lock(logsMutex);
+        const vexausb::MutexLock lock(mutex);
         return *logs->emplace_back(new EventLog);
     }
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &log = *static_cast<EventLog *>(data);
         const allocations::Exempt exempt;
-        const std::lock_guard lock(log.mutex_);
+        const vexausb::MutexLock lock(log.mutex_);
         log.events_.push_back(event);
         ++log.counts_[event];
-        log.changed_.notify_all();
+        log.changed_.notifyAll();
     }
 
     size_t count(uint32_t event) {
         const allocations::Exempt exempt;
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         return counts_[event];
     }
     bool waitFor(uint32_t event, size_t atLeast = 1) { return waitForAny({{event, atLeast}}); }
     bool waitForAny(std::initializer_list<Counted> wanted) {
         const allocations::Exempt exempt;
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kLong, [&]() {
-            return std::any_of(wanted.begin(), wanted.end(), [this](const Counted &one) {
-                return counts_[one.first] >= one.second;
-            });
+        const vexausb::MutexLock lock(mutex_);
+        const auto hasCome = [this](const Counted &one)
+                                 REQUIRES(mutex_) { return counts_[one.first] >= one.second; };
+        return changed_.waitUntil(mutex_, std::chrono::steady_clock::now() + kLong, [&]() {
+            return std::any_of(wanted.begin(), wanted.end(), hasCome);
         });
     }
     std::vector<uint32_t> all() {
-        const std::lock_guard lock(mutex_);
+        const vexausb::MutexLock lock(mutex_);
         return events_;
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<uint32_t, size_t> counts_;
-    std::vector<uint32_t> events_;
+    vexausb::Mutex mutex_;
+    vexausb::Condition changed_;
+    std::map<uint32_t, size_t> counts_ GUARDED_BY(mutex_);
+    std::vector<uint32_t> events_ GUARDED_BY(mutex_);
 };
 
 } // namespace test

@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
+#include "core/mutex.h"
 #include "support/allocations.h"
 
 struct libusb_device {
@@ -23,6 +22,10 @@ struct libusb_device_handle {
 struct libusb_context {};
 
 namespace {
+
+using vexausb::Condition;
+using vexausb::Mutex;
+using vexausb::MutexLock;
 
 struct Registration {
     int vendor;
@@ -68,26 +71,23 @@ struct State {
     bool held = false;
 };
 
+Mutex callbackMutex; // held while callbacks run; taken before the next
+Mutex mutex;
+Condition changed;
+State state GUARDED_BY(mutex);
+
 // What the stand-in allocates while it is locked is not the library's.
-class ExemptMutex {
+class SCOPED_LOCKABLE StateLock {
 public:
-    void lock() {
-        inner_.lock();
-        ++allocations::exemptions;
-    }
-    void unlock() {
-        --allocations::exemptions;
-        inner_.unlock();
-    }
+    StateLock() ACQUIRE(mutex) : lock_(mutex) {}
+    ~StateLock() RELEASE() {}
+    StateLock(const StateLock &) = delete;
+    StateLock &operator=(const StateLock &) = delete;
 
 private:
-    std::mutex inner_;
+    const allocations::Exempt exempt_;
+    const MutexLock lock_;
 };
-
-ExemptMutex mutex;       // guards state
-std::mutex callbackLock; // held while callbacks run; taken before mutex
-std::condition_variable_any changed;
-State state;
 
 template <typename Container, typename Element>
 bool contains(const Container &container, Element element) {
@@ -101,7 +101,7 @@ void violation(const char *what) {
 }
 
 // What the call is to answer, if it is to fail.
-std::optional<int> failureOf(const std::string &function) {
+std::optional<int> failureOf(const std::string &function) REQUIRES(mutex) {
     const auto found =
         std::find_if(state.failures.begin(), state.failures.end(),
                      [&](const Failure &failure) { return failure.function == function; });
@@ -113,60 +113,61 @@ std::optional<int> failureOf(const std::string &function) {
     return result;
 }
 
-// A lock for a call of that function, which begins with what onCall() has asked for.
-std::unique_lock<ExemptMutex> enter(const char *function) {
-    std::unique_lock lock(mutex);
-    const auto found = state.actions.find(function);
-    if (found == state.actions.end())
-        return lock;
-    const auto action = std::move(found->second);
-    state.actions.erase(found);
-    lock.unlock();
-    action();
-    lock.lock();
-    return lock;
+// What onCall() has asked for, once.
+std::function<void()> takeAction(const char *function) {
+    const StateLock lock;
+    const auto found = state.actions.extract(std::string(function));
+    return found.empty() ? nullptr : std::move(found.mapped());
 }
 
-// The same, of a call that is noted.
-std::optional<int> called(const std::string &function, const std::string &argument = {}) {
+// A call of that function begins with it.
+void enter(const char *function) {
+    if (const auto action = takeAction(function))
+        action();
+}
+
+// As failureOf(), of a call that is noted.
+std::optional<int> called(const std::string &function, const std::string &argument = {})
+    REQUIRES(mutex) {
     state.calls.push_back(argument.empty() ? function : function + "(" + argument + ")");
     return failureOf(function);
 }
 
-void checkHandle(const libusb_device_handle *handle) {
+void checkHandle(const libusb_device_handle *handle) REQUIRES(mutex) {
     if (!contains(state.handles, handle))
         violation("use of a handle that is not open");
 }
 
-void checkContext(const libusb_context *context) {
+void checkContext(const libusb_context *context) REQUIRES(mutex) {
     if (context == nullptr || context != state.context)
         violation("use of a context that is not there");
 }
 
-void checkAllocated(const libusb_transfer *transfer) {
+void checkAllocated(const libusb_transfer *transfer) REQUIRES(mutex) {
     if (!contains(state.allocated, transfer))
         violation("use of a transfer that is not there");
 }
 
-bool isWithLibusb(const libusb_transfer *transfer) {
+bool isWithLibusb(const libusb_transfer *transfer) REQUIRES(mutex) {
     return contains(state.flying, transfer) || contains(state.done, transfer);
 }
 
-void checkNothingIsLeft() {
+void checkNothingIsLeft() REQUIRES(mutex) {
     if (!state.handles.empty() || !state.allocated.empty() || !state.lists.empty())
         violation("a handle, transfer or device list outlives its context");
 }
 
-void finishFilled(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
+void finishFilled(libusb_transfer *transfer, libusb_transfer_status status, int actual)
+    REQUIRES(mutex) {
     std::erase(state.flying, transfer);
     transfer->status = status;
     transfer->actual_length = actual;
     state.done.push_back(transfer);
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 // All of it unless `actual` says how much.
-void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) {
+void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual) REQUIRES(mutex) {
     if (actual < 0)
         actual = status == LIBUSB_TRANSFER_COMPLETED ? transfer->length : 0;
     for (int i = 0; status == LIBUSB_TRANSFER_COMPLETED && i < actual; ++i)
@@ -174,19 +175,20 @@ void finish(libusb_transfer *transfer, libusb_transfer_status status, int actual
     finishFilled(transfer, status, actual);
 }
 
-fake::InFlight seen(const libusb_transfer *transfer) {
+fake::InFlight seen(const libusb_transfer *transfer) REQUIRES(mutex) {
     return {transfer->endpoint, transfer->buffer, transfer->length, state.owners[transfer]};
 }
 
 // Null where there is none like that.
-template <typename Condition>
-libusb_transfer *oldest(Condition condition) {
-    const auto found = std::find_if(state.flying.begin(), state.flying.end(),
-                                    [&](auto *flying) { return condition(seen(flying)); });
+template <typename Predicate>
+libusb_transfer *oldest(Predicate isWanted) REQUIRES(mutex) {
+    const auto found =
+        std::find_if(state.flying.begin(), state.flying.end(),
+                     [&](auto *flying) REQUIRES(mutex) { return isWanted(seen(flying)); });
     return found == state.flying.end() ? nullptr : *found;
 }
 
-bool isSomethingDue() {
+bool isSomethingDue() REQUIRES(mutex) {
     return !state.held && (!state.done.empty() || !state.notices.empty() ||
                            (state.selfCompletions > 0 && !state.flying.empty()));
 }
@@ -201,10 +203,30 @@ void deliver(const Notice &notice, const std::vector<Registration> &registration
     }
 }
 
+// What is due next, to be called without the lock; null when nothing is.
+std::function<void()> takeDelivery() {
+    const StateLock lock;
+    if (!isSomethingDue())
+        return nullptr;
+    if (!state.notices.empty()) {
+        const Notice notice = state.notices.front();
+        state.notices.pop_front();
+        return [notice, registrations = state.registrations]() { deliver(notice, registrations); };
+    }
+    if (state.done.empty()) {
+        --state.selfCompletions;
+        libusb_transfer *const first = state.flying.front();
+        finishFilled(first, LIBUSB_TRANSFER_COMPLETED, first->length);
+    }
+    libusb_transfer *const transfer = state.done.front();
+    state.done.pop_front();
+    return [transfer]() { transfer->callback(transfer); };
+}
+
 void notify(libusb_device *device, libusb_hotplug_event event) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.notices.push_back({device, event});
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 } // namespace
@@ -212,7 +234,7 @@ void notify(libusb_device *device, libusb_hotplug_event event) {
 namespace fake {
 
 void reset() {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkNothingIsLeft();
     if (state.context != nullptr)
         violation("a context was left behind");
@@ -220,7 +242,7 @@ void reset() {
 }
 
 libusb_device *attach(uint16_t vendor, uint16_t product, uint16_t bcdUsb) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     auto device = std::make_unique<libusb_device>();
     device->shape.descriptor = {18,     1,       bcdUsb, 0x11, 0x22, 0x33, 0x44,
                                 vendor, product, 0x0123, 0x55, 0x66, 0x77, 0x88};
@@ -235,12 +257,12 @@ Device &describe(libusb_device *device) {
 }
 
 void detach(libusb_device *device) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     std::erase(state.attached, device);
 }
 
 void reattach(libusb_device *device) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.attached.push_back(device);
 }
 
@@ -252,37 +274,37 @@ void notifyDeparture(libusb_device *device) {
 }
 
 void failCall(const std::string &function, int result, int skip) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.failures.push_back({function, result, skip});
 }
 
 std::vector<std::string> takeCalls() {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     return std::exchange(state.calls, {});
 }
 
 size_t countCalls(const std::string &function) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     return static_cast<size_t>(std::count(state.calls.begin(), state.calls.end(), function));
 }
 
 void onTransfer(TransferHandler handler) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.transfer = std::move(handler);
 }
 
 void onControl(ControlHandler handler) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.control = std::move(handler);
 }
 
 void onCall(const std::string &function, std::function<void()> action) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.actions[function] = std::move(action);
 }
 
 std::vector<InFlight> inFlight() {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     std::vector<InFlight> result;
     for (const libusb_transfer *transfer : state.flying)
         result.push_back(seen(transfer));
@@ -290,24 +312,26 @@ std::vector<InFlight> inFlight() {
 }
 
 size_t refusals(const void *owner) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     return static_cast<size_t>(std::count(state.refused.begin(), state.refused.end(), owner));
 }
 
 void waitInFlight(size_t count) {
-    std::unique_lock lock(mutex);
-    if (!changed.wait_for(lock, std::chrono::seconds(20),
-                          [&]() { return state.flying.size() == count && state.done.empty(); }))
+    const StateLock lock;
+    if (!changed.waitUntil(mutex, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+                           [count]() REQUIRES(mutex) {
+                               return state.flying.size() == count && state.done.empty();
+                           }))
         violation("the expected number of transfers was never in flight");
 }
 
 void completeOldest(libusb_transfer_status status, int actual) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     finish(state.flying.at(0), status, actual); // throws when there is none
 }
 
 bool completeOn(uint8_t endpoint) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     libusb_transfer *const found =
         oldest([&](const InFlight &one) { return one.endpoint == endpoint; });
     if (found != nullptr)
@@ -316,7 +340,7 @@ bool completeOn(uint8_t endpoint) {
 }
 
 bool completeOf(const void *owner, const std::function<End(const InFlight &transfer)> &end) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     libusb_transfer *const found = oldest([&](const InFlight &one) { return one.owner == owner; });
     if (found == nullptr)
         return false;
@@ -326,50 +350,33 @@ bool completeOf(const void *owner, const std::function<End(const InFlight &trans
 }
 
 void completeNewest(libusb_transfer_status status, int actual) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     finish(state.flying.at(state.flying.size() - 1), status, actual);
 }
 
 void completeBySelf(uint64_t count) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.selfCompletions = count;
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 void deliverEvents() {
-    const std::lock_guard callbacks(callbackLock);
-    std::unique_lock lock(mutex);
-    while (isSomethingDue()) {
-        if (state.done.empty() && state.notices.empty()) {
-            --state.selfCompletions;
-            finishFilled(state.flying.front(), LIBUSB_TRANSFER_COMPLETED,
-                         state.flying.front()->length);
-        }
-        if (!state.notices.empty()) {
-            const Notice notice = state.notices.front();
-            state.notices.pop_front();
-            const auto registrations = state.registrations;
-            lock.unlock();
-            deliver(notice, registrations);
-        } else {
-            libusb_transfer *const transfer = state.done.front();
-            state.done.pop_front();
-            lock.unlock();
-            transfer->callback(transfer);
-        }
-        lock.lock();
-        changed.notify_all();
+    const MutexLock callbacks(callbackMutex);
+    while (const auto delivery = takeDelivery()) {
+        delivery();
+        const StateLock lock;
+        changed.notifyAll();
     }
 }
 
 void holdEvents(bool held) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     state.held = held;
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 bool closedInFlight() {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     return state.closedInFlight;
 }
 
@@ -379,7 +386,8 @@ bool closedInFlight() {
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 int libusb_init(libusb_context **context) {
-    const auto lock = enter("libusb_init");
+    enter("libusb_init");
+    const StateLock lock;
     if (const auto failure = called("libusb_init"))
         return *failure;
     if (state.context != nullptr)
@@ -390,7 +398,8 @@ int libusb_init(libusb_context **context) {
 }
 
 void libusb_exit(libusb_context *context) {
-    const auto lock = enter("libusb_exit");
+    enter("libusb_exit");
+    const StateLock lock;
     called("libusb_exit");
     checkContext(context);
     checkNothingIsLeft();
@@ -405,7 +414,7 @@ int libusb_hotplug_register_callback(libusb_context *context, int events, int fl
                                      int product, int deviceClass,
                                      libusb_hotplug_callback_fn callback, void *data,
                                      libusb_hotplug_callback_handle *handle) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     if (const auto failure = called("libusb_hotplug_register_callback",
                                     std::to_string(vendor) + "," + std::to_string(product)))
         return *failure;
@@ -419,28 +428,28 @@ int libusb_hotplug_register_callback(libusb_context *context, int events, int fl
 
 int libusb_handle_events(libusb_context *context) {
     {
-        std::unique_lock lock(mutex);
+        const StateLock lock;
         checkContext(context);
         ++state.handling;
-        changed.wait(lock, []() { return state.interrupted || isSomethingDue(); });
+        changed.wait(mutex, []() REQUIRES(mutex) { return state.interrupted || isSomethingDue(); });
         state.interrupted = false;
     }
     fake::deliverEvents();
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     --state.handling;
     return LIBUSB_SUCCESS;
 }
 
 void libusb_interrupt_event_handler(libusb_context *context) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkContext(context);
     called("libusb_interrupt_event_handler");
     state.interrupted = true;
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 ssize_t libusb_get_device_list(libusb_context *context, libusb_device ***list) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     if (const auto failure = called("libusb_get_device_list"))
         return *failure;
     checkContext(context);
@@ -454,7 +463,7 @@ ssize_t libusb_get_device_list(libusb_context *context, libusb_device ***list) {
 void libusb_free_device_list(libusb_device **list, int unref) {
     if (list == nullptr)
         return;
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     if (unref == 0)
         violation("references to devices are left behind");
     if (std::erase(state.lists, list) != 1)
@@ -463,7 +472,7 @@ void libusb_free_device_list(libusb_device **list, int unref) {
 }
 
 int libusb_get_device_descriptor(libusb_device *device, libusb_device_descriptor *descriptor) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     if (const auto failure = called("libusb_get_device_descriptor"))
         return *failure;
     *descriptor = device->shape.descriptor;
@@ -477,13 +486,14 @@ uint8_t libusb_get_device_address(libusb_device *device) {
     return device->shape.address;
 }
 libusb_device *libusb_get_device(libusb_device_handle *handle) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkHandle(handle);
     return handle->device;
 }
 
 int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
-    const auto lock = enter("libusb_get_max_packet_size");
+    enter("libusb_get_max_packet_size");
+    const StateLock lock;
     if (const auto failure = called("libusb_get_max_packet_size"))
         return *failure;
     const auto found = device->shape.packetSizes.find(endpoint);
@@ -491,8 +501,8 @@ int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
 }
 
 int libusb_open(libusb_device *device, libusb_device_handle **handle) {
-    const std::lock_guard callbacks(callbackLock);
-    const std::lock_guard lock(mutex);
+    const MutexLock callbacks(callbackMutex);
+    const StateLock lock;
     if (state.lists.empty())
         violation("use of a device whose list was freed");
     if (const auto failure = called("libusb_open"))
@@ -503,8 +513,8 @@ int libusb_open(libusb_device *device, libusb_device_handle **handle) {
 }
 
 void libusb_close(libusb_device_handle *handle) {
-    const std::lock_guard callbacks(callbackLock);
-    const std::lock_guard lock(mutex);
+    const MutexLock callbacks(callbackMutex);
+    const StateLock lock;
     called("libusb_close");
     checkHandle(handle);
     const auto isOf = [&](const libusb_transfer *transfer) {
@@ -519,7 +529,8 @@ void libusb_close(libusb_device_handle *handle) {
 namespace {
 
 int interfaceCall(const char *function, libusb_device_handle *handle, int interface) {
-    const auto lock = enter(function);
+    enter(function);
+    const StateLock lock;
     checkHandle(handle);
     return called(function, std::to_string(interface)).value_or(LIBUSB_SUCCESS);
 }
@@ -528,7 +539,7 @@ int synchronous(const char *function, libusb_device_handle *handle, unsigned cha
                 unsigned char *data, int length, int *actual, unsigned timeout) {
     fake::TransferHandler handler;
     {
-        const std::lock_guard lock(mutex);
+        const StateLock lock;
         checkHandle(handle);
         if (timeout != 1000)
             violation("unexpected time limit");
@@ -538,7 +549,7 @@ int synchronous(const char *function, libusb_device_handle *handle, unsigned cha
     }
     *actual = length;
     const int result = handler ? handler(endpoint, data, length, actual) : LIBUSB_SUCCESS;
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkHandle(handle); // not closed meanwhile
     return result;
 }
@@ -571,7 +582,7 @@ int libusb_bulk_transfer(libusb_device_handle *handle, unsigned char endpoint, u
 int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, uint8_t request,
                             uint16_t value, uint16_t index, unsigned char *data, uint16_t length,
                             unsigned timeout) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkHandle(handle);
     if (timeout != 1000)
         violation("unexpected time limit");
@@ -586,7 +597,8 @@ int libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, u
 }
 
 libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
-    const auto lock = enter("libusb_alloc_transfer");
+    enter("libusb_alloc_transfer");
+    const StateLock lock;
     if (called("libusb_alloc_transfer") || isochronousPackets != 0)
         return nullptr;
     auto *const transfer = static_cast<libusb_transfer *>(std::calloc(1, sizeof(libusb_transfer)));
@@ -598,7 +610,7 @@ libusb_transfer *libusb_alloc_transfer(int isochronousPackets) {
 void libusb_free_transfer(libusb_transfer *transfer) {
     if (transfer == nullptr)
         return;
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkAllocated(transfer);
     if (isWithLibusb(transfer))
         violation("a transfer freed in flight");
@@ -608,7 +620,8 @@ void libusb_free_transfer(libusb_transfer *transfer) {
 }
 
 int libusb_submit_transfer(libusb_transfer *transfer) {
-    const auto lock = enter("libusb_submit_transfer");
+    enter("libusb_submit_transfer");
+    const StateLock lock;
     checkAllocated(transfer);
     checkHandle(transfer->dev_handle);
     if (isWithLibusb(transfer))
@@ -623,12 +636,12 @@ int libusb_submit_transfer(libusb_transfer *transfer) {
         return *failure;
     }
     state.flying.push_back(transfer);
-    changed.notify_all();
+    changed.notifyAll();
     return LIBUSB_SUCCESS;
 }
 
 int libusb_cancel_transfer(libusb_transfer *transfer) {
-    const std::lock_guard lock(mutex);
+    const StateLock lock;
     checkAllocated(transfer);
     checkHandle(transfer->dev_handle);
     if (!contains(state.flying, transfer))

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -90,6 +92,16 @@ int toldToOthers() {
     lock.l_type = F_WRLCK;
     fcntl(limit().file, F_OFD_GETLK, &lock);
     return lock.l_type == F_UNLCK ? 0 : static_cast<int>(lock.l_len);
+}
+
+int openLimitFiles() {
+    const auto file = std::filesystem::read_symlink(limit().path);
+    int count = 0;
+    for (const auto &open : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        count += std::filesystem::read_symlink(open.path(), gone) == file ? 1 : 0;
+    }
+    return count;
 }
 
 bool isShared(const uint8_t *memory) {

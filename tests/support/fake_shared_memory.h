@@ -20,6 +20,8 @@ void limitTransfers(const char *mebibytes);
 // How much other programs share, and how much this one has told them, in MiB.
 void othersShare(int mebibytes);
 int toldToOthers();
+// Descriptors of the limit's file.
+int openLimitFiles();
 
 bool isShared(const uint8_t *memory);
 // That are mapped.

@@ -24,7 +24,8 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint16_t kFirstProduct = 0x100;
 
-// The command ends by itself with that status, and says no more to the terminal than text.
+// The command ends by itself with that status, and says no more to the terminal than text.  It may
+// wait for several answers that do not come, 1 s each, and the sanitizer makes it slow.
 void command(int expected, const std::string &words) {
     const std::string file = "/tmp/hostile." + words.substr(0, 4);
     const int status = std::system( // NOLINT(bugprone-command-processor)

@@ -261,7 +261,7 @@ protected:
 
 TEST_F(UnplugCyclesTest, PlugCycles) {
     const char *const wanted = std::getenv("VEXA_PLUG_CYCLES");
-    // Fewer may all end before an event comes.
+    // In fewer, the device may each time have gone before an event came.
     const size_t cycles = std::max(8UL, wanted == nullptr ? 0 : std::strtoul(wanted, nullptr, 10));
     const Simulator simulator({"instrument"}, 0, false);
     size_t descriptors = 0;

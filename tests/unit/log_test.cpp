@@ -66,9 +66,14 @@ TEST_F(LogTest, LevelsAreTakenFromTheEnvironment) {
     }
     expectSays(logOf("loud", refuse), "VEXA_USB_LOG is 'loud'");
     EXPECT_FALSE(vexausb::logs(vexausb::LogLevel::Info));
-    const std::string endless(2000, 'x');
-    const auto write = [&]() { vexausb::logLine(vexausb::LogLevel::Error, "%s", endless.c_str()); };
-    EXPECT_EQ(logOf("error", write).size(), 512U);
+}
+
+TEST_F(LogTest, LinesThatAreTooLongAreCut) {
+    const std::string text(2000, 'x');
+    const auto write = [&]() { vexausb::logLine(vexausb::LogLevel::Error, "%s", text.c_str()); };
+    const std::string said = logOf("error", write);
+    EXPECT_EQ(said.size(), 512U);
+    EXPECT_EQ(said.substr(510), "x\n");
 }
 
 TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {

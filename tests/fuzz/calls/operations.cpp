@@ -612,7 +612,7 @@ void World::plug(const Step &op) {
 
 // The device comes, or leaves, in which case its transfers end.
 void World::change(Place &place, bool attach, bool isNoticed) {
-    const std::lock_guard alone(bus_);
+    const vexausb::MutexLock alone(bus_);
     if (place.isAttached.exchange(attach) == attach)
         return;
     isNoticed = isNoticed && uses_ > 0 && !isPartial_;

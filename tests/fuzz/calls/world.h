@@ -5,11 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
-#include <mutex>
 #include <set>
 #include <span>
 #include <vector>
 
+#include "core/mutex.h"
 #include "fuzz/calls/model.h"
 #include "support/fake_libusb.h"
 #include "vexa_usb.h"
@@ -185,7 +185,7 @@ private:
 
     Operations operations_, callbackOperations_;
     std::span<const uint8_t> order_;
-    std::mutex bus_; // held while one place of the bus changes
+    vexausb::Mutex bus_; // held while one place of the bus changes
     std::array<Place, 6> places_;
     std::array<Slot, 3> slots_;
     std::array<Handle, 12> handles_;
