@@ -78,7 +78,9 @@ endif()
 if(VEXA_BUILD_TOOLS)
     install(TARGETS vexa-usb-tool
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-    install(FILES docs/man/vexa-usb.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    configure_file(docs/man/vexa-usb.1 packaging/vexa-usb.1 @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/packaging/vexa-usb.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
     # Where the shells look; Debian's zsh looks below /usr for what packages bring elsewhere.
     if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
         set(zshFunctions vendor-completions)
@@ -95,7 +97,8 @@ endif()
 if(VEXA_BUILD_SIM)
     install(TARGETS vexa-usb-sim
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
-    install(FILES docs/man/vexa-usb-sim.1
+    configure_file(docs/man/vexa-usb-sim.1 packaging/vexa-usb-sim.1 @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/packaging/vexa-usb-sim.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT simulator)
     install(FILES docs/simulator.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT simulator)
 endif()
