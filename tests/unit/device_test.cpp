@@ -1,4 +1,5 @@
 // Opened devices: checks, queries, synchronous transfers, removal.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -101,6 +102,25 @@ TEST_F(DeviceTest, LongTransfersGoInPieces) {
         EXPECT_EQ(vexa_usb_bulk_write(device, 0x03, data.data(), data.size()), each.status);
         EXPECT_EQ(places.size(), static_cast<size_t>(each.at));
     }
+}
+
+// To those inside the library who want to know how much came, a short transfer is no error.
+TEST_F(DeviceTest, ShortTransfersAreCounted) {
+    vexausb::AbstractDevice &asked = *device->device;
+    std::vector<uint8_t> data(600000);
+    uint64_t came = 0;
+    fake::onControl([](const fake::ControlRequest &request) { return request.length - 1; });
+    EXPECT_EQ(asked.controlTransfer(1, 2, 0, 6, 0, 0, data.data(), 18, &came), 0);
+    EXPECT_EQ(came, 17U);
+    came = 0;
+    fake::onTransfer([](uint8_t, uint8_t *, int length, int *actual) {
+        *actual = std::min(length, 524000);
+        return 0;
+    });
+    EXPECT_EQ(asked.bulkRead(0x83, data.data(), data.size(), &came), 0);
+    EXPECT_EQ(came, 524000U); // and the second piece is not asked for
+    EXPECT_EQ(asked.interruptRead(0x81, data.data(), 64, &came), 0);
+    EXPECT_EQ(came, 524064U);
 }
 
 // The last fini lets the pieces in progress end, turns all devices' callers away at once, and only

@@ -1,6 +1,8 @@
 // The loaders' requests, in order, and what follows when one of them fails.
+#include <chrono>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 
 #include "firmware/fx2_loader_image.h"
 #include "support/device_fixtures.h"
@@ -243,6 +245,19 @@ TEST_F(FirmwareTest, DfuSendsBlocksAndPolls) {
             return vexa_usb_dfu_download(device, image.data(), 1, nullptr, nullptr);
         },
         {-1, -13, -13, -13});
+}
+
+// A device may ask for hours; nobody waits for one that has left.
+TEST_F(FirmwareTest, DfuWaitsOnlyForADeviceThatIsThere) {
+    answers = {{0, 0xFF, 0xFF, 0xFF, 4, 0}, {0, 0, 0, 0, 5, 0}};
+    std::thread leaving([this]() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        remove();
+    });
+    const uint8_t byte = 0;
+    EXPECT_LT(test::timed([&]() { vexa_usb_dfu_download(device, &byte, 1, nullptr, nullptr); }),
+              std::chrono::seconds(20));
+    leaving.join();
 }
 
 // Report 3 and report 4 with the mark of a completed write.

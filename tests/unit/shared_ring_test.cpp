@@ -249,7 +249,9 @@ TEST_F(SharedRingTest, AQuarterOfTheLimitForAllProgramsTogether) {
     EXPECT_FALSE(budget::isOverdrawn());
     budget::setAttachedDevices(97); // 62 MiB are left for all
     EXPECT_TRUE(budget::isOverdrawn());
+    EXPECT_EQ(fake::toldToOthers(), 64);
     budget::release(kMebibyte, 2);
+    EXPECT_EQ(fake::toldToOthers(), 62);
     EXPECT_FALSE(budget::isOverdrawn());
     fake::othersShare(62); // each gives back its half
     budget::setAttachedDevices(97);

@@ -1,10 +1,14 @@
-// The texts of the statuses, what libusb's errors become, and the version.
+// The texts of the statuses, their names in the log, what libusb's errors become, and the version.
+#include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <libusb.h>
 
 #include "core/status.h"
+#include "core/transfer_status.h"
 #include "vexa_usb.h"
 
 namespace {
@@ -24,11 +28,20 @@ TEST(Status, TextsAndMapping) {
 
     const _vexa_usb_version &version = *vexa_usb_get_version();
     EXPECT_EQ(&version, vexa_usb_get_version());
-    EXPECT_EQ(version.major, 0);
-    EXPECT_EQ(version.minor, 8);
-    EXPECT_EQ(version.patch, 2);
-    EXPECT_EQ(version.build, 10);
+    EXPECT_EQ(std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
+                  std::to_string(version.patch) + "." + std::to_string(version.build),
+              VEXA_VERSION_AND_BUILD);
     EXPECT_STREQ(version.suffix, "");
+}
+
+TEST(Status, NamesOfTransferStatuses) {
+    const std::vector<std::string> names{"COMPLETED", "ERROR",     "TIMED_OUT", "CANCELLED",
+                                         "STALL",     "NO_DEVICE", "OVERFLOW"};
+    for (size_t i = 0; i < names.size(); ++i)
+        EXPECT_EQ(vexausb::transferStatusName(static_cast<libusb_transfer_status>(i)),
+                  "LIBUSB_TRANSFER_" + names[i]);
+    EXPECT_STREQ(vexausb::transferStatusName(static_cast<libusb_transfer_status>(7)),
+                 "an unknown status");
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/device_fixtures.h"
 
 namespace {
@@ -50,6 +51,8 @@ TEST_F(StreamTest, SubmitsThreeWholePacketTransfers) {
     }
     EXPECT_EQ(flying[1].buffer, flying[0].buffer + 524288);
     EXPECT_EQ(stop(), 0); // with a buffer that could be locked, and is freed
+    ASSERT_EQ(start(524289, 8), 0);
+    EXPECT_EQ(fake::inFlight().front().length, 262144); // equal ones rather than a small rest
 }
 
 // After a failed overshoot the ring is not asked again, neither by the start nor by a transfer that
@@ -88,6 +91,38 @@ TEST_F(StreamTest, CompletionPendingAtAStop) {
         stopping.join();
     }
     expectEvents({kStarted, kFull, kStopped, kStarted, kStopped});
+}
+
+// Calls that come while another starts or stops the same: they wait for it, and are told.
+TEST_F(StreamTest, CallsDuringAStartOrAStop) {
+    std::vector<std::thread> others;
+    const auto meanwhile = [&](auto call, int32_t expected) {
+        others.emplace_back([call, expected]() { EXPECT_EQ(call(), expected); });
+    };
+    const auto letThemCome = []() { // beyond the look without the mutex
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    };
+    fake::onCall("libusb_alloc_transfer", [&]() {
+        meanwhile([this]() { return start(); }, VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE);
+        letThemCome();
+    });
+    EXPECT_EQ(start(), 0);
+    fake::onCall("libusb_alloc_transfer", [&]() {
+        meanwhile([this]() { return enable(); }, VEXA_USB_STATUS_EVENT_PIPE_ACTIVE);
+        letThemCome();
+    });
+    EXPECT_EQ(enable(), 0);
+    fake::waitInFlight(4);
+    fake::holdEvents(true);
+    meanwhile([this]() { return stop(); }, 0);
+    ASSERT_TRUE(eventually([]() { return fake::inFlight().size() == 1; }));
+    meanwhile([this]() { return stop(); }, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE);
+    meanwhile([this]() { return lock(); }, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE);
+    meanwhile([this]() { return unlock(); }, VEXA_USB_STATUS_STREAM_BUFFER_NOT_ACTIVE);
+    letThemCome();
+    fake::holdEvents(false);
+    for (std::thread &other : others)
+        other.join();
 }
 
 TEST_F(StreamTest, StartThatCannotBegin) {
@@ -153,6 +188,18 @@ TEST_F(StreamTest, StrictEndsAtTheFirstGap) {
     EXPECT_EQ(stop(), 0);
     events.insert(events.end(), {kStarted, kFull, kFull, kError, kStopped});
     expectEvents(events);
+}
+
+// Where there is no memory for a buffer-full event, the stream ends, and asks for nothing more.
+TEST_F(StreamTest, EndsWithoutMemoryForAnEvent) {
+    ASSERT_EQ(start(512, 200), 0);
+    allocations::failAll();
+    int buffers = 0;
+    for (; buffers < 150 && fake::completeOn(0x82); ++buffers)
+        fake::deliverEvents();
+    EXPECT_TRUE(allocations::restore());
+    EXPECT_TRUE(log.waitFor(kError));
+    EXPECT_EQ(log.count(kFull) + 1, static_cast<size_t>(buffers));
 }
 
 // As it is read at each start; a word that it does not know is as if it were unset.
