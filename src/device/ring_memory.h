@@ -14,8 +14,9 @@ namespace vexausb {
  */
 class RingMemory {
 public:
-    // Throws std::length_error for more than there are addresses, std::bad_alloc for more than the
-    // system gives.
+    // A buffer is at most as large as a pointer difference can tell.  Throws std::length_error when
+    // all are more than there are addresses, std::bad_alloc when they are more than the system
+    // gives.
     RingMemory(uint64_t bufferSize, uint64_t bufferCount);
     ~RingMemory();
     RingMemory(const RingMemory &) = delete;

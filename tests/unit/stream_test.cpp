@@ -137,7 +137,8 @@ TEST_F(StreamTest, StartThatCannotBegin) {
     EXPECT_EQ(start(UINT64_MAX, 1), -4);
     EXPECT_EQ(start(UINT64_MAX - 511, 1), -4);
     EXPECT_EQ(start(512, UINT64_MAX), -4);
-    EXPECT_EQ(start(uint64_t{1} << 62, 1), -4); // more than the system maps
+    EXPECT_EQ(start(uint64_t{1} << 62, 1), -4);                         // more than the system maps
+    EXPECT_EQ(start((uint64_t{1} << 40) + 512, uint64_t{1} << 24), -4); // the product overflows
     EXPECT_EQ(stop(), -9);
     EXPECT_TRUE(log.all().empty());
 }
