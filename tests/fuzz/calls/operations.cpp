@@ -276,39 +276,42 @@ void World::open(const Step &op) {
         handle.world = this;
         handle.place = place;
         handle.entry = item == nullptr ? 0 : item->id;
-        const bool valid = place != nullptr && op.c < 240;
-        const bool isStale = valid && handle.entry < place->entry;
-        const bool wasListed = valid && place->isListed && place->isKnown && place->isSeen;
-        Call call(*this);
-        handle.openedAt = call.since;
-        call.make([&]() {
-            const bool isOdd = op.c % 2 != 0; // one of the two is missing
-            return vexa_usb_open(item, op.c < 240 || isOdd ? onEvent : nullptr, &handle,
-                                 op.c < 240 || !isOdd ? &handle.device : nullptr);
-        });
-        const bool hasChanged = !kOrders || (valid && place->changedAt > call.since);
-        const bool mayFail = !wasListed || !place->isListed || hasChanged || !place->isAttached ||
-                             finiAt_ > call.since || isPartial_;
-        const bool mayBeThere = !isStale && valid && (place->isAttached || hasChanged);
-        call.initialized().check(valid, VEXA_USB_STATUS_INVALID_PARAMETERS).ready();
-        call.check(mayBeThere, isStale || mayFail, VEXA_USB_STATUS_UNKNOWN);
-        call.refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_TIMEOUT});
-        const int32_t status = call.starved({VEXA_USB_STATUS_UNKNOWN}).judge("open", {0});
-        require(status == 0 || handle.device == nullptr, "a handle from a failed open");
-        handle.hasClaim = status == 0;
-        if (kOrders) {
-            handle.isLoopless = hasEnded_;
-            handle.isOpen = status == 0;
-        }
-        slot.handle = status == 0 ? &handle : nullptr;
-        if (status != 0 && place != nullptr)
-            place->isClaimed = false;
-    } else if (isFree && place != nullptr) {
-        place->isClaimed = false;
+        slot.handle = openEntry(op, item, handle) == 0 ? &handle : nullptr;
     }
+    if (isFree && place != nullptr && (isOpened || slot.handle == nullptr))
+        place->isClaimed = false;
     slot.users += Slot::kAlone;
     if (list != nullptr && (list = stored.exchange(list)) != nullptr)
         freeList(list);
+}
+
+int32_t World::openEntry(const Step &op, const _vexa_usb_device_list_item *item, Handle &handle) {
+    const Place *const place = handle.place;
+    const bool valid = place != nullptr && op.c < 240;
+    const bool isStale = valid && handle.entry < place->entry;
+    const bool wasListed = valid && place->isListed && place->isKnown && place->isSeen;
+    Call call(*this);
+    handle.openedAt = call.since;
+    call.make([&]() {
+        const bool isOdd = op.c % 2 != 0; // one of the two is missing
+        return vexa_usb_open(item, op.c < 240 || isOdd ? onEvent : nullptr, &handle,
+                             op.c < 240 || !isOdd ? &handle.device : nullptr);
+    });
+    const bool hasChanged = !kOrders || (valid && place->changedAt > call.since);
+    const bool mayFail = !wasListed || !place->isListed || hasChanged || !place->isAttached ||
+                         finiAt_ > call.since || isPartial_;
+    const bool mayBeThere = !isStale && valid && (place->isAttached || hasChanged);
+    call.initialized().check(valid, VEXA_USB_STATUS_INVALID_PARAMETERS).ready();
+    call.check(mayBeThere, isStale || mayFail, VEXA_USB_STATUS_UNKNOWN);
+    call.refused({VEXA_USB_STATUS_UNKNOWN, VEXA_USB_STATUS_TIMEOUT});
+    const int32_t status = call.starved({VEXA_USB_STATUS_UNKNOWN}).judge("open", {0});
+    require(status == 0 || handle.device == nullptr, "a handle from a failed open");
+    handle.hasClaim = status == 0;
+    if (kOrders) {
+        handle.isLoopless = hasEnded_;
+        handle.isOpen = status == 0;
+    }
+    return status;
 }
 
 void World::close(const Step &op) {

@@ -168,6 +168,7 @@ private:
     void subscribe(const Step &op);
     void cancel(const Step &op);
     void open(const Step &op);
+    int32_t openEntry(const Step &op, const _vexa_usb_device_list_item *item, Handle &handle);
     void close(const Step &op);
     void ask(const Step &op);
     void transfer(const Step &op);
