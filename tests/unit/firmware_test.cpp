@@ -365,6 +365,7 @@ TEST_F(Imx7Test, LooksAtTheHeaders) {
     expectAddress(8, {4, 3, 2, 1});
 
     Bytes uboot = Bytes{0x27, 0x05, 0x19, 0x56} + Bytes(60);
+    uboot[4] = 0x5A; // the checksum of the header, which is not looked at
     uboot[16] = 0x87;
     uboot[17] = 0x80;
     std::vector<Bytes> wrongOnes{spl, Bytes(&uboot[0], &uboot[19])};

@@ -1,15 +1,36 @@
 // What the library says of itself, and when.
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <functional>
 #include <string>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "core/log.h"
 #include "core/usbfs_limit.h"
 #include "support/device_fixtures.h"
 #include "support/fake_shared_memory.h"
+
+namespace {
+
+// Each second write is interrupted, the others take a hundred bytes at most.
+std::atomic<bool> writesInPieces = false;
+
+} // namespace
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+ssize_t write(int file, const void *data, size_t size) {
+    static std::atomic<unsigned> count = 0;
+    if (writesInPieces && ++count % 2 == 0) {
+        errno = EINTR;
+        return -1;
+    }
+    return syscall(SYS_write, file, data, writesInPieces ? std::min<size_t>(size, 100) : size);
+}
 
 namespace {
 
@@ -74,6 +95,10 @@ TEST_F(LogTest, LinesThatAreTooLongAreCut) {
     const std::string said = logOf("error", write);
     EXPECT_EQ(said.size(), 512U);
     EXPECT_EQ(said.substr(510), "x\n");
+    writesInPieces = true;
+    const std::string whole = logOf("error", write);
+    writesInPieces = false;
+    EXPECT_EQ(whole.substr(whole.find(" unit")), said.substr(said.find(" unit"))); // but the time
 }
 
 TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {

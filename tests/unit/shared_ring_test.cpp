@@ -175,31 +175,47 @@ TEST_F(SharedRingTest, LockedBufferOutlivesTheLastFini) {
 
 // More devices than the limit has room for, with what is shared: what no transfer and no caller
 // uses goes back at once, the rest as the ring goes round, and nothing is lost.
-TEST_F(SharedRingTest, GivesWayToOtherDevices) {
-    fake::limitTransfers("64");
-    ASSERT_EQ(start(1000, 16), 0);
-    EXPECT_EQ(fillAndDrain(), 1U);
-    EXPECT_GE(fake::sharedBlocks(), 13U);
-    std::vector<libusb_device *> others(31);
-    for (libusb_device *&other : others)
-        other = fake::attach(VEXA_USB_VENDOR_ID, 1);
-    vexa_usb_update_device_list();
-    EXPECT_LE(fake::sharedBlocks(), 4U);
-    for (int i = 0; i < 40; ++i) {
-        receive();
-        EXPECT_EQ(unlock(), 0);
+class SharedRoomTest : public SharedRingTest {
+protected:
+    void expectGivesWay(bool toNoticed) {
+        fake::limitTransfers("64");
+        ASSERT_EQ(start(1000, 16), 0);
+        EXPECT_EQ(fillAndDrain(), 1U);
+        EXPECT_GE(fake::sharedBlocks(), 13U);
+        std::vector<libusb_device *> others(31);
+        for (libusb_device *&other : others) {
+            other = fake::attach(VEXA_USB_VENDOR_ID, 1);
+            if (toNoticed)
+                fake::notifyArrival(other);
+        }
+        if (!toNoticed)
+            vexa_usb_update_device_list();
+        fake::deliverEvents();
+        EXPECT_LE(fake::sharedBlocks(), 4U);
+        for (int i = 0; i < 40; ++i) {
+            receive();
+            EXPECT_EQ(unlock(), 0);
+        }
+        EXPECT_FALSE(fake::isShared(data));
+        EXPECT_EQ(fake::sharedBlocks(), 0U);
+        EXPECT_EQ(fake::toldToOthers(), 0);
+        EXPECT_EQ(stop(), 0);
+        for (libusb_device *const other : others) {
+            fake::detach(other);
+            fake::notifyDeparture(other);
+        }
+        fake::deliverEvents();
+        ASSERT_EQ(start(1000, 16), 0);
+        EXPECT_GE(fake::sharedBlocks(), 3U); // there is room again
     }
-    EXPECT_FALSE(fake::isShared(data));
-    EXPECT_EQ(fake::sharedBlocks(), 0U);
-    EXPECT_EQ(fake::toldToOthers(), 0);
-    EXPECT_EQ(stop(), 0);
-    for (libusb_device *const other : others) {
-        fake::detach(other);
-        fake::notifyDeparture(other);
-    }
-    fake::deliverEvents();
-    ASSERT_EQ(start(1000, 16), 0);
-    EXPECT_GE(fake::sharedBlocks(), 3U); // there is room again
+};
+
+TEST_F(SharedRoomTest, GivesWayToDevicesThatArePluggedIn) {
+    expectGivesWay(true);
+}
+
+TEST_F(SharedRoomTest, GivesWayToDevicesThatAnUpdateFinds) {
+    expectGivesWay(false);
 }
 
 // An open device that is not told at once gives way with its next buffer.
@@ -260,6 +276,12 @@ TEST_F(SharedRingTest, AQuarterOfTheLimitForAllProgramsTogether) {
     budget::release(kMebibyte, 1);
     EXPECT_FALSE(budget::isOverdrawn());
     budget::release(kMebibyte, 31);
+    fake::othersShare(0);
+    EXPECT_EQ(budget::reserve(kMebibyte, 1).blocks, 1U);
+    fake::limitTransfers("16"); // too low for any
+    budget::setAttachedDevices(1);
+    EXPECT_TRUE(budget::isOverdrawn());
+    budget::release(kMebibyte, 1);
     fake::limitTransfers("0");
     EXPECT_EQ(budget::reserve(4096, 5000).blocks, 4096U); // a process has only so many mappings
     budget::release(4096, 4096);
