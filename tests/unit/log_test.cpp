@@ -105,7 +105,9 @@ TEST_F(LogTest, ClosedStandardErrorHoldsNobodyUp) {
     logOf("error", []() {
         const int saved = dup(STDERR_FILENO);
         ::close(STDERR_FILENO);
+        errno = ENOTTY;
         vexausb::logLine(vexausb::LogLevel::Error, "unheard");
+        EXPECT_EQ(errno, ENOTTY); // the caller's
         dup2(saved, STDERR_FILENO);
         ::close(saved);
     });

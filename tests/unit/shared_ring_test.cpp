@@ -73,6 +73,8 @@ TEST_F(SharedRingTest, FewBlocksGoRoundForACallerThatKeepsUp) {
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(fake::sharedBlocks(), 0U);
     EXPECT_EQ(fake::openLimitFiles(), 1); // the stand-in's own
+    ASSERT_EQ(start(kMebibyte, 16), 0);
+    EXPECT_EQ(fake::toldToOthers(), 8); // it is taken in steps
 }
 
 TEST_F(SharedRingTest, TheKernelIsAskedAgainARoundAfterItRefused) {
