@@ -59,6 +59,10 @@ TEST(HexText, TakesWhatIsInUse) {
     EXPECT_EQ(records[3].data, Bytes{0x04});
     HexTextReader reader("\n:00000001FF\n");
     EXPECT_TRUE(reader.next() && reader.line() == 2);
+    const std::string longest = ":FF000000" + std::string(510, '0') + "01";
+    const std::vector<char> exact(longest.begin(), longest.end()); // with nothing behind it
+    HexTextReader last({exact.data(), exact.size()});
+    EXPECT_EQ(last.next().value().data.size(), 255U);
 }
 
 TEST(HexText, RefusesTheRest) {
