@@ -67,7 +67,7 @@ ffibuilder.set_source(
         for name in functions(cdef)),
     source_extension=".cpp",
     sources=[os.path.relpath(os.path.join(HERE, "native/bridge.cpp"))],
-    depends=[os.path.join(HERE, "native", name) for name in ("bridge.h", "guard.h")],
+    depends=[os.path.join(HERE, "native", name) for name in ("bridge.h", "guard.h", "mutex.h")],
     include_dirs=[os.path.join(HERE, "native")],
     extra_compile_args=["-std=c++20", *cflags],
     extra_link_args=flags("VEXA_USB_LIBS", "--libs"),

@@ -10,22 +10,25 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <system_error>
 #include <utility>
 
 #include "guard.h"
+#include "mutex.h"
 
 namespace bridge {
+
+using vexausb::Condition;
+using vexausb::Mutex;
+using vexausb::MutexLock;
 
 // A file descriptor that is readable while it is set.  Whoever uses it holds the mutex of what it
 // tells about; waiting needs none.
@@ -97,7 +100,7 @@ public:
     }
 
 protected:
-    std::mutex events_; // the queues and their signals; the innermost
+    Mutex events_; // the queues and their signals; the innermost
     std::array<Signal, 3> signals_;
 };
 
@@ -106,19 +109,19 @@ protected:
 class Sources {
 public:
     uint64_t add(const std::shared_ptr<Source> &source) {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         sources_.emplace(++last_, source);
         return last_;
     }
     template <typename Kind>
     std::shared_ptr<Kind> find(uint64_t id) {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         const auto found = sources_.find(id);
         return found == sources_.end() ? nullptr : std::dynamic_pointer_cast<Kind>(found->second);
     }
     void remove(uint64_t id) {
         std::shared_ptr<Source> removed; // ends without the mutex
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         const auto found = sources_.find(id);
         if (found == sources_.end())
             return;
@@ -127,9 +130,9 @@ public:
     }
 
 private:
-    std::mutex mutex_; // what follows
-    std::map<uint64_t, std::shared_ptr<Source>> sources_;
-    uint64_t last_ = 0;
+    Mutex mutex_;
+    std::map<uint64_t, std::shared_ptr<Source>> sources_ GUARDED_BY(mutex_);
+    uint64_t last_ GUARDED_BY(mutex_) = 0;
 };
 
 Sources &sources() {
@@ -141,6 +144,10 @@ void *asData(uint64_t id) {
     return reinterpret_cast<void *>(id); // NOLINT(performance-no-int-to-ptr): only ever cast back
 }
 
+std::chrono::steady_clock::time_point after(uint32_t milliseconds) {
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+}
+
 // An opened device: its handle with the calls in progress, its stream with the views of the ring,
 // and its events.  The handle is closed by whoever is the last to need it.
 class Device final : public Source, public std::enable_shared_from_this<Device> {
@@ -149,36 +156,36 @@ public:
         _vexa_usb_device *opened = nullptr;
         const int32_t status =
             shielded([&]() { return vexa_usb_open(record, onEvent, asData(id), &opened); });
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         handle_ = opened;
         return status;
     }
 
     _vexa_usb_device *enter() {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (handle_ == nullptr || closing_)
             return nullptr;
         ++calls_;
         return handle_;
     }
     void leave() {
-        std::unique_lock lock(mutex_);
+        const MutexLock lock(mutex_);
         --calls_;
-        settle(lock);
-        settled_.notify_all();
+        settle();
+        settled_.notifyAll();
     }
 
     void end() override { close(0); }
     int32_t close(uint32_t timeoutMs) {
-        std::unique_lock lock(mutex_);
+        const MutexLock lock(mutex_);
         closing_ = true;
         wakeAll();
         forgetUnviewed();
-        settle(lock);
-        const auto mayReturn = [this]() {
+        settle();
+        const auto mayReturn = [this]() REQUIRES(mutex_) {
             return !leaving_ && (handle_ == nullptr || (calls_ == 0 && !stopping_));
         };
-        if (!settled_.wait_for(lock, std::chrono::milliseconds(timeoutMs), mayReturn))
+        if (!settled_.waitUntil(mutex_, after(timeoutMs), mayReturn))
             return kBridgeBusy;
         if (handle_ != nullptr)
             return kBridgeViewed;
@@ -189,82 +196,83 @@ public:
     int32_t streamStop();
     int32_t streamNext(uint8_t **data, uint64_t *size);
     void streamViewed() {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         lockedIsViewed_ = true;
     }
     void viewGone() {
-        std::unique_lock lock(mutex_);
+        const MutexLock lock(mutex_);
         --views_;
-        settle(lock);
+        settle();
     }
 
     int32_t download(_vexa_usb_device *handle, const uint8_t *data, uint64_t size);
     double takeProgress() {
-        const std::lock_guard lock(events_);
+        const MutexLock lock(events_);
         signals_[kBridgeLoad].clear();
         return progress_;
     }
     void tellProgress(double progress) {
-        const std::lock_guard lock(events_);
+        const MutexLock lock(events_);
         progress_ = progress;
         signals_[kBridgeLoad].set();
     }
 
     int64_t takeEvent();
     bool isRemoved(uint32_t timeoutMs) {
-        std::unique_lock lock(events_);
-        return removal_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                 [this]() { return removed_; });
+        const MutexLock lock(events_);
+        return removal_.waitUntil(events_, after(timeoutMs),
+                                  [this]() REQUIRES(events_) { return removed_; });
     }
 
 private:
     static void onEvent(_vexa_usb_device_event event, void *data);
     static void onProgress(void *data, double progress);
     void post(_vexa_usb_device_event event);
-    bool isOfStream(_vexa_usb_device_event event) const;
+    bool isOfStream(_vexa_usb_device_event event) const REQUIRES(events_);
     void wakeAll();
-    void settle(std::unique_lock<std::mutex> &lock);
-    void closeNow(std::unique_lock<std::mutex> &lock);
-    void stopNow(std::unique_lock<std::mutex> &lock);
-    void forgetUnviewed();
-    int32_t lockNext(uint8_t **data, uint64_t *size);
-    int32_t giveBack();
+    void settle() REQUIRES(mutex_);
+    // These two give the mutex up while they are in the library.
+    void closeNow() REQUIRES(mutex_);
+    void stopNow() REQUIRES(mutex_);
+    void forgetUnviewed() REQUIRES(mutex_);
+    int32_t lockNext(uint8_t **data, uint64_t *size) REQUIRES(mutex_);
+    int32_t giveBack() REQUIRES(mutex_);
 
-    std::mutex mutex_; // the state from here to `views_`; taken before `events_`
-    std::condition_variable settled_;
-    _vexa_usb_device *handle_ = nullptr;
-    bool closing_ = false; // by Python
-    bool leaving_ = false; // by some thread, now
-    uint64_t calls_ = 0;
-    bool streaming_ = false;    // from the start to the end of the stop
-    bool stopWanted_ = false;   // by Python
-    bool stopping_ = false;     // by some thread, now
-    uint8_t *locked_ = nullptr; // the buffer that Python looks at
-    bool lockedIsViewed_ = false;
-    uint64_t views_ = 0;
+    Mutex mutex_; // taken before `events_`
+    Condition settled_;
+    _vexa_usb_device *handle_ GUARDED_BY(mutex_) = nullptr;
+    bool closing_ GUARDED_BY(mutex_) = false; // by Python
+    bool leaving_ GUARDED_BY(mutex_) = false; // by some thread, now
+    uint64_t calls_ GUARDED_BY(mutex_) = 0;
+    bool streaming_ GUARDED_BY(mutex_) = false;    // from the start to the end of the stop
+    bool stopWanted_ GUARDED_BY(mutex_) = false;   // by Python
+    bool stopping_ GUARDED_BY(mutex_) = false;     // by some thread, now
+    uint8_t *locked_ GUARDED_BY(mutex_) = nullptr; // the buffer that Python looks at
+    bool lockedIsViewed_ GUARDED_BY(mutex_) = false;
+    uint64_t views_ GUARDED_BY(mutex_) = 0;
 
-    // Under `events_`, as are the signals.
-    std::condition_variable removal_;
-    Queue<_vexa_usb_device_event> queue_;
-    bool ended_ = false;
-    bool removed_ = false;
-    bool expectsStreamEvents_ = false;
-    bool failed_ = false;
-    uint64_t full_ = 0;
-    uint64_t stopsToCome_ = 0; // stopped events; what comes before them is of an earlier stream
-    double progress_ = 0;
+    Condition removal_;
+    Queue<_vexa_usb_device_event> queue_ GUARDED_BY(events_);
+    bool ended_ GUARDED_BY(events_) = false;
+    bool removed_ GUARDED_BY(events_) = false;
+    bool expectsStreamEvents_ GUARDED_BY(events_) = false;
+    bool failed_ GUARDED_BY(events_) = false;
+    uint64_t full_ GUARDED_BY(events_) = 0;
+    // Stopped events; what comes before them is of an earlier stream.
+    uint64_t stopsToCome_ GUARDED_BY(events_) = 0;
+    double progress_ GUARDED_BY(events_) = 0;
 };
 
 // The views of rings, by their addresses; a ring with a view is not freed, so these are unique.
 class Views {
 public:
     void add(const void *data, const std::shared_ptr<Device> &device) {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         views_.emplace(data, device);
     }
     // Null when there is none.
     std::shared_ptr<Device> take(const void *data) {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         const auto found = views_.find(data);
         if (found == views_.end())
             return nullptr;
@@ -274,8 +282,8 @@ public:
     }
 
 private:
-    std::mutex mutex_; // what follows
-    std::multimap<const void *, std::shared_ptr<Device>> views_;
+    Mutex mutex_;
+    std::multimap<const void *, std::shared_ptr<Device>> views_ GUARDED_BY(mutex_);
 };
 
 Views &views() {
@@ -296,7 +304,7 @@ bool Device::isOfStream(_vexa_usb_device_event event) const {
 }
 
 void Device::post(_vexa_usb_device_event event) {
-    const std::lock_guard lock(events_);
+    const MutexLock lock(events_);
     if (isOfStream(event)) {
         if (stopsToCome_ > 0 || failed_)
             return;
@@ -311,7 +319,7 @@ void Device::post(_vexa_usb_device_event event) {
         --stopsToCome_;
     if (event == VEXA_USB_DEVICE_EVENT_REMOVED) {
         removed_ = true;
-        removal_.notify_all();
+        removal_.notifyAll();
         signals_[kBridgeStream].set();
     }
     queue_.post(event);
@@ -319,7 +327,7 @@ void Device::post(_vexa_usb_device_event event) {
 }
 
 int64_t Device::takeEvent() {
-    const std::lock_guard lock(events_);
+    const MutexLock lock(events_);
     _vexa_usb_device_event event = 0;
     const int32_t status = queue_.take(event);
     if (queue_.isEmpty() && !ended_ && !removed_)
@@ -332,65 +340,65 @@ int64_t Device::takeEvent() {
 }
 
 void Device::wakeAll() {
-    const std::lock_guard lock(events_);
+    const MutexLock lock(events_);
     ended_ = true;
     signals_[kBridgeStream].set();
     signals_[kBridgeEvents].set();
 }
 
 // Does what was asked for and had to wait for others.
-void Device::settle(std::unique_lock<std::mutex> &lock) {
+void Device::settle() {
     if (handle_ == nullptr || views_ > 0)
         return;
     if (closing_ && calls_ == 0 && !stopping_) {
-        closeNow(lock);
+        closeNow();
     } else if (stopWanted_ && streaming_ && !stopping_) {
-        stopNow(lock);
+        stopNow();
     }
 }
 
-void Device::closeNow(std::unique_lock<std::mutex> &lock) {
+void Device::closeNow() {
     _vexa_usb_device *const handle = std::exchange(handle_, nullptr);
     leaving_ = true;
-    lock.unlock();
+    mutex_.unlock();
     vexa_usb_close(handle);
-    lock.lock();
+    mutex_.lock();
     leaving_ = false;
-    settled_.notify_all();
+    settled_.notifyAll();
 }
 
-void Device::stopNow(std::unique_lock<std::mutex> &lock) {
+void Device::stopNow() {
     stopping_ = true;
     locked_ = nullptr;
     {
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         ++stopsToCome_;
         expectsStreamEvents_ = false;
     }
     _vexa_usb_device *const handle = handle_;
-    lock.unlock();
+    mutex_.unlock();
     const int32_t status = vexa_usb_data_stream_stop(handle);
-    lock.lock();
+    mutex_.lock();
     if (status != VEXA_USB_STATUS_SUCCESS) { // removed: the close frees the stream
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         --stopsToCome_;
     }
     streaming_ = false;
     stopping_ = false;
-    settle(lock);
-    settled_.notify_all();
+    settle();
+    settled_.notifyAll();
 }
 
 int32_t Device::streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict) {
-    static std::mutex environment; // of this process, which the start reads
-    std::unique_lock lock(mutex_);
-    settled_.wait(lock, [this]() { return !stopping_; });
+    static Mutex environment; // of this process, which the start reads
+    const MutexLock lock(mutex_);
+    settled_.wait(mutex_, [this]() REQUIRES(mutex_) { return !stopping_; });
     if (streaming_ && stopWanted_)
         return kBridgeViewed;
     if (streaming_)
         return VEXA_USB_STATUS_STREAM_BUFFER_ACTIVE;
     {
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         if (removed_)
             return VEXA_USB_STATUS_DEVICE_REMOVED;
         expectsStreamEvents_ = true;
@@ -400,35 +408,36 @@ int32_t Device::streamStart(uint8_t endpoint, uint64_t size, uint64_t count, boo
     }
     int32_t status = VEXA_USB_STATUS_SUCCESS;
     {
-        const std::lock_guard environmentLock(environment);
+        const MutexLock environmentLock(environment);
         const char *const wanted = strict ? "strict" : "default";
         const char *const present = std::getenv("VEXA_USB_STREAM");
         if (present == nullptr || std::string(present) != wanted)
             setenv("VEXA_USB_STREAM", wanted, 1);
+        _vexa_usb_device *const handle = handle_;
         status =
-            shielded([&]() { return vexa_usb_data_stream_start(handle_, endpoint, size, count); });
+            shielded([&]() { return vexa_usb_data_stream_start(handle, endpoint, size, count); });
     }
     streaming_ = status == VEXA_USB_STATUS_SUCCESS;
     stopWanted_ = false;
     if (!streaming_) {
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         expectsStreamEvents_ = false;
     }
     return status;
 }
 
 int32_t Device::streamStop() {
-    std::unique_lock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!streaming_)
         return VEXA_USB_STATUS_SUCCESS;
     stopWanted_ = true;
     {
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         signals_[kBridgeStream].set();
     }
     forgetUnviewed();
-    settle(lock);
-    settled_.wait(lock, [this]() { return !stopping_; });
+    settle();
+    settled_.wait(mutex_, [this]() REQUIRES(mutex_) { return !stopping_; });
     if (streaming_)
         return kBridgeViewed;
     return VEXA_USB_STATUS_SUCCESS;
@@ -451,7 +460,7 @@ int32_t Device::giveBack() {
 
 int32_t Device::lockNext(uint8_t **data, uint64_t *size) {
     {
-        const std::lock_guard events(events_);
+        const MutexLock events(events_);
         if (full_ == 0) {
             if (removed_)
                 return VEXA_USB_STATUS_DEVICE_REMOVED;
@@ -468,7 +477,7 @@ int32_t Device::lockNext(uint8_t **data, uint64_t *size) {
 }
 
 int32_t Device::streamNext(uint8_t **data, uint64_t *size) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!streaming_ || stopWanted_ || closing_)
         return kBridgeClosed;
     int32_t status = giveBack();
@@ -486,11 +495,11 @@ int32_t Device::streamNext(uint8_t **data, uint64_t *size) {
 void Device::onProgress(void *data, double progress) {
     auto *const device = static_cast<Device *>(data);
     device->tellProgress(progress);
-    std::unique_lock lock(device->mutex_);
+    const MutexLock lock(device->mutex_);
     // To close is the one way to end a download; it is the only call on the device.
     if (device->closing_ && device->calls_ == 1 && device->views_ == 0 &&
         device->handle_ != nullptr)
-        device->closeNow(lock);
+        device->closeNow();
 }
 
 int32_t Device::download(_vexa_usb_device *handle, const uint8_t *data, uint64_t size) {
@@ -508,7 +517,7 @@ public:
     }
     void end() override {
         {
-            const std::lock_guard lock(events_);
+            const MutexLock lock(events_);
             if (ended_)
                 return;
             ended_ = true;
@@ -517,7 +526,7 @@ public:
         vexa_usb_deregister_device_list_event_callback(registration_);
     }
     int32_t take(BridgeChange *change) {
-        const std::lock_guard lock(events_);
+        const MutexLock lock(events_);
         const int32_t status = queue_.take(*change);
         if (queue_.isEmpty() && !ended_)
             signals_[kBridgeEvents].clear();
@@ -529,14 +538,14 @@ private:
         const auto watch = sources().find<Watch>(reinterpret_cast<uint64_t>(data));
         if (watch == nullptr)
             return;
-        const std::lock_guard lock(watch->events_);
+        const MutexLock lock(watch->events_);
         watch->queue_.post({item->id, type, item->vendor_id, item->product_id});
         watch->signals_[kBridgeEvents].set();
     }
 
     uint32_t registration_ = 0;
-    Queue<BridgeChange> queue_;
-    bool ended_ = false;
+    Queue<BridgeChange> queue_ GUARDED_BY(events_);
+    bool ended_ GUARDED_BY(events_) = false;
 };
 
 // Calls `call` with the source; without one, answers `otherwise`.

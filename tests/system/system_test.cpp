@@ -44,21 +44,6 @@ protected:
     }
 };
 
-TEST_F(SystemTest, ListAndOpen) {
-    // Attached before the init: listed only when asked for.
-    vexa_usb_fini();
-    const Simulator earlier({"instrument,product=0x10"}, 0, false);
-    ASSERT_TRUE(systemLists(":0010", 1));
-    vexa_usb_init();
-    EXPECT_TRUE(listedIds(false).empty());
-    openFirst();
-    int32_t status = 0;
-    EXPECT_EQ(openDevice(listedIds().at(0), events, &status), nullptr);
-    EXPECT_EQ(status, VEXA_USB_STATUS_UNKNOWN);
-    EXPECT_EQ(close(), 0);
-    openFirst();
-}
-
 TEST_F(SystemTest, TransfersOfAwkwardLengths) {
     const Simulator simulator({"instrument"});
     openFirst();

@@ -1,0 +1,1 @@
+../../src/core/mutex.h
