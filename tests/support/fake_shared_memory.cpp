@@ -72,7 +72,7 @@ void limitTransfers(const char *mebibytes) {
     std::ofstream(vexausb::usbfsLimitFile()) << mebibytes << '\n';
 }
 
-void othersShare(int mebibytes) {
+void othersShare(int mebibytes, int programs) {
     static int file = -1;
     if (file >= 0)
         close(file);
@@ -82,9 +82,11 @@ void othersShare(int mebibytes) {
     file = open(vexausb::usbfsLimitFile(), O_RDWR);
     struct flock lock {};
     lock.l_type = F_RDLCK;
-    lock.l_start = 12345;
     lock.l_len = mebibytes;
-    fcntl(file, F_OFD_SETLK, &lock);
+    for (int i = 0; i < programs; ++i) {
+        lock.l_start = 12345 + i * 1048576L;
+        fcntl(file, F_OFD_SETLK, &lock);
+    }
 }
 
 int toldToOthers() {

@@ -17,8 +17,8 @@ void shareMemory(Sharing sharing);
 void shareAsAsked(); // in the environment
 // The text in the limit's file; 256 at first.
 void limitTransfers(const char *mebibytes);
-// How much other programs share, and how much this one has told them, in MiB.
-void othersShare(int mebibytes);
+// How much each of so many other programs shares, and how much this one has told them, in MiB.
+void othersShare(int mebibytes, int programs = 1);
 int toldToOthers();
 // Descriptors of the limit's file.
 int openLimitFiles();

@@ -129,7 +129,7 @@ TEST_F(LogTest, AFailedOpenSaysWhy) {
     } cases[] = {
         {"libusb_open", LIBUSB_ERROR_ACCESS, "udev rule 70-vexa-usb.rules"},
         {"libusb_open", LIBUSB_ERROR_IO, "/dev/bus/usb/001/001 cannot be"},
-        {"libusb_open", LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT", -13},
+        {"libusb_open", LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT: 'lsusb' shows", -13},
         {"libusb_get_device_list", LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT", -13},
         {"libusb_claim_interface", LIBUSB_ERROR_BUSY, "another program"},
         {"libusb_claim_interface", LIBUSB_ERROR_NO_DEVICE, "has just left"},

@@ -74,6 +74,7 @@ TEST(DataStream, AnySizesKeepEveryByteInOrder) {
                 uint64_t length = 0;
                 ASSERT_TRUE(ring.lock(data, length));
                 ASSERT_EQ(length, size);
+                ASSERT_EQ(reinterpret_cast<uintptr_t>(data) % 64, 0U); // a cache line
                 for (uint64_t i = 0; i < length; ++i)
                     ASSERT_EQ(data[i], expected++) << size << " " << packet << " " << i;
                 ASSERT_TRUE(ring.unlock());
