@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <utility>
 
 #include <gtest/gtest.h>
 
 #include "core/global_state.h"
+#include "core/log.h"
 #include "support/device_list_snapshot.h"
 #include "support/event_log.h"
 #include "support/fake_libusb.h"
@@ -17,6 +19,9 @@ namespace test {
 class FakeBusTest : public ::testing::Test {
 protected:
     FakeBusTest() {
+        for (const char *const setting : {"VEXA_USB_LOG", "VEXA_USB_RING", "VEXA_USB_STREAM"})
+            unsetenv(setting);
+        vexausb::readLogLevel();
         fake::reset();
         vexausb::libusbRunning.store(true);
     }

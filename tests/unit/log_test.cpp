@@ -39,11 +39,6 @@ using Action = std::function<void()>;
 
 class LogTest : public StreamingTest {
 protected:
-    ~LogTest() override {
-        unsetenv("VEXA_USB_LOG");
-        vexausb::readLogLevel();
-    }
-
     // What is written to standard error meanwhile.
     static std::string logOf(const char *level, const Action &action) {
         if (level == nullptr)
@@ -237,7 +232,6 @@ TEST_F(LogTest, AStreamThatEndsSaysWhy) {
     setenv("VEXA_USB_STREAM", "strict", 1);
     expectSays(run([]() { fake::completeOldest(LIBUSB_TRANSFER_COMPLETED, 100); }),
                "with 100 of 512 bytes; the stream ends; stop it, and start it again\n");
-    unsetenv("VEXA_USB_STREAM");
 }
 
 TEST_F(LogTest, AnEventPipeThatEndsSaysWhy) {

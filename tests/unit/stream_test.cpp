@@ -14,8 +14,6 @@ using namespace test;
 
 class StreamTest : public StreamingTest {
 protected:
-    ~StreamTest() override { unsetenv("VEXA_USB_STREAM"); }
-
     static void complete(size_t inFlightAfterwards = 3) {
         fake::completeOldest();
         fake::waitInFlight(inFlightAfterwards);

@@ -693,9 +693,8 @@ void World::disturb(const Step &op) {
 }
 
 void World::perform(const Operation &op, const _vexa_usb_device_list_item *item, Handle *busy) {
-    using Action = void (World::*)(const Step &);
     using W = World;
-    constexpr std::array<Action, 44> kActions{
+    constexpr std::array kActions{
         &W::init,     &W::fini,      &W::tell,     &W::tell,     &W::getList,  &W::dropList,
         &W::update,   &W::subscribe, &W::cancel,   &W::open,     &W::close,    &W::ask,
         &W::ask,      &W::ask,       &W::transfer, &W::transfer, &W::transfer, &W::transfer,
@@ -705,7 +704,10 @@ void World::perform(const Operation &op, const _vexa_usb_device_list_item *item,
         &W::plug,     &W::plug,      &W::complete, &W::disturb,  &W::disturb,  &W::disturb,
         &W::disturb,  &W::disturb};
     const uint8_t what = op.what();
-    const size_t action = what >= 59 ? 24U : what >= 54 ? 23U : what >= 44 ? 38U : what;
+    const size_t action = what >= 59                ? 24U
+                          : what >= 54              ? 23U
+                          : what >= kActions.size() ? 38U
+                                                    : what;
     Handle nobody;
     nobody.place = places_.data();
     const bool needsHandle = action >= 11 && action <= 34 && op.a % 4U != 3;
