@@ -153,6 +153,29 @@ TEST_F(UnplugTest, FromWithinCallbacks) {
     EXPECT_EQ(vexa_usb_deregister_device_list_event_callback(own.id), 0);
 }
 
+// After a second initialisation nothing is heard of the bus, but an update finds what is there.
+TEST_F(UnplugTest, AfterASecondInitialisation) {
+    vexa_usb_fini();
+    vexa_usb_init();
+    ChangeLog &later = ChangeLog::add();
+    const Simulator simulator({"instrument", "instrument"}, 0, false);
+    ASSERT_TRUE(systemLists(":0001", 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(later.all().empty());
+    openFirst();
+    EXPECT_TRUE(later.waitFor(2));
+    _vexa_usb_device *const other = openDevice(listedIds(false).at(1), EventLog::make());
+    ASSERT_EQ(vanish(other, 0, sim::kNeverReturn), 0);
+    EXPECT_TRUE(eventually([&]() { return rewindStream(other) != 0; }));
+    for (int i = 0; i < 100; ++i) { // calls have libusb look at the bus
+        EXPECT_EQ(rewindStream(device), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+    EXPECT_EQ(later.all().size(), 2U);
+    EXPECT_EQ(vexa_usb_close(other), 0);
+    EXPECT_EQ(close(), 0);
+}
+
 // Bytes in use; known under the address sanitizer only.
 size_t allocatedBytes() {
 #ifdef __SANITIZE_ADDRESS__

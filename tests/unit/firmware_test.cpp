@@ -252,14 +252,22 @@ TEST_F(FirmwareTest, DfuEndsWhenTheHandleIsClosedInTheMiddle) {
 // A device may ask for hours; nobody waits for one that has left.
 TEST_F(FirmwareTest, DfuEndsWhenTheDeviceLeaves) {
     const uint8_t byte = 0;
-    answers = {{0, 0xFF, 0xFF, 0xFF, 4, 0}, {0, 0, 0, 0, 5, 0}};
+    answers = {{0, 0xFF, 0xFF, 0xFF, 4, 0}};
+    failAt = 2; // the look at what has left
+    failure = LIBUSB_ERROR_NO_DEVICE;
     std::thread leaving([this]() {
+        EXPECT_TRUE(test::eventually(
+            []() { return fake::countCalls("libusb_control_transfer(161,3,0,0,6)") == 1; }));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         remove();
     });
-    EXPECT_LT(test::timed([&]() { vexa_usb_dfu_download(device, &byte, 1, nullptr, nullptr); }),
-              std::chrono::seconds(20));
+    int32_t status = 0;
+    const auto waited =
+        test::timed([&]() { status = vexa_usb_dfu_download(device, &byte, 1, nullptr, nullptr); });
     leaving.join();
+    EXPECT_GE(waited, std::chrono::milliseconds(50));
+    EXPECT_LT(waited, std::chrono::seconds(20));
+    EXPECT_EQ(status, -1);
 }
 
 // Report 3 and report 4 with the mark of a completed write.
