@@ -137,7 +137,7 @@ class Client:
             find("\n".join([f"a client ended with {status}", *own, "with:", errors[-4000:]]))
             return None
         result = json.loads(self.output.read().splitlines()[-1])
-        # As the library says it, also of streams whose end did not matter to the client.
+        # The log may tell of more: of streams that the client no longer watched.
         if result["silent_streams"] > errors.count("no transfer is left, and no event will come"):
             find(f"streams were silent, and the log does not say why: {errors[-4000:]}")
         for name in ("bytes", "sessions", "event_bytes", "removals", "overflows", "lost_streams",

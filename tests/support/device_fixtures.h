@@ -25,7 +25,10 @@ protected:
         fake::reset();
         vexausb::libusbRunning.store(true);
     }
-    ~FakeBusTest() override { fake::reset(); }
+    ~FakeBusTest() override {
+        EXPECT_FALSE(fake::takeClosedInFlight()); // where it is right, the test has taken it
+        fake::reset();
+    }
 };
 
 // The library initialised, with one instrument attached and opened.

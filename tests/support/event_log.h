@@ -29,10 +29,8 @@ public:
 
     // Devices' callbacks may run a last time after the close, so logs live for ever.
     static EventLog &make() {
-        static vexausb::Mutex mutex; // of the list
-        static auto *const logs = new std::vector<EventLog *>;
-        const vexausb::MutexLock lock(mutex);
-        return *logs->emplace_back(new EventLog);
+        const vexausb::MutexLock lock(logsMutex);
+        return *logs.emplace_back(new EventLog);
     }
     static void callback(_vexa_usb_device_event event, void *data) {
         auto &log = *static_cast<EventLog *>(data);
@@ -64,6 +62,9 @@ public:
     }
 
 private:
+    static inline vexausb::Mutex logsMutex;
+    static inline auto &logs GUARDED_BY(logsMutex) = *new std::vector<EventLog *>;
+
     vexausb::Mutex mutex_;
     vexausb::Condition changed_;
     std::map<uint32_t, size_t> counts_ GUARDED_BY(mutex_);

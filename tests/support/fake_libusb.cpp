@@ -62,7 +62,8 @@ struct State {
     fake::ControlHandler control;
     std::map<std::string, std::function<void()>, std::less<>> actions;
     libusb_context *context = nullptr;
-    size_t handling = 0; // threads inside libusb_handle_events
+    const libusb_device *announced = nullptr; // whose notice is being delivered
+    size_t handling = 0;                      // threads inside libusb_handle_events
     uint64_t selfCompletions = 0;
     uint8_t nextByte = 0;
     uint8_t nextAddress = 1;
@@ -71,7 +72,7 @@ struct State {
     bool held = false;
 };
 
-Mutex callbackMutex; // held while callbacks run; taken before the next
+Mutex callbackMutex; // held while callbacks run; taken before `mutex`
 Mutex mutex;
 Condition changed;
 State state GUARDED_BY(mutex);
@@ -116,11 +117,15 @@ std::optional<int> failureOf(const std::string &function) REQUIRES(mutex) {
 // What onCall() has asked for, once.
 std::function<void()> takeAction(const char *function) {
     const StateLock lock;
-    const auto found = state.actions.extract(std::string(function));
-    return found.empty() ? nullptr : std::move(found.mapped());
+    const auto found = state.actions.find(function);
+    if (found == state.actions.end())
+        return nullptr;
+    std::function<void()> action = std::move(found->second);
+    state.actions.erase(found);
+    return action;
 }
 
-// A call of that function begins with it.
+// Does what onCall() has asked for; without the lock, since that may call the stand-in.
 void enter(const char *function) {
     if (const auto action = takeAction(function))
         action();
@@ -136,6 +141,23 @@ std::optional<int> called(const std::string &function, const std::string &argume
 void checkHandle(const libusb_device_handle *handle) REQUIRES(mutex) {
     if (!contains(state.handles, handle))
         violation("use of a handle that is not open");
+}
+
+bool isListed(const libusb_device *device) REQUIRES(mutex) {
+    return std::any_of(state.lists.begin(), state.lists.end(), [device](auto *const *list) {
+        while (*list != nullptr && *list != device)
+            ++list;
+        return *list != nullptr;
+    });
+}
+
+// One that somebody holds a reference to.
+void checkDevice(const libusb_device *device) REQUIRES(mutex) {
+    const bool isOpen =
+        std::any_of(state.handles.begin(), state.handles.end(),
+                    [device](const auto *handle) { return handle->device == device; });
+    if (!isOpen && !isListed(device) && device != state.announced)
+        violation("use of a device that is not there");
 }
 
 void checkContext(const libusb_context *context) REQUIRES(mutex) {
@@ -211,6 +233,7 @@ std::function<void()> takeDelivery() {
     if (!state.notices.empty()) {
         const Notice notice = state.notices.front();
         state.notices.pop_front();
+        state.announced = notice.device;
         return [notice, registrations = state.registrations]() { deliver(notice, registrations); };
     }
     if (state.done.empty()) {
@@ -365,6 +388,7 @@ void deliverEvents() {
     while (const auto delivery = takeDelivery()) {
         delivery();
         const StateLock lock;
+        state.announced = nullptr;
         changed.notifyAll();
     }
 }
@@ -375,9 +399,9 @@ void holdEvents(bool held) {
     changed.notifyAll();
 }
 
-bool closedInFlight() {
+bool takeClosedInFlight() {
     const StateLock lock;
-    return state.closedInFlight;
+    return std::exchange(state.closedInFlight, false);
 }
 
 } // namespace fake
@@ -475,14 +499,19 @@ int libusb_get_device_descriptor(libusb_device *device, libusb_device_descriptor
     const StateLock lock;
     if (const auto failure = called("libusb_get_device_descriptor"))
         return *failure;
+    checkDevice(device);
     *descriptor = device->shape.descriptor;
     return LIBUSB_SUCCESS;
 }
 
 uint8_t libusb_get_bus_number(libusb_device *device) {
+    const StateLock lock;
+    checkDevice(device);
     return device->shape.bus;
 }
 uint8_t libusb_get_device_address(libusb_device *device) {
+    const StateLock lock;
+    checkDevice(device);
     return device->shape.address;
 }
 libusb_device *libusb_get_device(libusb_device_handle *handle) {
@@ -496,6 +525,7 @@ int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
     const StateLock lock;
     if (const auto failure = called("libusb_get_max_packet_size"))
         return *failure;
+    checkDevice(device);
     const auto found = device->shape.packetSizes.find(endpoint);
     return found == device->shape.packetSizes.end() ? LIBUSB_ERROR_NOT_FOUND : found->second;
 }
@@ -503,8 +533,7 @@ int libusb_get_max_packet_size(libusb_device *device, unsigned char endpoint) {
 int libusb_open(libusb_device *device, libusb_device_handle **handle) {
     const MutexLock callbacks(callbackMutex);
     const StateLock lock;
-    if (state.lists.empty())
-        violation("use of a device whose list was freed");
+    checkDevice(device);
     if (const auto failure = called("libusb_open"))
         return *failure;
     *handle = new libusb_device_handle{device};
@@ -522,6 +551,7 @@ void libusb_close(libusb_device_handle *handle) {
     };
     if (std::erase_if(state.flying, isOf) + std::erase_if(state.done, isOf) != 0)
         state.closedInFlight = true;
+    changed.notifyAll();
     std::erase(state.handles, handle);
     delete handle;
 }

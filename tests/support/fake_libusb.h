@@ -90,7 +90,8 @@ void completeNewest(libusb_transfer_status status, int actual = -1);
 void completeBySelf(uint64_t count);
 // Delivers what is due on the calling thread, as a synchronous call of libusb does.
 void deliverEvents();
-bool closedInFlight();
+// Whether a handle was closed with a transfer in flight, since the last look.
+bool takeClosedInFlight();
 // Nothing is delivered while held.
 void holdEvents(bool held);
 

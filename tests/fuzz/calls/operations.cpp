@@ -684,6 +684,7 @@ void World::disturb(const Step &op) {
     } else if (op.what() == 40) {
         starveNext = op.a;
     } else if (op.what() == 42) { // for longer than the library waits for a device
+        mayAbandon_ = true;
         fake::holdEvents(true);
         std::this_thread::sleep_for(std::chrono::milliseconds(kOrders ? op.a * 4 : 1));
         fake::holdEvents(false);

@@ -204,6 +204,7 @@ private:
     std::atomic<uint32_t> registered_{0}; // since the last init, or being registered
     bool hasEnded_ = false;               // a last fini has begun
     bool isPartial_ = false;              // an init has met a failure
+    std::atomic<bool> mayAbandon_{false}; // transfers in flight, at a close
 };
 
 } // namespace calls
