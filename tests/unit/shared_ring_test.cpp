@@ -181,6 +181,8 @@ protected:
         ASSERT_EQ(start(1000, 16), 0);
         EXPECT_EQ(fillAndDrain(), 1U);
         EXPECT_GE(fake::sharedBlocks(), 13U);
+        vexa_usb_update_device_list();
+        EXPECT_GE(fake::sharedBlocks(), 13U); // nobody has come
         std::vector<libusb_device *> others(31);
         for (libusb_device *&other : others) {
             other = fake::attach(VEXA_USB_VENDOR_ID, 1);
