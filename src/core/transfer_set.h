@@ -43,7 +43,8 @@ public:
     void waitIdle() EXCLUDES(mutex_);
     // Memory that belongs to the handle, and that nothing uses at the moment, is given back.
     void releaseUnused() EXCLUDES(mutex_);
-    // After waitIdle(), and before the handle is closed: memory that belongs to it is given back.
+    // Before the handle is closed, and with nothing in flight that writes to it: memory that
+    // belongs to the handle is given back.
     void releaseMemory(CallerMemory callers) EXCLUDES(mutex_);
     // After the handle was closed: libusb has forgotten what was still in flight and will not call
     // back.

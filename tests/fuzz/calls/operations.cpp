@@ -104,7 +104,7 @@ Call &Call::present() {
 }
 
 Call &Call::connected() {
-    const bool mayBeClosed = handle_->isLoopless || world_.finiAt_ > handle_->openedAt;
+    const bool mayBeClosed = handle_->mayBeLoopless || world_.finiAt_ > handle_->openedAt;
     return check(handle_->disconnectedAt == 0 || handle_->disconnectedAt > since,
                  mayBeClosed || !kOrders, VEXA_USB_STATUS_UNKNOWN);
 }
@@ -191,6 +191,7 @@ void World::fini(const Step & /*op*/) {
     if (!mayBeLast || !kOrders)
         return;
     finiAt_ = tick();
+    isLoopOver_ = isLoopOver_ || (initialized_.is(false) && !isPartial_);
     for (Registration &registration : registrations_)
         registration.isActive = registration.isActive && !initialized_.is(false);
 }
@@ -308,7 +309,8 @@ int32_t World::openEntry(const Step &op, const _vexa_usb_device_list_item *item,
     require(status == 0 || handle.device == nullptr, "a handle from a failed open");
     handle.hasClaim = status == 0;
     if (kOrders) {
-        handle.isLoopless = hasEnded_;
+        handle.mayBeLoopless = hasEnded_;
+        handle.isLoopless = isLoopOver_;
         handle.isOpen = status == 0;
     }
     return status;
@@ -545,7 +547,8 @@ void World::lock(const Step &op) {
     call.onStream(valid).check(on.isLoose || on.locked.canBe(false, call.since),
                                on.isLoose || on.locked.canBe(true, call.since),
                                VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
-    call.check(true, !isDue || on.isLoose, VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
+    const bool mayBeClosed = finiAt_ > on.openedAt; // with what was full
+    call.check(true, !isDue || on.isLoose || mayBeClosed, VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
     if (call.judge("data_stream_buffer_lock", {0}) != 0 || !kOrders)
         return;
     const bool isAlone = wasAlone && !on.locked.isChanging() && !on.isLoose;
@@ -593,7 +596,7 @@ void World::load(const Step &op) {
                                : kLoads[op.what() - 32U](on.device, data, size);
     });
     const bool mayFail =
-        !kOrders || on.closedAt > call.since || on.isLoopless || finiAt_ > on.openedAt;
+        !kOrders || on.closedAt > call.since || on.mayBeLoopless || finiAt_ > on.openedAt;
     call.onHandle(op.what() <= 29 || (data != nullptr && size > 0));
     if (op.what() != 34)
         call.present().check(true, mayFail, VEXA_USB_STATUS_UNKNOWN);

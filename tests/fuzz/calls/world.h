@@ -66,7 +66,8 @@ struct Handle {
     size_t refusals = 0;           // before the pipe was enabled
     const uint8_t *data = nullptr; // locked, and in step
     unsigned removals = 0, callsAfterClose = 0;
-    bool hasClaim = false, isOpen = false, isLoopless = false, pipeEnded = false;
+    bool hasClaim = false, isOpen = false, pipeEnded = false;
+    bool mayBeLoopless = false, isLoopless = false; // no thread handles events by itself
     // Calls of two runs of the stream have overlapped: who knows which event, or buffer, is whose.
     bool isLoose = false;
 };
@@ -202,7 +203,8 @@ private:
     model::Fact changing_; // the first init or the last fini may be at work
     uint64_t starvedAt_ = 0, finiAt_ = 0, restedAt_ = 0;
     std::atomic<uint32_t> registered_{0}; // since the last init, or being registered
-    bool hasEnded_ = false;               // a last fini has begun
+    bool hasEnded_ = false;               // a last fini has begun, or one that might have been
+    bool isLoopOver_ = false;             // and has ended, with the thread that handles events
     bool isPartial_ = false;              // an init has met a failure
     std::atomic<bool> mayAbandon_{false}; // transfers in flight, at a close
 };
