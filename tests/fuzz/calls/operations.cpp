@@ -356,7 +356,8 @@ void World::subscribe(const Step &op) {
     call.judge("register_device_list_event_callback", {0});
     if (!kOrders)
         return;
-    registration.isActive = status == 0;
+    if (status != 0)
+        registration.isActive = false; // else it may have been cancelled already
     registration.isDoubtful = finiAt_ > call.since || changing_.canBe(true, call.since);
     require(!registration.isActive || registration.isDoubtful || registration.id < registered_,
             "a callback's identifier");
