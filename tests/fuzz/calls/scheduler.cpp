@@ -53,6 +53,7 @@ uint64_t pointsToSwitch = 0; // 0: no switch comes
 uint64_t steps = 0;
 uint64_t now = kSecond; // nanoseconds
 bool threadFails = false;
+bool passedEarly = false;
 
 [[noreturn]] void giveUp(const char *why) {
     std::printf("scheduler: %s\n", why);
@@ -140,6 +141,7 @@ void point() {
     pointsToSwitch = 1 + pause * pause / 4;
     choices = choices.first(choices.size() - 1);
     Task *const other = which == kTimePasses ? letTimePass() : ready(which);
+    passedEarly = passedEarly || (which == kTimePasses && other != nullptr);
     if (other != nullptr)
         giveTurnTo(*other);
 }
@@ -209,6 +211,7 @@ void begin(std::span<const uint8_t> input) {
     steps = 0;
     now = kSecond;
     threadFails = false;
+    passedEarly = false;
     self = tasks.emplace_back(std::make_unique<Task>()).get();
 }
 
@@ -232,6 +235,10 @@ bool holdsLock() {
 
 bool failNextThread(bool fails) {
     return std::exchange(threadFails, fails);
+}
+
+bool timePassedEarly() {
+    return passedEarly;
 }
 
 } // namespace scheduler

@@ -25,6 +25,9 @@ inline bool holdsLock() {
 inline bool failNextThread(bool /*fails*/) {
     return true;
 }
+inline bool timePassedEarly() {
+    return true;
+}
 #else
 inline constexpr bool kOrders = true;
 // The calling thread is the first; those that it starts, and so on, are the others.
@@ -34,6 +37,8 @@ void settle(); // returns when no other can go on, and no time limit is left to 
 bool holdsLock();
 // Whether the system refuses to start the next thread; answers what held till now.
 bool failNextThread(bool fails);
+// Whether time has passed since begin() while somebody could go on, as the input has said.
+bool timePassedEarly();
 #endif
 
 } // namespace scheduler

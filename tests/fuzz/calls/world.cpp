@@ -12,6 +12,7 @@
 
 #include "core/event_duty.h"
 #include "core/global_state.h"
+#include "fuzz/calls/scheduler.h"
 #include "fuzz/calls/wire.h"
 #include "support/allocations.h"
 #include "support/fake_shared_memory.h"
@@ -254,7 +255,7 @@ void World::checkAtRest() {
         if (handle.isOpen && handle.closedAt == 0)
             checkHandle(handle, entries);
     }
-    if (hasEnded_ || isPartial_ || starvedAt_ > 0)
+    if (hasEnded_ || isPartial_ || starvedAt_ > 0 || scheduler::timePassedEarly())
         mayAbandon_ = true;
     require(mayAbandon_ || !fake::takeClosedInFlight(), "closed with a transfer in flight");
     isPartial_ = isPartial_ && !initialized_.is(false);
