@@ -24,13 +24,13 @@
  * that is to use devices is forked before the first vexa_usb_init() or after the last
  * vexa_usb_fini().
  *
- * **Callbacks** run on threads of the library, one at a time for each device (a download's progress
- * callback: on the thread that downloads), and under no lock of the library.  They may call any
- * function, including vexa_usb_close() on the device that they report on and the last
- * vexa_usb_fini().  They must not throw.  The library's threads block all signals but those that
- * report a fault of the thread itself (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), so other
- * signal handlers run on the caller's own threads.  A process that is started from a callback
- * inherits that mask: unblock the signals in it before the exec.
+ * **Callbacks** run under no lock of the library.  They may call any function, including
+ * vexa_usb_close() on the device that they report on and the last vexa_usb_fini().  They must not
+ * throw.  A download's progress callback runs on the thread that downloads; all others run on
+ * threads of the library, one at a time for each device.  These threads block all signals but those
+ * that report a fault of the thread itself (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), so
+ * other signal handlers run on the caller's own threads.  A process that is started from a callback
+ * on one of them inherits that mask: unblock the signals in it before the exec.
  *
  * **Removal.** A device that leaves the bus fails the transfers in progress with
  * #VEXA_USB_STATUS_UNKNOWN; once the library has taken notice, the device's callback gets

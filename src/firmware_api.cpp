@@ -63,8 +63,8 @@ int32_t vexa_usb_dfu_download(_vexa_usb_device *device, const uint8_t *data, uin
     });
 }
 
-// There is no protocol for this processor yet, so that nothing is asked of the device, not even
-// whether it was removed.
+// There is no protocol for this processor yet: nothing is asked of the device, not even whether it
+// was removed.
 int32_t vexa_usb_lpc4370_load_firmware(_vexa_usb_device *device, const uint8_t *data,
                                        uint64_t size) {
     const DeviceCall call = imageCall(device, data, size);

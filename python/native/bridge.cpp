@@ -93,33 +93,33 @@ public:
     // Nothing comes from it any more.
     virtual void end() = 0;
 
-    // Null for what cannot be waited for.
-    const Signal *signal(int32_t what) const {
+    // Null for what cannot be waited for.  Only for the descriptor, which never changes.
+    const Signal *signal(int32_t what) const NO_THREAD_SAFETY_ANALYSIS {
         const auto index = static_cast<size_t>(what);
         return index < signals_.size() ? &signals_[index] : nullptr;
     }
 
 protected:
-    Mutex events_; // the queues and their signals; the innermost
-    std::array<Signal, 3> signals_;
+    Mutex events_; // the innermost
+    std::array<Signal, 3> signals_ GUARDED_BY(events_);
 };
 
 // The sources by their numbers, which are not used again.  Never destroyed: the library's threads
 // may come after main has returned.
 class Sources {
 public:
-    uint64_t add(const std::shared_ptr<Source> &source) {
+    uint64_t add(const std::shared_ptr<Source> &source) EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         sources_.emplace(++last_, source);
         return last_;
     }
     template <typename Kind>
-    std::shared_ptr<Kind> find(uint64_t id) {
+    std::shared_ptr<Kind> find(uint64_t id) EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         const auto found = sources_.find(id);
         return found == sources_.end() ? nullptr : std::dynamic_pointer_cast<Kind>(found->second);
     }
-    void remove(uint64_t id) {
+    void remove(uint64_t id) EXCLUDES(mutex_) {
         std::shared_ptr<Source> removed; // ends without the mutex
         const MutexLock lock(mutex_);
         const auto found = sources_.find(id);
@@ -152,7 +152,7 @@ std::chrono::steady_clock::time_point after(uint32_t milliseconds) {
 // and its events.  The handle is closed by whoever is the last to need it.
 class Device final : public Source, public std::enable_shared_from_this<Device> {
 public:
-    int32_t open(uint64_t id, const _vexa_usb_device_list_item *record) {
+    int32_t open(uint64_t id, const _vexa_usb_device_list_item *record) EXCLUDES(mutex_) {
         _vexa_usb_device *opened = nullptr;
         const int32_t status =
             shielded([&]() { return vexa_usb_open(record, onEvent, asData(id), &opened); });
@@ -161,14 +161,14 @@ public:
         return status;
     }
 
-    _vexa_usb_device *enter() {
+    _vexa_usb_device *enter() EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         if (handle_ == nullptr || closing_)
             return nullptr;
         ++calls_;
         return handle_;
     }
-    void leave() {
+    void leave() EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         --calls_;
         settle();
@@ -176,7 +176,7 @@ public:
     }
 
     void end() override { close(0); }
-    int32_t close(uint32_t timeoutMs) {
+    int32_t close(uint32_t timeoutMs) EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         closing_ = true;
         wakeAll();
@@ -192,33 +192,34 @@ public:
         return VEXA_USB_STATUS_SUCCESS;
     }
 
-    int32_t streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict);
-    int32_t streamStop();
-    int32_t streamNext(uint8_t **data, uint64_t *size);
-    void streamViewed() {
+    int32_t streamStart(uint8_t endpoint, uint64_t size, uint64_t count, bool strict)
+        EXCLUDES(mutex_);
+    int32_t streamStop() EXCLUDES(mutex_);
+    int32_t streamNext(uint8_t **data, uint64_t *size) EXCLUDES(mutex_);
+    void streamViewed() EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         lockedIsViewed_ = true;
     }
-    void viewGone() {
+    void viewGone() EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         --views_;
         settle();
     }
 
     int32_t download(_vexa_usb_device *handle, const uint8_t *data, uint64_t size);
-    double takeProgress() {
+    double takeProgress() EXCLUDES(events_) {
         const MutexLock lock(events_);
         signals_[kBridgeLoad].clear();
         return progress_;
     }
-    void tellProgress(double progress) {
+    void tellProgress(double progress) EXCLUDES(events_) {
         const MutexLock lock(events_);
         progress_ = progress;
         signals_[kBridgeLoad].set();
     }
 
-    int64_t takeEvent();
-    bool isRemoved(uint32_t timeoutMs) {
+    int64_t takeEvent() EXCLUDES(events_);
+    bool isRemoved(uint32_t timeoutMs) EXCLUDES(events_) {
         const MutexLock lock(events_);
         return removal_.waitUntil(events_, after(timeoutMs),
                                   [this]() REQUIRES(events_) { return removed_; });
@@ -227,9 +228,9 @@ public:
 private:
     static void onEvent(_vexa_usb_device_event event, void *data);
     static void onProgress(void *data, double progress);
-    void post(_vexa_usb_device_event event);
+    void post(_vexa_usb_device_event event) EXCLUDES(events_);
     bool isOfStream(_vexa_usb_device_event event) const REQUIRES(events_);
-    void wakeAll();
+    void wakeAll() EXCLUDES(events_);
     void settle() REQUIRES(mutex_);
     // These two give the mutex up while they are in the library.
     void closeNow() REQUIRES(mutex_);
@@ -238,7 +239,7 @@ private:
     int32_t lockNext(uint8_t **data, uint64_t *size) REQUIRES(mutex_);
     int32_t giveBack() REQUIRES(mutex_);
 
-    Mutex mutex_; // taken before `events_`
+    Mutex mutex_; // taken before `events_`, and before those of Views and of the environment
     Condition settled_;
     _vexa_usb_device *handle_ GUARDED_BY(mutex_) = nullptr;
     bool closing_ GUARDED_BY(mutex_) = false; // by Python
@@ -266,12 +267,12 @@ private:
 // The views of rings, by their addresses; a ring with a view is not freed, so these are unique.
 class Views {
 public:
-    void add(const void *data, const std::shared_ptr<Device> &device) {
+    void add(const void *data, const std::shared_ptr<Device> &device) EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         views_.emplace(data, device);
     }
     // Null when there is none.
-    std::shared_ptr<Device> take(const void *data) {
+    std::shared_ptr<Device> take(const void *data) EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         const auto found = views_.find(data);
         if (found == views_.end())
@@ -525,7 +526,7 @@ public:
         }
         vexa_usb_deregister_device_list_event_callback(registration_);
     }
-    int32_t take(BridgeChange *change) {
+    int32_t take(BridgeChange *change) EXCLUDES(events_) {
         const MutexLock lock(events_);
         const int32_t status = queue_.take(*change);
         if (queue_.isEmpty() && !ended_)

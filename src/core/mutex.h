@@ -51,8 +51,8 @@ private:
     Mutex &mutex_;
 };
 
-// A condition variable for a Mutex.  What is waited for is asked with the mutex held, and must not
-// throw; in a lambda, REQUIRES(mutex) says so to the compiler.
+// A condition variable for a Mutex.  The predicate runs with the mutex held; a lambda says so with
+// REQUIRES(mutex).  It must not throw: the mutex would be unlocked twice.
 class Condition {
 public:
     template <typename Predicate>

@@ -157,8 +157,8 @@ uint64_t reserveUpTo(uint64_t allowed, uint64_t blockSize, uint64_t count) REQUI
     return granted;
 }
 
-// Where all programs together share more than is allowed, each gives back its part of the excess,
-// or more.
+// Where all programs together share more than is allowed, each keeps its part of that, in whole
+// MiB. It gives back more: a ring that gives way keeps no block to spare.
 void updateKeepable(uint64_t allowed) REQUIRES(mutex) {
     const uint64_t own = toMebibytes(reserved.load());
     const uint64_t all = own + tally.othersMebibytes();

@@ -43,8 +43,8 @@ public:
     void waitIdle() EXCLUDES(mutex_);
     // Memory that belongs to the handle, and that nothing uses at the moment, is given back.
     void releaseUnused() EXCLUDES(mutex_);
-    // Before the handle is closed, and with nothing in flight that writes to it: memory that
-    // belongs to the handle is given back.
+    // With nothing in flight that writes there: memory that belongs to the handle is given back.
+    // Called before the handle is closed, and with Ends once more afterwards, for what had to stay.
     void releaseMemory(CallerMemory callers) EXCLUDES(mutex_);
     // After the handle was closed: libusb has forgotten what was still in flight and will not call
     // back.

@@ -97,8 +97,9 @@ public:
     // The next two are for the producer's side, too.
     // The blocks of buffers that nobody uses are unmapped, and the ring takes no more.
     void releaseUnused();
-    // Once nothing is in flight, and before the device's handle is closed: gives back all shared
-    // memory but, if so wished, that of the buffer that the caller has locked.
+    // Once nothing is in flight: gives back all shared memory but, if so wished, that of the buffer
+    // that the caller has locked.  Called before the device's handle is closed, and once more
+    // afterwards, for what had to stay.
     void releaseShared(CallerMemory callers);
 
     // Any thread: how many buffers the consumer has given back.
