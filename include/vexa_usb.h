@@ -27,15 +27,17 @@
  * **Callbacks** run under no lock of the library.  They may call any function, including
  * vexa_usb_close() on the device that they report on and the last vexa_usb_fini().  They must not
  * throw.  A download's progress callback runs on the thread that downloads; all others run on
- * threads of the library, one at a time for each device.  These threads block all signals but those
- * that report a fault of the thread itself (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), so
- * other signal handlers run on the caller's own threads.  A process that is started from a callback
- * on one of them inherits that mask: unblock the signals in it before the exec.
+ * threads of the library, those of a device one at a time, and those of the list, too.  These
+ * threads block all signals but those that report a fault of the thread itself (SIGSEGV, SIGBUS,
+ * SIGFPE, SIGILL, SIGTRAP, SIGSYS), so other signal handlers run on the caller's own threads.  A
+ * process that is started from a callback on one of them inherits that mask: unblock the signals in
+ * it before the exec.
  *
  * **Removal.** A device that leaves the bus fails the transfers in progress with
  * #VEXA_USB_STATUS_UNKNOWN; once the library has taken notice, the device's callback gets
  * #VEXA_USB_DEVICE_EVENT_REMOVED and every call on the device that is otherwise valid answers
- * #VEXA_USB_STATUS_DEVICE_REMOVED, except vexa_usb_close(), which is still due and succeeds.
+ * #VEXA_USB_STATUS_DEVICE_REMOVED, except vexa_usb_close(), which is still due and succeeds, and
+ * vexa_usb_lpc4370_load_firmware(), which is never supported.
  *
  * **Finalisation.** The last vexa_usb_fini() ends all transfers and marks devices that are still
  * open as removed.  Their handles stay valid and are closed after a later vexa_usb_init().

@@ -356,8 +356,7 @@ void World::subscribe(const Step &op) {
     call.judge("register_device_list_event_callback", {0});
     if (!kOrders)
         return;
-    if (status != 0)
-        registration.isActive = false; // else it may have been cancelled already
+    registration.isActive = status == 0 && !registration.isCancelled;
     registration.isDoubtful = finiAt_ > call.since || changing_.canBe(true, call.since);
     require(!registration.isActive || registration.isDoubtful || registration.id < registered_,
             "a callback's identifier");
@@ -372,8 +371,10 @@ void World::cancel(const Step &op) {
     if (kOrders)
         registration.isExact = false;
     call.make([&]() { return vexa_usb_deregister_device_list_event_callback(id); });
-    if (call.initialized().ready().judge("deregister_...", {0}) == 0 && wasActive)
+    if (call.initialized().ready().judge("deregister_...", {0}) == 0 && wasActive) {
         registration.isActive = false;
+        registration.isCancelled = true; // perhaps before the registration has returned
+    }
     // One of a list that has ended has the number of another one's.
     const bool isOfEither = kOrders && registration.isDoubtful;
     for (Registration &other : registrations_) {
@@ -548,7 +549,8 @@ void World::lock(const Step &op) {
     call.onStream(valid).check(on.isLoose || on.locked.canBe(false, call.since),
                                on.isLoose || on.locked.canBe(true, call.since),
                                VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
-    const bool mayBeClosed = finiAt_ > on.openedAt; // with what was full
+    // The last fini closes full buffers before it marks the device removed.
+    const bool mayBeClosed = finiAt_ > std::max(on.openedAt, restedAt_);
     call.check(true, !isDue || on.isLoose || mayBeClosed, VEXA_USB_STATUS_DATA_STREAM_BUFFER_EMPTY);
     if (call.judge("data_stream_buffer_lock", {0}) != 0 || !kOrders)
         return;

@@ -27,6 +27,7 @@ namespace {
 
 constexpr uint64_t kNever = UINT64_MAX;
 constexpr uint64_t kSecond = 1000000000;
+constexpr uint64_t kLongWait = kSecond / 10; // above the loaders' pauses and the event duty's
 constexpr uint64_t kMostSteps = 2000000;
 constexpr unsigned kTimePasses = 7; // as the upper three bits of a choice
 
@@ -36,7 +37,8 @@ struct Task {
     State state = State::Ready;
     const void *awaited = nullptr;
     uint64_t deadline = kNever;
-    bool isLate = false; // the deadline has ended the wait
+    uint64_t patience = 0; // of the last wait with a deadline
+    bool isLate = false;   // the deadline has ended the wait
     size_t locks = 0;
     std::binary_semaphore turn{0};
     pthread_t thread = pthread_self();
@@ -53,7 +55,7 @@ uint64_t pointsToSwitch = 0; // 0: no switch comes
 uint64_t steps = 0;
 uint64_t now = kSecond; // nanoseconds
 bool threadFails = false;
-bool passedEarly = false;
+bool longEndedEarly = false;
 
 [[noreturn]] void giveUp(const char *why) {
     std::printf("scheduler: %s\n", why);
@@ -141,7 +143,8 @@ void point() {
     pointsToSwitch = 1 + pause * pause / 4;
     choices = choices.first(choices.size() - 1);
     Task *const other = which == kTimePasses ? letTimePass() : ready(which);
-    passedEarly = passedEarly || (which == kTimePasses && other != nullptr);
+    if (which == kTimePasses && other != nullptr && other->patience >= kLongWait)
+        longEndedEarly = true;
     if (other != nullptr)
         giveTurnTo(*other);
 }
@@ -152,6 +155,7 @@ bool waitFor(const void *what, uint64_t deadline = kNever) {
     self->state = Task::State::Waiting;
     self->awaited = what;
     self->deadline = deadline;
+    self->patience = deadline - std::min(deadline, now);
     self->isLate = false;
     giveTurnTo(successor());
     self->deadline = kNever;
@@ -211,7 +215,7 @@ void begin(std::span<const uint8_t> input) {
     steps = 0;
     now = kSecond;
     threadFails = false;
-    passedEarly = false;
+    longEndedEarly = false;
     self = tasks.emplace_back(std::make_unique<Task>()).get();
 }
 
@@ -237,8 +241,8 @@ bool failNextThread(bool fails) {
     return std::exchange(threadFails, fails);
 }
 
-bool timePassedEarly() {
-    return passedEarly;
+bool longWaitEndedEarly() {
+    return longEndedEarly;
 }
 
 } // namespace scheduler

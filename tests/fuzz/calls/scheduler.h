@@ -25,7 +25,7 @@ inline bool holdsLock() {
 inline bool failNextThread(bool /*fails*/) {
     return true;
 }
-inline bool timePassedEarly() {
+inline bool longWaitEndedEarly() {
     return true;
 }
 #else
@@ -37,8 +37,9 @@ void settle(); // returns when no other can go on, and no time limit is left to 
 bool holdsLock();
 // Whether the system refuses to start the next thread; answers what held till now.
 bool failNextThread(bool fails);
-// Whether time has passed since begin() while somebody could go on, as the input has said.
-bool timePassedEarly();
+// Whether the input has ended a long wait, such as that for a stopped transfer, since begin(),
+// while somebody could go on.
+bool longWaitEndedEarly();
 #endif
 
 } // namespace scheduler

@@ -255,7 +255,7 @@ void World::checkAtRest() {
         if (handle.isOpen && handle.closedAt == 0)
             checkHandle(handle, entries);
     }
-    if (hasEnded_ || isPartial_ || starvedAt_ > 0 || scheduler::timePassedEarly())
+    if (hasEnded_ || isPartial_ || starvedAt_ > 0 || scheduler::longWaitEndedEarly())
         mayAbandon_ = true;
     require(mayAbandon_ || !fake::takeClosedInFlight(), "closed with a transfer in flight");
     isPartial_ = isPartial_ && !initialized_.is(false);

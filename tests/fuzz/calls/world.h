@@ -67,7 +67,7 @@ struct Handle {
     const uint8_t *data = nullptr; // locked, and in step
     unsigned removals = 0, callsAfterClose = 0;
     bool hasClaim = false, isOpen = false, pipeEnded = false;
-    bool mayBeLoopless = false, isLoopless = false; // no thread handles events by itself
+    bool mayBeLoopless = false, isLoopless = false; // perhaps, and for certain
     // Calls of two runs of the stream have overlapped: who knows which event, or buffer, is whose.
     bool isLoose = false;
 };
@@ -85,7 +85,7 @@ struct Registration {
     static constexpr uint32_t kNone = 1000; // no registration has that, or a higher one
     World *world = nullptr;
     uint32_t id = kNone;
-    bool isActive = false, isDoubtful = false;
+    bool isActive = false, isDoubtful = false, isCancelled = false;
     bool isExact = false; // whether `entries` is what it has been told of
     unsigned callsAfterEnd = 0;
     std::set<uint64_t> entries;
@@ -203,8 +203,8 @@ private:
     model::Fact changing_; // the first init or the last fini may be at work
     uint64_t starvedAt_ = 0, finiAt_ = 0, restedAt_ = 0;
     std::atomic<uint32_t> registered_{0}; // since the last init, or being registered
-    bool hasEnded_ = false;               // a last fini has begun, or one that might have been
-    bool isLoopOver_ = false;             // and has ended, with the thread that handles events
+    bool hasEnded_ = false;               // perhaps a last fini has begun
+    bool isLoopOver_ = false;             // for certain the event loop has ended
     bool isPartial_ = false;              // an init has met a failure
     std::atomic<bool> mayAbandon_{false}; // transfers in flight, at a close
 };
